@@ -1,0 +1,24 @@
+# Compiler settings that every target of ours shares: link `build_settings`.
+add_library(build_settings INTERFACE)
+target_compile_options(build_settings INTERFACE -Wall -Wextra -Wpedantic -Wshadow)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  # GCC 12 warns of overlapping copies inside its own std::string (GCC bug 105651).
+  target_compile_options(build_settings INTERFACE -Wno-restrict)
+endif()
+
+option(PELLOMAR_WARNINGS_AS_ERRORS "Treat warnings as errors" ON)
+if(PELLOMAR_WARNINGS_AS_ERRORS)
+  target_compile_options(build_settings INTERFACE -Werror)
+endif()
+
+set(PELLOMAR_SANITIZE "" CACHE STRING "Sanitizers to build with, e.g. address,undefined or thread")
+if(PELLOMAR_SANITIZE)
+  target_compile_options(build_settings INTERFACE -fsanitize=${PELLOMAR_SANITIZE} -fno-omit-frame-pointer
+                                                  -fno-sanitize-recover=all)
+  target_link_options(build_settings INTERFACE -fsanitize=${PELLOMAR_SANITIZE})
+endif()
+
+find_program(CCACHE ccache)
+if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE}")
+endif()

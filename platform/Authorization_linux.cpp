@@ -1,0 +1,44 @@
+#include "platform/Authorization.h"
+#include "platform/Authorization_root_linux.h"
+
+#include <unistd.h>
+
+namespace {
+
+// A user who is not root has no way to rights here yet.
+struct RefusedAuthorization : AuthorizationOpaque {
+    OSStatus copyRights(const std::string& /*right*/, unsigned /*flags*/) override {
+        return errAuthorizationDenied;
+    }
+    OSStatus execute(const std::string& /*toolPath*/, const std::vector<std::string>& /*arguments*/,
+                     FILE** /*pipe*/) override {
+        return errAuthorizationDenied;
+    }
+};
+
+} // namespace
+
+OSStatus AuthorizationCreate(AuthorizationRef* authorization) {
+    *authorization = geteuid() == 0 ? makeRootAuthorization() : new RefusedAuthorization;
+    return errAuthorizationSuccess;
+}
+
+OSStatus AuthorizationCopyRights(AuthorizationRef authorization, const std::string& right, unsigned flags) {
+    return authorization == nullptr ? errAuthorizationBadAddress : authorization->copyRights(right, flags);
+}
+
+OSStatus AuthorizationExecuteWithPrivileges(AuthorizationRef authorization, const std::string& toolPath,
+                                            unsigned /*options*/, const std::vector<std::string>& arguments,
+                                            FILE** pipe) {
+    *pipe = nullptr;
+    return authorization == nullptr ? errAuthorizationBadAddress
+                                    : authorization->execute(toolPath, arguments, pipe);
+}
+
+OSStatus AuthorizationFree(AuthorizationRef authorization, unsigned /*flags*/) {
+    if (authorization == nullptr) {
+        return errAuthorizationBadAddress;
+    }
+    delete authorization;
+    return errAuthorizationSuccess;
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+/// What a child process is to be started with. Descriptors other than the three standard ones never reach
+/// the child.
+struct ChildProcess {
+    static constexpr int kInherit = -1;
+    static constexpr int kNull = -2; ///< the null device
+
+    std::string path;                   ///< of the executable; searched in PATH where it holds no slash
+    std::vector<std::string> arguments; ///< without the program's own name
+
+    std::optional<std::vector<std::string>> environment; ///< "NAME=value" entries; absent: inherited
+    std::string workingFolder;                           ///< empty: inherited
+    bool ownSession = false;                             ///< outlives our terminal and process group
+    int standardInput = kInherit; ///< a descriptor of ours, kInherit or kNull; likewise below
+    int standardOutput = kInherit;
+    int standardError = kInherit;
+
+    /// Starts it as our child: the caller reaps it. Returns its process id, or -1 with the cause in `failure`
+    /// when the program could not be executed. Returns as soon as the program runs. Any thread.
+    pid_t start(std::error_code& failure) const;
+
+    /// Starts it so that it is nobody's child to wait for: it leaves no zombie, and reaping every child of
+    /// ours never waits for it. Returns the cause when it could not be executed. Any thread.
+    [[nodiscard]] std::error_code startDetached() const;
+};
+
+/// Waits until the child `pid` has ended, or is found to have been reaped elsewhere.
+void waitUntilExit(pid_t pid);
+
+/// Waits until no child of this process is left, reaping each.
+void reapEveryChild();

@@ -1,0 +1,148 @@
+#include "platform/ChildProcess.h"
+#include "platform/FileDescriptor.h"
+
+#include <fcntl.h>
+#include <linux/close_range.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+
+extern char** environ;
+
+namespace {
+
+std::vector<char*> pointers(const std::vector<std::string>& texts) {
+    std::vector<char*> result;
+    for (const std::string& text : texts) {
+        result.push_back(const_cast<char*>(text.c_str()));
+    }
+    result.push_back(nullptr);
+    return result;
+}
+
+// Everything that needs memory is made ready before the fork: the child of a process with several threads
+// may only make system calls.
+class Launch {
+  public:
+    explicit Launch(const ChildProcess& child)
+        : child_(child), argumentTexts_(child.arguments),
+          environmentTexts_(child.environment.value_or(std::vector<std::string>{})) {
+        argumentTexts_.insert(argumentTexts_.begin(), child.path);
+        arguments_ = pointers(argumentTexts_);
+        environment_ = pointers(environmentTexts_);
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) == 0) {
+            report_ = FileDescriptor(ends[0]);
+            reporter_ = FileDescriptor(ends[1]);
+        }
+    }
+
+    pid_t run(bool detached, std::error_code& failure) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            if (detached) {
+                const pid_t second = fork();
+                if (second != 0) {
+                    if (second < 0) {
+                        reportFailure();
+                    }
+                    _exit(0);
+                }
+            }
+            becomeProgram();
+        }
+        if (pid < 0) {
+            failure = {errno, std::system_category()};
+            return -1;
+        }
+        if (detached) {
+            waitUntilExit(pid);
+        }
+        failure = awaitProgram();
+        if (failure && !detached) {
+            waitUntilExit(pid);
+        }
+        return failure ? -1 : pid;
+    }
+
+  private:
+    static void connect(int source, int target) {
+        if (source == ChildProcess::kNull) {
+            source = open("/dev/null", O_RDWR);
+        }
+        if (source == target) {
+            fcntl(target, F_SETFD, 0);
+        } else if (source >= 0) {
+            dup2(source, target);
+        }
+    }
+
+    [[noreturn]] void becomeProgram() const {
+        if (child_.ownSession) {
+            setsid();
+        }
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        signal(SIGPIPE, SIG_DFL);
+        connect(child_.standardInput, STDIN_FILENO);
+        connect(child_.standardOutput, STDOUT_FILENO);
+        connect(child_.standardError, STDERR_FILENO);
+        close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC);
+        if (child_.workingFolder.empty() || chdir(child_.workingFolder.c_str()) == 0) {
+            execvpe(child_.path.c_str(), arguments_.data(),
+                    child_.environment ? environment_.data() : environ);
+        }
+        reportFailure();
+        _exit(127);
+    }
+
+    void reportFailure() const {
+        const int cause = errno;
+        [[maybe_unused]] const ssize_t put = write(reporter_.get(), &cause, sizeof cause);
+    }
+
+    // The pipe closes when the program is executed; a cause arrives on it when that failed.
+    std::error_code awaitProgram() {
+        reporter_.reset();
+        int cause = 0;
+        ssize_t count = 0;
+        do {
+            count = read(report_.get(), &cause, sizeof cause);
+        } while (count < 0 && errno == EINTR);
+        return count == sizeof cause ? std::error_code(cause, std::system_category()) : std::error_code();
+    }
+
+    const ChildProcess& child_;
+    std::vector<std::string> argumentTexts_;
+    std::vector<std::string> environmentTexts_;
+    std::vector<char*> arguments_;
+    std::vector<char*> environment_;
+    FileDescriptor report_;
+    FileDescriptor reporter_;
+};
+
+} // namespace
+
+pid_t ChildProcess::start(std::error_code& failure) const {
+    return Launch(*this).run(false, failure);
+}
+
+std::error_code ChildProcess::startDetached() const {
+    std::error_code failure;
+    Launch(*this).run(true, failure);
+    return failure;
+}
+
+void waitUntilExit(pid_t pid) {
+    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
+void reapEveryChild() {
+    while (wait(nullptr) >= 0 || errno == EINTR) {
+    }
+}

@@ -1,0 +1,63 @@
+#include "platform/Log.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <string>
+
+namespace {
+
+std::string lineHead() {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    char stamp[32];
+    strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+    char head[128];
+    snprintf(head, sizeof head, "%s.%03d %s[%d:%d] ", stamp, static_cast<int>(now.tv_usec / 1000),
+             program_invocation_short_name, getpid(), gettid());
+    return head;
+}
+
+std::string formatted(const char* format, va_list arguments) {
+    va_list again;
+    va_copy(again, arguments);
+    const int length = vsnprintf(nullptr, 0, format, arguments);
+    std::string text;
+    if (length > 0) {
+        text.resize(static_cast<std::size_t>(length) + 1);
+        vsnprintf(text.data(), text.size(), format, again);
+        text.pop_back();
+    }
+    va_end(again);
+    return text;
+}
+
+} // namespace
+
+void NSLog(const char* format, ...) {
+    const int savedErrno = errno;
+    va_list arguments;
+    va_start(arguments, format);
+    std::string line = lineHead() + formatted(format, arguments);
+    va_end(arguments);
+    line += '\n';
+    // A regular file takes the whole line or, on a full disk, what fits; there is nobody to tell.
+    std::size_t written = 0;
+    while (written < line.size()) {
+        const ssize_t count = write(STDERR_FILENO, line.data() + written, line.size() - written);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            break;
+        }
+        written += static_cast<std::size_t>(count);
+    }
+    errno = savedErrno;
+}

@@ -1,0 +1,45 @@
+#include "platform/NotificationCenter.h"
+
+#include <atomic>
+#include <utility>
+
+// Observers are appended to a list that posts walk without a lock. An entry is never freed, since a post may
+// be looking at it; there are as many entries as there were registrations, one in the life of the program.
+struct NotificationCenter::Observer {
+    std::string name;
+    Handler handler;
+    std::atomic<bool> active{true};
+    std::atomic<Observer*> next{nullptr};
+};
+
+namespace {
+std::atomic<NotificationCenter::Observer*> firstObserver{nullptr};
+} // namespace
+
+NotificationCenter& NotificationCenter::defaultCenter() {
+    static NotificationCenter center;
+    return center;
+}
+
+NotificationCenter::Observer* NotificationCenter::addObserver(std::string name, Handler handler) {
+    auto* const observer = new Observer{std::move(name), std::move(handler)};
+    std::atomic<Observer*>* end = &firstObserver;
+    Observer* occupant = nullptr;
+    while (!end->compare_exchange_strong(occupant, observer)) {
+        end = &occupant->next;
+        occupant = nullptr;
+    }
+    return observer;
+}
+
+void NotificationCenter::removeObserver(Observer* observer) {
+    observer->active = false;
+}
+
+void NotificationCenter::postNotification(const std::string& name, const void* object) {
+    for (Observer* observer = firstObserver; observer != nullptr; observer = observer->next) {
+        if (observer->active && observer->name == name) {
+            observer->handler(object);
+        }
+    }
+}

@@ -1,0 +1,50 @@
+#include "platform/ChildProcess.h"
+#include "platform/FileManager.h"
+#include "platform/Folders.h"
+#include "platform/PropertyList.h"
+#include "platform/Workspace.h"
+
+namespace {
+
+ChildProcess independent(const std::string& path) {
+    ChildProcess program;
+    program.path = path;
+    program.workingFolder = NSHomeDirectory();
+    program.ownSession = true;
+    program.standardInput = ChildProcess::kNull;
+    program.standardOutput = ChildProcess::kNull;
+    program.standardError = ChildProcess::kNull;
+    return program;
+}
+
+void openWithDesktop(const std::string& target) {
+    ChildProcess opener = independent("xdg-open");
+    opener.arguments = {target};
+    [[maybe_unused]] const std::error_code ignored = opener.startDetached();
+}
+
+} // namespace
+
+void openFile(const std::string& path) {
+    openWithDesktop(path);
+}
+
+void openUrl(const std::string& url) {
+    openWithDesktop(url);
+}
+
+std::optional<std::string> launchApplication(const std::string& bundlePath) {
+    bool isDirectory = false;
+    if (!fileExists(bundlePath, &isDirectory) || !isDirectory) {
+        return "The application " + bundlePath + " does not exist";
+    }
+    const auto name = propertyListString(bundlePath + "/Contents/Info.plist", "CFBundleExecutable");
+    if (!name || name->empty() || name->find('/') != std::string::npos) {
+        return "The application " + bundlePath + " does not name its executable";
+    }
+    const std::string executable = bundlePath + "/Contents/MacOS/" + *name;
+    if (const std::error_code failure = independent(executable).startDetached()) {
+        return "The executable " + executable + " could not be started: " + failure.message();
+    }
+    return std::nullopt;
+}

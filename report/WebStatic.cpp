@@ -1,0 +1,30 @@
+#include "report/WebStatic.h"
+
+#include "platform/Bundle.h"
+#include "platform/ChildProcess.h"
+
+#include <filesystem>
+#include <utility>
+
+namespace {
+
+void startTool(std::vector<std::string> arguments) {
+    ChildProcess tool;
+    tool.path = webStatisticsPath(executablePath());
+    tool.arguments = std::move(arguments);
+    [[maybe_unused]] const std::error_code ignored = tool.startDetached();
+}
+
+} // namespace
+
+void executeWebStatic(const char* code) {
+    startTool({"14", code});
+}
+
+void submitWebStatic() {
+    startTool({"13"});
+}
+
+std::string webStatisticsPath(const std::string& executablePath) {
+    return std::filesystem::path(executablePath + "/../WebStatistics").lexically_normal().string();
+}
