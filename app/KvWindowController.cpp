@@ -1,0 +1,61 @@
+#include "app/KvWindowController.h"
+
+#include "platform/Alert.h"
+#include "platform/Log.h"
+#include "platform/Text.h"
+#include "transfer/CurlLibrary.h"
+#include "ui/Leave.h"
+#include "ui/ViewController.h"
+
+#include <QCloseEvent>
+
+namespace {
+
+class MainWindow : public QWidget {
+  public:
+    explicit MainWindow(KvWindowController& delegate) : delegate_(delegate) {}
+
+  protected:
+    void closeEvent(QCloseEvent* event) override {
+        // The window system relays a person's wish; everything else closes the window from within.
+        if (event->spontaneous()) {
+            delegate_.windowShouldClose();
+        }
+        delegate_.windowWillClose();
+        event->accept();
+    }
+
+  private:
+    KvWindowController& delegate_;
+};
+
+} // namespace
+
+KvWindowController::KvWindowController()
+    : window_(std::make_unique<MainWindow>(*this)),
+      content_(std::make_unique<ViewController>(window_.get())) {
+    content_->viewDidLoad();
+    window_->setFixedSize(content_->view()->size());
+}
+
+KvWindowController::~KvWindowController() = default;
+
+void KvWindowController::windowDidLoad() {
+    window_->setWindowTitle(viewText("Pellomar下载器"));
+    initialiseCurlLibrary();
+}
+
+void KvWindowController::windowShouldClose() {
+    NSLog("window close");
+    leave();
+}
+
+void KvWindowController::windowWillClose() {
+    Alert::stopModal(0);
+    NSLog("window closeEx");
+    sayLastWords();
+}
+
+void KvWindowController::showWindow() {
+    window_->show();
+}

@@ -1,0 +1,37 @@
+#include "app/MainInterface.h"
+
+#include "app/AppDelegate.h"
+#include "app/KvWindowController.h"
+#include "platform/Application.h"
+#include "platform/MainThread.h"
+#include "ui/Leave.h"
+
+#include <QApplication>
+#include <QStyleFactory>
+
+int NSApplicationMain(int& argc, char** argv) {
+    QApplication application(argc, argv);
+    QApplication::setApplicationName("PellomarDownloader");
+    QGuiApplication::setDesktopFileName("pellomar-downloader");
+    // One look on every desktop, and no theme's plugin to load.
+    QApplication::setStyle(QStyleFactory::create("Fusion"));
+    // Named, so that a desktop of another language does not show Chinese in another's letter forms or weight.
+    QFont font = QApplication::font();
+    font.setFamilies({"Noto Sans CJK SC", "Source Han Sans SC", "WenQuanYi Micro Hei", font.family()});
+    font.setHintingPreference(QFont::PreferNoHinting);
+    QApplication::setFont(font);
+    MainThread::attach();
+
+    AppDelegate delegate;
+    QObject::connect(&application, &QCoreApplication::aboutToQuit,
+                     [&delegate] { delegate.applicationWillTerminate(); });
+
+    KvWindowController controller;
+    controller.windowDidLoad();
+    controller.showWindow();
+    delegate.applicationDidFinishLaunching();
+
+    const int result = QApplication::exec();
+    // Workers may be at work still.
+    exitProcess(result);
+}

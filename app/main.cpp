@@ -1,0 +1,5 @@
+#include "app/MainInterface.h"
+
+int main(int argc, char** argv) {
+    return NSApplicationMain(argc, argv);
+}

@@ -1,0 +1,46 @@
+#include "download/TemporaryFile.h"
+
+#include "platform/FileManager.h"
+#include "platform/Folders.h"
+#include "ui/StatusTexts.h"
+
+namespace {
+
+constexpr char kFileName[] = "/Pellomar.tmp";
+
+std::error_code makeFolder(const std::string& directory) {
+    bool isDirectory = false;
+    const bool exists = fileExists(directory, &isDirectory);
+    if (isDirectory) {
+        // Nobody can do anything about a failure here that making the file would not meet again.
+        static_cast<void>(removeItem(directory + kFileName));
+        return {};
+    }
+    if (exists) {
+        if (const std::error_code failure = removeItem(directory)) {
+            return failure;
+        }
+    }
+    return createDirectory(directory);
+}
+
+} // namespace
+
+std::string downloadDirectory() {
+    return NSHomeDirectory() + "/Downloads/NVInst";
+}
+
+std::string temporaryFilePath() {
+    return downloadDirectory() + kFileName;
+}
+
+std::string packagePath() {
+    return downloadDirectory() + "/Pellomar.pkg";
+}
+
+std::string createTemporaryFile(const std::string& directory) {
+    if (const std::error_code failure = makeFolder(directory)) {
+        return localizedDescription(failure);
+    }
+    return createFile(directory + kFileName) ? "" : status::kCannotCreateTemporaryFile;
+}

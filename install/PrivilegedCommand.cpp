@@ -1,0 +1,48 @@
+#include "install/PrivilegedCommand.h"
+
+#include "platform/ChildProcess.h"
+#include "platform/Log.h"
+
+#include <array>
+
+bool obtainRights(InstallAttempt& attempt) {
+    constexpr char kRight[] = "com.norvik.PellomarDownloader";
+    if (AuthorizationCreate(&attempt.authRef) != errAuthorizationSuccess) {
+        NSLog("Could not create authorization reference object.");
+        attempt.authStatus = errAuthorizationBadAddress;
+    } else {
+        attempt.authStatus =
+            AuthorizationCopyRights(attempt.authRef, kRight,
+                                    kAuthorizationFlagInteractionAllowed | kAuthorizationFlagExtendRights |
+                                        kAuthorizationFlagPreAuthorize);
+    }
+    if (attempt.authStatus == errAuthorizationSuccess) {
+        return true;
+    }
+    giveUpRights(attempt);
+    if (attempt.authStatus != errAuthorizationCanceled) {
+        NSLog("Pre-auth failed");
+    }
+    return false;
+}
+
+void giveUpRights(InstallAttempt& attempt) {
+    AuthorizationFree(attempt.authRef, kAuthorizationFlagDestroyRights);
+    attempt.authRef = nullptr;
+}
+
+ToolPipe runPrivilegedCommand(InstallAttempt& attempt, const std::string& toolPath,
+                              const std::vector<std::string>& arguments) {
+    FILE* pipe = nullptr;
+    attempt.authStatus = AuthorizationExecuteWithPrivileges(attempt.authRef, toolPath,
+                                                            kAuthorizationFlagDefaults, arguments, &pipe);
+    return {pipe, [](FILE* stream) { return fclose(stream); }};
+}
+
+void readAndReap(InstallAttempt& attempt, ToolPipe pipe) {
+    std::array<char, 1024> block{};
+    while (const std::size_t count = fread(block.data(), 1, block.size(), pipe.get())) {
+        attempt.output.append(block.data(), count);
+    }
+    reapEveryChild();
+}

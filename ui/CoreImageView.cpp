@@ -1,0 +1,179 @@
+#include "ui/CoreImageView.h"
+
+#include "platform/Log.h"
+#include "platform/MainThread.h"
+#include "platform/Text.h"
+#include "transfer/CurlMessage.h"
+#include "ui/StatusTexts.h"
+
+#include <QApplication>
+#include <QMouseEvent>
+#include <QStyleHints>
+
+struct CoreImageView::ButtonPictures {
+    Image::Ref normal;
+    Image::Ref deep;
+    Image::Ref gray;
+};
+
+CoreImageView::CoreImageView(const Frame& frame, QWidget* superview) : QWidget(superview) {
+    setGeometry(toolkitRect(frame, qRound(frame.height)));
+    _observer =
+        NotificationCenter::defaultCenter().addObserver(kCurlCallbackMessage, [this](const void* object) {
+            onCallbackMessage(*static_cast<const CurlMessage*>(object));
+        });
+}
+
+CoreImageView::~CoreImageView() {
+    NotificationCenter::defaultCenter().removeObserver(_observer);
+}
+
+void CoreImageView::addSubview(QWidget* view, const Frame& frame, bool hidden) {
+    view->setGeometry(toolkitRect(frame, height()));
+    view->setHidden(hidden);
+}
+
+QWidget* CoreImageView::hitTest(const QPoint& point) {
+    NSLog("CoreImageView hitTest");
+    QWidget* const child = childAt(point);
+    return child == nullptr ? this : child;
+}
+
+int CoreImageView::pressed(const QMouseEvent& event) {
+    const QPoint place = mapFromGlobal(event.globalPosition().toPoint());
+    hitTest(place);
+    ImageButtonView::setKeyboardLeads(false);
+    if (event.button() != Qt::LeftButton) {
+        return 0;
+    }
+    // The toolkit knows only single and double clicks, and starts over when another button has appeared under
+    // the pointer: a double click on one button must not be a single click on the next.
+    const QStyleHints& hints = *QGuiApplication::styleHints();
+    const bool goesOn =
+        _lastPress.count > 0 &&
+        event.timestamp() - _lastPress.time <= static_cast<std::uint64_t>(hints.mouseDoubleClickInterval()) &&
+        (place - _lastPress.place).manhattanLength() <= hints.mouseDoubleClickDistance();
+    _lastPress = {goesOn ? _lastPress.count + 1 : 1, event.timestamp(), place};
+    return _lastPress.count;
+}
+
+void CoreImageView::mousePressEvent(QMouseEvent* event) {
+    pressed(*event);
+}
+
+void CoreImageView::mouseDoubleClickEvent(QMouseEvent* event) {
+    pressed(*event);
+}
+
+void CoreImageView::setImage(const Image::Ref& image) {
+    for (QObject* const child : children()) {
+        if (auto* const view = dynamic_cast<ImageView*>(child)) {
+            view->setImage(image);
+        }
+    }
+}
+
+void CoreImageView::enableStart(bool enabled) {
+    for (QObject* const child : children()) {
+        auto* const view = dynamic_cast<ImageButtonView*>(child);
+        if (view != nullptr && view->imageName() == button::kStart) {
+            view->setImage(enabled ? view->normalImage() : view->grayImage());
+            return;
+        }
+    }
+}
+
+bool CoreImageView::consentGiven() const {
+    for (QObject* const child : children()) {
+        const auto* const view = dynamic_cast<ImageButtonView*>(child);
+        if (view != nullptr && view->iType() == ImageButtonView::kCheckbox) {
+            return view->getStatus();
+        }
+    }
+    return false;
+}
+
+void CoreImageView::buildSecondScreen() {
+    for (QObject* const child : children()) {
+        auto* const view = dynamic_cast<QWidget*>(child);
+        if (dynamic_cast<ImageButtonView*>(view) != nullptr || dynamic_cast<TextField*>(view) != nullptr) {
+            view->hide();
+        }
+    }
+    setImage(Image::named("secondbackground"));
+
+    const ButtonPictures stop{Image::named("stop_normal"), Image::named("stop_deep"), nullptr};
+    const ButtonPictures resume{Image::named("continue_normal"), Image::named("continue_deep"), nullptr};
+    const ButtonPictures retry{Image::named("retry_normal"), Image::named("retry_deep"),
+                               Image::named("retry_gray")};
+    const QSize stopSize = sizeOf(stop.normal);
+    const QSize otherSize = sizeOf(resume.normal);
+
+    addButton(button::kStop, "停止", stop, stopSize);
+
+    const Frame bar{60, height() / 5.0, width() - 120.0, 10};
+    _progress = new ProgressIndicator(this);
+    _progress->setAccessibleName(viewText("下载进度"));
+    addSubview(_progress, bar);
+
+    const double labelBottom = bar.y + bar.height + 15;
+    _speed = addLabel({bar.x + bar.width - 100, labelBottom, 100, 15}, Qt::AlignRight, status::kNoSpeed);
+    _status = addLabel({bar.x, labelBottom, 300, 15}, Qt::AlignLeft, status::kCheckingNetwork);
+
+    addButton(button::kContinue, "继续", resume, otherSize);
+    addButton(button::kContinueInstall, "重试安装", retry, otherSize);
+    addButton(button::kRetryDownload, "重试下载", retry, otherSize);
+    enterState(ScreenState::Downloading);
+}
+
+void CoreImageView::addButton(const char* name, const char* accessibleName, const ButtonPictures& pictures,
+                              const QSize& size) {
+    auto* const view = new ImageButtonView(this);
+    view->setIType(ImageButtonView::kPushButton);
+    view->setImageName(name);
+    view->setImage(pictures.normal);
+    view->setNormalImage(pictures.normal);
+    view->setDeepImage(pictures.deep);
+    view->setGrayImage(pictures.gray);
+    view->setAccessibleName(viewText(accessibleName));
+    const double buttonWidth = size.width();
+    const double buttonHeight = size.height();
+    addSubview(view, {(width() - buttonWidth) * 0.5, buttonHeight, buttonWidth, buttonHeight}, true);
+}
+
+TextField* CoreImageView::addLabel(const Frame& frame, Qt::Alignment alignment, const char* text) {
+    auto* const label = new TextField(this);
+    label->setAlignment(alignment);
+    label->setStringValue(text);
+    addSubview(label, frame);
+    return label;
+}
+
+void CoreImageView::updateStatus(const std::string& text) {
+    MainThread::performAndWait([this, &text] { _status->setStringValue(text); });
+}
+
+void CoreImageView::enterState(ScreenState state) {
+    MainThread::performAndWait([this, row = visibilityIn(state)] {
+        setButtonVisibility(button::kStop, row.stop);
+        setButtonVisibility(button::kContinue, row.continueDownload);
+        setButtonVisibility(button::kContinueInstall, row.continueInstall);
+        setButtonVisibility(button::kRetryDownload, row.retryDownload);
+        if (row.progressAndSpeed != Visibility::Unchanged) {
+            _progress->setHidden(row.progressAndSpeed == Visibility::Hidden);
+            _speed->setHidden(row.progressAndSpeed == Visibility::Hidden);
+        }
+    });
+}
+
+void CoreImageView::setButtonVisibility(const char* imageName, Visibility visibility) {
+    if (visibility == Visibility::Unchanged) {
+        return;
+    }
+    for (QObject* const child : children()) {
+        auto* const view = dynamic_cast<ImageButtonView*>(child);
+        if (view != nullptr && view->imageName() == imageName) {
+            view->setHidden(visibility == Visibility::Hidden);
+        }
+    }
+}

@@ -1,0 +1,171 @@
+#pragma once
+
+#include "platform/NotificationCenter.h"
+#include "platform/WorkerThread.h"
+#include "ui/Geometry.h"
+#include "ui/ImageButtonView.h"
+#include "ui/ProgressIndicator.h"
+#include "ui/ScreenState.h"
+#include "ui/TextField.h"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+class CurlMessage;
+struct ComParam;
+struct InstallAttempt;
+
+/// The download panel: the one view that fills the window and carries both screens, and the hub where the
+/// buttons' messages and the transfer's records meet. Its methods live in the rooms they belong to:
+///
+///   view      ui/CoreImageView.cpp                 set-up, pictures, the second screen, the status line
+///   download  download/CoreImageView_download.cpp  start, stop, continue, retry; source; version stamp
+///   events    download/CoreImageView_events.cpp    the transfer's records, progress, speed
+///   install   install/CoreImageView_install.cpp    the pipeline after the last byte
+///   dialogs   install/CoreImageView_dialogs.cpp    keep-data question and flag, guidance
+///   product   install/CoreImageView_product.cpp    the installed application
+///
+/// Main thread, where nothing else is said. The panel must outlive the workers that it starts.
+class CoreImageView : public QWidget, public ImageButtonTarget {
+  public:
+    // --- view -------------------------------------------------------------------------------------------
+
+    /// `frame` is in points in `superview`; the panel's place in it is (0, 0).
+    CoreImageView(const Frame& frame, QWidget* superview);
+    ~CoreImageView() override;
+
+    /// Places `view`, made with this panel as its parent, on top of what the panel holds already.
+    void addSubview(QWidget* view, const Frame& frame, bool hidden = false);
+
+    /// The view under `point`, the panel itself where there is none. Logged.
+    QWidget* hitTest(const QPoint& point);
+
+    /// Replaces the picture of every image view among the direct subviews, hidden ones and buttons included.
+    void setImage(const Image::Ref& image);
+
+    /// Shows the start button normal or gray; it stays clickable.
+    void enableStart(bool enabled) override;
+
+    /// Shows `text` in the status line. Any thread; shown on return.
+    void updateStatus(const std::string& text);
+
+    int pressed(const QMouseEvent& event) override;
+
+    // --- download ---------------------------------------------------------------------------------------
+
+    void startDownload() override;
+    void stopDownload() override;
+    void continueDownload() override;
+    void retryDownload() override;
+
+    /// A download worker's whole work; on the worker.
+    static void downloadThread(const ComParam& param);
+
+    /// The package's address, or "" where no configuration file could be read.
+    static std::string getDownloadUrl();
+
+    /// The reply's text, or nothing where none came within 10 seconds or it is not UTF-8. Blocks. Any thread.
+    static std::optional<std::string> getRequest(const std::string& url);
+
+    /// Asks the update server for the current version and rewrites the stamp file. Blocks. Any thread.
+    static void modifyVersion();
+
+    // --- events -----------------------------------------------------------------------------------------
+
+    /// Takes a transfer's record, on the thread that posted it.
+    void onCallbackMessage(const CurlMessage& message);
+    void updateProgress();
+    void updateSpeed();
+    void downloadReceived(const void* unused);
+
+    // --- install ----------------------------------------------------------------------------------------
+
+    /// The whole install pipeline, up to the queuing of its worker. On the download worker or the main
+    /// thread.
+    void downloadFinished() override;
+
+    // --- dialogs ----------------------------------------------------------------------------------------
+
+    /// Asks whether games are to be kept and leaves the answer for the product.
+    void isCoverInstall();
+    static void removeCoverFile();
+    static void installFaildGuide();
+    static void installFaildDueToSip();
+
+    // --- product ----------------------------------------------------------------------------------------
+
+    /// Ends running copies of the product and waits for that. Any thread.
+    static void killTovaniPlayer();
+
+    /// Launches the product and, when that worked, ends this process. Any thread.
+    void startTovaniPlayer(const void* unused);
+
+  protected:
+    void mousePressEvent(QMouseEvent* event) override;
+    void mouseDoubleClickEvent(QMouseEvent* event) override;
+
+  private:
+    // --- view -------------------------------------------------------------------------------------------
+
+    struct ButtonPictures;
+    void buildSecondScreen();
+    void addButton(const char* name, const char* accessibleName, const ButtonPictures& pictures,
+                   const QSize& size);
+    TextField* addLabel(const Frame& frame, Qt::Alignment alignment, const char* text);
+    [[nodiscard]] bool consentGiven() const;
+
+    /// Shows and hides what the state's row says. Any thread; done on return.
+    void enterState(ScreenState state);
+    void setButtonVisibility(const char* imageName, Visibility visibility);
+
+    TextField* _status = nullptr;
+    TextField* _speed = nullptr;
+    ProgressIndicator* _progress = nullptr;
+    NotificationCenter::Observer* _observer = nullptr;
+
+    struct {
+        int count = 0;
+        std::uint64_t time = 0; ///< milliseconds, on the window system's clock
+        QPoint place;
+    } _lastPress;
+
+    // --- download ---------------------------------------------------------------------------------------
+
+    /// Makes the empty temporary file; on failure the status line tells why. Returns its path.
+    std::optional<std::string> prepareTemporaryFile();
+    void startWorker(std::int64_t startPos, const std::string& filePath);
+
+    WorkerThread _downloadThread; ///< the latest; an older one may still run
+    std::string _strDownloadUrl;
+
+    // --- events: written by workers, read by the main thread ----------------------------------------------
+
+    void dataReceived(const CurlMessage& message);
+    void transferFailed();
+    void probeFailed(std::int32_t status);
+
+    std::atomic<std::int64_t> _iStartPos{0};      ///< bytes received so far: the resume offset
+    std::atomic<std::int64_t> _iBytesReceived{0}; ///< _iStartPos at the last speed sample
+    std::atomic<double> _lastReceived{0};         ///< time of the last data record, seconds since 1970
+    std::atomic<double> _timestapCompute{0};      ///< time of the last speed sample, seconds since 1970
+    std::atomic<std::int64_t> _iTotalLength{0};   ///< bytes of the whole file; 0 until known
+    std::atomic<std::int64_t> _identifier{0};     ///< token of the running body transfer
+    std::atomic<double> _percent{0};
+
+    // --- install: written by the install worker, read by later attempts -----------------------------------
+
+    void installWorker(InstallAttempt& attempt);
+    bool removeOldApplication(InstallAttempt& attempt);
+    bool installPackage(InstallAttempt& attempt);
+    bool queryDriver(InstallAttempt& attempt);
+    bool startDriver(InstallAttempt& attempt);
+    void driverFailedOnOlderSystem(InstallAttempt& attempt, const char* event);
+    void driverFailedOnNewerSystem(InstallAttempt& attempt, const char* event);
+
+    std::atomic<bool> _bAlreadyInstallPkg{false}; ///< installed since the last download started
+    std::atomic<bool> _retryInstallVbox{false};   ///< the driver query has failed once
+    bool _isCoverInstall = false;                 ///< the last answer: do not keep the games
+};

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <QRect>
+
+/// A view's place in its parent, in points, with the origin at the parent's lower-left corner and y growing
+/// upwards, as every frame of the two screens is given.
+struct Frame {
+    double x = 0;
+    double y = 0;
+    double width = 0;
+    double height = 0;
+};
+
+/// The one place where a frame becomes the toolkit's rectangle, whose origin is at the upper left.
+inline QRect toolkitRect(const Frame& frame, int parentHeight) {
+    return {qRound(frame.x), qRound(parentHeight - frame.y - frame.height), qRound(frame.width),
+            qRound(frame.height)};
+}

@@ -1,0 +1,156 @@
+#include "ui/ImageButtonView.h"
+
+#include "platform/Log.h"
+#include "ui/ImageButtonAccessible.h"
+
+#include <QAccessible>
+#include <QKeyEvent>
+#include <QMouseEvent>
+#include <QPainter>
+
+namespace {
+bool keyboardLeads = false;
+} // namespace
+
+ImageButtonView::ImageButtonView(QWidget* superview) : ImageView(superview) {
+    ImageButtonAccessible::install();
+    setFocusPolicy(Qt::TabFocus);
+}
+
+void ImageButtonView::setKeyboardLeads(bool leads) {
+    keyboardLeads = leads;
+}
+
+bool ImageButtonView::event(QEvent* event) {
+    if (event->type() == QEvent::KeyPress) {
+        setKeyboardLeads(true);
+        update();
+    }
+    return ImageView::event(event);
+}
+
+void ImageButtonView::setIType(std::int32_t type) {
+    iType_ = type;
+}
+
+void ImageButtonView::setImage(Image::Ref image) {
+    const bool wasTicked = getStatus();
+    ImageView::setImage(std::move(image));
+    if (getStatus() != wasTicked) {
+        QAccessible::State changed;
+        changed.checked = true;
+        QAccessibleStateChangeEvent event(this, changed);
+        QAccessible::updateAccessibility(&event);
+    }
+}
+
+bool ImageButtonView::getStatus() const {
+    return iType_ == kCheckbox && normalImage_ != nullptr && image() == normalImage_;
+}
+
+ImageButtonTarget& ImageButtonView::superview() const {
+    return dynamic_cast<ImageButtonTarget&>(*parentWidget());
+}
+
+void ImageButtonView::mousePressEvent(QMouseEvent* event) {
+    const int clickCount = superview().pressed(*event);
+    if (event->button() != Qt::LeftButton) {
+        return;
+    }
+    pressClickCount_ = clickCount;
+    if (clickCount == 1) {
+        mouseDown();
+    }
+}
+
+void ImageButtonView::mouseDoubleClickEvent(QMouseEvent* event) {
+    mousePressEvent(event);
+}
+
+void ImageButtonView::mouseReleaseEvent(QMouseEvent* event) {
+    // A button that took no press can still be handed the release of one that hid itself meanwhile.
+    if (event->button() == Qt::LeftButton && pressClickCount_ != 0) {
+        mouseUp(std::exchange(pressClickCount_, 0));
+    }
+}
+
+void ImageButtonView::mouseDown() {
+    NSLog("%s has been clicked", imageName_.c_str());
+    if (iType_ == kPushButton && deepImage_ != nullptr && !showsGray()) {
+        setImage(deepImage_);
+    }
+}
+
+void ImageButtonView::mouseUp(int clickCount) {
+    if (iType_ == kPushButton) {
+        if (normalImage_ != nullptr && !showsGray()) {
+            setImage(normalImage_);
+        }
+        if (clickCount == 1) {
+            sendMessage();
+        }
+    } else if (iType_ == kCheckbox && clickCount == 1) {
+        toggle();
+    }
+}
+
+void ImageButtonView::sendMessage() {
+    using Message = void (ImageButtonTarget::*)();
+    static constexpr struct {
+        const char* name;
+        Message message;
+    } kMessages[] = {
+        {"start_button", &ImageButtonTarget::startDownload},
+        {"stop_button", &ImageButtonTarget::stopDownload},
+        {"continue_button", &ImageButtonTarget::continueDownload},
+        {"continueInsTall_button", &ImageButtonTarget::downloadFinished},
+        {"retryDownload_button", &ImageButtonTarget::retryDownload},
+    };
+    ImageButtonTarget& target = superview();
+    for (const auto& [name, message] : kMessages) {
+        if (imageName_ == name) {
+            (target.*message)();
+        }
+    }
+}
+
+void ImageButtonView::toggle() {
+    const bool ticked = !getStatus();
+    setImage(ticked ? normalImage_ : deepImage_);
+    superview().enableStart(ticked);
+}
+
+void ImageButtonView::performClick() {
+    if (isVisible()) {
+        mouseDown();
+        mouseUp(1);
+    }
+}
+
+void ImageButtonView::keyPressEvent(QKeyEvent* event) {
+    const bool presses =
+        event->key() == Qt::Key_Space || event->key() == Qt::Key_Return || event->key() == Qt::Key_Enter;
+    if (!presses) {
+        ImageView::keyPressEvent(event);
+    } else if (!event->isAutoRepeat()) {
+        performClick();
+    }
+}
+
+void ImageButtonView::hideEvent(QHideEvent* event) {
+    // Hidden while held down, it will not see the release; it must come back at rest.
+    if (std::exchange(pressClickCount_, 0) != 0 && iType_ == kPushButton && image() == deepImage_) {
+        setImage(normalImage_);
+    }
+    ImageView::hideEvent(event);
+}
+
+void ImageButtonView::paintEvent(QPaintEvent* event) {
+    ImageView::paintEvent(event);
+    if (hasFocus() && keyboardLeads) {
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.setPen(QPen(Qt::white, 2));
+        painter.drawRoundedRect(QRectF(rect()).adjusted(2, 2, -2, -2), 8, 8);
+    }
+}

@@ -1,0 +1,87 @@
+#pragma once
+
+#include "ui/ImageView.h"
+
+#include <cstdint>
+#include <string>
+
+/// What the view that contains image buttons offers them: the messages that a release sends, and the count
+/// of clicks, which runs on when one button has taken another's place.
+class ImageButtonTarget {
+  public:
+    virtual ~ImageButtonTarget() = default;
+    virtual void startDownload() = 0;
+    virtual void stopDownload() = 0;
+    virtual void continueDownload() = 0;
+    virtual void downloadFinished() = 0;
+    virtual void retryDownload() = 0;
+    virtual void enableStart(bool enabled) = 0;
+
+    /// Takes note of a mouse press over the view and tells its click count: 1 for a single click's press.
+    virtual int pressed(const QMouseEvent& event) = 0;
+};
+
+/// A control that shows one of three pictures and, when released, sends a message chosen by its name to the
+/// view that contains it, an ImageButtonTarget. Main thread.
+class ImageButtonView : public ImageView {
+  public:
+    static constexpr std::int32_t kPushButton = 1;
+    static constexpr std::int32_t kCheckbox = 2;
+
+    explicit ImageButtonView(QWidget* superview);
+
+    /// kPushButton or kCheckbox; any other value makes the view inert but for the press's log line.
+    [[nodiscard]] std::int32_t iType() const { return iType_; }
+    void setIType(std::int32_t type);
+
+    /// The button's name: decides what a release does, and is how others find the button.
+    [[nodiscard]] const std::string& imageName() const { return imageName_; }
+    void setImageName(std::string name) { imageName_ = std::move(name); }
+
+    /// Picture at rest; for a checkbox, ticked.
+    [[nodiscard]] const Image::Ref& normalImage() const { return normalImage_; }
+    void setNormalImage(Image::Ref image) { normalImage_ = std::move(image); }
+
+    /// Picture while pressed; for a checkbox, unticked.
+    [[nodiscard]] const Image::Ref& deepImage() const { return deepImage_; }
+    void setDeepImage(Image::Ref image) { deepImage_ = std::move(image); }
+
+    /// Picture while disabled; may be absent. A gray button still sends its message: who must refuse, tests.
+    [[nodiscard]] const Image::Ref& grayImage() const { return grayImage_; }
+    void setGrayImage(Image::Ref image) { grayImage_ = std::move(image); }
+
+    void setImage(Image::Ref image) override;
+
+    /// True only for a ticked checkbox.
+    [[nodiscard]] bool getStatus() const;
+
+    /// Whether the focus is shown: while the keyboard is used, not while the mouse is.
+    static void setKeyboardLeads(bool leads);
+
+    /// One whole single click, as the keyboard or a screen reader makes it.
+    void performClick();
+
+  protected:
+    bool event(QEvent* event) override;
+    void mousePressEvent(QMouseEvent* event) override;
+    void mouseDoubleClickEvent(QMouseEvent* event) override;
+    void mouseReleaseEvent(QMouseEvent* event) override;
+    void keyPressEvent(QKeyEvent* event) override;
+    void hideEvent(QHideEvent* event) override;
+    void paintEvent(QPaintEvent* event) override;
+
+  private:
+    [[nodiscard]] ImageButtonTarget& superview() const;
+    [[nodiscard]] bool showsGray() const { return grayImage_ != nullptr && image() == grayImage_; }
+    void mouseDown();
+    void mouseUp(int clickCount);
+    void sendMessage();
+    void toggle();
+
+    std::int32_t iType_ = 0;
+    std::string imageName_;
+    Image::Ref normalImage_;
+    Image::Ref deepImage_;
+    Image::Ref grayImage_;
+    int pressClickCount_ = 0; // of the press that awaits its release; 0: none does
+};

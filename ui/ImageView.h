@@ -1,0 +1,20 @@
+#pragma once
+
+#include "ui/Image.h"
+
+#include <QWidget>
+
+/// Shows a picture, each axis stretched on its own to fill the frame; without one, nothing. Main thread.
+class ImageView : public QWidget {
+  public:
+    explicit ImageView(QWidget* superview);
+
+    [[nodiscard]] const Image::Ref& image() const { return image_; }
+    virtual void setImage(Image::Ref image);
+
+  protected:
+    void paintEvent(QPaintEvent* event) override;
+
+  private:
+    Image::Ref image_;
+};

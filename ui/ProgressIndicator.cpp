@@ -1,0 +1,57 @@
+#include "ui/ProgressIndicator.h"
+
+#include <QPainter>
+#include <QPainterPath>
+
+#include <algorithm>
+
+namespace {
+const QColor kTrack(255, 255, 255, 36);
+const QColor kFillStart(0x1f, 0xc8, 0xc2);
+const QColor kFillEnd(0x0d, 0x80, 0xba);
+} // namespace
+
+ProgressIndicator::ProgressIndicator(QWidget* superview) : QProgressBar(superview) {
+    setRange(0, 100);
+    setValue(0);
+    setTextVisible(false);
+}
+
+double ProgressIndicator::filledWidth() const {
+    return width() * std::clamp(doubleValue_, 0.0, 100.0) / 100.0;
+}
+
+void ProgressIndicator::setDoubleValue(double percent) {
+    // Called for every block of a transfer: paint only what a person could see change.
+    const int before = static_cast<int>(filledWidth() * devicePixelRatioF());
+    doubleValue_ = percent;
+    const int whole = static_cast<int>(std::clamp(percent, 0.0, 100.0));
+    if (whole != value()) {
+        setValue(whole);
+    } else if (static_cast<int>(filledWidth() * devicePixelRatioF()) != before) {
+        update();
+    }
+}
+
+void ProgressIndicator::paintEvent(QPaintEvent* /*event*/) {
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.setPen(Qt::NoPen);
+    const QRectF track = rect();
+    const double radius = track.height() / 2;
+    painter.setBrush(kTrack);
+    painter.drawRoundedRect(track, radius, radius);
+    if (filledWidth() <= 0) {
+        return;
+    }
+    QPainterPath shape;
+    shape.addRoundedRect(track, radius, radius);
+    painter.setClipPath(shape);
+    QLinearGradient fill(track.topLeft(), track.topRight());
+    fill.setColorAt(0, kFillStart);
+    fill.setColorAt(1, kFillEnd);
+    painter.setBrush(fill);
+    painter.drawRoundedRect(
+        QRectF(track.left(), track.top(), std::max(filledWidth(), track.height()), track.height()), radius,
+        radius);
+}

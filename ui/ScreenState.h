@@ -1,0 +1,39 @@
+#pragma once
+
+/// The names of the panel's buttons: how they are found and what a release of them does.
+namespace button {
+inline constexpr char kStart[] = "start_button";
+inline constexpr char kCheckbox[] = "checkbox";
+inline constexpr char kStop[] = "stop_button";
+inline constexpr char kContinue[] = "continue_button";
+inline constexpr char kContinueInstall[] = "continueInsTall_button";
+inline constexpr char kRetryDownload[] = "retryDownload_button";
+} // namespace button
+
+/// The states of the second screen, as the user sees them. Which controls each shows and hides is one table,
+/// in ScreenState.cpp.
+enum class ScreenState {
+    Downloading,    ///< the second screen as it is built
+    Stopped,        ///< the user pressed stop
+    Resumed,        ///< the user pressed continue
+    NetworkFailure, ///< the body transfer failed; it can be continued
+    ProbeFailed,    ///< the package was not found or the transfer could not start: nothing left to press
+    Installing,     ///< an install attempt runs
+    InstallAgain,   ///< no rights, or the driver failed: the attempt can be repeated
+    DownloadAgain,  ///< the package did not install: it can be fetched anew
+    Retried,        ///< the user pressed retry
+};
+
+/// What entering a state does to a control.
+enum class Visibility { Unchanged, Shown, Hidden };
+
+struct ScreenVisibility {
+    Visibility stop;
+    Visibility continueDownload;
+    Visibility continueInstall;
+    Visibility retryDownload;
+    Visibility progressAndSpeed;
+};
+
+/// The table's row for `state`.
+ScreenVisibility visibilityIn(ScreenState state);

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "ui/CoreImageView.h"
+
+#include <QWidget>
+
+/// Builds the first screen: the content view that fills the window, the panel in it, and on the panel the
+/// background, the start button and the agreement. Keeps no state; the views own each other. Main thread.
+class ViewController {
+  public:
+    /// `superview` is the window; it owns the views.
+    explicit ViewController(QWidget* superview);
+
+    void viewDidLoad();
+    void setRepresentedObject(const void* object);
+
+    [[nodiscard]] QWidget* view() const { return view_; }
+    [[nodiscard]] CoreImageView* panel() const { return panel_; }
+
+  private:
+    void addStartButton();
+    void addAgreement();
+
+    QWidget* view_;
+    CoreImageView* panel_ = nullptr;
+};
