@@ -18,7 +18,6 @@ int NSApplicationMain(int& argc, char** argv) {
     // Named, so that a desktop of another language does not show Chinese in another's letter forms or weight.
     QFont font = QApplication::font();
     font.setFamilies({"Noto Sans CJK SC", "Source Han Sans SC", "WenQuanYi Micro Hei", font.family()});
-    font.setHintingPreference(QFont::PreferNoHinting);
     QApplication::setFont(font);
     MainThread::attach();
 

@@ -27,7 +27,19 @@ using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 constexpr auto kLookOut = 50us;
+constexpr auto kAwakeForResult = 20us;
 constexpr auto kLongestWithoutEvents = 4ms;
+
+/// Watches for `condition` without sleeping, until it holds or the time is over.
+template <typename Condition>
+void watch(std::chrono::microseconds time, Condition condition) {
+    const Clock::time_point end = Clock::now() + time;
+    while (!condition() && Clock::now() < end) {
+#if defined(__x86_64__)
+        __builtin_ia32_pause();
+#endif
+    }
+}
 
 struct Work {
     const std::function<void()>* function = nullptr;
@@ -71,12 +83,7 @@ class Mailbox {
 
     bool nextArrivesSoon() {
         lookingOut_ = true;
-        const Clock::time_point end = Clock::now() + kLookOut;
-        while (arrived_.load() == nullptr && Clock::now() < end) {
-#if defined(__x86_64__)
-            __builtin_ia32_pause();
-#endif
-        }
+        watch(kLookOut, [this] { return arrived_.load() != nullptr; });
         lookingOut_ = false;
         // Looked at again after the flag fell: what was posted in between had no wake-up written for it.
         return arrived_.load() != nullptr;
@@ -134,5 +141,7 @@ void MainThread::performAndWait(const std::function<void()>& work) {
     Work piece;
     piece.function = &work;
     mailbox.load()->post(piece);
+    // Most pieces take a microsecond or two on a main thread that looks out.
+    watch(kAwakeForResult, [&piece] { return piece.done.load(); });
     piece.done.wait(false);
 }
