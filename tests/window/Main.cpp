@@ -1,0 +1,90 @@
+#include "platform/MainThread.h"
+#include "platform/WorkerThread.h"
+#include "window/Window.h"
+
+#include <QApplication>
+#include <QTest>
+
+namespace {
+
+constexpr int kDeadline = 30'000; // milliseconds
+
+} // namespace
+
+Window::Window() {
+    setenv("HOME", home_.path().c_str(), 1);
+    controller_.windowDidLoad();
+    controller_.showWindow();
+    EXPECT_TRUE(QTest::qWaitForWindowExposed(controller_.window(), kDeadline));
+}
+
+Window::~Window() {
+    EXPECT_TRUE(QTest::qWaitFor([] { return WorkerThread::running() == 0; }, kDeadline));
+}
+
+std::vector<ImageButtonView*> Window::buttons() {
+    std::vector<ImageButtonView*> found;
+    for (QObject* const child : panel().children()) {
+        if (auto* const view = dynamic_cast<ImageButtonView*>(child)) {
+            found.push_back(view);
+        }
+    }
+    return found;
+}
+
+ImageButtonView& Window::button(const std::string& name) {
+    for (ImageButtonView* const view : buttons()) {
+        if (view->imageName() == name) {
+            return *view;
+        }
+    }
+    throw std::runtime_error("no button " + name);
+}
+
+std::vector<TextField*> Window::labels() {
+    std::vector<TextField*> found;
+    for (QObject* const child : panel().children()) {
+        if (auto* const view = dynamic_cast<TextField*>(child)) {
+            found.push_back(view);
+        }
+    }
+    return found;
+}
+
+ProgressIndicator& Window::bar() {
+    for (QObject* const child : panel().children()) {
+        if (auto* const view = dynamic_cast<ProgressIndicator*>(child)) {
+            return *view;
+        }
+    }
+    throw std::runtime_error("no progress bar");
+}
+
+std::vector<std::string> Window::visibleButtons() {
+    std::vector<std::string> names;
+    for (const ImageButtonView* const view : buttons()) {
+        if (view->isVisible()) {
+            names.push_back(view->imageName());
+        }
+    }
+    return names;
+}
+
+void Window::openSecondScreen() {
+    panel().startDownload();
+    ASSERT_TRUE(QTest::qWaitFor([] { return WorkerThread::running() == 0; }, kDeadline));
+    ASSERT_EQ(status(), "下载失败，请直接双击镜像中的APP开始下载");
+}
+
+void Window::onWorker(const std::function<void()>& work) {
+    const WorkerThread worker = WorkerThread::start(work);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return worker.isFinished(); }, kDeadline));
+}
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    unsetenv("http_proxy");
+    QApplication application(argc, argv);
+    MainThread::attach();
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "app/KvWindowController.h"
+#include "support/CapturedLog.h"
+#include "support/ScratchFolder.h"
+#include "ui/ViewController.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+/// A test with the program's window on screen and a home folder of its own. No server answers: a start ends
+/// with the probe's failure, after which tests post records of their own.
+class Window : public testing::Test {
+  protected:
+    Window();
+    ~Window() override;
+
+    [[nodiscard]] CoreImageView& panel() { return *controller_.contentViewController().panel(); }
+    [[nodiscard]] std::vector<ImageButtonView*> buttons();
+    [[nodiscard]] ImageButtonView& button(const std::string& name);
+    [[nodiscard]] std::vector<TextField*> labels();
+    [[nodiscard]] ProgressIndicator& bar();
+
+    /// The names of the image buttons that are shown, in their order.
+    [[nodiscard]] std::vector<std::string> visibleButtons();
+    [[nodiscard]] std::string status() { return labels()[2]->text().toStdString(); }
+    [[nodiscard]] std::string speed() { return labels()[1]->text().toStdString(); }
+
+    /// Presses start and waits until the failed probe has been shown.
+    void openSecondScreen();
+
+    /// Runs `work` on a thread of its own, as a download worker does, and waits for it.
+    static void onWorker(const std::function<void()>& work);
+
+    ScratchFolder home_;
+    CapturedLog log_;
+
+  private:
+    KvWindowController controller_;
+};
