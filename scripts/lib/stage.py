@@ -1,0 +1,394 @@
+"""The stage of the demonstration, inside the throw-away view: display, window manager, sample server,
+the window as a screen reader sees it, and a hand that moves the mouse.
+
+Every wait is for a condition and has a deadline; a deadline that passes ends the demonstration.
+"""
+
+import os
+import re
+import signal
+import socket
+import subprocess
+import threading
+import time
+from pathlib import Path
+
+import gi
+
+gi.require_version("Atspi", "2.0")
+from gi.repository import Atspi, GLib  # noqa: E402
+
+WINDOW_TITLE = "Pellomar下载器"
+PROGRAM = "PellomarDownloader"
+# A second press within the toolkit's double-click time would count as part of a double click.
+DOUBLE_CLICK_SECONDS = 0.6
+
+
+class RoadBlocked(Exception):
+    """A condition of the road was not met; the text says which."""
+
+
+def step(text):
+    print(f"[{time.monotonic() - step.start:6.2f} s] {text}", flush=True)
+
+
+step.start = time.monotonic()
+
+
+def wait_for(what, condition, seconds=30.0, while_running=None):
+    """The first true value of CONDITION, asked again and again until the deadline."""
+    deadline = time.monotonic() + seconds
+    while True:
+        value = condition()
+        if value:
+            return value
+        if while_running is not None and while_running.poll() is not None:
+            raise RoadBlocked(f"{what}: the process ended first, with status {while_running.returncode}")
+        if time.monotonic() > deadline:
+            raise RoadBlocked(f"{what}: not seen within {seconds:g} s")
+        time.sleep(0.02)
+
+
+class Session:
+    """A session bus of its own, and a folder for what belongs to the session."""
+
+    def __init__(self, log):
+        runtime = Path(f"/run/user/{os.getuid()}")
+        runtime.mkdir(mode=0o700, parents=True, exist_ok=True)
+        os.environ["XDG_RUNTIME_DIR"] = str(runtime)
+        self.bus = subprocess.Popen(
+            ["dbus-daemon", "--session", "--nofork", "--print-address=1"],
+            stdout=subprocess.PIPE,
+            stderr=log,
+            text=True,
+        )
+        address = self.bus.stdout.readline().strip()
+        if not address:
+            raise RoadBlocked("the session bus did not start")
+        os.environ["DBUS_SESSION_BUS_ADDRESS"] = address
+
+    def close(self):
+        self.bus.terminate()
+        self.bus.wait()
+
+
+class Display:
+    """The user's display, or an X server without a screen with a window manager on it."""
+
+    def __init__(self, own):
+        self.own = own
+        self.processes = []
+        if not own:
+            return
+        reader, writer = os.pipe()
+        self.processes.append(
+            subprocess.Popen(
+                ["Xvfb", "-displayfd", str(writer), "-screen", "0", "1100x760x24", "-nolisten", "tcp"],
+                pass_fds=[writer],
+                stderr=subprocess.DEVNULL,
+            )
+        )
+        os.close(writer)
+        with os.fdopen(reader) as answer:
+            number = answer.readline().strip()
+        if not number:
+            raise RoadBlocked("Xvfb did not start")
+        os.environ["DISPLAY"] = f":{number}"
+        os.environ.pop("WAYLAND_DISPLAY", None)
+        self.processes.append(
+            subprocess.Popen(["openbox"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        )
+        # A window manager that follows the convention announces itself on the root window.
+        wait_for("the window manager", lambda: xdotool("get_num_desktops") is not None)
+        # The first key ever pressed makes the window manager set up its shortcuts anew, and is lost.
+        xdotool("key", "Shift_L")
+        paint_desktop()
+
+    def close(self):
+        for process in reversed(self.processes):
+            process.terminate()
+            process.wait()
+
+
+def paint_desktop():
+    subprocess.run(
+        ["display", "-window", "root", "-size", "1100x760", "xc:#2b3b4b"],
+        check=False,
+        stderr=subprocess.DEVNULL,
+    )
+
+
+def succeeds(*command):
+    return subprocess.run(command, capture_output=True, check=False).returncode == 0
+
+
+def xdotool(*arguments):
+    """What xdotool prints, or None where it fails."""
+    done = subprocess.run(["xdotool", *map(str, arguments)], capture_output=True, text=True, check=False)
+    return done.stdout.strip() if done.returncode == 0 else None
+
+
+def window_called(title):
+    """The X window with this title that is on screen, or None."""
+    found = xdotool("search", "--onlyvisible", "--name", f"^{re.escape(title)}$")
+    return found.split()[-1] if found else None
+
+
+def is_painted(window):
+    """Whether a window of ours has been drawn: before that it shows the desktop's one colour."""
+    done = subprocess.run(
+        f"import -silent -window {window} miff:- | identify -format %k -",
+        shell=True,
+        capture_output=True,
+        text=True,
+        check=False,
+    )
+    return done.stdout.isdigit() and int(done.stdout) > 100
+
+
+def serve_sample(serve, documents, folder, rate):
+    """Starts the sample's download server, which keeps its logs in FOLDER, and waits for it to listen."""
+    server = subprocess.Popen(
+        [str(serve), "--rate", rate, str(documents), str(folder)], stdin=subprocess.DEVNULL
+    )
+
+    def answers():
+        with socket.socket() as probe:
+            return probe.connect_ex(("127.0.0.1", 18080)) == 0
+
+    wait_for("the sample server on port 18080", answers, while_running=server)
+    return server
+
+
+def running(executable):
+    """The process ids of the programs that run from this path."""
+    found = []
+    for link in Path("/proc").glob("[0-9]*/exe"):
+        try:
+            if os.readlink(link) == executable:
+                found.append(int(link.parent.name))
+        except OSError:
+            continue  # it ended meanwhile
+    return found
+
+
+class Hold:
+    """Stops the next process that runs from this path as soon as it is there, until it is let go.
+
+    It may be done before anybody could look, so it is watched for without a pause.
+    """
+
+    def __init__(self, executable):
+        self.caught = []
+        self.over = False
+        self.thread = threading.Thread(target=self.watch, args=(executable,), daemon=True)
+        self.thread.start()
+
+    def watch(self, executable):
+        while not self.caught and not self.over:
+            self.caught = running(executable)
+        self.send(signal.SIGSTOP)
+
+    def send(self, number):
+        for process in self.caught:
+            try:
+                os.kill(process, number)
+            except ProcessLookupError:
+                pass
+
+    def let_go(self):
+        self.over = True
+        self.thread.join()
+        self.send(signal.SIGCONT)
+
+
+class Accessible:
+    """One object of a window, asked afresh at every call; an object that went away has no properties."""
+
+    def __init__(self, node):
+        self.node = node
+
+    def name(self):
+        try:
+            return self.node.get_name() or ""
+        except GLib.Error:
+            return ""
+
+    def role(self):
+        try:
+            return self.node.get_role_name() or ""
+        except GLib.Error:
+            return ""
+
+    def is_showing(self):
+        try:
+            return self.node.get_state_set().contains(Atspi.StateType.SHOWING)
+        except GLib.Error:
+            return False
+
+    def value(self):
+        try:
+            return self.node.get_value_iface().get_current_value()
+        except (GLib.Error, AttributeError):
+            return 0.0
+
+    def centre(self):
+        try:
+            box = self.node.get_component_iface().get_extents(Atspi.CoordType.SCREEN)
+        except (GLib.Error, AttributeError):
+            return None
+        return (box.x + box.width // 2, box.y + box.height // 2) if box.width > 0 else None
+
+    def children(self):
+        try:
+            nodes = [self.node.get_child_at_index(i) for i in range(self.node.get_child_count())]
+        except GLib.Error:
+            return []
+        return [Accessible(node) for node in nodes if node is not None]
+
+    def walk(self):
+        yield self
+        for child in self.children():
+            yield from child.walk()
+
+
+class Window:
+    """The running downloader: its process, what its window shows, and presses on it."""
+
+    def __init__(self, executable, home, execs):
+        """EXECS is the file that receives every program that the window and its children start."""
+        environment = dict(os.environ, HOME=str(home), QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1")
+        command = [str(executable)]
+        self.is_recorded = succeeds("strace", "-o", "/dev/null", "true")
+        if self.is_recorded:
+            recorder = ["strace", "-D", "-f", "-z", "-qq", "--seccomp-bpf", "-e", "trace=execve", "-s", "4096"]
+            command = [*recorder, "-o", str(execs), *command]
+        else:
+            step("strace cannot look into processes here: the commands are not recorded")
+        self.home = home
+        self.last_press = 0.0
+        self.process = subprocess.Popen(command, env=environment, stdin=subprocess.DEVNULL)
+
+    # What it shows
+
+    def root(self):
+        Atspi.Accessible.clear_cache(Atspi.get_desktop(0))
+        for application in Accessible(Atspi.get_desktop(0)).children():
+            if application.name() == PROGRAM:
+                return application
+        return None
+
+    def showing(self, role=None, name=None):
+        """The objects on screen with this role and name."""
+        root = self.root()
+        if root is None:
+            return []
+        return [
+            item
+            for item in root.walk()
+            if (name is None or item.name() == name) and (role is None or item.role() == role) and item.is_showing()
+        ]
+
+    def button(self, name):
+        found = self.showing("push button", name)
+        return found[0] if found else None
+
+    def labels(self):
+        return [item.name() for item in self.showing("label")]
+
+    def says(self, text):
+        return text in self.labels()
+
+    def percent(self):
+        bars = self.showing("progress bar")
+        return bars[0].value() if bars else 0.0
+
+    def log(self):
+        files = sorted((self.home / "Documents").glob("LOG-*.txt"))
+        return files[-1].read_text(errors="replace") if files else ""
+
+    def wait_for(self, what, condition, seconds=30.0):
+        return wait_for(what, condition, seconds, while_running=self.process)
+
+    def wait_for_status(self, text, seconds=30.0):
+        self.wait_for(f"the status {text}", lambda: self.says(text), seconds)
+        step(f"status: {text}")
+
+    # What is done to it
+
+    def press(self, name):
+        """A real click in the middle of the button called NAME."""
+        x, y = self.wait_for(f"the button {name}", lambda: (lambda b: b and b.centre())(self.button(name)))
+        time.sleep(max(0.0, self.last_press + DOUBLE_CLICK_SECONDS - time.monotonic()))
+        xdotool("mousemove", x, y, "click", 1)
+        self.last_press = time.monotonic()
+        step(f"pressed {name}")
+
+    def activate(self):
+        window = wait_for("the window", lambda: window_called(WINDOW_TITLE))
+        xdotool("windowactivate", "--sync", window)
+
+    def close(self):
+        if self.process.poll() is None:
+            self.process.send_signal(signal.SIGTERM)
+            self.process.wait()
+
+
+class Camera:
+    """Numbered pictures of the whole screen, and pictures of one window alone for the README."""
+
+    def __init__(self, folder, screens=None):
+        self.folder = folder
+        self.screens = screens
+        self.count = 0
+
+    def next_picture(self, name):
+        self.count += 1
+        return str(self.folder / f"{self.count:02d}-{name}.png")
+
+    def take(self, name, title=WINDOW_TITLE):
+        picture = self.next_picture(name)
+        subprocess.run(["import", "-silent", "-window", "root", picture], check=True)
+        if self.screens is not None:
+            place = self.place(title, with_frame=True)
+            subprocess.run(
+                ["convert", picture, "-crop", place, "+repage", str(self.screens / f"{name}.png")], check=True
+            )
+
+    def take_window(self, name):
+        """Only where the window is, if there is an X server to ask: a user's desktop is private."""
+        if window_called(WINDOW_TITLE) is not None:
+            place = self.place(WINDOW_TITLE, with_frame=False)
+            succeeds("import", "-silent", "-window", "root", "-crop", place, "+repage", self.next_picture(name))
+
+    @staticmethod
+    def place(title, with_frame):
+        """Where the window is, and so a dialog that lies on it, as a geometry of ImageMagick's."""
+        window = window_called(title)
+        if window is None:
+            raise RoadBlocked(f"no window called {title} to take a picture of")
+        answer = subprocess.run(["xwininfo", "-id", window], capture_output=True, text=True, check=True).stdout
+        x, y, width, height = (
+            int(re.search(rf"{name}: +(-?[0-9]+)", answer).group(1))
+            for name in ("Absolute upper-left X", "Absolute upper-left Y", "Width", "Height")
+        )
+        left = right = top = bottom = 0
+        if with_frame:
+            answer = subprocess.run(
+                ["xprop", "-notype", "-id", window, "_NET_FRAME_EXTENTS"], capture_output=True, text=True, check=True
+            ).stdout
+            left, right, top, bottom = (int(part) for part in answer.split("=")[1].split(","))
+        return f"{width + left + right}x{height + top + bottom}{x - left:+d}{y - top:+d}"
+
+
+def recorded_commands(execs, tools):
+    """The command lines of TOOLS among the recorded starts, in their order."""
+    commands = []
+    if not execs.exists():
+        return commands
+    for line in execs.read_text(errors="replace").splitlines():
+        started = re.search(r'execve\("((?:[^"\\]|\\.)*)", \[(.*)\], 0x[0-9a-f]+ .*\) = 0$', line)
+        if started and started.group(1) in tools:
+            arguments = re.findall(r'"((?:[^"\\]|\\.)*)"', started.group(2))
+            commands.append(" ".join([started.group(1), *arguments[1:]]))
+    return commands
