@@ -3,10 +3,13 @@
 #include "app/AppDelegate.h"
 #include "app/KvWindowController.h"
 #include "platform/Application.h"
+#include "platform/Bundle.h"
 #include "platform/MainThread.h"
+#include "platform/Text.h"
 #include "ui/Leave.h"
 
 #include <QApplication>
+#include <QIcon>
 #include <QStyleFactory>
 
 int NSApplicationMain(int& argc, char** argv) {
@@ -19,6 +22,7 @@ int NSApplicationMain(int& argc, char** argv) {
     QFont font = QApplication::font();
     font.setFamilies({"Noto Sans CJK SC", "Source Han Sans SC", "WenQuanYi Micro Hei", font.family()});
     QApplication::setFont(font);
+    QApplication::setWindowIcon(QIcon(viewText(bundleResourcePath("AppIcon", "png"))));
     MainThread::attach();
 
     AppDelegate delegate;

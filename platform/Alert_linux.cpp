@@ -3,6 +3,7 @@
 
 #include <QApplication>
 #include <QCloseEvent>
+#include <QIcon>
 #include <QKeyEvent>
 #include <QMessageBox>
 #include <QPushButton>
@@ -49,8 +50,15 @@ QWidget* programWindow() {
 } // namespace
 
 int Alert::runModal() const {
-    AlertBox box(mustBeAnswered, programWindow());
-    box.setStyleSheet("* { button-layout: 0 }"); // one order on every desktop
+    QWidget* const window = programWindow();
+    AlertBox box(mustBeAnswered, window);
+    // One order of buttons on every desktop, and the message above its explanation, as a headline.
+    box.setStyleSheet(
+        "* { button-layout: 0 } QLabel#qt_msgbox_label { font-weight: bold; min-width: 260px }");
+    box.setWindowTitle(window == nullptr ? QString() : window->windowTitle());
+    constexpr int kIconSize = 48;
+    box.setIconPixmap(
+        QApplication::windowIcon().pixmap(QSize(kIconSize, kIconSize), box.devicePixelRatioF()));
     box.setText(viewText(messageText));
     box.setInformativeText(viewText(informativeText));
     std::vector<QAbstractButton*> added;
