@@ -13,22 +13,6 @@
 
 #include <cstdio>
 
-namespace {
-
-// The driver's tools report to the log file, too.
-void printDriverOutput(const InstallAttempt& attempt) {
-    puts(attempt.output.c_str());
-}
-
-void logDriverToolFailure(const InstallAttempt& attempt) {
-    if (attempt.authStatus != errAuthorizationSuccess) {
-        NSLog("install vbox drive faild");
-        NSLog("errAuthorizationFaild");
-    }
-}
-
-} // namespace
-
 void CoreImageView::downloadFinished() {
     MainThread::performAndWait([this] {
         _status->setStringValue(status::kDownloaded);
@@ -121,72 +105,68 @@ bool CoreImageView::installPackage(InstallAttempt& attempt) {
 
 bool CoreImageView::queryDriver(InstallAttempt& attempt) {
     updateStatus(status::kQueryingDriver);
-    ToolPipe pipe = runPrivilegedCommand(attempt, "/usr/sbin/kextstat", {"-b", kDriverIdentifier});
-    if (pipe == nullptr) {
-        giveUpRights(attempt);
-        _retryInstallVbox = true;
-        updateStatus(status::kDriverFailed);
-        enterState(ScreenState::InstallAgain);
+    if (!runDriverTool(attempt, "/usr/sbin/kextstat", {"-b", kDriverIdentifier})) {
         return false;
     }
-    attempt.output.clear();
-    readAndReap(attempt, std::move(pipe));
-    printDriverOutput(attempt);
-    logDriverToolFailure(attempt);
-    if (saysDriverLoaded(attempt.output)) {
-        return true;
+    if (!saysDriverLoaded(attempt.output)) {
+        driverFailed(attempt, "823", "824");
+        return false;
     }
-    if (isOlderThan10_14_5(systemVersion())) {
-        _retryInstallVbox = true;
-        driverFailedOnOlderSystem(attempt, "823");
-    } else {
-        driverFailedOnNewerSystem(attempt, "824");
-    }
-    return false;
+    return true;
 }
 
 bool CoreImageView::startDriver(InstallAttempt& attempt) {
     updateStatus(status::kInstallingDriver);
-    ToolPipe pipe = runPrivilegedCommand(
-        attempt, "/Library/Application Support/NorvikEmu/VirtualBoxStartup.sh", {"restart"});
+    if (!runDriverTool(attempt, "/Library/Application Support/NorvikEmu/VirtualBoxStartup.sh", {"restart"})) {
+        return false;
+    }
+    if (saysDriverStartFailed(attempt.output)) {
+        // Counted once, when the query failed.
+        driverFailed(attempt, nullptr, nullptr);
+        return false;
+    }
+    return true;
+}
+
+bool CoreImageView::runDriverTool(InstallAttempt& attempt, const std::string& toolPath,
+                                  const std::vector<std::string>& arguments) {
+    ToolPipe pipe = runPrivilegedCommand(attempt, toolPath, arguments);
     if (pipe == nullptr) {
         giveUpRights(attempt);
+        _retryInstallVbox = true;
         updateStatus(status::kDriverFailed);
         enterState(ScreenState::InstallAgain);
         return false;
     }
     attempt.output.clear();
     readAndReap(attempt, std::move(pipe));
-    printDriverOutput(attempt);
-    logDriverToolFailure(attempt);
-    if (!saysDriverStartFailed(attempt.output)) {
-        return true;
+    puts(attempt.output.c_str()); // into the log file, whole
+    if (attempt.authStatus != errAuthorizationSuccess) {
+        NSLog("install vbox drive faild");
+        NSLog("errAuthorizationFaild");
     }
+    return true;
+}
+
+void CoreImageView::driverFailed(InstallAttempt& attempt, const char* olderEvent, const char* newerEvent) {
+    const auto report = [](const char* event) {
+        if (event != nullptr) {
+            executeWebStatic(event);
+        }
+    };
     if (isOlderThan10_14_5(systemVersion())) {
-        driverFailedOnOlderSystem(attempt, nullptr);
+        _retryInstallVbox = true;
+        NSLog("install vbox drive faild");
+        giveUpRights(attempt);
+        updateStatus(status::kDriverFailed);
+        enterState(ScreenState::InstallAgain);
+        report(olderEvent);
+        MainThread::performAndWait(installFaildGuide);
     } else {
-        driverFailedOnNewerSystem(attempt, nullptr);
+        report(newerEvent);
+        updateStatus(status::kSeeForum);
+        NSLog("10.14.5以上系统没有关闭sip");
+        giveUpRights(attempt);
+        MainThread::performAndWait(installFaildDueToSip);
     }
-    return false;
-}
-
-void CoreImageView::driverFailedOnOlderSystem(InstallAttempt& attempt, const char* event) {
-    NSLog("install vbox drive faild");
-    giveUpRights(attempt);
-    updateStatus(status::kDriverFailed);
-    enterState(ScreenState::InstallAgain);
-    if (event != nullptr) {
-        executeWebStatic(event);
-    }
-    MainThread::performAndWait(installFaildGuide);
-}
-
-void CoreImageView::driverFailedOnNewerSystem(InstallAttempt& attempt, const char* event) {
-    if (event != nullptr) {
-        executeWebStatic(event);
-    }
-    updateStatus(status::kSeeForum);
-    NSLog("10.14.5以上系统没有关闭sip");
-    giveUpRights(attempt);
-    MainThread::performAndWait(installFaildDueToSip);
 }

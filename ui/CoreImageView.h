@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 class CurlMessage;
 struct ComParam;
@@ -162,8 +163,9 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
     bool installPackage(InstallAttempt& attempt);
     bool queryDriver(InstallAttempt& attempt);
     bool startDriver(InstallAttempt& attempt);
-    void driverFailedOnOlderSystem(InstallAttempt& attempt, const char* event);
-    void driverFailedOnNewerSystem(InstallAttempt& attempt, const char* event);
+    bool runDriverTool(InstallAttempt& attempt, const std::string& toolPath,
+                       const std::vector<std::string>& arguments);
+    void driverFailed(InstallAttempt& attempt, const char* olderEvent, const char* newerEvent);
 
     std::atomic<bool> _bAlreadyInstallPkg{false}; ///< installed since the last download started
     std::atomic<bool> _retryInstallVbox{false};   ///< the driver query has failed once
