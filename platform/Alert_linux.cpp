@@ -3,8 +3,10 @@
 
 #include <QApplication>
 #include <QCloseEvent>
+#include <QGridLayout>
 #include <QIcon>
 #include <QKeyEvent>
+#include <QLabel>
 #include <QMessageBox>
 #include <QPushButton>
 
@@ -38,6 +40,20 @@ class AlertBox : public QMessageBox {
     bool mustBeAnswered_;
 };
 
+/// Makes the box wide enough for its title and, above an explanation, the message a headline.
+void arrange(QMessageBox& box, bool hasExplanation) {
+    constexpr int kLeastWidth = 320;
+    if (auto* const grid = qobject_cast<QGridLayout*>(box.layout())) {
+        grid->addItem(new QSpacerItem(kLeastWidth, 0), grid->rowCount(), 0, 1, grid->columnCount());
+    }
+    if (auto* const message = box.findChild<QLabel*>("qt_msgbox_label");
+        message != nullptr && hasExplanation) {
+        QFont font = message->font();
+        font.setBold(true);
+        message->setFont(font);
+    }
+}
+
 QWidget* programWindow() {
     for (QWidget* widget : QApplication::topLevelWidgets()) {
         if (widget->isVisible() && widget->windowType() == Qt::Window) {
@@ -52,15 +68,14 @@ QWidget* programWindow() {
 int Alert::runModal() const {
     QWidget* const window = programWindow();
     AlertBox box(mustBeAnswered, window);
-    // One order of buttons on every desktop, and the message above its explanation, as a headline.
-    box.setStyleSheet(
-        "* { button-layout: 0 } QLabel#qt_msgbox_label { font-weight: bold; min-width: 260px }");
+    box.setStyleSheet("* { button-layout: 0 }"); // one order on every desktop
     box.setWindowTitle(window == nullptr ? QString() : window->windowTitle());
     constexpr int kIconSize = 48;
     box.setIconPixmap(
         QApplication::windowIcon().pixmap(QSize(kIconSize, kIconSize), box.devicePixelRatioF()));
     box.setText(viewText(messageText));
     box.setInformativeText(viewText(informativeText));
+    arrange(box, !informativeText.empty());
     std::vector<QAbstractButton*> added;
     for (const std::string& label : buttons) {
         QPushButton* const button = box.addButton(viewText(label), QMessageBox::ActionRole);
