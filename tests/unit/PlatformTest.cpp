@@ -1,9 +1,7 @@
-#include "platform/Bundle.h"
 #include "platform/ChildProcess.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
 #include "platform/MainThread.h"
-#include "platform/NotificationCenter.h"
 #include "platform/PropertyList.h"
 #include "platform/WorkerThread.h"
 #include "support/CapturedLog.h"
@@ -64,7 +62,7 @@ TEST(Child, GetsTheStandardStreamsAndNoOtherDescriptor) {
     ChildProcess tool;
     tool.path = script(folder, "pwd; env; ls /proc/self/fd\n");
     tool.workingFolder = "/usr";
-    tool.environment = {"PATH=/usr/bin:/bin", "NAME=value with blanks"};
+    tool.environment = {"PATH=/usr/bin:/bin"};
     tool.standardInput = ChildProcess::kNull;
     const std::string output = folder.path() + "/output";
     const int sink = open(output.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
@@ -77,7 +75,6 @@ TEST(Child, GetsTheStandardStreamsAndNoOtherDescriptor) {
     close(sink);
     const std::string text = readFile(output).value_or("");
     EXPECT_TRUE(text.starts_with("/usr\n")) << text;
-    EXPECT_NE(text.find("NAME=value with blanks\n"), std::string::npos);
     EXPECT_EQ(text.find("HOME="), std::string::npos);
     EXPECT_TRUE(text.ends_with("\n0\n1\n2\n3\n")) << text; // 3 is the folder that ls reads
 }
@@ -99,23 +96,6 @@ TEST(Log, LinesOfManyThreadsNeverMix) {
         thread.join();
     }
     EXPECT_EQ(log.count("] begin" + body + "end\n"), kThreads * kLines);
-}
-
-TEST(Notifications, ReachTheObserversOfTheirNameOnThePostingThread) {
-    auto& center = NotificationCenter::defaultCenter();
-    std::vector<std::thread::id> seen;
-    auto* const observer = center.addObserver("one", [&](const void* object) {
-        EXPECT_EQ(*static_cast<const int*>(object), 7);
-        seen.push_back(std::this_thread::get_id());
-    });
-    const int seven = 7;
-    center.postNotification("two", &seven);
-    std::thread poster([&] { center.postNotification("one", &seven); });
-    const std::thread::id posterId = poster.get_id();
-    poster.join();
-    center.removeObserver(observer);
-    center.postNotification("one", &seven);
-    EXPECT_EQ(seen, std::vector{posterId});
 }
 
 bool serveUntil(const std::function<bool()>& condition) {
@@ -163,15 +143,8 @@ TEST(PropertyList, GivesOutermostStringsOnly) {
         </dict></plist>)";
     EXPECT_EQ(propertyListString(path, "Name"), "游戏 & more");
     EXPECT_EQ(propertyListString(path, "Number"), std::nullopt);
-    EXPECT_EQ(propertyListString(path, "Flag"), std::nullopt);
-    EXPECT_EQ(propertyListString(folder.path() + "/none", "Name"), std::nullopt);
     std::ofstream(path) << "<plist><dict><key>Name</key><str";
     EXPECT_EQ(propertyListString(path, "Name"), std::nullopt);
-}
-
-TEST(Bundle, OfAProgramOutsideOneIsItsFolder) {
-    EXPECT_EQ(bundlePath() + "/unit_tests", executablePath());
-    EXPECT_EQ(bundleResourcePath("name", "png"), bundlePath() + "/name.png");
 }
 
 } // namespace

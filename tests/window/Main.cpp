@@ -22,18 +22,8 @@ Window::~Window() {
     EXPECT_TRUE(QTest::qWaitFor([] { return WorkerThread::running() == 0; }, kDeadline));
 }
 
-std::vector<ImageButtonView*> Window::buttons() {
-    std::vector<ImageButtonView*> found;
-    for (QObject* const child : panel().children()) {
-        if (auto* const view = dynamic_cast<ImageButtonView*>(child)) {
-            found.push_back(view);
-        }
-    }
-    return found;
-}
-
 ImageButtonView& Window::button(const std::string& name) {
-    for (ImageButtonView* const view : buttons()) {
+    for (ImageButtonView* const view : subviews<ImageButtonView>()) {
         if (view->imageName() == name) {
             return *view;
         }
@@ -41,28 +31,9 @@ ImageButtonView& Window::button(const std::string& name) {
     throw std::runtime_error("no button " + name);
 }
 
-std::vector<TextField*> Window::labels() {
-    std::vector<TextField*> found;
-    for (QObject* const child : panel().children()) {
-        if (auto* const view = dynamic_cast<TextField*>(child)) {
-            found.push_back(view);
-        }
-    }
-    return found;
-}
-
-ProgressIndicator& Window::bar() {
-    for (QObject* const child : panel().children()) {
-        if (auto* const view = dynamic_cast<ProgressIndicator*>(child)) {
-            return *view;
-        }
-    }
-    throw std::runtime_error("no progress bar");
-}
-
 std::vector<std::string> Window::visibleButtons() {
     std::vector<std::string> names;
-    for (const ImageButtonView* const view : buttons()) {
+    for (const ImageButtonView* const view : subviews<ImageButtonView>()) {
         if (view->isVisible()) {
             names.push_back(view->imageName());
         }

@@ -44,9 +44,9 @@ TEST_F(Window, BuildsTheSecondScreenOnce) {
 
     // The hidden check box wears the background now, so a later start stops at the gate.
     EXPECT_FALSE(button("checkbox").getStatus());
-    const std::size_t views = buttons().size();
+    const std::size_t views = subviews<ImageButtonView>().size();
     panel().startDownload();
-    EXPECT_EQ(buttons().size(), views);
+    EXPECT_EQ(subviews<ImageButtonView>().size(), views);
     EXPECT_EQ(log_.count("CoreImageView startDownload url:"), 2);
     EXPECT_EQ(log_.count("WebStatic:Download Start"), 1);
 }

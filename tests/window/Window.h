@@ -19,10 +19,21 @@ class Window : public testing::Test {
     ~Window() override;
 
     [[nodiscard]] CoreImageView& panel() { return *controller_.contentViewController().panel(); }
-    [[nodiscard]] std::vector<ImageButtonView*> buttons();
     [[nodiscard]] ImageButtonView& button(const std::string& name);
-    [[nodiscard]] std::vector<TextField*> labels();
-    [[nodiscard]] ProgressIndicator& bar();
+    [[nodiscard]] std::vector<TextField*> labels() { return subviews<TextField>(); }
+    [[nodiscard]] ProgressIndicator& bar() { return *subviews<ProgressIndicator>().at(0); }
+
+    /// The panel's direct subviews of a class, in their order.
+    template <typename View>
+    [[nodiscard]] std::vector<View*> subviews() {
+        std::vector<View*> found;
+        for (QObject* const child : panel().children()) {
+            if (auto* const view = dynamic_cast<View*>(child)) {
+                found.push_back(view);
+            }
+        }
+        return found;
+    }
 
     /// The names of the image buttons that are shown, in their order.
     [[nodiscard]] std::vector<std::string> visibleButtons();
