@@ -128,10 +128,20 @@ def xdotool(*arguments):
     return done.stdout.strip() if done.returncode == 0 else None
 
 
+def geometry(window):
+    """Left, top, width and height of an X window, or None when it is gone."""
+    answer = subprocess.run(["xwininfo", "-id", window], capture_output=True, text=True, check=False).stdout
+    names = ("Absolute upper-left X", "Absolute upper-left Y", "Width", "Height")
+    found = [re.search(rf"{name}: +(-?[0-9]+)", answer) for name in names]
+    return tuple(int(value.group(1)) for value in found) if all(found) else None
+
+
 def window_called(title):
-    """The X window with this title that is on screen, or None."""
-    found = xdotool("search", "--onlyvisible", "--name", f"^{re.escape(title)}$")
-    return found.split()[-1] if found else None
+    """The X window with this title that is on screen, or None. A dialog bears its window's title: the
+    larger one is the window."""
+    found = (xdotool("search", "--onlyvisible", "--name", f"^{re.escape(title)}$") or "").split()
+    sizes = {window: geometry(window) for window in found}
+    return max(filter(sizes.get, found), key=lambda window: sizes[window][2] * sizes[window][3], default=None)
 
 
 def is_painted(window):
@@ -367,11 +377,7 @@ class Camera:
         window = window_called(title)
         if window is None:
             raise RoadBlocked(f"no window called {title} to take a picture of")
-        answer = subprocess.run(["xwininfo", "-id", window], capture_output=True, text=True, check=True).stdout
-        x, y, width, height = (
-            int(re.search(rf"{name}: +(-?[0-9]+)", answer).group(1))
-            for name in ("Absolute upper-left X", "Absolute upper-left Y", "Width", "Height")
-        )
+        x, y, width, height = geometry(window)
         left = right = top = bottom = 0
         if with_frame:
             answer = subprocess.run(
