@@ -83,9 +83,10 @@ class Downloader(Window):
 
     def point(self, name):
         """Puts the pointer on the middle of a button."""
+        # By its place in the window, which may learn late where the window manager has put it.
         x, y = self.wait_for(f"the button {name}", lambda: (lambda b: b and b.centre())(self.button(name)))
-        xdotool("mousemove", x, y)
-        return x, y
+        frame = Atspi.Component.get_extents(self.root().children()[0].node, Atspi.CoordType.SCREEN)
+        xdotool("mousemove", "--window", self.window(), x - frame.x, y - frame.y)
 
     def close_window(self):
         self.world.x.close_window(self.window())

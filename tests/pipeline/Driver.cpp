@@ -25,14 +25,8 @@ std::atomic<bool> tracing{false};
 Observer* observer = nullptr;
 
 void observe() {
-    // Once the event loop runs, the window is there.
-    QMetaObject::invokeMethod(
-        qApp,
-        [] {
-            static Observer theObserver(std::move(actions));
-            observer = &theObserver;
-        },
-        Qt::QueuedConnection);
+    static Observer theObserver(std::move(actions));
+    observer = &theObserver;
 }
 
 } // namespace

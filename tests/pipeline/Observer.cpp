@@ -11,7 +11,6 @@
 #include <QApplication>
 #include <QKeyEvent>
 #include <QMessageBox>
-#include <QTimer>
 
 #include <algorithm>
 #include <chrono>
@@ -21,6 +20,8 @@
 #endif
 
 namespace {
+
+constexpr std::chrono::milliseconds kInterval(2);
 
 [[noreturn]] void giveUp(const std::string& why) {
     trace::start();
@@ -79,7 +80,7 @@ ImageButtonView* findButton(const std::string& name) {
 Observer::Observer(std::vector<std::string> actions) : actions_(std::move(actions)) {
     std::reverse(actions_.begin(), actions_.end());
     qApp->installEventFilter(this);
-    look();
+    startTimer(kInterval);
 }
 
 void Observer::textWasSet(const TextField& label) {
@@ -108,10 +109,14 @@ bool Observer::eventFilter(QObject* object, QEvent* event) {
     return false;
 }
 
-void Observer::look() {
-    // Each look is a timer of its own: an action can open a dialog that goes on looking.
-    QTimer::singleShot(std::chrono::milliseconds(2), this, &Observer::look);
+void Observer::timerEvent(QTimerEvent* event) {
+    // Each look has a timer of its own: an action can open a dialog, and in its loop the looking goes on.
+    killTimer(event->timerId());
+    startTimer(kInterval);
+    look();
+}
 
+void Observer::look() {
     auto* const box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
     const bool underWay = WorkerThread::running() > 0;
     if (box == nullptr && underWay) {

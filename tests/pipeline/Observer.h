@@ -28,6 +28,7 @@ class Observer : public QObject {
 
   protected:
     bool eventFilter(QObject* object, QEvent* event) override;
+    void timerEvent(QTimerEvent* event) override;
 
   private:
     void look();

@@ -110,7 +110,7 @@ void placeOldCopy(Machine::OldCopy oldCopy) {
 }
 
 fs::path placeHome(const Machine& machine) {
-    const fs::path home = kFolder / machine.home;
+    fs::path home = kFolder / machine.home;
     fs::create_directories(home);
     for (const std::string& file : machine.homeFiles) {
         writeFile(home / file, "stale");
@@ -179,6 +179,14 @@ std::vector<std::string> linesOf(const fs::path& path, const std::string& home) 
     return lines;
 }
 
+// A user who is not root must be able to read what lies with the sources, wherever they are.
+void openTheWayTo(const fs::path& folder) {
+    for (fs::path path = folder; path.has_relative_path(); path = path.parent_path()) {
+        std::error_code ignored;
+        fs::permissions(path, fs::perms::others_exec, fs::perm_options::add, ignored);
+    }
+}
+
 // The program as it is shipped: a bundle with its pictures, and beside it the file that names the package.
 // In a folder that everybody can enter, whatever holds the build.
 void makeBundle() {
@@ -202,7 +210,7 @@ void makeProduct() {
 void startServer() {
     writeFile(kSupport / "documents/soft/package", "a package");
     ChildProcess server;
-    server.path = SAMPLE_SERVER;
+    server.path = PROJECT_FOLDER "/sample/serve";
     server.arguments = {"--background",
                         "--listen",
                         constants::kDownloadHost,
@@ -245,6 +253,7 @@ bool Stage::isInThrowAwayView() {
 Stage::Stage() {
     fs::create_directories(kSupport);
     fs::copy_file("/bin/rm", kSupport / "rm");
+    openTheWayTo(PROJECT_FOLDER);
     makeBundle();
     makeProduct();
     startServer();

@@ -32,7 +32,7 @@ struct FaultServer::Connection {
 
 namespace {
 
-constexpr std::size_t kBlock = 64 * 1024;
+constexpr std::size_t kBlock = 65'536;
 const std::string kLineEnd = "\r\n";
 
 std::string rangeOf(const std::string& request) {
@@ -77,7 +77,7 @@ std::string chunksOf(const std::string& body) {
         const std::string piece = body.substr(at, kBlock);
         char size[20];
         std::snprintf(size, sizeof size, "%zx", piece.size());
-        chunks += size + kLineEnd + piece + kLineEnd;
+        chunks.append(size).append(kLineEnd).append(piece).append(kLineEnd);
     }
     return chunks + "0" + kLineEnd + kLineEnd;
 }

@@ -15,11 +15,11 @@ constexpr std::int64_t kHalf = kMidBody;
 /// results, the probe's length, and how many bytes reach the file.
 struct Reading {
     const char* fault;
-    int probe;
+    std::int64_t probe;
     std::int64_t length;
-    int fresh;
+    std::int64_t fresh;
     std::int64_t freshBytes;
-    int resume;
+    std::int64_t resume;
     std::int64_t resumeBytes;
 };
 

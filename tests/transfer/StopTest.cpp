@@ -91,11 +91,10 @@ TEST_F(Stop, EndsEveryTransferThatRuns) {
     int results[] = {0, 0};
     const CapturedLog log;
     const RecordCollector panel;
-    std::vector<std::thread> workers;
-    for (int i = 0; i < 2; ++i) {
-        workers.emplace_back(
-            [&, i] { results[i] = CurlWrapper::SyncDownloadToFile(server_.url(), paths[i], 0); });
-    }
+    const auto fetch = [&](int i) {
+        results[i] = CurlWrapper::SyncDownloadToFile(server_.url(), paths[i], 0);
+    };
+    std::thread workers[] = {std::thread(fetch, 0), std::thread(fetch, 1)};
     EXPECT_TRUE(waitUntil([&] { return panel.bytes() == 2 * kMidBody; }));
     CurlWrapper::SyncStop(panel.token());
     server_.endStalls();
