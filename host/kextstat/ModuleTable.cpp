@@ -23,8 +23,9 @@ std::vector<Module> readList(std::ifstream& list) {
         std::string users;
         std::string state;
         // A driver that is still starting or already leaving does not serve anyone.
-        if (fields >> module.name >> module.bytes >> module.references >> users >> state && state == "Live")
+        if (fields >> module.name >> module.bytes >> module.references >> users >> state && state == "Live") {
             modules.push_back(std::move(module));
+        }
     }
     return modules;
 }
@@ -48,9 +49,10 @@ std::vector<Module> readFolder(const std::filesystem::path& folder) {
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
         // Drivers that are part of the kernel have no state.
         const std::string state = attribute(entry.path() / "initstate");
-        if (entry.is_directory() && (state.empty() || state == "live"))
+        if (entry.is_directory() && (state.empty() || state == "live")) {
             modules.push_back({entry.path().filename().string(), number(attribute(entry.path() / "coresize")),
                                number(attribute(entry.path() / "refcnt"))});
+        }
     }
     std::sort(modules.begin(), modules.end(),
               [](const Module& a, const Module& b) { return a.name < b.name; });
@@ -63,13 +65,15 @@ std::vector<Module> loadedModules(const Sources& sources) {
     errno = 0;
     std::ifstream list(sources.list);
     if (!list.is_open()) {
-        if (errno == ENOENT)
+        if (errno == ENOENT) {
             return readFolder(sources.folder);
+        }
         throw std::system_error(errno, std::generic_category(), "cannot read " + sources.list.string());
     }
     std::vector<Module> modules = readList(list);
-    if (list.bad())
+    if (list.bad()) {
         throw std::system_error(EIO, std::generic_category(), "cannot read " + sources.list.string());
+    }
     return modules;
 }
 
@@ -84,8 +88,9 @@ std::string table(const std::vector<Module>& modules, const std::optional<std::s
     std::size_t index = 0;
     for (const Module& module : modules) {
         ++index;
-        if (identifier && moduleName(*identifier) != moduleName(module.name))
+        if (identifier && moduleName(*identifier) != moduleName(module.name)) {
             continue;
+        }
         char figures[64];
         std::snprintf(figures, sizeof figures, "%5zu %4llu %10llu ", index,
                       static_cast<unsigned long long>(module.references),

@@ -36,14 +36,17 @@ int main(int argc, char** argv) try {
             std::fputs(kUsage, stdout);
             return EXIT_SUCCESS;
         }
-        if (argument != "-b")
+        if (argument != "-b") {
             return wrongUse("unknown argument");
-        if (++i == argc)
+        }
+        if (++i == argc) {
             return wrongUse("-b lacks its identifier");
+        }
         identifier = argv[i];
     }
-    if (identifier && kextstat::moduleName(*identifier).empty())
+    if (identifier && kextstat::moduleName(*identifier).empty()) {
         return wrongUse("the identifier names no driver");
+    }
     const std::string text = kextstat::table(kextstat::loadedModules({}), identifier);
     if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
         std::perror("kextstat: cannot write");

@@ -34,8 +34,9 @@ struct FreeEntry {
 using Writer = std::unique_ptr<archive, FreeWriter>;
 
 void expect(int result, archive* writer) {
-    if (result != ARCHIVE_OK)
+    if (result != ARCHIVE_OK) {
         throw std::runtime_error(archive_error_string(writer));
+    }
 }
 
 // A file that is removed again, however the program ends by its own doing.
@@ -59,17 +60,20 @@ std::unique_ptr<archive_entry, FreeEntry> makeEntry(const std::string& name, mod
 }
 
 void writeBytes(archive* writer, const char* bytes, std::size_t size) {
-    if (archive_write_data(writer, bytes, size) != static_cast<la_ssize_t>(size))
+    if (archive_write_data(writer, bytes, size) != static_cast<la_ssize_t>(size)) {
         throw std::runtime_error(archive_error_string(writer));
+    }
 }
 
 void writeFile(archive* writer, const fs::path& file) {
     std::ifstream in(file, std::ios::binary);
     std::vector<char> block(262144);
-    while (in.read(block.data(), static_cast<std::streamsize>(block.size())) || in.gcount() > 0)
+    while (in.read(block.data(), static_cast<std::streamsize>(block.size())) || in.gcount() > 0) {
         writeBytes(writer, block.data(), static_cast<std::size_t>(in.gcount()));
-    if (in.bad() || !in.eof())
+    }
+    if (in.bad() || !in.eof()) {
         throw std::runtime_error("cannot read " + file.string());
+    }
 }
 
 struct Contents {
@@ -91,20 +95,24 @@ Contents makePayload(const fs::path& folder, const fs::path& out) {
     Contents contents;
     for (const fs::path& path : paths) {
         struct stat status {};
-        if (lstat(path.c_str(), &status) != 0)
+        if (lstat(path.c_str(), &status) != 0) {
             throw std::runtime_error("cannot examine " + path.string());
+        }
         const bool isFile = S_ISREG(status.st_mode);
-        if (!isFile && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode))
+        if (!isFile && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode)) {
             throw std::runtime_error("neither a file, a folder nor a link: " + path.string());
+        }
         const bool runs = S_ISDIR(status.st_mode) || (status.st_mode & S_IXUSR) != 0;
         const auto entry =
             makeEntry("./" + path.lexically_relative(folder).string(),
                       (status.st_mode & S_IFMT) | (runs ? 0755 : 0644), isFile ? status.st_size : 0);
-        if (S_ISLNK(status.st_mode))
+        if (S_ISLNK(status.st_mode)) {
             archive_entry_copy_symlink(entry.get(), fs::read_symlink(path).c_str());
+        }
         expect(archive_write_header(writer.get(), entry.get()), writer.get());
-        if (isFile)
+        if (isFile) {
             writeFile(writer.get(), path);
+        }
         ++contents.files;
         contents.bytes += isFile ? static_cast<std::uintmax_t>(status.st_size) : 0;
     }

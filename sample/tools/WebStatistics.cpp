@@ -35,8 +35,9 @@ int main(int argc, char** argv) try {
         return 2;
     }
     std::string line = timeStamp();
-    for (int i = 1; i < argc; ++i)
+    for (int i = 1; i < argc; ++i) {
         line += std::string(" ") + argv[i];
+    }
     line += '\n';
 
     const std::filesystem::path folder = std::filesystem::path(home) / "Library/Logs/Pellomar";

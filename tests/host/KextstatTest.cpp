@@ -17,8 +17,9 @@ constexpr char kDriver[] = "com.norvik.emu.kext.VBoxDrv";
 std::vector<std::string> names(const std::vector<Module>& modules) {
     std::vector<std::string> all;
     all.reserve(modules.size());
-    for (const Module& module : modules)
+    for (const Module& module : modules) {
         all.push_back(module.name);
+    }
     return all;
 }
 
@@ -54,8 +55,9 @@ TEST(Kextstat, FallsBackToTheFolderOnlyWhereThereIsNoList) {
     const TemporaryFolder scratch;
     const Sources sources{scratch / "modules", scratch / "module"};
     EXPECT_THROW(loadedModules(sources), std::system_error);
-    for (const char* name : {"vboxdrv", "acpi", "coming"})
+    for (const char* name : {"vboxdrv", "acpi", "coming"}) {
         fs::create_directories(sources.folder / name);
+    }
     writeFile(sources.folder / "vboxdrv/initstate", "live\n");
     writeFile(sources.folder / "vboxdrv/coresize", "507904\n");
     writeFile(sources.folder / "vboxdrv/refcnt", "3\n");

@@ -15,8 +15,9 @@ namespace fs = std::filesystem;
 pid_t start(const std::vector<std::string>& command, int output, int errors) {
     std::vector<char*> arguments;
     arguments.reserve(command.size() + 1);
-    for (const std::string& argument : command)
+    for (const std::string& argument : command) {
         arguments.push_back(const_cast<char*>(argument.c_str()));
+    }
     arguments.push_back(nullptr);
     const pid_t process = fork();
     if (process == 0) {
@@ -42,8 +43,9 @@ Outcome run(const std::vector<std::string>& command) {
     const auto text = [](std::FILE* file) {
         std::string all;
         std::rewind(file);
-        for (int c = std::fgetc(file); c != EOF; c = std::fgetc(file))
+        for (int c = std::fgetc(file); c != EOF; c = std::fgetc(file)) {
             all += static_cast<char>(c);
+        }
         std::fclose(file);
         return all;
     };
@@ -81,10 +83,11 @@ std::map<std::string, std::string> snapshot(const fs::path& folder) {
         std::snprintf(mode, sizeof mode, "%o ", status.st_mode);
         std::string& text = all[entry.path().lexically_relative(folder).string()];
         text = mode;
-        if (entry.is_symlink())
+        if (entry.is_symlink()) {
             text += fs::read_symlink(entry.path()).string();
-        else if (entry.is_regular_file())
+        } else if (entry.is_regular_file()) {
             text += readFile(entry.path());
+        }
     }
     return all;
 }
