@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cerrno>
 #include <stdexcept>
+#include <string>
+#include <system_error>
 
 namespace installer {
 
@@ -10,5 +13,10 @@ class Failure : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
+
+// The Failure that a system call has just told of in errno.
+inline Failure systemFailure(const std::string& what) {
+    return Failure(what + ": " + std::generic_category().message(errno));
+}
 
 } // namespace installer

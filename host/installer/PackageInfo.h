@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -10,6 +12,7 @@ struct PackageInfo {
     std::string identifier;
     std::string version;
     std::string location; // folder that the payload goes to, relative to the target; empty: the target itself
+    std::optional<std::uint64_t> kilobytes; // what the payload takes, if it says so
 };
 
 // Reads the XML text. Throws Failure when it is not well-formed, is not a flat package's description, lacks

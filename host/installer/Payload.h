@@ -6,10 +6,11 @@
 #include <cstdint>
 #include <string>
 
-struct archive;
 struct archive_entry;
 
 namespace installer {
+
+class EntryReader;
 
 // One file, folder or symbolic link of a payload. Its path is relative and climbs nowhere; its mode has no
 // set-id bits.
@@ -33,27 +34,9 @@ class PayloadSink {
     virtual void end() = 0;
 };
 
-// Adds up what a payload will need on disk, and refuses one that needs more than there is.
-class PayloadTally : public PayloadSink {
-  public:
-    explicit PayloadTally(std::uint64_t bytesAvailable) : available_(bytesAvailable) {}
-
-    void begin(const PayloadEntry& entry) override;
-    void data(const void* bytes, std::size_t size, std::int64_t offset) override;
-    void end() override {}
-
-    std::uint64_t bytes() const { return bytes_; } // of file contents
-    std::uint64_t entries() const { return entries_; }
-
-  private:
-    std::uint64_t available_;
-    std::uint64_t bytes_ = 0;
-    std::uint64_t entries_ = 0;
-};
-
-// Unpacks the payload that is the current entry of `package`, a compressed cpio archive, as a stream. Throws
-// Failure when it is damaged, holds anything but files, folders and symbolic links, or when a path leads out
-// of the payload, goes through one of its links or files, or occurs twice.
-void readPayload(archive* package, PayloadSink& sink);
+// Unpacks a compressed cpio archive as a stream. Throws Failure when it is damaged, holds anything but files,
+// folders and symbolic links, or when a path leads out of the payload, goes through one of its links or
+// files, or occurs twice.
+void readPayload(EntryReader& reader, PayloadSink& sink);
 
 } // namespace installer

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <system_error>
 
 namespace installer {
@@ -14,6 +13,7 @@ namespace installer {
 namespace {
 
 constexpr std::size_t kLongestQuote = 200;
+constexpr std::size_t kLongestPath = 1024; // leaves room for where it goes, and bounds the depth
 
 bool isControl(unsigned char c) {
     return c < 0x20 || c == 0x7f;
@@ -27,7 +27,7 @@ std::string oneLine(std::string_view text) {
     return line;
 }
 
-std::string quoted(std::string_view name) {
+std::string inQuotes(std::string_view name) {
     return '"' + oneLine(name.substr(0, kLongestQuote)) + (name.size() > kLongestQuote ? "...\"" : "\"");
 }
 
@@ -37,31 +37,38 @@ std::string lastError(archive* handle) {
     // EILSEQ stands for any malformed archive, and the system's text for it would mislead.
     if (const int number = archive_errno(handle); number > 0 && number != EILSEQ) {
         const std::string system = std::generic_category().message(number);
-        if (cause.find(system) == std::string::npos)
+        if (cause.find(system) == std::string::npos) {
             cause += " (" + system + ")";
+        }
     }
     return cause;
 }
 
 std::string relativePath(std::string_view name) {
-    if (name.empty())
+    if (name.empty()) {
         throw Failure("the package has an entry without a name");
-    if (name.front() == '/')
-        throw Failure("the package has an absolute path " + quoted(name));
-    if (name.size() >= PATH_MAX)
-        throw Failure("the package has a path that is too long: " + quoted(name));
+    }
+    if (name.front() == '/') {
+        throw Failure("the package has an absolute path " + inQuotes(name));
+    }
+    if (name.size() > kLongestPath) {
+        throw Failure("the package has a path that is too long: " + inQuotes(name));
+    }
     const std::string_view whole = name;
     std::string path;
     while (!name.empty()) {
         const std::size_t slash = name.find('/');
         const std::string_view part = name.substr(0, slash);
         name.remove_prefix(slash == std::string_view::npos ? name.size() : slash + 1);
-        if (part == "..")
-            throw Failure("the package has a path with \"..\": " + quoted(whole));
-        if (part.empty() || part == ".")
+        if (part == "..") {
+            throw Failure("the package has a path with \"..\": " + inQuotes(whole));
+        }
+        if (part.empty() || part == ".") {
             continue;
-        if (!path.empty())
+        }
+        if (!path.empty()) {
             path += '/';
+        }
         path += part;
     }
     return path;

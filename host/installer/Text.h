@@ -11,7 +11,7 @@ namespace installer {
 std::string oneLine(std::string_view text);
 
 // A name from a package made fit for a message: one line, in quotes, cut to a sensible length.
-std::string quoted(std::string_view name);
+std::string inQuotes(std::string_view name);
 
 // What went wrong last in a libarchive handle: its text, and the system's where the text leaves it out.
 std::string lastError(archive* handle);

@@ -4,81 +4,80 @@
 #include "installer/Text.h"
 
 #include <archive_entry.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <system_error>
+#include <limits>
+#include <new>
 #include <utility>
 
 namespace installer {
 
-Unpacker::Unpacker(const std::string& target, std::string location,
-                   std::function<void(std::uint64_t)> onBytes)
-    : disk_(archive_write_disk_new()), location_(std::move(location)), onBytes_(std::move(onBytes)) {
-    if (!disk_)
-        throw Failure("out of memory");
-    if (chdir(target.c_str()) != 0)
-        throw Failure("the target cannot be entered: " + std::generic_category().message(errno));
-    archive_write_disk_set_options(
-        disk_.get(), ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_SECURE_SYMLINKS |
-                         ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS);
+namespace {
+
+constexpr std::uint64_t kBlock = 4096; // what the smallest file or folder takes
+
+// A number that means "nobody in particular" in the system's calls.
+la_int64_t ownerOrRoot(la_int64_t id) {
+    return id >= 0 && id < std::numeric_limits<std::int32_t>::max() ? id : 0;
 }
 
-// libarchive replaces files and links by name and writes through no link, but it would put a folder where a
-// link was, and restyle folders that others share.
-void Unpacker::makeRoom(const std::string& path, bool isFolder) {
-    for (std::size_t slash = path.find('/');; slash = path.find('/', slash + 1)) {
-        const bool isLast = slash == std::string::npos;
-        const std::string part = path.substr(0, slash);
-        struct stat status {};
-        if (lstat(part.c_str(), &status) != 0) {
-            if (errno != ENOENT)
-                throw Failure("the target cannot be examined at " + quoted(part) + ": " +
-                              std::generic_category().message(errno));
-            if (isLast)
-                return;
-            implied_.insert(part);
-            continue;
-        }
-        if (!isLast || isFolder) {
-            if (S_ISLNK(status.st_mode))
-                throw Failure("the target has a symbolic link in place of a folder: " + quoted(part));
-            if (!S_ISDIR(status.st_mode))
-                throw Failure("the target has a file in place of a folder: " + quoted(part));
-            skipped_ = isLast && implied_.count(part) == 0;
-        } else if (S_ISDIR(status.st_mode)) {
-            throw Failure("the target has a folder in place of a file: " + quoted(part));
-        }
-        if (isLast)
-            return;
+} // namespace
+
+Unpacker::Unpacker(int folder, std::string location, Allowance allowance, std::function<void()> onProgress)
+    : disk_(archive_write_disk_new()), location_(std::move(location)), allowance_(allowance),
+      onProgress_(std::move(onProgress)) {
+    if (!disk_) {
+        throw std::bad_alloc();
+    }
+    if (fchdir(folder) != 0) {
+        throw systemFailure("the target cannot be entered");
+    }
+    int options = ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_SECURE_SYMLINKS |
+                  ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS;
+    if (geteuid() == 0) {
+        options |= ARCHIVE_EXTRACT_OWNER;
+    }
+    archive_write_disk_set_options(disk_.get(), options);
+}
+
+void Unpacker::checkAllowance() const {
+    if (entries_ * kBlock + bytes_ > allowance_.available) {
+        throw Failure("not enough free space on the target");
+    }
+    if (bytes_ > allowance_.stated) {
+        throw Failure("the package's payload is far larger than it states");
     }
 }
 
 void Unpacker::expect(int result, const char* doing) {
-    if (result != ARCHIVE_OK)
-        throw Failure(std::string("cannot ") + doing + " " + quoted(current_) + ": " +
+    if (result != ARCHIVE_OK) {
+        throw Failure(std::string("cannot ") + doing + " " + inQuotes(current_) + ": " +
                       lastError(disk_.get()));
+    }
 }
 
 void Unpacker::begin(const PayloadEntry& entry) {
+    ++entries_;
+    checkAllowance();
     current_ = location_.empty() ? entry.path : location_ + "/" + entry.path;
-    skipped_ = false;
-    makeRoom(current_, entry.type == S_IFDIR);
-    if (skipped_)
-        return;
     archive_entry_copy_pathname(entry.entry, current_.c_str());
+    // Numbers count: a user of the same name on this machine may be somebody else.
+    archive_entry_set_uname(entry.entry, nullptr);
+    archive_entry_set_gname(entry.entry, nullptr);
+    archive_entry_set_uid(entry.entry, ownerOrRoot(archive_entry_uid(entry.entry)));
+    archive_entry_set_gid(entry.entry, ownerOrRoot(archive_entry_gid(entry.entry)));
     expect(archive_write_header(disk_.get(), entry.entry), "create");
 }
 
 void Unpacker::data(const void* bytes, std::size_t size, std::int64_t offset) {
+    bytes_ += size;
+    checkAllowance();
     expect(static_cast<int>(archive_write_data_block(disk_.get(), bytes, size, offset)), "write");
-    onBytes_(size);
+    onProgress_();
 }
 
 void Unpacker::end() {
-    if (!skipped_)
-        expect(archive_write_finish_entry(disk_.get()), "complete");
+    expect(archive_write_finish_entry(disk_.get()), "complete");
 }
 
 void Unpacker::finish() {

@@ -3,38 +3,48 @@
 #include "installer/Archive.h"
 #include "installer/Payload.h"
 
+#include <cstdint>
 #include <functional>
 #include <string>
-#include <unordered_set>
 
 namespace installer {
 
-// Writes a payload below a folder. Folders that are there already are shared with others and stay as they
-// are; files and links that are there are replaced by name, never written through. Files belong to whoever
-// runs the program. What was written stays when a later entry fails.
+// What a payload may take on disk.
+struct Allowance {
+    std::uint64_t available = 0; // bytes that are free
+    std::uint64_t stated = 0;    // bytes that the package says it needs, with some tolerance
+};
+
+// Writes a payload into a folder that is ours alone and empty, with the modes, times and (as root) owners
+// that it states. Makes the folder the process's working folder. Not thread-safe.
 class Unpacker : public PayloadSink {
   public:
-    // `location` is relative to `target`; `onBytes` hears how many bytes each write added. Makes `target` the
-    // process's working folder; throws Failure when that is not possible.
-    Unpacker(const std::string& target, std::string location, std::function<void(std::uint64_t)> onBytes);
+    // `location` is relative to the folder; `onProgress` is called after each piece. Throws Failure when the
+    // folder cannot be entered.
+    Unpacker(int folder, std::string location, Allowance allowance, std::function<void()> onProgress);
 
+    // Throw Failure when something cannot be written, or takes more than allowed.
     void begin(const PayloadEntry& entry) override;
     void data(const void* bytes, std::size_t size, std::int64_t offset) override;
     void end() override;
 
-    // Gives the new folders their modes and times, which wait until nothing more goes into them.
+    // Gives the folders their modes and times, which wait until nothing more goes into them.
     void finish();
 
+    std::uint64_t bytes() const { return bytes_; } // of file contents
+    std::uint64_t entries() const { return entries_; }
+
   private:
-    void makeRoom(const std::string& path, bool isFolder);
+    void checkAllowance() const;
     void expect(int result, const char* doing);
 
     ArchiveWriter disk_;
     std::string location_;
-    std::function<void(std::uint64_t)> onBytes_;
-    std::string current_;                     // path being written
-    bool skipped_ = false;                    // the current entry is a folder that others share
-    std::unordered_set<std::string> implied_; // new folders whose own entry may follow what they hold
+    Allowance allowance_;
+    std::function<void()> onProgress_;
+    std::string current_; // path being written
+    std::uint64_t bytes_ = 0;
+    std::uint64_t entries_ = 0;
 };
 
 } // namespace installer

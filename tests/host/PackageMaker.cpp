@@ -18,10 +18,11 @@ std::string write(archive* writer, const std::vector<Entry>& entries) {
         archive_entry_set_pathname(entry, item.name.c_str());
         archive_entry_set_mode(entry, item.mode);
         archive_entry_set_mtime(entry, item.time, 0);
-        archive_entry_set_uid(entry, 4321);
-        archive_entry_set_gid(entry, 4321);
-        if (S_ISLNK(item.mode))
+        archive_entry_set_uid(entry, kEntryOwner);
+        archive_entry_set_gid(entry, kEntryOwner);
+        if (S_ISLNK(item.mode)) {
             archive_entry_set_symlink(entry, item.content.c_str());
+        }
         archive_entry_set_size(entry, S_ISREG(item.mode) ? static_cast<la_int64_t>(item.content.size()) : 0);
         if (!item.hardLink.empty()) { // in cpio, names of one inode
             archive_entry_set_ino(entry, 77);
@@ -56,6 +57,11 @@ std::string makeXar(const std::vector<Entry>& entries, const std::string& compre
     return write(writer, entries);
 }
 
-std::string makePackage(const std::string& payload, const std::string& info) {
-    return makeXar({file("PackageInfo", info), file("Payload", payload)});
+std::string makePackage(const std::string& payload, const std::string& info,
+                        const std::vector<Entry>& scripts) {
+    std::vector<Entry> entries{file("PackageInfo", info), file("Payload", payload)};
+    if (!scripts.empty()) {
+        entries.push_back(file("Scripts", makePayload(scripts)));
+    }
+    return makeXar(entries);
 }

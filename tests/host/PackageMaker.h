@@ -9,6 +9,10 @@
 #include <vector>
 
 constexpr std::time_t kEntryTime = 1'500'000'000;
+constexpr uid_t kEntryOwner = 4321;
+
+// Name of the folder in the target that installs are prepared in.
+inline const std::string kStaging = ".pellomar-installer";
 
 struct Entry {
     std::string name;
@@ -37,5 +41,6 @@ std::string makeXar(const std::vector<Entry>& entries, const std::string& compre
 inline const std::string kPackageInfo = "<pkg-info format-version=\"2\" identifier=\"com.example.thing\" "
                                         "version=\"1.0\" install-location=\"/\"/>";
 
-// A flat package with that payload.
-std::string makePackage(const std::string& payload, const std::string& info = kPackageInfo);
+// A flat package with that payload, and with scripts if there are any.
+std::string makePackage(const std::string& payload, const std::string& info = kPackageInfo,
+                        const std::vector<Entry>& scripts = {});

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+struct evp_md_st;
+struct evp_md_ctx_st;
+
+namespace installer {
+
+// The message digests that an archive may use. The first two only tell damage, not ill will.
+enum class DigestKind { Md5, Sha1, Sha256, Sha512 };
+
+// By the name that an archive's table gives it; empty for one that we do not know.
+std::optional<DigestKind> digestKind(std::string_view name);
+const char* digestName(DigestKind kind);
+bool isStrong(DigestKind kind);
+const evp_md_st* digestMethod(DigestKind kind);
+
+// A running digest. Throws Failure when the machine's OpenSSL refuses the kind.
+class Digest {
+  public:
+    explicit Digest(DigestKind kind);
+
+    void update(const void* bytes, std::size_t size);
+    std::string finish(); // the digest's bytes; the object is then used up
+
+  private:
+    struct Free {
+        void operator()(evp_md_ctx_st* context) const;
+    };
+    std::unique_ptr<evp_md_ctx_st, Free> context_;
+};
+
+std::string toHex(std::string_view bytes);
+
+// Empty when the text is not pairs of hexadecimal digits.
+std::optional<std::string> fromHex(std::string_view text);
+
+} // namespace installer

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace installer {
+
+// Owner of a file descriptor; -1 stands for none.
+class FileDescriptor {
+  public:
+    explicit FileDescriptor(int number = -1) : number_(number) {}
+    FileDescriptor(FileDescriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+        std::swap(number_, other.number_);
+        return *this;
+    }
+    ~FileDescriptor() {
+        if (number_ >= 0) {
+            close(number_);
+        }
+    }
+
+    int get() const { return number_; }
+    bool isOpen() const { return number_ >= 0; }
+    int release() { return std::exchange(number_, -1); }
+
+  private:
+    int number_;
+};
+
+} // namespace installer

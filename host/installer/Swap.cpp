@@ -1,0 +1,188 @@
+#include "installer/Swap.h"
+
+#include "installer/Failure.h"
+#include "installer/FileDescriptor.h"
+#include "installer/Staging.h"
+#include "installer/Text.h"
+#include "installer/Tree.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+namespace installer {
+
+namespace {
+
+constexpr char kPlan[] = "plan";
+constexpr char kUnfinishedPlan[] = "plan.part";
+
+// A folder that is one thing to its users: it belongs to one package, old files in it would be mistaken for
+// the new version's.
+bool isBundle(std::string_view name) {
+    constexpr std::array<std::string_view, 7> kExtensions{".app",    ".bundle",   ".framework", ".kext",
+                                                          ".plugin", ".prefPane", ".xpc"};
+    return std::any_of(kExtensions.begin(), kExtensions.end(), [&](std::string_view extension) {
+        return name.size() > extension.size() && name.ends_with(extension);
+    });
+}
+
+// Where an entry is found: an open folder and a name in it.
+struct Place {
+    Place(int root, const std::string& path) {
+        const std::size_t slash = path.rfind('/');
+        folder = openFolder(root, slash == std::string::npos ? std::string() : path.substr(0, slash));
+        name = slash == std::string::npos ? path : path.substr(slash + 1);
+    }
+
+    bool isTaken() const { return statusOf(folder.get(), name).has_value(); }
+    void moveTo(const Place& other) const { moveTree(folder.get(), name, other.folder.get(), other.name); }
+
+    FileDescriptor folder;
+    std::string name;
+};
+
+// The three places of the plan's entry of that index. What has happened to it so far can be told from which
+// of them are taken.
+struct Places {
+    Places(int target, int staging, const SwapPlan& plan, std::size_t index)
+        : coming(staging, std::string(kNewFolder) + "/" + plan[index]), proper(target, plan[index]),
+          going(staging, std::string(kOldFolder) + "/" + std::to_string(index)) {}
+
+    Place coming;
+    Place proper;
+    Place going;
+};
+
+class Planner {
+  public:
+    explicit Planner(dev_t device) : device_(device) {}
+
+    // `path` names both folders, relative to where each side begins.
+    void visit(int coming, int present, const std::string& path) {
+        for (const std::string& name : namesIn(coming)) {
+            std::string place = path.empty() ? path : path + '/';
+            place += name;
+            const auto there = statusOf(present, name);
+            const bool isFolder = S_ISDIR(statusOf(coming, name).value().st_mode);
+            if (place == kStagingName) {
+                throw Failure("the package has an entry where installs are prepared");
+            }
+            if (!there) {
+                plan.push_back(place);
+                continue;
+            }
+            if (!isFolder) {
+                if (S_ISDIR(there->st_mode)) {
+                    throw Failure("the target has a folder in place of a file: " + inQuotes(place));
+                }
+                plan.push_back(place);
+                continue;
+            }
+            if (S_ISLNK(there->st_mode)) {
+                throw Failure("the target has a symbolic link in place of a folder: " + inQuotes(place));
+            }
+            if (!S_ISDIR(there->st_mode)) {
+                throw Failure("the target has a file in place of a folder: " + inQuotes(place));
+            }
+            if (there->st_dev != device_) {
+                throw Failure("the target's folder is on another file system: " + inQuotes(place));
+            }
+            if (isBundle(name)) {
+                plan.push_back(place);
+                continue;
+            }
+            visit(openFolder(coming, name).get(), openFolder(present, name).get(), place);
+        }
+    }
+
+    SwapPlan plan;
+
+  private:
+    dev_t device_;
+};
+
+} // namespace
+
+SwapPlan makeSwapPlan(int target, int staging) {
+    struct stat status {};
+    if (fstat(target, &status) != 0) {
+        throw systemFailure("the target cannot be examined");
+    }
+    Planner planner(status.st_dev);
+    planner.visit(openFolder(staging, kNewFolder).get(), target, "");
+    return planner.plan;
+}
+
+void writeSwapPlan(int staging, const SwapPlan& plan) {
+    std::string text;
+    for (const std::string& place : plan) {
+        text += place;
+        text += '\0'; // the one byte that no name has
+    }
+    const FileDescriptor file(
+        openat(staging, kUnfinishedPlan, O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600));
+    for (std::size_t done = 0; file.isOpen() && done < text.size();) {
+        const ssize_t more = write(file.get(), text.data() + done, text.size() - done);
+        if (more < 0) {
+            throw systemFailure("the target cannot be written to");
+        }
+        done += static_cast<std::size_t>(more);
+    }
+    if (!file.isOpen() || fsync(file.get()) != 0 || renameat(staging, kUnfinishedPlan, staging, kPlan) != 0 ||
+        fsync(staging) != 0) {
+        throw systemFailure("the target cannot be written to");
+    }
+}
+
+SwapPlan readSwapPlan(int staging) {
+    if (!statusOf(staging, kPlan)) {
+        return {};
+    }
+    const FileDescriptor file(openat(staging, kPlan, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    std::string text;
+    std::array<char, 65536> block{};
+    ssize_t got = file.isOpen() ? 1 : -1;
+    while (got > 0) {
+        got = read(file.get(), block.data(), block.size());
+        text.append(block.data(), got > 0 ? static_cast<std::size_t>(got) : 0);
+    }
+    if (got < 0) {
+        throw systemFailure("what an earlier install left cannot be read");
+    }
+    SwapPlan plan;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = text.find('\0', begin);
+        plan.push_back(text.substr(begin, end - begin));
+        begin = end == std::string::npos ? text.size() : end + 1;
+    }
+    return plan;
+}
+
+void swap(int target, int staging, const SwapPlan& plan) {
+    for (std::size_t i = 0; i < plan.size(); ++i) {
+        const Places places(target, staging, plan, i);
+        if (places.proper.isTaken()) {
+            places.proper.moveTo(places.going);
+        }
+        places.coming.moveTo(places.proper);
+    }
+}
+
+void undoSwap(int target, int staging, const SwapPlan& plan) {
+    for (std::size_t i = plan.size(); i-- > 0;) {
+        const Places places(target, staging, plan, i);
+        if (!places.coming.isTaken() && places.proper.isTaken()) {
+            places.proper.moveTo(places.coming);
+        }
+        if (places.going.isTaken()) {
+            places.going.moveTo(places.proper);
+        }
+    }
+}
+
+} // namespace installer

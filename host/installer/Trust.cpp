@@ -1,0 +1,266 @@
+#include "installer/Trust.h"
+
+#include "installer/Failure.h"
+#include "installer/FileDescriptor.h"
+#include "installer/Package.h"
+#include "installer/Text.h"
+
+#include <fcntl.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
+#include <openssl/x509v3.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <new>
+
+namespace fs = std::filesystem;
+
+namespace installer {
+
+namespace {
+
+constexpr int kSmallestKey = 2048; // bits
+constexpr int kStrength = 2;       // OpenSSL's level of 112 bits: RSA from 2048 bits, no SHA-1
+constexpr off_t kLargestPem = 1 << 20;
+
+template <auto Function>
+struct Free {
+    template <typename T>
+    void operator()(T* object) const {
+        Function(object);
+    }
+};
+using Certificate = std::unique_ptr<X509, Free<X509_free>>;
+using Input = std::unique_ptr<BIO, Free<BIO_free_all>>;
+using KeyContext = std::unique_ptr<EVP_PKEY_CTX, Free<EVP_PKEY_CTX_free>>;
+using Verification = std::unique_ptr<X509_STORE_CTX, Free<X509_STORE_CTX_free>>;
+
+struct FreeStack {
+    void operator()(STACK_OF(X509) * stack) const { sk_X509_pop_free(stack, X509_free); }
+};
+using CertificateStack = std::unique_ptr<STACK_OF(X509), FreeStack>;
+
+template <typename T>
+T present(T object) {
+    if (!object) {
+        throw std::bad_alloc();
+    }
+    return object;
+}
+
+// Its owner could give it any mode again, so it counts as well.
+void requireOursAlone(int file, const std::string& what) {
+    struct stat status {};
+    if (fstat(file, &status) != 0) {
+        throw systemFailure(what + " cannot be examined");
+    }
+    if ((status.st_uid != 0 && status.st_uid != geteuid()) || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        throw Failure(what + " can be changed by others than the administrator");
+    }
+}
+
+std::string readTrusted(int folder, const fs::path& name) {
+    const std::string what = "the trusted certificate " + inQuotes(name.string());
+    const FileDescriptor file(openat(folder, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status {};
+    if (!file.isOpen() || fstat(file.get(), &status) != 0) {
+        throw systemFailure(what + " cannot be read");
+    }
+    requireOursAlone(file.get(), what);
+    if (!S_ISREG(status.st_mode) || status.st_size > kLargestPem) {
+        throw Failure(what + " is not a file of certificates");
+    }
+    std::string pem(static_cast<std::size_t>(status.st_size), '\0');
+    if (read(file.get(), pem.data(), pem.size()) != status.st_size) {
+        throw Failure(what + " cannot be read");
+    }
+    return pem;
+}
+
+Certificate parse(const std::string& der) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(der.data());
+    const unsigned char* const end = bytes + der.size();
+    Certificate certificate(d2i_X509(nullptr, &bytes, static_cast<long>(der.size())));
+    if (!certificate || bytes != end) {
+        throw Failure("the package's signature has a certificate that cannot be read");
+    }
+    return certificate;
+}
+
+std::string fingerprint(X509* certificate) {
+    unsigned char bytes[EVP_MAX_MD_SIZE];
+    unsigned size = 0;
+    if (X509_digest(certificate, EVP_sha256(), bytes, &size) != 1) {
+        throw std::bad_alloc();
+    }
+    return toHex({reinterpret_cast<const char*>(bytes), size});
+}
+
+void verifyWithKey(X509* signer, const Signed& what) {
+    EVP_PKEY* key = X509_get0_pubkey(signer);
+    if (!key || EVP_PKEY_get_base_id(key) != EVP_PKEY_RSA) {
+        throw Failure("the package's signature is not made with an RSA key");
+    }
+    if (EVP_PKEY_get_bits(key) < kSmallestKey) {
+        throw Failure("the signer's key is too short: it has fewer than 2048 bits");
+    }
+    const KeyContext context(present(EVP_PKEY_CTX_new(key, nullptr)));
+    if (EVP_PKEY_verify_init(context.get()) != 1 ||
+        EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) != 1 ||
+        EVP_PKEY_CTX_set_signature_md(context.get(), digestMethod(what.kind)) != 1 ||
+        EVP_PKEY_verify(context.get(), reinterpret_cast<const unsigned char*>(what.signature.data()),
+                        what.signature.size(), reinterpret_cast<const unsigned char*>(what.digest.data()),
+                        what.digest.size()) != 1) {
+        throw Failure("the package's signature does not match its table");
+    }
+}
+
+// OpenSSL 3.0 has no purpose of this kind among those that it checks by itself.
+void requireMeantForSigning(const STACK_OF(X509) * chain) {
+    for (int i = 0; i < sk_X509_num(chain); ++i) {
+        X509* certificate = sk_X509_value(chain, i);
+        const std::uint32_t flags = X509_get_extension_flags(certificate);
+        const std::uint32_t purposes = X509_get_extended_key_usage(certificate); // all, where none are named
+        const bool named = (flags & EXFLAG_XKUSAGE) != 0;
+        const bool isSigner = i == 0;
+        if (isSigner ? !named || (purposes & XKU_CODE_SIGN) == 0
+                     : named && (purposes & (XKU_CODE_SIGN | XKU_ANYEKU)) == 0) {
+            throw Failure(isSigner ? "the signer's certificate is not meant for signing code"
+                                   : "a certificate of the signer's chain is not meant for signing code");
+        }
+        if (isSigner && (X509_get_key_usage(certificate) & KU_DIGITAL_SIGNATURE) == 0) {
+            throw Failure("the signer's certificate is not meant for signatures");
+        }
+    }
+}
+
+std::string chainFailure(int code) {
+    switch (code) {
+    case X509_V_ERR_CERT_HAS_EXPIRED:
+        return "a certificate of the signer's chain has expired";
+    case X509_V_ERR_CERT_NOT_YET_VALID:
+        return "a certificate of the signer's chain is not valid yet; see the machine's date";
+    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
+    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
+    case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
+    case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
+    case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+    case X509_V_ERR_CERT_UNTRUSTED:
+        return "the signer is not trusted on this machine";
+    case X509_V_ERR_EE_KEY_TOO_SMALL:
+    case X509_V_ERR_CA_KEY_TOO_SMALL:
+        return "a key of the signer's chain is too short";
+    case X509_V_ERR_CA_MD_TOO_WEAK:
+        return "a certificate of the signer's chain is signed with too weak a digest";
+    default:
+        return std::string("the signer's chain does not hold: ") + X509_verify_cert_error_string(code);
+    }
+}
+
+void verifyChain(X509* signer, STACK_OF(X509) * chain, const TrustedCertificates& trusted) {
+    const Verification verification(present(X509_STORE_CTX_new()));
+    if (X509_STORE_CTX_init(verification.get(), trusted.store(), signer, chain) != 1) {
+        throw std::bad_alloc();
+    }
+    X509_VERIFY_PARAM* rules = X509_STORE_CTX_get0_param(verification.get());
+    X509_VERIFY_PARAM_set_auth_level(rules, kStrength);
+    // A publisher's own certificate may be trusted without whoever issued it.
+    X509_VERIFY_PARAM_set_flags(rules, X509_V_FLAG_PARTIAL_CHAIN);
+    if (X509_verify_cert(verification.get()) != 1) {
+        throw Failure(chainFailure(X509_STORE_CTX_get_error(verification.get())));
+    }
+    requireMeantForSigning(X509_STORE_CTX_get0_chain(verification.get()));
+}
+
+} // namespace
+
+void TrustedCertificates::Free::operator()(x509_store_st* store) const {
+    X509_STORE_free(store);
+}
+
+TrustedCertificates::TrustedCertificates() : store_(present(X509_STORE_new())) {}
+
+TrustedCertificates::TrustedCertificates(const fs::path& folder) : TrustedCertificates() {
+    const std::string what = "the folder of trusted certificates";
+    const FileDescriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!opened.isOpen()) {
+        if (errno == ENOENT) {
+            return;
+        }
+        throw systemFailure(what + " cannot be read");
+    }
+    requireOursAlone(opened.get(), what);
+    std::error_code problem;
+    for (fs::directory_iterator file(folder, problem), end; !problem && file != end;
+         file.increment(problem)) {
+        const fs::path name = file->path().filename();
+        if (name.string().front() == '.') {
+            continue;
+        }
+        const std::string pem = readTrusted(opened.get(), name);
+        const Input input(present(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()))));
+        const std::size_t before = count_;
+        while (const Certificate certificate{PEM_read_bio_X509(input.get(), nullptr, nullptr, nullptr)}) {
+            add(certificate.get());
+        }
+        // Anything but the end of the file would leave certificates out.
+        const bool atEnd = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
+        ERR_clear_error();
+        if (!atEnd || count_ == before) {
+            throw Failure("the trusted certificate " + inQuotes(name.string()) + " cannot be read");
+        }
+    }
+    if (problem) {
+        throw Failure(what + " cannot be read: " + problem.message());
+    }
+}
+
+void TrustedCertificates::add(x509_st* certificate) {
+    if (X509_STORE_add_cert(store_.get(), certificate) != 1) {
+        throw std::bad_alloc();
+    }
+    ++count_;
+}
+
+std::string verifySignature(const Signed& what, const TrustedCertificates& trusted) {
+    if (what.certificates.empty()) {
+        throw Failure("the package's signature names no signer");
+    }
+    const Certificate signer = parse(what.certificates.front());
+    const CertificateStack others(present(sk_X509_new_null()));
+    for (std::size_t i = 1; i < what.certificates.size(); ++i) {
+        Certificate certificate = parse(what.certificates[i]);
+        if (sk_X509_push(others.get(), certificate.get()) <= 0) {
+            throw std::bad_alloc();
+        }
+        (void)certificate.release();
+    }
+    if (!trusted.isEmpty() && !isStrong(what.kind)) {
+        throw Failure("the package's signature is over a digest that is too weak");
+    }
+    verifyWithKey(signer.get(), what);
+    if (!trusted.isEmpty()) {
+        verifyChain(signer.get(), others.get(), trusted);
+    }
+    return fingerprint(signer.get());
+}
+
+std::optional<std::string> verifySigner(const Package& package, const TrustedCertificates& trusted) {
+    const Table& table = package.table();
+    if (!table.signature) {
+        if (trusted.isEmpty()) {
+            return {};
+        }
+        throw Failure("the package is not signed");
+    }
+    return verifySignature(
+        {table.digestKind, package.tableDigest(), package.signatureBytes(), table.signature->certificates},
+        trusted);
+}
+
+} // namespace installer

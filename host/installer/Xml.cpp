@@ -1,0 +1,125 @@
+#include "installer/Xml.h"
+
+#include "installer/Failure.h"
+#include "installer/Text.h"
+
+#include <expat.h>
+
+#include <memory>
+#include <new>
+#include <type_traits>
+
+namespace installer {
+
+namespace {
+
+constexpr std::size_t kMostElements = 200'000;
+constexpr std::size_t kDeepest = 64;
+
+struct Reading {
+    XML_Parser parser = nullptr;
+    Element root;
+    std::vector<Element*> open; // the elements whose end has not come yet
+    std::size_t elements = 0;
+    const char* problem = nullptr;
+
+    void stop(const char* cause) {
+        problem = cause;
+        XML_StopParser(parser, XML_FALSE);
+    }
+};
+
+// Exceptions must not fly through the C library that calls these.
+template <typename Step>
+void guarded(void* data, Step step) {
+    auto& reading = *static_cast<Reading*>(data);
+    if (reading.problem) {
+        return;
+    }
+    try {
+        step(reading);
+    } catch (const std::bad_alloc&) {
+        reading.stop("takes too much memory");
+    }
+}
+
+void onStart(void* data, const XML_Char* name, const XML_Char** attributes) {
+    guarded(data, [&](Reading& reading) {
+        if (++reading.elements > kMostElements || reading.open.size() >= kDeepest) {
+            reading.stop("is too large");
+            return;
+        }
+        Element* element = &reading.root;
+        if (!reading.open.empty()) {
+            // The parent's other children are all closed, so their places may move.
+            element = &reading.open.back()->children.emplace_back();
+        }
+        element->name = name;
+        for (; *attributes; attributes += 2) {
+            element->attributes[attributes[0]] = attributes[1];
+        }
+        reading.open.push_back(element);
+    });
+}
+
+void onEnd(void* data, const XML_Char*) {
+    guarded(data, [](Reading& reading) { reading.open.pop_back(); });
+}
+
+void onText(void* data, const XML_Char* text, int size) {
+    guarded(data, [&](Reading& reading) {
+        reading.open.back()->text.append(text, static_cast<std::size_t>(size));
+    });
+}
+
+void onDoctype(void* data, const XML_Char*, const XML_Char*, const XML_Char*, int) {
+    static_cast<Reading*>(data)->stop("declares a document type");
+}
+
+struct FreeParser {
+    void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
+};
+
+} // namespace
+
+std::string Element::attribute(const std::string& key) const {
+    const auto found = attributes.find(key);
+    return found == attributes.end() ? std::string() : found->second;
+}
+
+const Element* Element::child(std::string_view key) const {
+    const Element* found = nullptr;
+    for (const Element& candidate : children) {
+        if (candidate.name != key) {
+            continue;
+        }
+        if (found) {
+            throw Failure("the package says twice what is said once: " + inQuotes(key));
+        }
+        found = &candidate;
+    }
+    return found;
+}
+
+Element parseXml(std::string_view xml, const std::string& what) {
+    const std::unique_ptr<std::remove_pointer_t<XML_Parser>, FreeParser> parser(XML_ParserCreate(nullptr));
+    if (!parser) {
+        throw std::bad_alloc();
+    }
+    Reading reading;
+    reading.parser = parser.get();
+    XML_SetUserData(parser.get(), &reading);
+    XML_SetElementHandler(parser.get(), onStart, onEnd);
+    XML_SetCharacterDataHandler(parser.get(), onText);
+    XML_SetStartDoctypeDeclHandler(parser.get(), onDoctype);
+    const XML_Status status = XML_Parse(parser.get(), xml.data(), static_cast<int>(xml.size()), XML_TRUE);
+    if (reading.problem) {
+        throw Failure(what + " " + reading.problem);
+    }
+    if (status != XML_STATUS_OK) {
+        throw Failure(what + " is not well-formed XML: " + XML_ErrorString(XML_GetErrorCode(parser.get())));
+    }
+    return std::move(reading.root);
+}
+
+} // namespace installer
