@@ -1,0 +1,295 @@
+#include "PackageSigner.h"
+
+#include "installer/Failure.h"
+#include "installer/Package.h"
+#include "installer/Trust.h"
+
+#include <fcntl.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <new>
+
+namespace {
+
+using namespace installer;
+
+constexpr DigestKind kKind = DigestKind::Sha256;
+constexpr std::uint32_t kKindNumber = 3; // in a header
+
+struct CloseFile {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
+File openFile(const std::string& path) {
+    File file(std::fopen(path.c_str(), "rbe"));
+    if (!file) {
+        throw systemFailure("cannot open " + path);
+    }
+    return file;
+}
+
+void writeAll(int file, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t written = write(file, bytes.data(), bytes.size());
+        if (written < 0 && errno != EINTR) {
+            throw systemFailure("cannot write the package");
+        }
+        bytes.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
+    }
+}
+
+std::string digestOf(EntryReader& reader) {
+    Digest digest(kKind);
+    for (std::string_view block = reader.next(); !block.empty(); block = reader.next()) {
+        digest.update(block.data(), block.size());
+    }
+    return digest.finish();
+}
+
+std::string base64(const std::string& bytes) {
+    std::string text(4 * (bytes.size() / 3 + 1) + 1, '\0');
+    const int size =
+        EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                        reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
+    text.resize(static_cast<std::size_t>(size));
+    return text;
+}
+
+std::string der(X509* certificate) {
+    unsigned char* bytes = nullptr;
+    const int size = i2d_X509(certificate, &bytes);
+    if (size <= 0) {
+        throw std::bad_alloc();
+    }
+    std::string text(reinterpret_cast<char*>(bytes), static_cast<std::size_t>(size));
+    OPENSSL_free(bytes);
+    return text;
+}
+
+std::string escaped(const std::string& text) {
+    std::string xml;
+    for (const char c : text) {
+        switch (c) {
+        case '&':
+            xml += "&amp;";
+            break;
+        case '<':
+            xml += "&lt;";
+            break;
+        case '>':
+            xml += "&gt;";
+            break;
+        default:
+            xml += c;
+        }
+    }
+    return xml;
+}
+
+std::string element(const std::string& name, const std::string& text) {
+    return "<" + name + ">" + text + "</" + name + ">\n";
+}
+
+std::string extent(std::uint64_t offset, const char* lengthName, std::uint64_t length) {
+    return element("offset", std::to_string(offset)) + element(lengthName, std::to_string(length));
+}
+
+std::string checksum(const char* name, const std::string& digest) {
+    return "<" + std::string(name) + " style=\"" + digestName(kKind) + "\">" + toHex(digest) + "</" + name +
+           ">\n";
+}
+
+std::string bigEndian(std::uint64_t value, int bytes) {
+    std::string text;
+    for (int i = bytes - 1; i >= 0; --i) {
+        text += static_cast<char>(value >> (8 * i) & 0xff);
+    }
+    return text;
+}
+
+// The table's text for the package's files, whose bytes will lie one after another from `offset` on.
+std::string describeFiles(const Package& package, std::uint64_t offset) {
+    std::string xml;
+    std::vector<std::string> open; // folders whose element has not ended
+    std::size_t id = 0;
+    for (const Entry& entry : package.table().entries) {
+        if (entry.path.empty()) { // an extended attribute, of which the installer makes no use
+            continue;
+        }
+        while (!open.empty() && !entry.path.starts_with(open.back() + "/")) {
+            xml += "</file>\n";
+            open.pop_back();
+        }
+        const std::string name = entry.path.substr(open.empty() ? 0 : open.back().size() + 1);
+        xml += "<file id=\"" + std::to_string(++id) + "\">\n" + element("name", escaped(name)) +
+               element("type", entry.isFolder ? "directory" : "file");
+        if (entry.isFolder) {
+            open.push_back(entry.path);
+            continue;
+        }
+        if (entry.data) {
+            const Data& data = *entry.data;
+            xml += "<data>\n" + extent(offset, "length", data.stored.length) +
+                   element("size", std::to_string(data.size)) + "<encoding style=\"" + data.encoding +
+                   "\"/>\n" + checksum("archived-checksum", digestOf(*package.openAsStored(entry))) +
+                   checksum("extracted-checksum", digestOf(*package.open(entry))) + "</data>\n";
+            offset += data.stored.length;
+        }
+        xml += "</file>\n";
+    }
+    for (; !open.empty(); open.pop_back()) {
+        xml += "</file>\n";
+    }
+    return xml;
+}
+
+std::string makeTable(const Package& package, const Publisher& publisher, std::uint64_t digestSize,
+                      std::uint64_t signatureSize) {
+    std::string certificates;
+    for (const Certificate& certificate : publisher.certificates) {
+        certificates += element("X509Certificate", base64(der(certificate.get())));
+    }
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<xar>\n<toc>\n<checksum style=\"" +
+           std::string(digestName(kKind)) + "\">\n" + extent(0, "size", digestSize) +
+           "</checksum>\n<signature style=\"RSA\">\n" + extent(digestSize, "size", signatureSize) +
+           "<KeyInfo xmlns=\"http://www.w3.org/2000/09/xmldsig#\">\n<X509Data>\n" + certificates +
+           "</X509Data>\n</KeyInfo>\n</signature>\n" + describeFiles(package, digestSize + signatureSize) +
+           "</toc>\n</xar>\n";
+}
+
+std::string deflated(const std::string& text) {
+    uLongf size = compressBound(text.size());
+    std::string packed(size, '\0');
+    if (compress(reinterpret_cast<Bytef*>(packed.data()), &size, reinterpret_cast<const Bytef*>(text.data()),
+                 text.size()) != Z_OK) {
+        throw std::bad_alloc();
+    }
+    packed.resize(size);
+    return packed;
+}
+
+std::string signatureOver(const std::string& digest, EVP_PKEY* key) {
+    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(EVP_PKEY_CTX_new(key, nullptr),
+                                                                              EVP_PKEY_CTX_free);
+    std::string signature(static_cast<std::size_t>(EVP_PKEY_get_size(key)), '\0');
+    std::size_t size = signature.size();
+    if (!context || EVP_PKEY_sign_init(context.get()) != 1 ||
+        EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) != 1 ||
+        EVP_PKEY_CTX_set_signature_md(context.get(), digestMethod(kKind)) != 1 ||
+        EVP_PKEY_sign(context.get(), reinterpret_cast<unsigned char*>(signature.data()), &size,
+                      reinterpret_cast<const unsigned char*>(digest.data()), digest.size()) != 1 ||
+        size != signature.size()) {
+        throw Failure("the key cannot sign");
+    }
+    return signature;
+}
+
+// A file that appears under its name only when it is complete.
+class Output {
+  public:
+    explicit Output(const std::string& path)
+        : path_(path), unfinished_(path + ".part"),
+          file_(open(unfinished_.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0644)) {
+        if (!file_.isOpen()) {
+            throw systemFailure("cannot write the package");
+        }
+    }
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+    ~Output() { unlink(unfinished_.c_str()); }
+
+    int file() const { return file_.get(); }
+
+    void finish() {
+        if (fsync(file_.get()) != 0 || rename(unfinished_.c_str(), path_.c_str()) != 0) {
+            throw systemFailure("cannot write the package");
+        }
+    }
+
+  private:
+    std::string path_;
+    std::string unfinished_;
+    FileDescriptor file_;
+};
+
+} // namespace
+
+void FreeKey::operator()(evp_pkey_st* key) const {
+    EVP_PKEY_free(key);
+}
+
+void FreeCertificate::operator()(x509_st* certificate) const {
+    X509_free(certificate);
+}
+
+Publisher readPublisher(const std::string& keyFile, const std::vector<std::string>& certificateFiles) {
+    Publisher publisher;
+    publisher.key.reset(PEM_read_PrivateKey(openFile(keyFile).get(), nullptr, nullptr, nullptr));
+    if (!publisher.key || EVP_PKEY_get_base_id(publisher.key.get()) != EVP_PKEY_RSA) {
+        throw Failure("no RSA key that can be read is in " + keyFile);
+    }
+    for (const std::string& path : certificateFiles) {
+        const File file = openFile(path);
+        const std::size_t before = publisher.certificates.size();
+        while (Certificate certificate{PEM_read_X509(file.get(), nullptr, nullptr, nullptr)}) {
+            publisher.certificates.push_back(std::move(certificate));
+        }
+        ERR_clear_error(); // the end of the file counts as one
+        if (publisher.certificates.size() == before) {
+            throw Failure("no certificate that can be read is in " + path);
+        }
+    }
+    return publisher;
+}
+
+std::string signPackage(const std::string& in, const std::string& out, const Publisher& publisher) {
+    FileDescriptor file(open(in.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.isOpen()) {
+        throw systemFailure("cannot open " + in);
+    }
+    const Package package(std::move(file));
+    package.verifyEntries(false);
+
+    EVP_PKEY* key = publisher.key.get();
+    const std::string table =
+        makeTable(package, publisher, static_cast<std::uint64_t>(EVP_MD_get_size(digestMethod(kKind))),
+                  static_cast<std::uint64_t>(EVP_PKEY_get_size(key)));
+    const std::string packed = deflated(table);
+    Digest digest(kKind);
+    digest.update(packed.data(), packed.size());
+    Signed sealed{kKind, digest.finish(), {}, {}};
+    sealed.signature = signatureOver(sealed.digest, key);
+    TrustedCertificates trusted;
+    for (const Certificate& certificate : publisher.certificates) {
+        sealed.certificates.push_back(der(certificate.get()));
+    }
+    trusted.add(publisher.certificates.back().get());
+    std::string fingerprint = verifySignature(sealed, trusted); // as every installer will
+
+    Output output(out);
+    writeAll(output.file(), kMagic + bigEndian(kHeaderSize, 2) + bigEndian(1, 2) +
+                                bigEndian(packed.size(), 8) + bigEndian(table.size(), 8) +
+                                bigEndian(kKindNumber, 4));
+    writeAll(output.file(), packed + sealed.digest + sealed.signature);
+    for (const Entry& entry : package.table().entries) {
+        if (entry.path.empty() || !entry.data) {
+            continue;
+        }
+        const std::unique_ptr<EntryReader> reader = package.openAsStored(entry);
+        for (std::string_view block = reader->next(); !block.empty(); block = reader->next()) {
+            writeAll(output.file(), block);
+        }
+    }
+    output.finish();
+    return fingerprint;
+}

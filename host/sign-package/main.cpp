@@ -1,0 +1,42 @@
+// Signs a flat package, for whoever publishes it. Keys are read from files, so that none is ever seen on a
+// command line.
+#include "PackageSigner.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string_view>
+
+namespace {
+
+constexpr char kUsage[] =
+    "Usage: sign-package KEY CERTIFICATE [CHAIN...] IN OUT\n"
+    "\n"
+    "Writes the flat package IN to OUT, signed. All files but the packages are in PEM form.\n"
+    "\n"
+    "  KEY          the publisher's RSA key, of 2048 bits at least; its passphrase is asked for\n"
+    "  CERTIFICATE  the key's certificate, meant for signing code\n"
+    "  CHAIN        the certificates that lead from it to the one that installers trust, in this order\n"
+    "  --help       show this text\n";
+
+} // namespace
+
+int main(int argc, char** argv) try {
+    constexpr int kWrongUse = 2;
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    if (arguments.size() == 1 && arguments[0] == "--help") {
+        std::fputs(kUsage, stdout);
+        return EXIT_SUCCESS;
+    }
+    if (arguments.size() < 4) {
+        std::fputs(kUsage, stderr);
+        return kWrongUse;
+    }
+    const Publisher publisher = readPublisher(arguments[0], {arguments.begin() + 1, arguments.end() - 2});
+    const std::string fingerprint = signPackage(arguments.end()[-2], arguments.back(), publisher);
+    std::printf("sign-package: signed by %s\n", fingerprint.c_str());
+    return std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+} catch (const std::exception& problem) {
+    std::fprintf(stderr, "sign-package: %s\n", problem.what());
+    return EXIT_FAILURE;
+}
