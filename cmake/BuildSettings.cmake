@@ -18,6 +18,18 @@ if(PELLOMAR_SANITIZE)
   target_link_options(build_settings INTERFACE -fsanitize=${PELLOMAR_SANITIZE})
 endif()
 
+# Hardened in every preset, so that what is tested is what is shipped. FORTIFY needs the optimiser, and the
+# sanitizers do its work better.
+include(CheckPIESupported)
+check_pie_supported()
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+target_compile_options(build_settings INTERFACE -fstack-protector-strong -fstack-clash-protection)
+target_link_options(build_settings INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
+if(NOT PELLOMAR_SANITIZE)
+  target_compile_options(build_settings INTERFACE
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=3>)
+endif()
+
 find_program(CCACHE ccache)
 if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE}")
