@@ -40,10 +40,10 @@ find_sources() {
         \( -name '*.cpp' -o -name '*.h' \) -printf '%P\0')
 }
 
-build_preset() { # PRESET
+build_preset() { # PRESET [CMAKE-OPTION...]
     say "Building the preset $1"
     mkdir -p "$project/build"
-    if ! cmake -S "$project" --preset "$1" >"$project/build/configure.log" 2>&1; then
+    if ! cmake -S "$project" --preset "$@" >"$project/build/configure.log" 2>&1; then
         cat "$project/build/configure.log"
         fail "cmake --preset $1 failed"
     fi
