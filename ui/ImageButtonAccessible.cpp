@@ -2,6 +2,8 @@
 
 #include "ui/ImageButtonView.h"
 
+#include <QTimer>
+
 namespace {
 
 QAccessibleInterface* makeInterface(const QString& /*className*/, QObject* object) {
@@ -42,7 +44,8 @@ QStringList ImageButtonAccessible::actionNames() const {
 
 void ImageButtonAccessible::doAction(const QString& actionName) {
     if (actionName == pressAction()) {
-        button()->performClick();
+        // The reader waits for this call's end, which must not be that of a dialog that the press opens.
+        QTimer::singleShot(0, button(), [pressed = button()] { pressed->performClick(); });
     } else {
         QAccessibleWidget::doAction(actionName);
     }

@@ -83,7 +83,7 @@ class Display:
         reader, writer = os.pipe()
         self.processes.append(
             subprocess.Popen(
-                ["Xvfb", "-displayfd", str(writer), "-screen", "0", "1100x760x24", "-nolisten", "tcp"],
+                ["Xvfb", "-displayfd", str(writer), "-screen", "0", "1100x760x24", "-nolisten", "tcp", "-noreset"],
                 pass_fds=[writer],
                 stderr=subprocess.DEVNULL,
             )

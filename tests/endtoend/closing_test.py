@@ -70,7 +70,6 @@ class CloseButton(EndToEndTest):
 
     def installing(self):
         self.world.install_tools(world.held(world.QUICK_INSTALLER))
-        self.addCleanup(world.let_go)
         self.world.serve()
         program = self.start()
         program.wait_for_screen("正在安装Pellomar", BAR)

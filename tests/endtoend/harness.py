@@ -43,6 +43,9 @@ class EndToEndTest(unittest.TestCase):
         self.world.forget_requests()
         while self.programs:
             self.put_away(self.programs.pop())
+        # A tool that outlives its program would go on in the next test.
+        world.let_go()
+        wait_for("the end of the host's tools", lambda: not processes("installer") and not processes("kextstat"))
 
     def put_away(self, program):
         """Ends a program and removes its home; what it logged is shown if something was wrong with it."""

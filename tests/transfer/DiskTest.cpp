@@ -56,6 +56,15 @@ TEST_F(Disk, FileSizeLimitLosesNothing) {
     expectToGoOnWhere(path_, [&] { EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0); });
 }
 
+// A record of 0 bytes would say that the user stopped.
+TEST_F(Disk, NoRoomForASingleByteIsAFailure) {
+    const Outcome outcome =
+        onWorker([&] { return CurlWrapper::SyncDownloadToFile(server_.url(), "/dev/full", 0); });
+    EXPECT_EQ(outcome.result, CURLE_WRITE_ERROR);
+    expectBodyTransfer(outcome, Ending::Failed);
+    EXPECT_EQ(outcome.records.size(), 2U);
+}
+
 TEST_F(Disk, AFileThatCannotBeOpenedFailsBeforeAnythingIsAsked) {
     std::set<std::int64_t> tokens;
     const std::string paths[] = {folder_.path() + "/missing/Pellomar.tmp", folder_.path(), ""};
