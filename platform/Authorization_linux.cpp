@@ -1,26 +1,12 @@
 #include "platform/Authorization.h"
+#include "platform/Authorization_polkit_linux.h"
 #include "platform/Authorization_root_linux.h"
 
 #include <unistd.h>
 
-namespace {
-
-// A user who is not root has no way to rights here yet.
-struct RefusedAuthorization : AuthorizationOpaque {
-    OSStatus copyRights(const std::string& /*right*/, unsigned /*flags*/) override {
-        return errAuthorizationDenied;
-    }
-    OSStatus execute(const std::string& /*toolPath*/, const std::vector<std::string>& /*arguments*/,
-                     FILE** /*pipe*/) override {
-        return errAuthorizationDenied;
-    }
-};
-
-} // namespace
-
 OSStatus AuthorizationCreate(AuthorizationRef* authorization) {
-    *authorization = geteuid() == 0 ? makeRootAuthorization() : new RefusedAuthorization;
-    return errAuthorizationSuccess;
+    *authorization = geteuid() == 0 ? makeRootAuthorization() : makePolkitAuthorization();
+    return *authorization == nullptr ? errAuthorizationBadAddress : errAuthorizationSuccess;
 }
 
 OSStatus AuthorizationCopyRights(AuthorizationRef authorization, const std::string& right, unsigned flags) {
