@@ -1,0 +1,186 @@
+"""Administrator rights inside the throw-away view: the system bus, polkit, the rights mechanism with the
+files that its package installs, an ordinary user, an administrator with a password, and somebody who
+answers the password dialog.
+
+Every wait is for a condition and has a deadline.
+"""
+
+import os
+import pwd
+import shutil
+import subprocess
+import time
+from pathlib import Path
+
+ACTION = "com.norvik.PellomarDownloader"
+MECHANISM = Path("/usr/libexec/pellomar-downloader-rights")
+BUS_SERVICE = Path(f"/usr/share/dbus-1/system-services/{ACTION}.service")
+RULE = Path("/etc/polkit-1/rules.d/10-pellomar-downloader.rules")
+USER = "visitor"
+ADMINISTRATOR = "keeper"
+PASSWORD = "open sesame 芝麻开门"
+AGENT = Path("/usr/local/bin/pellomar-test-agent")
+
+
+def wait_until(what, condition, seconds=30.0):
+    """The first true value of CONDITION, asked again and again until the deadline."""
+    deadline = time.monotonic() + seconds
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise TimeoutError(f"{what}: not seen within {seconds:g} s")
+        time.sleep(0.01)
+
+
+def processes(executable):
+    """The process ids of the programs that run from this path, zombies not counted."""
+    found = []
+    for link in Path("/proc").glob("[0-9]*/exe"):
+        try:
+            if os.readlink(link).removesuffix(" (deleted)") == str(executable):
+                found.append(int(link.parent.name))
+        except OSError:
+            continue  # it ended meanwhile
+    return found
+
+
+def as_user(name):
+    """What subprocess needs to start something as this user, with that user's home."""
+    user = pwd.getpwnam(name)
+    environment = {"PATH": os.environ["PATH"], "HOME": user.pw_dir, "USER": name, "LANG": "C.UTF-8"}
+    for kept in ("DISPLAY", "XAUTHORITY", "WAYLAND_DISPLAY", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"):
+        if kept in os.environ:
+            environment[kept] = os.environ[kept]
+    return {"user": user.pw_uid, "group": user.pw_gid, "extra_groups": [], "env": environment}
+
+
+def add_users():
+    """An ordinary user without a right to anything, and an administrator with a password."""
+    for name, groups in ((USER, []), (ADMINISTRATOR, ["--groups", "sudo"])):
+        subprocess.run(["useradd", "--create-home", "--shell", "/bin/bash", *groups, name], check=True)
+    subprocess.run(["chpasswd"], input=f"{ADMINISTRATOR}:{PASSWORD}\n", text=True, check=True)
+
+
+class RightsStage:
+    """Installs the mechanism from a build and runs the system's side of the rights. LOG is a path that
+    receives what the bus and all that it starts print, the mechanism's journal lines among them."""
+
+    def __init__(self, project, build, log):
+        self.log = Path(log)
+        self.bus = None
+        self.polkit = None
+        packaging = Path(project) / "packaging"
+        shutil.copy(Path(build) / "host/rights" / MECHANISM.name, MECHANISM)
+        MECHANISM.chmod(0o755)
+        for source, target in (
+            (packaging / f"{ACTION}.service", BUS_SERVICE),
+            (packaging / f"{ACTION}.conf", Path(f"/usr/share/dbus-1/system.d/{ACTION}.conf")),
+            (packaging / f"{ACTION}.policy", Path(f"/usr/share/polkit-1/actions/{ACTION}.policy")),
+        ):
+            shutil.copyfile(source, target)
+            target.chmod(0o644)
+        shutil.copyfile(Path(project) / "scripts/lib/rights-agent", AGENT)
+        AGENT.chmod(0o755)
+
+    def start_bus(self):
+        Path("/run/dbus").mkdir(exist_ok=True)
+        with self.log.open("ab") as log:
+            self.bus = subprocess.Popen(
+                ["dbus-daemon", "--system", "--nofork", "--nopidfile"],
+                stdin=subprocess.DEVNULL,
+                stdout=log,
+                stderr=log,
+            )
+        wait_until("the system bus", lambda: self.has_owner("org.freedesktop.DBus"))
+
+    def start_polkit(self):
+        with self.log.open("ab") as log:
+            self.polkit = subprocess.Popen(
+                ["/usr/lib/polkit-1/polkitd", "--no-debug"], stdin=subprocess.DEVNULL, stdout=log, stderr=log
+            )
+        wait_until("polkit", lambda: self.has_owner("org.freedesktop.PolicyKit1"))
+
+    def start(self, rule=None):
+        """RULE is what polkit says without asking anybody: YES, NO, or None for the password dialog."""
+        RULE.unlink(missing_ok=True)
+        if rule is not None:
+            RULE.write_text(
+                "polkit.addRule(function(action, subject) {\n"
+                f'    if (action.id == "{ACTION}") return polkit.Result.{rule};\n'
+                "});\n"
+            )
+            RULE.chmod(0o644)
+        self.start_bus()
+        self.start_polkit()
+
+    def stop(self):
+        """Ends what was started, and what the bus has started."""
+        for process in (self.polkit, self.bus):
+            if process is not None and process.poll() is None:
+                process.kill()
+                process.wait()
+        for program in (MECHANISM, "/usr/lib/polkit-1/polkitd"):
+            wait_until(f"the end of {program}", lambda: not self.kill(program))
+        self.bus = self.polkit = None
+
+    @staticmethod
+    def kill(program):
+        """Kills the processes of a program, and tells which there were."""
+        found = processes(program)
+        for process in found:
+            try:
+                os.kill(process, 9)
+            except ProcessLookupError:
+                pass
+        return found
+
+    @staticmethod
+    def has_owner(name):
+        done = subprocess.run(
+            ["dbus-send", "--system", "--print-reply=literal", "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
+             "org.freedesktop.DBus.NameHasOwner", f"string:{name}"],
+            capture_output=True, text=True, check=False,
+        )  # fmt: skip
+        return "boolean true" in done.stdout
+
+    def mechanism(self):
+        """The process id of the running mechanism, or None."""
+        found = processes(MECHANISM)
+        return found[0] if found else None
+
+    def journal(self):
+        """The lines that the mechanism has written so far."""
+        text = self.log.read_text(errors="replace")
+        return [line for line in text.splitlines() if line.startswith(MECHANISM.name + ":")]
+
+
+class Agent:
+    """Answers the password dialogs of one process, as the user whose process it is. ANSWER is "right",
+    "wrong", "close" (the user closes the dialog) or "wait" (nobody answers)."""
+
+    def __init__(self, process, answer, user=USER):
+        self.output = Path(f"/run/pellomar-agent-{process}")
+        with self.output.open("wb") as output:
+            self.process = subprocess.Popen(
+                [str(AGENT), "--process", str(process), "--administrator", ADMINISTRATOR, "--answer", answer],
+                stdin=subprocess.PIPE,
+                stdout=output,
+                **as_user(user),
+            )
+        self.process.stdin.write(PASSWORD.encode() + b"\n")
+        self.process.stdin.flush()
+        wait_until("the authentication agent", lambda: "ready" in self.lines())
+
+    def lines(self):
+        return self.output.read_text().splitlines()
+
+    def asked(self):
+        """How often a dialog came up."""
+        return sum(line.startswith("asked") for line in self.lines())
+
+    def close(self):
+        self.process.kill()
+        self.process.wait()
+        self.process.stdin.close()

@@ -1,0 +1,518 @@
+#!/usr/bin/python3
+"""Administrator rights against the real system bus, polkit, PAM and mechanism, asked for by an ordinary user.
+
+Runs as root inside the throw-away view.
+"""
+
+import argparse
+import os
+import pwd
+import select
+import signal
+import subprocess
+import sys
+import unittest
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "scripts/lib"))
+from gi.repository import Gio, GLib  # noqa: E402
+import rights  # noqa: E402
+from rights import ACTION, BUS_SERVICE, MECHANISM, USER, Agent, RightsStage, wait_until  # noqa: E402
+
+SUCCESS, DENIED, CANCELED, NOT_STARTED, NOT_CREATED = "0", "-60005", "-60006", "-60031", "-60033"
+APPLICATION = Path("/Applications/Pellomar.app")
+SCRIPT = Path("/Library/Application Support/NorvikEmu/VirtualBoxStartup.sh")
+INSTALLER, KEXTSTAT = Path("/usr/sbin/installer"), Path("/usr/sbin/kextstat")
+PROBE = Path("/usr/local/bin/rights_probe")
+PACKAGE = Path(f"/home/{USER}/Downloads/NVInst/Pellomar.pkg")
+GO = Path("/run/go")
+STARTED = Path("/run/started")
+
+REMOVE = ("/bin/rm", "-rf", APPLICATION)
+INSTALL = (INSTALLER, "-pkg", PACKAGE, "-target", "/")
+QUERY = (KEXTSTAT, "-b", "com.norvik.emu.kext.VBoxDrv")
+RESTART = (SCRIPT, "restart")
+
+# What a tool finds around it, one line each.
+TELL = r"""#!/bin/bash
+echo "words $(tr '\0' '|' </proc/$$/cmdline)"
+echo "environment $(tr '\0' '|' </proc/$$/environ)"
+echo "user $UID umask $(umask) folder $PWD input $(readlink /proc/$$/fd/0)"
+for open in /proc/$$/fd/*; do
+    number=${open##*/}
+    if [[ $number -gt 2 && $number != 255 && -e $open ]]; then
+        echo "descriptor $number $(readlink "$open")"
+    fi
+done
+while read -r field value; do
+    if [[ $field == SigBlk: ]]; then
+        echo "blocked $value"
+    elif [[ $field == SigIgn: ]]; then
+        echo "ignores the broken pipe $((0x$value >> 12 & 1))"
+    fi
+done </proc/$$/status
+"""
+HOLD = """#!/bin/bash
+echo begun
+touch /run/started
+while [[ ! -e /run/go ]]; do sleep 0.02; done
+echo done
+"""
+DIE = "#!/bin/bash\necho working\nkill -SEGV $$\n"
+# A pipe takes 64 KiB: nobody has read any of it when the tool dies.
+FILL_AND_DIE = "#!/bin/bash\nhead -c 65536 /dev/zero | tr '\\0' x\ntouch /run/started\nkill -KILL $$\n"
+
+
+def make_tool(path, text):
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_text(text)
+    path.chmod(0o755)
+
+
+class Probe:
+    """A process of an ordinary user that makes the authorization calls it is told to make."""
+
+    def __init__(self, thread="worker", **environment):
+        start = rights.as_user(USER)
+        start["env"].update(environment)
+        self.process = subprocess.Popen(
+            [str(PROBE), thread], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, **start
+        )
+
+    def begin(self, verb, *words):
+        self.process.stdin.write(f"{verb} " + "\t".join(map(str, words)) + "\n" if words else f"{verb}\n")
+        self.process.stdin.flush()
+        self.verb = verb
+
+    def answer(self):
+        if not select.select([self.process.stdout], [], [], 30)[0]:
+            self.kill()
+            raise AssertionError(f"the probe hangs in {self.verb}")
+        line = self.process.stdout.readline().rstrip("\n")
+        if not line.startswith(self.verb + " "):
+            raise AssertionError(f"the probe ended in {self.verb}: {line!r}, {self.process.poll()}")
+        return line[len(self.verb) + 1 :]
+
+    def tell(self, verb, *words):
+        self.begin(verb, *words)
+        return self.answer()
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+
+    def close(self):
+        """Ends it by itself, for a sanitizer to have its say."""
+        self.process.stdin.close()
+        status = self.process.wait(30)
+        self.process.stdout.close()
+        if status not in (0, -signal.SIGKILL):
+            raise AssertionError(f"the probe ended with {status}")
+
+
+class Rights(unittest.TestCase):
+    """The system's side runs when a test begins; RULE is what polkit says without asking anybody."""
+
+    rule = None
+
+    def setUp(self):
+        for path in (GO, STARTED):
+            path.unlink(missing_ok=True)
+        for tool in (INSTALLER, KEXTSTAT, SCRIPT):
+            make_tool(tool, TELL)
+        (APPLICATION / "Contents").mkdir(parents=True, exist_ok=True)
+        STAGE.start(self.rule)
+        self.addCleanup(STAGE.stop)
+        self.first_line = len(STAGE.journal())
+
+    def probe(self, thread="worker", **environment):
+        probe = Probe(thread, **environment)
+        self.addCleanup(probe.close)
+        return probe
+
+    def agent(self, probe, answer):
+        agent = Agent(probe.process.pid, answer)
+        self.addCleanup(agent.close)
+        return agent
+
+    def authorized(self, thread="worker"):
+        probe = self.probe(thread)
+        self.assertEqual((probe.tell("create"), probe.tell("copy")), (SUCCESS, SUCCESS))
+        return probe
+
+    def refused(self):
+        """What the mechanism wrote about refusals in this test."""
+        return [line for line in STAGE.journal()[self.first_line :] if " refused " in line]
+
+    def kill_mechanism(self):
+        process = STAGE.mechanism()
+        self.assertIsNotNone(process)
+        os.kill(process, signal.SIGKILL)
+        wait_until("the end of the mechanism", lambda: STAGE.mechanism() is None)
+
+
+class WithoutServices(Rights):
+    def hide(self, path):
+        content = path.read_bytes()
+        path.unlink()
+        self.addCleanup(path.write_bytes, content)
+
+    def test_nothing_is_created_where_something_is_missing(self):
+        self.assertEqual(self.probe().tell("create"), SUCCESS)
+        STAGE.stop()
+        for thread in ("worker", "main"):
+            self.assertEqual(self.probe(thread).tell("create"), NOT_CREATED, "no bus")
+        self.hide(Path("/usr/share/dbus-1/system-services/org.freedesktop.PolicyKit1.service"))
+        STAGE.start_bus()
+        self.assertEqual(self.probe().tell("create"), NOT_CREATED, "no polkit")
+        STAGE.start_polkit()
+        self.assertEqual(self.probe().tell("create"), SUCCESS)
+        STAGE.kill(MECHANISM)
+        content = MECHANISM.read_bytes()
+        MECHANISM.unlink()
+        self.assertEqual(self.probe("main").tell("create"), NOT_CREATED, "no mechanism")
+        MECHANISM.write_bytes(content)
+        MECHANISM.chmod(0o755)
+        STAGE.stop()
+        self.hide(BUS_SERVICE)
+        STAGE.start()
+        self.assertEqual(self.probe().tell("create"), NOT_CREATED, "no service")
+
+
+class AllowedByRule(Rights):
+    rule = "YES"
+
+    def test_tools_run_as_root_in_clean_surroundings(self):
+        probe = self.authorized()
+        for tool, *arguments in (INSTALL, QUERY, RESTART):
+            self.assertEqual(probe.tell("execute", tool, *arguments), SUCCESS)
+            lines = probe.tell("read").rstrip("\t").split("\t")
+            words = "|".join(["/bin/bash", str(tool), *map(str, arguments)])
+            self.assertEqual(
+                lines,
+                [
+                    f"words {words}|",
+                    "environment PATH=/usr/sbin:/usr/bin:/sbin:/bin|LC_ALL=C|HOME=/root|",
+                    "user 0 umask 0022 folder / input /dev/null",
+                    "blocked 0000000000000000",
+                    "ignores the broken pipe 0",
+                ],
+            )
+        self.assertTrue(APPLICATION.exists())
+        self.assertEqual(probe.tell("execute", *REMOVE), SUCCESS)
+        self.assertEqual(probe.tell("read"), "")
+        self.assertFalse(APPLICATION.exists())
+        self.assertEqual(probe.tell("free"), SUCCESS)
+        self.assertEqual(self.refused(), [])
+
+    def test_an_authorization_is_one_connections_and_ends_with_it(self):
+        probe, other = self.authorized(), self.probe()
+        self.assertEqual(other.tell("create"), SUCCESS)
+        self.assertEqual(other.tell("execute", *QUERY), f"{DENIED} no pipe", "a process that was not asked for")
+        probe.tell("forget")
+        self.assertEqual(probe.tell("create"), SUCCESS)
+        self.assertEqual(probe.tell("execute", *QUERY), f"{DENIED} no pipe", "another connection of the process")
+        self.assertEqual(len(self.refused()), 2)
+        self.assertTrue(all("Error.NotAuthorized" in line for line in self.refused()), self.refused())
+
+    def test_a_tool_that_cannot_be_started(self):
+        probe = self.authorized()
+        for unusable in (KEXTSTAT.unlink, lambda: make_tool(KEXTSTAT, "#!/no/such/interpreter\n")):
+            unusable()
+            self.assertEqual(probe.tell("execute", *QUERY), f"{NOT_STARTED} no pipe")
+        make_tool(SCRIPT, TELL)
+        os.chown(SCRIPT.parent, pwd.getpwnam(USER).pw_uid, 0)
+        self.addCleanup(os.chown, SCRIPT.parent, 0, 0)
+        self.assertEqual(probe.tell("execute", *RESTART), f"{NOT_STARTED} no pipe", "others could change it")
+        self.assertEqual(len(self.refused()), 3)
+
+    def test_death_by_a_signal_is_said_in_the_output(self):
+        probe = self.authorized()
+        for (tool, *arguments), number in ((INSTALL, 11), (RESTART, 11)):
+            make_tool(tool, DIE)
+            self.assertEqual(probe.tell("execute", tool, *arguments), SUCCESS)
+            words = probe.tell("read").split("\t")
+            self.assertEqual(words[:2], ["working", ""])
+            self.assertIn(f"ended by signal {number}", words[2])
+            self.assertIn("Error", words[2])
+        make_tool(KEXTSTAT, FILL_AND_DIE)
+        self.assertEqual(probe.tell("execute", *QUERY), SUCCESS)
+        wait_until("the full pipe", STARTED.exists)
+        other = self.probe()
+        self.assertEqual((other.tell("create"), other.tell("copy")), (SUCCESS, SUCCESS), "a full pipe holds up nobody")
+        output = probe.tell("read")
+        self.assertTrue(output.startswith("x" * 65536 + "\t"), output[:80])
+        self.assertIn("Error - ended by signal 9", output)
+
+    def test_the_mechanism_killed_around_a_command(self):
+        probe = self.authorized()
+        self.kill_mechanism()
+        self.assertEqual(probe.tell("execute", *INSTALL), f"{DENIED} no pipe", "killed before the command")
+        self.assertEqual(probe.tell("free"), SUCCESS)
+
+        probe = self.authorized()
+        make_tool(INSTALLER, HOLD)
+        self.assertEqual(probe.tell("execute", *INSTALL), SUCCESS)
+        wait_until("the installer", STARTED.exists)
+        self.kill_mechanism()
+        probe.begin("read")
+        GO.touch()
+        self.assertEqual(probe.answer(), "begun\tdone\t", "killed during the command, which goes on")
+        self.assertEqual(probe.tell("execute", *QUERY), f"{DENIED} no pipe", "killed after a command")
+        self.assertEqual(probe.tell("free"), SUCCESS)
+        self.assertEqual(self.authorized().tell("execute", *QUERY), SUCCESS)
+
+    def test_it_leaves_when_idle_but_not_while_it_is_needed(self):
+        service = BUS_SERVICE.read_text()
+        self.addCleanup(BUS_SERVICE.write_text, service)
+        BUS_SERVICE.write_text(service.replace(str(MECHANISM), f"{MECHANISM} 1"))
+        STAGE.stop()
+        STAGE.start("YES")
+        probe = self.authorized()
+        process = STAGE.mechanism()
+        make_tool(KEXTSTAT, HOLD)
+        self.assertEqual(probe.tell("execute", *QUERY), SUCCESS)
+        GO.touch()
+        self.assertEqual(probe.tell("read"), "begun\tdone\t")
+        # Longer than it would stay without the authorization, and then as long with nothing but a tool.
+        subprocess.run(["sleep", "2.5"], check=True)
+        self.assertEqual(STAGE.mechanism(), process)
+        GO.unlink()
+        STARTED.unlink()
+        self.assertEqual(probe.tell("execute", *QUERY), SUCCESS)
+        wait_until("the tool", STARTED.exists)
+        probe.kill()
+        subprocess.run(["sleep", "2.5"], check=True)
+        self.assertEqual(STAGE.mechanism(), process)
+        GO.touch()
+        # Others come and go on the bus meanwhile, which is nothing to it.
+        wait_until("the mechanism's leaving", lambda: not STAGE.has_owner(ACTION))
+        wait_until("the mechanism's end", lambda: STAGE.mechanism() is None)
+
+
+class RefusedByRule(Rights):
+    rule = "NO"
+
+    def test_the_answer_is_denied_and_nothing_runs(self):
+        probe = self.probe()
+        agent = self.agent(probe, "right")
+        self.assertEqual((probe.tell("create"), probe.tell("copy")), (SUCCESS, DENIED))
+        self.assertEqual(probe.tell("execute", *REMOVE), f"{DENIED} no pipe")
+        self.assertTrue(APPLICATION.exists())
+        self.assertEqual(agent.asked(), 0)
+        self.assertEqual(len(self.refused()), 2)
+
+
+class Asked(Rights):
+    """A person decides, in the password dialog."""
+
+    def test_nobody_can_be_asked(self):
+        probe = self.probe()
+        self.assertEqual((probe.tell("create"), probe.tell("copy")), (SUCCESS, DENIED))
+        agent = self.agent(probe, "right")
+        self.assertEqual(probe.tell("copy-silently"), DENIED, "no interaction was allowed")
+        self.assertEqual(agent.asked(), 0)
+
+    def test_one_password_for_one_attempt_and_each_attempt_asks(self):
+        for thread in ("worker", "main"):
+            probe = self.probe(thread)
+            agent = self.agent(probe, "right")
+            for attempt, give_up in enumerate(("forget", "free", "free"), 1):
+                self.assertEqual(probe.tell("create"), SUCCESS)
+                self.assertEqual(probe.tell("copy").split()[0], SUCCESS)
+                self.assertEqual(probe.tell("copy").split()[0], SUCCESS, "what was obtained is not asked for again")
+                for command in (REMOVE, INSTALL, QUERY, RESTART):
+                    self.assertEqual(probe.tell("execute", *command), SUCCESS)
+                    probe.tell("read")
+                self.assertEqual(agent.asked(), attempt)
+                self.assertEqual(probe.tell(give_up), SUCCESS)
+            self.assertEqual([line for line in agent.lines() if "offered" in line], [])
+        self.assertIn("管理员", agent.lines()[1])
+
+    def test_the_wrong_password_and_a_closed_dialog(self):
+        for answer, code, outcome in (("wrong", DENIED, "failed"), ("close", CANCELED, "closed")):
+            probe = self.probe()
+            agent = self.agent(probe, answer)
+            for attempt in (1, 2):
+                self.assertEqual((probe.tell("create"), probe.tell("copy")), (SUCCESS, code))
+                self.assertEqual(probe.tell("execute", *QUERY), f"{DENIED} no pipe")
+                self.assertEqual(agent.lines().count(outcome), attempt)
+                self.assertEqual(probe.tell("free"), SUCCESS)
+
+    def wait_for_dialog(self, probe, copy="copy"):
+        agent = self.agent(probe, "wait")
+        self.assertEqual(probe.tell("create"), SUCCESS)
+        probe.begin(copy)
+        wait_until("the dialog", lambda: agent.asked() == 1)
+        return agent
+
+    def is_cancelled(self, agent):
+        wait_until("the dialog's end", lambda: "cancelled" in agent.lines())
+
+    def test_others_are_served_while_a_person_types(self):
+        typing = self.probe()
+        agent = self.wait_for_dialog(typing)
+        other = self.probe()
+        self.assertEqual((other.tell("create"), other.tell("copy")), (SUCCESS, DENIED))
+        third = self.probe()
+        self.agent(third, "right")
+        self.assertEqual((third.tell("create"), third.tell("copy")), (SUCCESS, SUCCESS))
+        self.assertEqual(third.tell("execute", *QUERY), SUCCESS)
+        self.assertEqual(agent.lines()[-1][:5], "asked")
+
+    def test_the_main_thread_serves_its_events_while_a_person_types(self):
+        probe = self.probe("main")
+        agent = self.agent(probe, "right")
+        self.assertEqual((probe.tell("create"), probe.tell("copy")), (SUCCESS, f"{SUCCESS} alive"))
+        self.assertEqual(agent.asked(), 1)
+
+    def test_a_program_that_is_quit_takes_its_dialog_along(self):
+        probe = self.probe("main")
+        agent = self.wait_for_dialog(probe, "copy-and-quit")
+        self.assertEqual(probe.answer(), f"{DENIED} alive")
+        self.is_cancelled(agent)
+
+    def test_a_program_that_is_killed_takes_its_dialog_and_its_rights_along(self):
+        probe = self.probe()
+        agent = self.wait_for_dialog(probe)
+        probe.kill()
+        self.is_cancelled(agent)
+        wait_until("the refusal", lambda: any("given up" in line for line in self.refused()))
+
+    def test_the_mechanism_killed_while_a_person_types(self):
+        for thread in ("worker", "main"):
+            probe = self.probe(thread)
+            agent = self.wait_for_dialog(probe)
+            self.kill_mechanism()
+            self.assertEqual(probe.answer().split()[0], DENIED)
+            self.is_cancelled(agent)
+
+    def test_polkit_killed_while_a_person_types(self):
+        probe = self.probe()
+        self.wait_for_dialog(probe)
+        STAGE.polkit.kill()
+        self.assertEqual(probe.answer(), DENIED)
+
+
+class OverTheBus(Rights):
+    """Callers that are no downloader of ours. Root is one that polkit allows everything."""
+
+    def setUp(self):
+        super().setUp()
+        self.bus = self.connect()
+
+    def connect(self):
+        address = Gio.dbus_address_get_for_bus_sync(Gio.BusType.SYSTEM)
+        flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
+        return Gio.DBusConnection.new_for_address_sync(address, flags)
+
+    def call(self, method, arguments=None, descriptors=(), interface=ACTION):
+        """The name of the error, or an empty text."""
+        try:
+            self.bus.call_with_unix_fd_list_sync(
+                ACTION, "/com/norvik/PellomarDownloader", interface, method, arguments, None, 0, 20000,
+                Gio.UnixFDList.new_from_array(list(descriptors)) if descriptors else None,
+            )  # fmt: skip
+        except GLib.Error as error:
+            return Gio.DBusError.get_remote_error(error).removeprefix(f"{ACTION}.Error.")
+        return ""
+
+    def execute(self, command, descriptor):
+        # The list closes what it is given.
+        arguments = GLib.Variant("(sash)", (str(command[0]), [str(word) for word in command[1:]], 0))
+        return self.call("Execute", arguments, [os.dup(descriptor)])
+
+    def test_released_rights_are_gone(self):
+        reader, writer = os.pipe()
+        self.addCleanup(os.close, reader)
+        self.addCleanup(os.close, writer)
+        self.assertEqual(self.execute(QUERY, writer), "NotAuthorized")
+        self.assertEqual(self.call("Authorize"), "")
+        self.assertEqual(self.execute(QUERY, writer), "")
+        self.assertEqual(self.call("Release"), "")
+        self.assertEqual(self.execute(QUERY, writer), "NotAuthorized")
+
+    def test_every_other_command_is_refused_with_one_line_each(self):
+        reader, writer = os.pipe()
+        self.addCleanup(os.close, reader)
+        self.assertEqual(self.call("Authorize"), "")
+        wrong = [
+            ("/bin/sh", "-c", "touch /run/started"),
+            ("/bin/rm", "-rf", "/Applications"),
+            ("/bin/rm", "-rf", APPLICATION, "/etc/passwd"),
+            ("/bin/rm",),
+            (INSTALLER, "-pkg", "Pellomar.pkg", "-target", "/"),
+            (INSTALLER, "-pkg", PACKAGE, "-target", "/"),  # the ordinary user's own
+            (SCRIPT, "start"),
+            (str(SCRIPT) + "\n" + MECHANISM.name + ": all is well", "restart"),
+        ]
+        for command in wrong:
+            self.assertEqual(self.execute(command, writer), "NotAllowed", command)
+        self.assertTrue(PACKAGE.exists() and APPLICATION.exists() and not STARTED.exists())
+        self.assertEqual(len(self.refused()), len(wrong))
+        self.assertEqual(len(STAGE.journal()) - self.first_line, len(wrong))
+        os.close(writer)
+        self.assertEqual(os.read(reader, 1), b"", "the mechanism keeps no end of a pipe")
+
+    def test_only_a_pipe_to_write_to_is_an_output(self):
+        self.assertEqual(self.call("Authorize"), "")
+        reader, writer = os.pipe()
+        with open("/run/some-file", "wb") as file, open("/dev/null", "wb") as null:
+            for output in (file.fileno(), null.fileno(), reader):
+                self.assertEqual(self.execute(QUERY, output), "NotAllowed")
+        self.assertEqual(Path("/run/some-file").read_bytes(), b"")
+        os.close(reader)
+        os.close(writer)
+
+    def test_calls_that_are_none(self):
+        self.assertEqual(self.call("Authorize", GLib.Variant("(s)", ("0",))), "org.freedesktop.DBus.Error.InvalidArgs")
+        self.assertEqual(self.call("Execute", GLib.Variant("(sas)", ("/bin/rm", []))), "org.freedesktop.DBus.Error.InvalidArgs")
+        self.assertEqual(self.call("Become"), "org.freedesktop.DBus.Error.UnknownMethod")
+        self.assertEqual(self.call("Authorize"), "")
+
+    def test_the_pipe_ends_with_the_tool(self):
+        self.assertEqual(self.call("Authorize"), "")
+        make_tool(KEXTSTAT, "#!/bin/bash\necho out\n")
+        reader, writer = os.pipe()
+        self.assertEqual(self.execute(QUERY, writer), "")
+        os.close(writer)
+        with os.fdopen(reader, "rb") as output:
+            self.assertEqual(output.read(), b"out\n")
+
+    def test_a_reader_who_is_gone(self):
+        self.assertEqual(self.call("Authorize"), "")
+        make_tool(KEXTSTAT, DIE)
+        reader, writer = os.pipe()
+        os.close(reader)
+        process = STAGE.mechanism()
+        self.assertEqual(self.execute(QUERY, writer), "")
+        os.close(writer)
+        self.assertEqual(self.call("Release"), "")
+        self.assertEqual(STAGE.mechanism(), process)
+
+
+def prepare(build):
+    rights.add_users()
+    subprocess.run(["install", "-m", "755", str(build / "tests/rights/rights_probe"), str(PROBE)], check=True)
+    user = pwd.getpwnam(USER)
+    PACKAGE.parent.mkdir(parents=True)
+    PACKAGE.write_text("xar!")
+    for path in (PACKAGE, *list(PACKAGE.parents)[:2]):
+        os.chown(path, user.pw_uid, user.pw_gid)
+
+
+if __name__ == "__main__":
+    if os.environ.get("PELLOMAR_VIEW") != "1":
+        sys.exit("rights_test.py: adds users and runs tools as root; runs only in the throw-away view")
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--project", type=Path, required=True)
+    parser.add_argument("--build", type=Path, required=True)
+    options, rest = parser.parse_known_args()
+    prepare(options.build)
+    STAGE = RightsStage(options.project, options.build, "/run/system.log")
+    program = unittest.main(argv=[sys.argv[0], *rest], exit=False, verbosity=2)
+    log = STAGE.log.read_text(errors="replace")
+    good = program.result.wasSuccessful() and "Sanitizer" not in log
+    if not good:
+        print(log)
+    sys.exit(not good)
