@@ -199,7 +199,8 @@ TrustedCertificates::TrustedCertificates(const fs::path& folder) : TrustedCertif
     for (fs::directory_iterator file(folder, problem), end; !problem && file != end;
          file.increment(problem)) {
         const fs::path name = file->path().filename();
-        if (name.string().front() == '.') {
+        // Hidden files, and versions that the package manager set aside: maybe an old publisher's.
+        if (name.string().front() == '.' || name.string().find(".dpkg-") != std::string::npos) {
             continue;
         }
         const std::string pem = readTrusted(opened.get(), name);

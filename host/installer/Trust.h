@@ -20,10 +20,10 @@ class Package;
 // own.
 class TrustedCertificates {
   public:
-    // Every file of the folder that is not hidden, in PEM form. No folder is an empty one. Throws Failure
-    // when anybody but the administrator (or whoever runs this program) could change the folder or a file in
-    // it, or when a file cannot be read: ignoring it could leave the folder empty, and an empty one demands
-    // nothing.
+    // Every file of the folder in PEM form, but for hidden ones and what dpkg set aside. No folder is an
+    // empty one. Throws Failure when anybody but the administrator (or whoever runs this program) could
+    // change the folder or a file in it, or when a file cannot be read: ignoring it could leave the folder
+    // empty, and an empty one demands nothing.
     explicit TrustedCertificates(const std::filesystem::path& folder);
 
     // None at all.

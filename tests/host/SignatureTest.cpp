@@ -358,6 +358,7 @@ TEST_F(Signing, TrustsOnlyAFolderThatNobodyElseCanChange) {
         {"a folder", [&] { fs::create_directory(extra); }, "not a file of certificates"},
         {"dangling link", [&] { fs::create_symlink("absent", extra); }, "cannot be read"},
         {"hidden file", [&] { writeFile(trusted / ".old", "publisher"); }, ""},
+        {"version set aside", [&] { writeFile(trusted / "publisher.pem.dpkg-old", "publisher"); }, ""},
         {"two in one file",
          [&] { trust(certificatePem(certify({.name = "other"})) + certificatePem(publisher)); }, ""},
     };
