@@ -82,7 +82,8 @@ const Lines kGoToForum = {"answer 立即前往"};
 const Lines kLaunching = {"status 正在启动Pellomar"};
 const Lines kLaunchedAtOnce = Lines{"event 826"} + kLaunching + Lines{"events submitted"};
 const Lines kLaunchedAfterRetry = Lines{"event 825"} + kLaunching + Lines{"events submitted"};
-const Lines kRefused = {"log Pre-auth failed", "status 获取权限失败，请重试", "show continueInsTall_button"};
+const Lines kRefused = {"log Could not create authorization reference object.", "log Pre-auth failed",
+                        "status 获取权限失败，请重试", "show continueInsTall_button"};
 const Lines kEnd = {"end"};
 
 const Lines kRuns = {"new Pellomar runs in ~"};
