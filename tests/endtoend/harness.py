@@ -1,125 +1,150 @@
-"""The base of the end-to-end tests, and how a file of them runs inside the throw-away view."""
+"""The built bundle on a desktop of its own inside the throw-away view, and a download server for it."""
 
-import argparse
 import contextlib
 import hashlib
-import itertools
 import os
-import re
 import shutil
+import subprocess
 import sys
+import tempfile
 import unittest
 from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "scripts/lib"))
-import world  # noqa: E402
-from downloader import Downloader, processes  # noqa: E402, F401
-from stage import running, wait_for, xdotool  # noqa: E402, F401
+PROJECT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(PROJECT / "scripts/lib"))
+from stage import WINDOW_TITLE, Atspi, Display, Session, Window, running, serve_sample, wait_for, xdotool  # noqa: E402
 
-CANNOT = 77
-SANITIZER_REPORT = re.compile(r"(Address|Leak)Sanitizer|ThreadSanitizer|runtime error: ")
+SCRATCH = Path("/tmp/endtoend")
+PACKAGE = SCRATCH / "documents/soft/Pellomar-sample.pkg"
+SMALL_DISK = SCRATCH / "small-disk"
+APPLICATION = Path("/Applications/Pellomar.app")
+ADDRESS = ("127.0.0.1", 18080)
 BAR = "下载进度"
 
 
+class Downloader(Window, contextlib.AbstractContextManager):
+    """A downloader with a disk image and a home of its own; nothing of it is left after its `with` block."""
+
+    def __init__(self, home="home"):
+        self.folder = Path(tempfile.mkdtemp(dir=SCRATCH))
+        self.disk = shutil.copytree(SCRATCH / "disk", self.folder / "disk")
+        self.config = self.disk / ".config"
+        self.executable = self.disk / "Pellomar下载器.app/Contents/MacOS/PellomarDownloader"
+        self.tool = self.executable.with_name("WebStatistics")
+        self.home = self.folder / home
+        self.home.mkdir()
+        self.inherited = self.folder / "stderr"
+        shutil.rmtree(APPLICATION, ignore_errors=True)
+
+    def open(self, *command):
+        environment = dict(os.environ, HOME=str(self.home), QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1")
+        with open(self.inherited, "wb") as errors:
+            self.process = subprocess.Popen(
+                [*command, self.executable], env=environment, stdin=subprocess.DEVNULL, stdout=errors, stderr=errors
+            )
+        self.wait_for("the window", self.windows)
+
+    def start(self, *command):
+        self.open(*command)
+        self.press("开始")
+
+    def __exit__(self, problem, *_):
+        if problem:
+            print(self.screen(), self.inherited.read_text(), self.log(), file=sys.stderr)
+        self.process.kill()
+        self.process.wait()
+        shutil.rmtree(self.folder)
+
+    def windows(self):
+        """The numbers of its windows on screen: a dialog bears its window's title."""
+        of_ours = ("--all", "--onlyvisible", "--pid", self.process.pid, "--name", f"^{WINDOW_TITLE}$")
+        return (xdotool("search", *of_ours) or "").split()
+
+    def close(self):
+        """Has the window manager ask every window of it to close, as a taskbar does."""
+        for window in self.windows():
+            subprocess.run(["wmctrl", "-i", "-c", window], check=True)
+
+    def press(self, name):
+        """Presses a button as a screen reader does."""
+        node = self.wait_for(f"the button {name}", lambda: self.button(name)).node
+        names = [Atspi.Action.get_action_name(node, i) for i in range(Atspi.Action.get_n_actions(node))]
+        Atspi.Action.do_action(node, names.index("Press"))
+
+    def screen(self):
+        """The names of the buttons, boxes and bars on screen, and every text."""
+        roles = ("push button", "check box", "progress bar")
+        return {item.name() for item in self.showing() if item.role() in roles}, self.labels()
+
+    def wait_for_screen(self, status, *controls):
+        """Waits until this text and exactly these controls show."""
+        self.wait_for(f"{status} with {controls}", lambda: self.says(status) and self.screen()[0] == set(controls))
+
+    def wait_for_percent(self, percent):
+        self.wait_for(f"{percent} percent", lambda: self.percent() >= percent)
+
+    def lines(self):
+        """The log without the hour and the process at the head of each line."""
+        return [line.split("] ", 1)[-1] for line in self.log().splitlines()]
+
+    def events(self):
+        """What the statistics tool was told, once no copy of it runs any more."""
+        wait_for("the end of the statistics tools", lambda: not running(str(self.tool)))
+        path = self.home / "Library/Logs/Pellomar/WebStatistics.log"
+        return [line.split(" ", 1)[1] for line in path.read_text().splitlines()] if path.exists() else []
+
+    def file(self, ending):
+        return self.home / f"Downloads/NVInst/Pellomar.{ending}"
+
+
+class Server(contextlib.AbstractContextManager):
+    """The sample's download server."""
+
+    def __init__(self, rate="0"):
+        self.folder = Path(tempfile.mkdtemp(dir=SCRATCH))
+        self.process = serve_sample(SCRATCH / "sample/serve", SCRATCH / "documents", self.folder, rate)
+
+    def requests(self, method):
+        lines = (self.folder / "logs/access.log").read_text().splitlines()
+        return [line for line in lines if f'"{method} ' in line]
+
+    def __exit__(self, *_):
+        self.process.terminate()
+        self.process.wait()
+
+
 class EndToEndTest(unittest.TestCase):
-    """Each test has a fresh disk image, a fresh home and no product on the machine."""
+    def assert_left(self, program):
+        self.assertEqual(program.process.wait(30), 0)
+        self.assertEqual(program.events().count("13"), 1)
 
-    world = None
-    homes = itertools.count(1)
+    def assert_launched(self, program):
+        self.assertEqual(program.process.wait(60), 0)
+        wait_for("the product", lambda: running(str(APPLICATION / "Contents/MacOS/Pellomar")))
 
-    def setUp(self):
-        self.programs = []
-        self.show_logs = False
-        self.problems_before = self.problems()
-        self.home = self.new_home()
-        self.world.fresh_disk()
-        if os.geteuid() == 0:
-            self.world.install_tools()
-            shutil.rmtree(world.APPLICATION, ignore_errors=True)
-            shutil.rmtree(world.FALLBACK.parent, ignore_errors=True)
-
-    def tearDown(self):
-        self.world.stop_serving()
-        self.world.forget_requests()
-        while self.programs:
-            self.put_away(self.programs.pop())
-        # A tool that outlives its program would go on in the next test.
-        world.let_go()
-        wait_for("the end of the host's tools", lambda: not processes("installer") and not processes("kextstat"))
-
-    def put_away(self, program):
-        """Ends a program and removes its home; what it logged is shown if something was wrong with it."""
-        program.kill()
-        log = program.log() + program.inherited.read_text(errors="replace")
-        shutil.rmtree(program.home, ignore_errors=True)
-        if self.show_logs or self.problems() > self.problems_before:
-            print(f"---- log of {self.id()}\n{log}----", file=sys.stderr)
-        self.assertNotRegex(log, SANITIZER_REPORT)
-
-    @contextlib.contextmanager
-    def row(self, **names):
-        """A row of a table: a subtest that starts afresh."""
-        with self.subTest(**names):
-            try:
-                yield
-            except BaseException:
-                self.show_logs = True
-                raise
-            finally:
-                self.tearDown()
-                self.setUp()
-
-    def problems(self):
-        result = self._outcome.result
-        return len(result.failures) + len(result.errors)
-
-    def new_home(self, name="home"):
-        home = self.world.scratch / f"{name}-{next(self.homes)}"
-        home.mkdir()
-        return home
-
-    def open(self, home=None, **options):
-        program = Downloader(self.world, home or self.home, **options)
-        self.programs.append(program)
-        return program
-
-    def start(self, **options):
-        """A downloader whose start button has been pressed."""
-        program = self.open(**options)
-        program.press("开始")
-        return program
-
-    def assert_closes(self, program, submits=1):
-        program.close_window()
-        self.assert_left(program, submits)
-        self.assertEqual(program.lines().count("window close"), 1)
-
-    def assert_left(self, program, submits=1):
-        self.assertEqual(program.exit_status(), 0)
-        self.assertEqual(program.events().count("13"), submits)
-
-    def assert_whole(self, path, original=None):
-        self.assertEqual(digest(path), digest(original or self.world.soft / "package.pkg"))
-
-
-def digest(path):
-    return hashlib.sha256(Path(path).read_bytes()).hexdigest()
+    def assert_whole(self, path):
+        self.assertEqual(hashlib.sha256(path.read_bytes()).digest(), hashlib.sha256(PACKAGE.read_bytes()).digest())
 
 
 def main(ordinary_user=False):
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--build", type=Path, required=True)
-    parser.add_argument("--server", required=True, help="the host:port that the build downloads from")
-    options, rest = parser.parse_known_args()
     if os.environ.get("PELLOMAR_VIEW") != "1":
-        print("changes the machine: runs only in the throw-away view", file=sys.stderr)
-        sys.exit(CANNOT)
-    if not re.fullmatch(r"127\.0\.0\.1:\d+", options.server):
-        print(f"this build downloads from {options.server}, where no test server can be", file=sys.stderr)
-        sys.exit(CANNOT)
-    EndToEndTest.world = world.World(options.build, options.server, ordinary_user)
-    try:
-        program = unittest.main(argv=[sys.argv[0], *rest], exit=False, verbosity=2, warnings="ignore")
-    finally:
-        EndToEndTest.world.close()
-    sys.exit(not program.result.wasSuccessful())
+        sys.exit("changes the machine: runs only in the throw-away view")
+    build = Path(sys.argv.pop(1))
+    shutil.copytree(build / "Pellomar下载器.app", SCRATCH / "disk/Pellomar下载器.app")
+    shutil.copy(build / ".config", SCRATCH / "disk")
+    shutil.copytree(build / "sample/soft", PACKAGE.parent)
+    shutil.copytree(PROJECT / "sample", SCRATCH / "sample")
+    for tool in ("installer", "kextstat"):
+        shutil.copy(build / "host" / tool / tool, "/usr/sbin")
+    SMALL_DISK.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=20m", "tmpfs", SMALL_DISK], check=True)
+    if ordinary_user:
+        nobody = 65534
+        subprocess.run(["chown", "-R", f"{nobody}:{nobody}", SCRATCH, "/run/user"], check=True)
+        os.setgroups([])
+        os.setgid(nobody)
+        os.setuid(nobody)
+    os.environ["HOME"] = str(SCRATCH)
+    # Whatever runs is left to the view, which ends with this process.
+    desktop = Session(subprocess.DEVNULL), Display(own=True)  # noqa: F841
+    unittest.main(verbosity=2, warnings="ignore")
