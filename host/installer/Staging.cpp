@@ -60,11 +60,11 @@ FileDescriptor takeStagingFolder(int target) {
 
 Staging::Staging(const std::string& target)
     : target_(openTarget(target)), folder_(takeStagingFolder(target_.get())) {
-    if (!isDone()) {
-        undo();
-    }
-    for (const std::string& name : namesIn(folder_.get())) {
-        removeTree(folder_.get(), name);
+    try {
+        settle();
+    } catch (const Failure& problem) {
+        throw Failure(std::string("what an earlier install left in ") + kStagingName +
+                      " cannot be put back: " + problem.what());
     }
 }
 
@@ -101,20 +101,23 @@ bool Staging::isDone() const {
     return statusOf(folder(), kDone).has_value();
 }
 
-void Staging::undo() const {
-    undoSwap(target(), folder(), readSwapPlan(folder()));
-}
-
-void Staging::close() {
+void Staging::settle() const {
     if (!isDone()) {
-        undo();
+        undoSwap(target(), folder(), readSwapPlan(folder()));
     }
-    // The mark goes last: without it, what is left would be put back.
+    // Without its plan, nothing would be undone again; without the mark, what is planned would be. So the one
+    // goes first, and the other last.
+    removeTree(folder(), kPlan);
     for (const std::string& name : namesIn(folder())) {
         if (name != kDone) {
             removeTree(folder(), name);
         }
     }
+    removeTree(folder(), kDone);
+}
+
+void Staging::close() const {
+    settle();
     removeTree(target(), kStagingName);
 }
 

@@ -42,10 +42,10 @@ class Staging {
 
     // Leaves the target as it was, unless the install counts, and removes the folder. Throws Failure when
     // something of the target could not be put back; it is then kept for another try.
-    void close();
+    void close() const;
 
   private:
-    void undo() const;
+    void settle() const; // leaves the folder empty
     void sync() const;
 
     FileDescriptor target_;

@@ -18,7 +18,6 @@ namespace installer {
 
 namespace {
 
-constexpr char kPlan[] = "plan";
 constexpr char kUnfinishedPlan[] = "plan.part";
 
 // A folder that is one thing to its users: it belongs to one package, old files in it would be mistaken for

@@ -9,6 +9,7 @@ namespace installer {
 
 constexpr char kNewFolder[] = "new"; // below the staging folder
 constexpr char kOldFolder[] = "old";
+constexpr char kPlan[] = "plan";
 
 // Places relative to the target: each is a file, a link, or a whole folder.
 using SwapPlan = std::vector<std::string>;

@@ -76,7 +76,7 @@ Request parse(int argc, char** argv) {
 }
 
 void run(const Request& request) {
-    installer::Staging staging(request.target);
+    const installer::Staging staging(request.target);
     const installer::Ending ending = installer::supervise([&] { install(request, staging); });
     const bool counts = staging.isDone(); // whatever happened to the worker after that
     try {

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 
 namespace {
@@ -55,10 +56,26 @@ class Atomicity : public Installer {
         EXPECT_EQ(after.count(kStaging), 0U);
     }
 
-    // Any later run, even one that fails, cleans up after one that was killed.
+    // Any later run, even one that fails, cleans up after one that was killed; once that is quite dead.
     void cleanUp() const {
-        expectOneErrorLine(run({INSTALLER_PROGRAM, "-pkg", scratch / "absent", "-target", target}), "opened");
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        Outcome outcome;
+        do {
+            outcome = run({INSTALLER_PROGRAM, "-pkg", scratch / "absent", "-target", target});
+        } while (outcome.output.find("under way") != std::string::npos &&
+                 std::chrono::steady_clock::now() < deadline);
+        expectOneErrorLine(outcome, "opened");
     }
+
+    // Runs the installer, with a fault in the `step`th call of that name in each of its processes.
+    Outcome traced(const std::string& call, const std::string& fault, int step) const {
+        std::vector<std::string> program = command();
+        program.insert(program.begin(), {"strace", "-f", "-o", "/dev/null", "-e", "trace=" + call, "-e",
+                                         "inject=" + call + ":" + fault + ":when=" + std::to_string(step)});
+        return run(program);
+    }
+
+    static bool canTrace() { return run({"strace", "-f", "-o", "/dev/null", "true"}).status == 0; }
 
     Snapshot before;
 };
@@ -151,13 +168,7 @@ TEST_F(Atomicity, TheWorkerSpeaksForASupervisorThatWasKilled) {
 // The swap takes nine moves, each of which is once the last, or fails in its own way.
 TEST_F(Atomicity, SurvivesAFaultAtEachStepOfTheSwap) {
     constexpr int kMoves = 9;
-    const auto traced = [](const std::string& fault, int step, std::vector<std::string> program) {
-        const std::string injection = "inject=renameat2:" + fault + ":when=" + std::to_string(step);
-        program.insert(program.begin(),
-                       {"strace", "-f", "-o", "/dev/null", "-e", "trace=renameat2", "-e", injection});
-        return run(program);
-    };
-    if (traced("error=EXDEV", 1, {"true"}).status != 0) {
+    if (!canTrace()) {
         GTEST_SKIP() << "no strace, or no permission to trace";
     }
     writeFile(packagePath, package());
@@ -165,7 +176,7 @@ TEST_F(Atomicity, SurvivesAFaultAtEachStepOfTheSwap) {
         for (int step = 1; step <= kMoves + 1; ++step) {
             SCOPED_TRACE(fault + " at move " + std::to_string(step));
             makeOld();
-            const Outcome outcome = traced(fault, step, command());
+            const Outcome outcome = traced("renameat2", fault, step);
             // A folder goes piece by piece where it cannot go whole; without the flag, there is a check.
             const bool isFolder = step == 1 || step == 2 || step == 3;
             const bool passes =
@@ -177,6 +188,31 @@ TEST_F(Atomicity, SurvivesAFaultAtEachStepOfTheSwap) {
             }
             cleanUp();
             ASSERT_EQ(snapshot(world), before);
+        }
+    }
+}
+
+// Cleaning up can be cut short as well, and must not take back what counts, or leave what does not.
+TEST_F(Atomicity, SurvivesAKillAtEachStepOfTheCleaning) {
+    if (!canTrace()) {
+        GTEST_SKIP() << "no strace, or no permission to trace";
+    }
+    for (const bool counts : {true, false}) {
+        writeFile(packagePath, package({script("postinstall", counts ? "exit 0" : "exit 3")}));
+        bool killed = true;
+        for (int step = 1; killed; ++step) {
+            SCOPED_TRACE("removal " + std::to_string(step) + (counts ? ", new" : ", old"));
+            ASSERT_LT(step, 60);
+            makeOld();
+            killed = traced("unlinkat", "signal=KILL", step).status == 128 + SIGKILL;
+            const bool begun = fs::exists(target / "top"); // some removals come before there is anything
+            cleanUp();
+            if (counts && begun) {
+                expectNew();
+            } else {
+                EXPECT_EQ(snapshot(world), before);
+            }
+            ASSERT_FALSE(HasFailure());
         }
     }
 }
