@@ -5,6 +5,7 @@
 #include "platform/Application.h"
 #include "platform/Bundle.h"
 #include "platform/MainThread.h"
+#include "platform/StandardStreams.h"
 #include "platform/Text.h"
 #include "ui/Leave.h"
 
@@ -13,6 +14,7 @@
 #include <QStyleFactory>
 
 int NSApplicationMain(int& argc, char** argv) {
+    occupyStandardStreams();
     QApplication application(argc, argv);
     QApplication::setApplicationName("PellomarDownloader");
     QGuiApplication::setDesktopFileName("pellomar-downloader");

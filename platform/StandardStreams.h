@@ -2,6 +2,10 @@
 
 #include <string>
 
+/// Puts the null device wherever one of the three standard streams was closed when the process started, so
+/// that no file or descriptor of ours comes to be where the log writes. First thing in the process.
+void occupyStandardStreams();
+
 /// Sends standard output and standard error to the file at `path`, each by an appending opening of its own
 /// (the file is made when missing); standard output then writes line by line, so that its lines and the
 /// log's stand in the order written. Where the file cannot be opened, or `path` is empty, both streams keep

@@ -17,6 +17,16 @@ void reopen(const std::string& path, FILE* stream) {
 
 } // namespace
 
+void occupyStandardStreams() {
+    int lowest = 0;
+    do {
+        lowest = open("/dev/null", O_RDWR);
+    } while (lowest >= 0 && lowest <= STDERR_FILENO);
+    if (lowest > STDERR_FILENO) {
+        close(lowest);
+    }
+}
+
 void redirectStandardStreams(const std::string& path) {
     if (path.empty()) {
         return;
