@@ -1,95 +1,182 @@
-// The program as it is, with an observer in front of its window. Log and statistics go to the trace, each
-// call at its exact place among what is seen and what the tools tell.
+// The program as it is, with a person in front of its window who does what the arguments say, one after the
+// other. What is seen, the log and the statistics go to one file, to which the tools add their calls.
+//
+//   NAME     when nothing is under way, presses the button of that name; in a dialog, the one that says so
+//   Escape, Return, close    types that key in the open dialog, or asks it to close
+//
+// When nothing is under way and nothing is left to do, the program ends.
 
 #include "app/MainInterface.h"
-#include "pipeline/Observer.h"
-#include "pipeline/Trace.h"
+#include "platform/Application.h"
 #include "platform/Log.h"
+#include "platform/WorkerThread.h"
 #include "report/WebStatic.h"
+#include "ui/ImageButtonView.h"
 #include "ui/TextField.h"
 
-#include <QCoreApplication>
+#include <QApplication>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTest>
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <atomic>
+#include <algorithm>
+#include <chrono>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
+#include <fstream>
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
 
 namespace {
 
-std::vector<std::string> actions;
-std::atomic<bool> tracing{false};
-Observer* observer = nullptr;
-
-void observe() {
-    static Observer theObserver(std::move(actions));
-    observer = &theObserver;
+// Each line in one write, so that those of several threads and tools stand in the order of what they tell.
+void trace(const std::string& line) {
+    std::ofstream("/tmp/pipeline/trace", std::ios::app) << line + '\n';
 }
+
+[[noreturn]] void end(const std::string& how) {
+    trace(how);
+#if defined(__SANITIZE_ADDRESS__)
+    if (__lsan_do_recoverable_leak_check() != 0) {
+        trace("leak");
+    }
+#endif
+    exitProcess(0);
+}
+
+// From left to right.
+std::vector<QPushButton*> buttonsOf(const QMessageBox& box) {
+    const QList<QPushButton*> found = box.findChildren<QPushButton*>();
+    std::vector<QPushButton*> buttons(found.begin(), found.end());
+    std::ranges::sort(buttons, {}, [](const QPushButton* button) { return button->x(); });
+    return buttons;
+}
+
+class Person : public QObject {
+  public:
+    explicit Person(std::vector<std::string> actions) : actions_(std::move(actions)) {
+        qApp->installEventFilter(this);
+        startTimer(kInterval);
+    }
+
+  protected:
+    bool eventFilter(QObject* object, QEvent* event) override {
+        if (event->type() == QEvent::Show || event->type() == QEvent::Hide) {
+            if (const auto* const button = dynamic_cast<ImageButtonView*>(object)) {
+                trace((event->type() == QEvent::Show ? "show " : "hide ") + button->imageName());
+            } else if (object == dialog_ && event->type() == QEvent::Hide) {
+                dialog_ = nullptr;
+                trace("dialog closed");
+            }
+        }
+        return false;
+    }
+    void timerEvent(QTimerEvent* event) override {
+        // Each look has a timer of its own: what is done can open a dialog, and then the looking must go on.
+        killTimer(event->timerId());
+        startTimer(kInterval);
+        look();
+    }
+
+  private:
+    void look() {
+        auto* const dialog = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        if (dialog == nullptr && WorkerThread::running() > 0) {
+            return;
+        }
+        if (dialog != nullptr && std::exchange(dialog_, dialog) != dialog) {
+            std::string line =
+                "dialog " + dialog->text().toStdString() + "|" + dialog->informativeText().toStdString();
+            for (const QPushButton* const button : buttonsOf(*dialog)) {
+                line += "|" + button->text().toStdString();
+            }
+            trace(line);
+        }
+        if (next_ == actions_.size()) {
+            end(dialog == nullptr ? "end" : "a dialog is left open");
+        }
+        const std::string& action = actions_[next_++];
+        trace("> " + action);
+        if (!(dialog == nullptr ? press(action) : answer(*dialog, action))) {
+            end("there is no " + action);
+        }
+    }
+
+    static bool press(const std::string& name) {
+        for (QWidget* const widget : QApplication::allWidgets()) {
+            auto* const button = dynamic_cast<ImageButtonView*>(widget);
+            if (button != nullptr && button->imageName() == name && button->isVisible()) {
+                button->performClick();
+                return true;
+            }
+        }
+        return false;
+    }
+
+    static bool answer(QMessageBox& dialog, const std::string& action) {
+        if (action == "close") {
+            dialog.close();
+            return true;
+        }
+        if (action == "Escape" || action == "Return") {
+            QTest::keyClick(dialog.focusWidget(), action == "Escape" ? Qt::Key_Escape : Qt::Key_Return);
+            return true;
+        }
+        const std::vector<QPushButton*> buttons = buttonsOf(dialog);
+        const auto found = std::ranges::find(buttons, QString::fromStdString(action), &QPushButton::text);
+        if (found != buttons.end()) {
+            (*found)->click();
+        }
+        return found != buttons.end();
+    }
+
+    static constexpr std::chrono::milliseconds kInterval{2};
+    const std::vector<std::string> actions_;
+    std::size_t next_ = 0;
+    QMessageBox* dialog_ = nullptr; ///< the one that was traced as open
+};
+
+std::vector<std::string> actions;
 
 } // namespace
 
 // No signal tells that a label's text was changed, so the linker leads the calls through here.
 void setStringValue(TextField* label, std::string_view text) __asm__("__real_" SET_STRING_VALUE);
-void setAndTell(TextField* label, std::string_view text) __asm__("__wrap_" SET_STRING_VALUE);
+void setAndTrace(TextField* label, std::string_view text) __asm__("__wrap_" SET_STRING_VALUE);
 
-void setAndTell(TextField* label, std::string_view text) {
+void setAndTrace(TextField* label, std::string_view text) {
+    const QString before = label->text();
     setStringValue(label, text);
-    if (observer != nullptr) {
-        observer->textWasSet(*label);
-    }
-}
-
-void trace::start() {
-    tracing = true;
-}
-
-void trace::add(std::string line) {
-    if (!tracing) {
+    if (label->text() == before) {
         return;
     }
-    for (std::size_t at = line.find('\n'); at != std::string::npos; at = line.find('\n', at)) {
-        line.replace(at, 1, "\\n");
+    const bool isSpeed = label->alignment().testFlag(Qt::AlignRight);
+    if (!isSpeed) {
+        trace("status " + label->text().toStdString());
+    } else if (text.empty()) {
+        trace("no speed"); // the figures depend on the clock
     }
-    line += '\n';
-    const int file = open(kFile, O_WRONLY | O_APPEND | O_CLOEXEC);
-    [[maybe_unused]] const ssize_t put = write(file, line.data(), line.size());
-    close(file);
 }
 
 void NSLog(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    char* text = nullptr;
-    const int length = vasprintf(&text, format, arguments);
+    trace("log " + QString::vasprintf(format, arguments).toStdString());
     va_end(arguments);
-    if (length < 0) {
-        return;
-    }
-    const std::string line = text;
-    free(text);
-    // The download worker says this when the install worker is off already.
-    if (!line.starts_with("SyncDownload Return Code")) {
-        trace::add("log " + line);
-    }
 }
 
 void executeWebStatic(const char* code) {
-    if (code == std::string("815")) {
-        trace::start();
-    }
-    trace::add(std::string("event ") + code);
+    trace(std::string("event ") + code);
 }
 
 void submitWebStatic() {
-    trace::add("events submitted");
+    trace("events submitted");
 }
 
 int main(int argc, char** argv) {
     actions.assign(argv + 1, argv + argc);
     int noArguments = 1;
-    qAddPreRoutine(observe);
+    qAddPreRoutine([] { static Person person(std::move(actions)); });
     return NSApplicationMain(noArguments, argv);
 }
