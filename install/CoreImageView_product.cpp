@@ -1,38 +1,17 @@
 #include "install/Product.h"
 #include "platform/ChildProcess.h"
-#include "platform/FileDescriptor.h"
 #include "platform/Log.h"
+#include "platform/Pipe.h"
 #include "platform/Workspace.h"
 #include "ui/CoreImageView.h"
 #include "ui/Leave.h"
 #include "ui/StatusTexts.h"
 
-#include <fcntl.h>
-
-#include <array>
-
-namespace {
-
-/// A pipe that nobody on our side reads or writes; both ends stay open while it lives.
-struct UnusedPipe {
-    FileDescriptor readEnd;
-    FileDescriptor writeEnd;
-
-    UnusedPipe() {
-        std::array<int, 2> ends{};
-        if (pipe2(ends.data(), O_CLOEXEC) == 0) {
-            readEnd = FileDescriptor(ends[0]);
-            writeEnd = FileDescriptor(ends[1]);
-        }
-    }
-};
-
-} // namespace
-
 void CoreImageView::killTovaniPlayer() {
-    const UnusedPipe input;
-    const UnusedPipe output;
-    const UnusedPipe errors;
+    // Nobody reads or writes on our side.
+    const Pipe input;
+    const Pipe output;
+    const Pipe errors;
     ChildProcess killall;
     killall.path = "/usr/bin/killall";
     killall.arguments = {kApplicationProcess};

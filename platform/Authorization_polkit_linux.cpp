@@ -3,6 +3,7 @@
 #include "host/rights/Protocol.h"
 #include "platform/FileDescriptor.h"
 #include "platform/MainThread.h"
+#include "platform/Pipe.h"
 
 #include <QEventLoop>
 #include <QSocketNotifier>
@@ -62,12 +63,7 @@ class PolkitAuthorization : public AuthorizationOpaque {
 
     OSStatus execute(const std::string& toolPath, const std::vector<std::string>& arguments,
                      FILE** pipe) override {
-        int ends[2];
-        if (pipe2(ends, O_CLOEXEC) != 0) {
-            return errAuthorizationToolExecuteFailure;
-        }
-        FileDescriptor readEnd(ends[0]);
-        FileDescriptor writeEnd(ends[1]);
+        Pipe output;
         Message message = newCall("Execute");
         int result = message == nullptr ? -1 : sd_bus_message_append(message.get(), "s", toolPath.c_str());
         if (result >= 0) {
@@ -77,22 +73,18 @@ class PolkitAuthorization : public AuthorizationOpaque {
             result = result < 0 ? result : sd_bus_message_append(message.get(), "s", argument.c_str());
         }
         if (result < 0 || sd_bus_message_close_container(message.get()) < 0 ||
-            sd_bus_message_append(message.get(), "h", writeEnd.get()) < 0) {
+            sd_bus_message_append(message.get(), "h", output.writeEnd.get()) < 0) {
             return errAuthorizationToolExecuteFailure;
         }
         const OSStatus status = call(message);
         // The tool's end of file is seen once its own end is the only one; the message holds another.
         message.reset();
-        writeEnd.reset();
+        output.writeEnd.reset();
         if (status != errAuthorizationSuccess) {
             return status;
         }
-        *pipe = fdopen(readEnd.get(), "r");
-        if (*pipe == nullptr) {
-            return errAuthorizationToolExecuteFailure;
-        }
-        [[maybe_unused]] const int nowTheStreams = readEnd.release();
-        return errAuthorizationSuccess;
+        *pipe = output.takeReadStream();
+        return *pipe == nullptr ? errAuthorizationToolExecuteFailure : errAuthorizationSuccess;
     }
 
   private:

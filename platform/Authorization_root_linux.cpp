@@ -1,10 +1,7 @@
 #include "platform/Authorization_root_linux.h"
 
 #include "platform/ChildProcess.h"
-#include "platform/FileDescriptor.h"
-
-#include <fcntl.h>
-#include <unistd.h>
+#include "platform/Pipe.h"
 
 namespace {
 
@@ -15,12 +12,7 @@ struct RootAuthorization : AuthorizationOpaque {
 
     OSStatus execute(const std::string& toolPath, const std::vector<std::string>& arguments,
                      FILE** pipe) override {
-        int ends[2];
-        if (pipe2(ends, O_CLOEXEC) != 0) {
-            return errAuthorizationToolExecuteFailure;
-        }
-        FileDescriptor readEnd(ends[0]);
-        FileDescriptor writeEnd(ends[1]);
+        Pipe output;
         ChildProcess tool;
         tool.path = toolPath;
         tool.arguments = arguments;
@@ -28,18 +20,13 @@ struct RootAuthorization : AuthorizationOpaque {
         tool.environment = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C", "HOME=/root"};
         tool.workingFolder = "/";
         tool.standardInput = ChildProcess::kNull;
-        tool.standardOutput = writeEnd.get();
+        tool.standardOutput = output.writeEnd.get();
         std::error_code failure;
-        if (tool.start(failure) < 0) {
+        if (!output.writeEnd.isOpen() || tool.start(failure) < 0) {
             return errAuthorizationToolExecuteFailure;
         }
-        writeEnd.reset();
-        *pipe = fdopen(readEnd.get(), "r");
-        if (*pipe == nullptr) {
-            return errAuthorizationToolExecuteFailure;
-        }
-        [[maybe_unused]] const int nowTheStreams = readEnd.release();
-        return errAuthorizationSuccess;
+        *pipe = output.takeReadStream();
+        return *pipe == nullptr ? errAuthorizationToolExecuteFailure : errAuthorizationSuccess;
     }
 };
 

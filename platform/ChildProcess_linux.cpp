@@ -1,5 +1,5 @@
 #include "platform/ChildProcess.h"
-#include "platform/FileDescriptor.h"
+#include "platform/Pipe.h"
 
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -33,11 +33,6 @@ class Launch {
         argumentTexts_.insert(argumentTexts_.begin(), child.path);
         arguments_ = pointers(argumentTexts_);
         environment_ = pointers(environmentTexts_);
-        int ends[2];
-        if (pipe2(ends, O_CLOEXEC) == 0) {
-            report_ = FileDescriptor(ends[0]);
-            reporter_ = FileDescriptor(ends[1]);
-        }
     }
 
     pid_t run(bool detached, std::error_code& failure) {
@@ -102,16 +97,16 @@ class Launch {
 
     void reportFailure() const {
         const int cause = errno;
-        [[maybe_unused]] const ssize_t put = write(reporter_.get(), &cause, sizeof cause);
+        [[maybe_unused]] const ssize_t put = write(report_.writeEnd.get(), &cause, sizeof cause);
     }
 
     // The pipe closes when the program is executed; a cause arrives on it when that failed.
     std::error_code awaitProgram() {
-        reporter_.reset();
+        report_.writeEnd.reset();
         int cause = 0;
         ssize_t count = 0;
         do {
-            count = read(report_.get(), &cause, sizeof cause);
+            count = read(report_.readEnd.get(), &cause, sizeof cause);
         } while (count < 0 && errno == EINTR);
         return count == sizeof cause ? std::error_code(cause, std::system_category()) : std::error_code();
     }
@@ -121,8 +116,7 @@ class Launch {
     std::vector<std::string> environmentTexts_;
     std::vector<char*> arguments_;
     std::vector<char*> environment_;
-    FileDescriptor report_;
-    FileDescriptor reporter_;
+    Pipe report_; // open until the program is executed
 };
 
 } // namespace

@@ -1,0 +1,32 @@
+#pragma once
+
+#include "platform/FileDescriptor.h"
+
+#include <fcntl.h>
+
+#include <array>
+#include <cstdio>
+
+/// Both ends of a pipe, neither passed on to child processes by itself. Neither is open where the system gave
+/// none.
+struct Pipe {
+    FileDescriptor readEnd;
+    FileDescriptor writeEnd;
+
+    Pipe() {
+        std::array<int, 2> ends{};
+        if (pipe2(ends.data(), O_CLOEXEC) == 0) {
+            readEnd = FileDescriptor(ends[0]);
+            writeEnd = FileDescriptor(ends[1]);
+        }
+    }
+
+    /// The read end as a stream, which owns it from then on; null where none could be made.
+    FILE* takeReadStream() {
+        FILE* const stream = fdopen(readEnd.get(), "r");
+        if (stream != nullptr) {
+            [[maybe_unused]] const int nowTheStreams = readEnd.release();
+        }
+        return stream;
+    }
+};
