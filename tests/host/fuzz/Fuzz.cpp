@@ -1,0 +1,102 @@
+// The fuzz targets' ways in; each target is built for one of them.
+#include "installer/Failure.h"
+#include "installer/Package.h"
+#include "installer/PackageInfo.h"
+#include "installer/Payload.h"
+#include "installer/Trust.h"
+
+#include <endian.h>
+#include <openssl/x509.h>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <set>
+
+namespace installer {
+
+struct Nowhere : PayloadSink {
+    void begin(const PayloadEntry& entry) override {
+        if (entry.path.empty() || entry.path.front() == '/' || entry.path.starts_with("..")) {
+            __builtin_trap();
+        }
+    }
+    void data(const void*, std::size_t, std::int64_t) override {}
+    void end() override {}
+};
+
+std::string assemble(const std::string& table, const std::string& heap) {
+    uLongf size = compressBound(table.size());
+    std::string packed(size, '\0');
+    compress(reinterpret_cast<Bytef*>(packed.data()), &size, reinterpret_cast<const Bytef*>(table.data()),
+             table.size());
+    packed.resize(size);
+    const std::uint64_t sizes[] = {htobe64(packed.size()), htobe64(table.size())};
+    Digest digest(DigestKind::Sha256);
+    digest.update(packed.data(), packed.size());
+    return std::string("xar!\0\x1c\0\1", 8).append(reinterpret_cast<const char*>(sizes), sizeof sizes) +
+           std::string("\0\0\0\3", 4) + packed + digest.finish() + heap;
+}
+
+// A package's file, or a table's text, a NUL and the heap behind the table's digest: put together here, since
+// no chance change would get a digest right.
+void fuzzPackage(std::string input) {
+    if (const std::size_t end = input.find('\0'); !input.starts_with(kMagic) && end != std::string::npos) {
+        input = assemble(input.substr(0, end), input.substr(end + 1));
+    }
+    FileDescriptor file(memfd_create("package", MFD_CLOEXEC));
+    (void)!write(file.get(), input.data(), input.size());
+    const Package package(std::move(file));
+    package.verifyEntries(false);
+    if (const Entry* info = package.find("PackageInfo")) {
+        parsePackageInfo(package.text(*info, 1 << 16));
+    }
+    if (const Entry* payload = package.find("Payload")) {
+        Nowhere sink;
+        readPayload(*package.open(*payload), sink);
+    }
+}
+
+// A header's bytes, or a table's text.
+void fuzzTable(const std::string& input) {
+    if (input.starts_with(kMagic)) {
+        parseHeader(input);
+        return;
+    }
+    const Table table = parseTable(input);
+    std::set<std::string> paths;
+    for (const Entry& entry : table.entries) {
+        const bool isFresh = entry.path.empty() || paths.insert(entry.path).second;
+        if (!isFresh || ("/" + entry.path + "/").find("/../") != std::string::npos) {
+            __builtin_trap();
+        }
+    }
+    accountsForAll(table, input.size());
+}
+
+// The digest, the signature and certificates, of which the last is trusted; each after its length in two
+// bytes.
+void fuzzSignature(const std::string& input) {
+    std::vector<std::string> parts;
+    for (std::size_t at = 0; at + 2 <= input.size() && parts.size() < 12; at += 2 + parts.back().size()) {
+        const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(input[i]); };
+        parts.push_back(input.substr(at + 2, byte(at) * 256U + byte(at + 1)));
+    }
+    parts.resize(std::max<std::size_t>(parts.size(), 3));
+    const auto* der = reinterpret_cast<const unsigned char*>(parts.back().data());
+    TrustedCertificates trusted;
+    if (X509* certificate = d2i_X509(nullptr, &der, static_cast<long>(parts.back().size()))) {
+        trusted.add(certificate);
+        X509_free(certificate);
+    }
+    verifySignature({DigestKind::Sha256, parts[0], parts[1], {parts.begin() + 2, parts.end()}}, trusted);
+}
+
+} // namespace installer
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) try {
+    installer::FUZZ_SUBJECT({reinterpret_cast<const char*>(data), size});
+    return 0;
+} catch (const installer::Failure&) {
+    return 0;
+}

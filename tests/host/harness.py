@@ -1,0 +1,64 @@
+"""What the tests of the tools share. Each takes the build folder first: install_test.py BUILD [-k PATTERN]"""
+
+import os
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+BUILD = Path(sys.argv.pop(1)).resolve()
+INSTALLER = BUILD / "host/installer/installer"
+
+
+def run(*command):
+    return subprocess.run(command, capture_output=True, text=True, check=False)
+
+
+def snapshot(folder):
+    """All that is below: path to mode and content."""
+
+    def content(path):
+        return os.readlink(path) if path.is_symlink() else path.read_text() if path.is_file() else None
+
+    return {str(path.relative_to(folder)): (oct(path.lstat().st_mode), content(path)) for path in folder.rglob("*")}
+
+
+class HostTest(unittest.TestCase):
+    """A target, and a place outside it: all that an installer could reach in a test."""
+
+    def setUp(self):
+        self.scratch = Path(self.enterContext(tempfile.TemporaryDirectory(prefix="host-")))
+        self.world, self.target, self.outside = (self.scratch / name for name in ("w", "w/target", "w/outside"))
+        self.trusted = self.scratch / "trusted"  # empty: unsigned packages are let through
+        for folder in (self.target, self.outside, self.trusted):
+            folder.mkdir(parents=True)
+        (self.outside / "kept").write_text("kept")
+        self.path = self.scratch / "恐怖 terror invalid.pkg"
+        self.command = (INSTALLER, "-pkg", self.path, "-target", self.target, "-trusted", self.trusted)
+
+    def install(self, package, *before):
+        self.path.write_bytes(package)
+        return run(*before, *self.command)
+
+    def assert_installed(self, outcome):
+        self.assertEqual(outcome.returncode, 0, outcome.stdout)
+        # This is how the caller tells failure from success.
+        self.assertNotRegex(outcome.stdout, "(?i)error|invalid")
+        self.assertIn("installer: The install was successful.\n", outcome.stdout)
+
+    def assert_refused(self, outcome, cause):
+        self.assertNotEqual(outcome.returncode, 0)
+        lines = re.findall("^installer: Error - .+$", outcome.stdout, re.MULTILINE)
+        self.assertEqual(len(lines), 1, outcome.stdout)
+        self.assertIn(cause, lines[0])
+        self.assertNotIn("successful", outcome.stdout)
+
+    def assert_all_refused(self, rows):
+        """Rows of a name, a package and the cause; the target stays as it is."""
+        before = snapshot(self.world)
+        for name, package, cause in rows:
+            with self.subTest(name):
+                self.assert_refused(self.install(package), cause)
+                self.assertEqual(snapshot(self.world), before)

@@ -1,0 +1,139 @@
+"""Only what the publisher signed."""
+
+import os
+import re
+import shutil
+import subprocess
+import time
+import unittest
+import zlib
+
+from harness import BUILD, HostTest, run, snapshot
+from packages import INFO, Publisher, archive, entry, file, pack, package, payload, xar
+
+SIGNER = BUILD / "host/sign-package/sign-package"
+PAYLOAD = payload(file("a", "words"))
+SCRIPTS = payload(file("postinstall", "#!/bin/sh\n", 0o755))
+CONTENTS = {"PackageInfo": INFO, "Scripts": SCRIPTS, "Extra": b"extra", "Payload": PAYLOAD}
+SWAP = """
+while :; do
+    cp evil next; mv next "$0"              # replaced
+    ln -s "$PWD/good" next; mv next "$0"    # linked
+    rm "$0"; cat good >"$0"; cat evil >"$0" # rewritten in place
+    echo >>count
+done"""
+SWAPS = 100  # of each kind
+
+
+class Signing(HostTest):
+    @classmethod
+    def setUpClass(cls):
+        cls.publisher, cls.root = Publisher("publisher"), Publisher("root", purpose=None)
+
+    def setUp(self):
+        super().setUp()
+        for number, trusted in enumerate((self.publisher, self.root)):
+            shutil.copy(trusted.certificate, self.trusted / str(number))
+
+    def by(self, *chain, name="signer", **wanted):
+        """Signed in the name of the chain's first, and with its certificates."""
+        return xar([Publisher(name, chain[0] if chain else None, **wanted), *chain], **CONTENTS)
+
+    def test_sound_signatures(self):
+        unsigned, signed = self.scratch / "unsigned.pkg", self.scratch / "signed.pkg"
+        unsigned.write_bytes(self.by())
+        for key, cause in ((self.root.key, "does not match"), (self.publisher.key, "")):
+            self.assertFalse(signed.exists())
+            self.assertIn(cause, run(SIGNER, key, self.publisher.certificate, unsigned, signed).stderr)
+        two_steps = self.by(Publisher("middle", self.root, purpose=None))
+        for name, sound in (("by the tool", signed.read_bytes()), ("two steps", two_steps)):
+            with self.subTest(name):
+                outcome = self.install(sound)
+                self.assert_installed(outcome)
+                self.assertRegex(outcome.stdout, "\ninstaller: Signed by [0-9a-f]{64}\n")
+        # Where no certificate is trusted, nothing is demanded, but a signature that is there must hold.
+        shutil.rmtree(self.trusted)
+        self.assertIn("installer: The package is not signed.\n", self.install(xar(**CONTENTS)).stdout)
+        self.assertIn("anybody could be the signer", self.install(sound).stdout)
+        self.assert_refused(self.install(sound.replace(b"extra", b"Extra")), "does not match")
+
+    def test_tampered_and_foreign_packages(self):
+        publisher, root, false_root, by = self.publisher, self.root, Publisher("root", purpose=None), self.by
+        good, other = xar([publisher], **CONTENTS), package(file("b"), chain=[publisher])
+        heap, there = good.index(INFO) - 288, other.index(INFO) - 288
+        table, end = zlib.decompress(good[28:heap]).decode(), 288 + len(INFO + PAYLOAD)
+
+        def flipped(at):
+            return good[:at] + bytes([good[at] ^ 4]) + good[at + 1 :]
+
+        def changed(old, new):
+            """Everything that can be put right without the key is."""
+            return pack(table.replace(old, new, 1), good[heap + 32 :])
+
+        def sealed(more="", extra=b"", digest="sha256"):
+            """A signature alone is not enough: what is signed must be sound, too."""
+            elements = entry("PackageInfo", 288, INFO) + entry("Payload", 288 + len(INFO), PAYLOAD, digest)
+            return archive(elements + more, INFO + PAYLOAD + extra, [publisher])
+
+        files, (signature,) = (re.findall(f"<{tag}.*?</{tag}>", table, re.DOTALL) for tag in ("file", "signature"))
+        rows = (
+            ("magic", flipped(0), "not a package"),
+            ("table's length", flipped(15), "table is damaged"),
+            ("digest's kind", flipped(27), "no checksum of a known kind"),
+            ("table", flipped(heap // 2), "package"),
+            ("digest", flipped(heap + 5), "does not match its digest"),
+            ("signature", flipped(heap + 32), "signature does not match"),
+            ("PackageInfo", flipped(heap + 288), '"PackageInfo" does not match'),
+            ("Scripts", flipped(good.index(SCRIPTS) + 20), '"Scripts" does not match'),
+            ("an entry that is not used", flipped(good.index(b"extra")), '"Extra" does not match'),
+            ("Payload's last byte", flipped(len(good) - 1), '"Payload" does not match'),
+            ("cut by one byte", good[:-1], "breaks off"),
+            ("trailing byte", good + b"x", "does not account for"),
+            ("not signed", xar(**CONTENTS), "is not signed"),
+            ("stripped of its signature", changed(signature, ""), "is not signed"),
+            ("another's signature", good[: heap + 32] + other[there + 32 :][:256] + good[heap + 288 :], "signature"),
+            ("changed table", changed("<name>Extra", "<name>extra"), "signature does not match"),
+            ("entries in another order", changed(files[0] + files[1], files[1] + files[0]), "signature does not match"),
+            ("two entries of one name", sealed(entry("Payload", end, b"evil"), b"evil"), "two entries"),
+            ("entry over the signature", sealed(entry("x", 40, b"1234")), "overlap"),
+            ("offset that overflows", sealed(entry("x", 1 << 63, b"1")), "malformed offset"),
+            ("bytes of no entry", sealed(extra=b"??"), "does not account for"),
+            ("weak checksum", sealed(digest="sha1"), "without a strong checksum"),
+            ("weak table", archive("", b"", [publisher], "sha1"), "too weak"),
+            ("by a stranger", by(), "not trusted"),
+            ("by another root of the same name", xar([Publisher("signer", false_root)], **CONTENTS), "does not hold"),
+            ("issued by no authority", by(Publisher("m", root)), "does not hold"),
+            ("weakly signed on the way", by(Publisher("m", root, purpose=None, digest="sha1")), "too weak a digest"),
+            ("for web servers", by(root, purpose="serverAuth"), "not meant for signing code"),
+            ("expired", by(root, times=(-7200, -3600)), "expired"),
+            ("not yet valid", by(root, times=(3600, 7200)), "not valid yet"),
+            ("weak key", by(root, bits=1024), "too short"),
+        )
+        self.assert_all_refused(rows)
+        (self.trusted / "0").chmod(0o666)
+        self.assert_all_refused([("certificate that others can change", good, "can be changed by others")])
+
+    def test_whoever_swaps_the_file_gets_the_signed_package_or_nothing(self):
+        padding = file("padding", os.urandom(150_000).hex())
+        for name, chain in (("good", [self.publisher]), ("evil", ())):
+            (self.scratch / name).write_bytes(package(file("a", name), padding, chain=chain))
+        swapper = subprocess.Popen(("bash", "-c", SWAP, self.path), cwd=self.scratch, stderr=subprocess.DEVNULL)
+        self.addCleanup(swapper.wait)
+        self.addCleanup(swapper.kill)
+        swaps, counts, deadline = self.scratch / "count", [0, 0], time.monotonic() + 120
+        while not (swaps.exists() and swaps.stat().st_size >= SWAPS and all(counts)):
+            self.assertLess(time.monotonic(), deadline, counts)
+            outcome = run(*self.command)
+            if outcome.returncode == 0:
+                self.assert_installed(outcome)
+            else:
+                self.assert_refused(outcome, "")
+            found = {content for _, content in snapshot(self.target).values()}
+            self.assertEqual(found, set() if outcome.returncode else {"good", padding[2]})
+            counts[outcome.returncode == 0] += 1
+            shutil.rmtree(self.target)
+            self.target.mkdir()
+
+
+if __name__ == "__main__":
+    unittest.main()
