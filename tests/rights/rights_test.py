@@ -15,9 +15,8 @@ import unittest
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "scripts/lib"))
-from gi.repository import Gio, GLib  # noqa: E402
 import rights  # noqa: E402
-from rights import ACTION, BUS_SERVICE, MECHANISM, USER, Agent, RightsStage, wait_until  # noqa: E402
+from rights import BUS_SERVICE, MECHANISM, USER, Agent, RightsStage, wait_until  # noqa: E402
 
 SUCCESS, DENIED, CANCELED, NOT_STARTED, NOT_CREATED = "0", "-60005", "-60006", "-60031", "-60033"
 APPLICATION = Path("/Applications/Pellomar.app")
@@ -215,6 +214,15 @@ class AllowedByRule(Rights):
         self.assertEqual(len(self.refused()), 2)
         self.assertTrue(all("Error.NotAuthorized" in line for line in self.refused()), self.refused())
 
+    def test_every_other_command_is_refused_with_one_line_each(self):
+        probe = self.authorized()
+        forged = (str(SCRIPT) + "\v" + MECHANISM.name + ": all is well", "restart")
+        wrong = [("/bin/sh", "-c", f"touch {STARTED}"), ("/bin/rm", "-rf", "/Applications"), (SCRIPT, "start"), forged]
+        for command in wrong:
+            self.assertEqual(probe.tell("execute", *command), f"{DENIED} no pipe", command)
+        self.assertTrue(APPLICATION.exists() and not STARTED.exists())
+        self.assertEqual(len([line for line in self.refused() if "NotAllowed" in line]), len(wrong))
+
     def test_death_by_a_signal_is_said_in_the_output(self):
         probe = self.authorized()
         for (tool, *arguments), number in ((INSTALL, 11), (RESTART, 11)):
@@ -327,58 +335,6 @@ class Asked(Rights):
             self.kill_mechanism()
             self.assertEqual(probe.answer().split()[0], DENIED)
             self.is_cancelled(agent)
-
-
-
-class OverTheBus(Rights):
-    """Callers that are no downloader of ours. Root is one that polkit allows everything."""
-
-    def setUp(self):
-        super().setUp()
-        self.bus = self.connect()
-
-    def connect(self):
-        address = Gio.dbus_address_get_for_bus_sync(Gio.BusType.SYSTEM)
-        flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
-        return Gio.DBusConnection.new_for_address_sync(address, flags)
-
-    def call(self, method, arguments=None, descriptors=(), interface=ACTION):
-        """The name of the error, or an empty text."""
-        try:
-            self.bus.call_with_unix_fd_list_sync(
-                ACTION, "/com/norvik/PellomarDownloader", interface, method, arguments, None, 0, 20000,
-                Gio.UnixFDList.new_from_array(list(descriptors)) if descriptors else None,
-            )  # fmt: skip
-        except GLib.Error as error:
-            return Gio.DBusError.get_remote_error(error).removeprefix(f"{ACTION}.Error.")
-        return ""
-
-    def execute(self, command, descriptor):
-        # The list closes what it is given.
-        arguments = GLib.Variant("(sash)", (str(command[0]), [str(word) for word in command[1:]], 0))
-        return self.call("Execute", arguments, [os.dup(descriptor)])
-
-    def test_every_other_command_is_refused_with_one_line_each(self):
-        reader, writer = os.pipe()
-        self.addCleanup(os.close, reader)
-        self.assertEqual(self.call("Authorize"), "")
-        wrong = [
-            ("/bin/sh", "-c", "touch /run/started"),
-            ("/bin/rm", "-rf", "/Applications"),
-            ("/bin/rm", "-rf", APPLICATION, "/etc/passwd"),
-            ("/bin/rm",),
-            (INSTALLER, "-pkg", "Pellomar.pkg", "-target", "/"),
-            (INSTALLER, "-pkg", PACKAGE, "-target", "/"),  # the ordinary user's own
-            (SCRIPT, "start"),
-            (str(SCRIPT) + "\n" + MECHANISM.name + ": all is well", "restart"),
-        ]
-        for command in wrong:
-            self.assertEqual(self.execute(command, writer), "NotAllowed", command)
-        self.assertTrue(PACKAGE.exists() and APPLICATION.exists() and not STARTED.exists())
-        self.assertEqual(len(self.refused()), len(wrong))
-        self.assertEqual(len(STAGE.journal()) - self.first_line, len(wrong))
-        os.close(writer)
-        self.assertEqual(os.read(reader, 1), b"", "the mechanism keeps no end of a pipe")
 
 
 
