@@ -16,10 +16,15 @@ ACTION = "com.norvik.PellomarDownloader"
 MECHANISM = Path("/usr/libexec/pellomar-downloader-rights")
 BUS_SERVICE = Path(f"/usr/share/dbus-1/system-services/{ACTION}.service")
 RULE = Path("/etc/polkit-1/rules.d/10-pellomar-downloader.rules")
-USER = "visitor"
-ADMINISTRATOR = "keeper"
+USER = "pellomar-visitor"
+ADMINISTRATOR = "pellomar-keeper"
 PASSWORD = "open sesame 芝麻开门"
-AGENT = Path("/usr/local/bin/pellomar-test-agent")
+AGENT = Path("/usr/local/bin/pellomar-sample-agent")
+# What a user's programs need of the environment to meet on the desktop, and what sanitizers are told.
+KEPT = (
+    *("DISPLAY", "XAUTHORITY", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS"),
+    *("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"),
+)
 
 
 def wait_until(what, condition, seconds=30.0):
@@ -50,25 +55,29 @@ def as_user(name):
     """What subprocess needs to start something as this user, with that user's home."""
     user = pwd.getpwnam(name)
     environment = {"PATH": os.environ["PATH"], "HOME": user.pw_dir, "USER": name, "LANG": "C.UTF-8"}
-    for kept in ("DISPLAY", "XAUTHORITY", "WAYLAND_DISPLAY", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"):
+    environment["QT_LINUX_ACCESSIBILITY_ALWAYS_ON"] = "1"
+    for kept in KEPT:
         if kept in os.environ:
             environment[kept] = os.environ[kept]
     return {"user": user.pw_uid, "group": user.pw_gid, "extra_groups": [], "env": environment}
 
 
-def add_users():
-    """An ordinary user without a right to anything, and an administrator with a password."""
-    for name, groups in ((USER, []), (ADMINISTRATOR, ["--groups", "sudo"])):
-        subprocess.run(["useradd", "--create-home", "--shell", "/bin/bash", *groups, name], check=True)
-    subprocess.run(["chpasswd"], input=f"{ADMINISTRATOR}:{PASSWORD}\n", text=True, check=True)
+def add_users(*options, password=PASSWORD):
+    """An ordinary user without a right to anything, made with these OPTIONS of useradd's, and an administrator
+    with a password."""
+    for name, own in ((USER, options), (ADMINISTRATOR, ["--groups", "sudo"])):
+        subprocess.run(["useradd", "--create-home", "--shell", "/bin/bash", *own, name], check=True)
+    subprocess.run(["chpasswd"], input=f"{ADMINISTRATOR}:{password}\n", text=True, check=True)
 
 
 class RightsStage:
     """Installs the mechanism from a build and runs the system's side of the rights. LOG is a path that
-    receives what the bus and all that it starts print, the mechanism's journal lines among them."""
+    receives what the bus and all that it starts print, the mechanism's journal lines among them. RECORDER is
+    the beginning of a command that records what the bus starts, if anybody wants to know."""
 
-    def __init__(self, project, build, log):
+    def __init__(self, project, build, log, recorder=()):
         self.log = Path(log)
+        self.recorder = recorder
         self.bus = None
         self.polkit = None
         packaging = Path(project) / "packaging"
@@ -88,7 +97,7 @@ class RightsStage:
         Path("/run/dbus").mkdir(exist_ok=True)
         with self.log.open("ab") as log:
             self.bus = subprocess.Popen(
-                ["dbus-daemon", "--system", "--nofork", "--nopidfile"],
+                [*self.recorder, "dbus-daemon", "--system", "--nofork", "--nopidfile"],
                 stdin=subprocess.DEVNULL,
                 stdout=log,
                 stderr=log,
@@ -158,18 +167,20 @@ class RightsStage:
 
 class Agent:
     """Answers the password dialogs of one process, as the user whose process it is. ANSWER is "right",
-    "wrong", "close" (the user closes the dialog) or "wait" (nobody answers)."""
+    "wrong", "close" (the user closes the dialog) or "wait" (nobody answers); or a real dialog of the program
+    DIALOG comes up, and says the password."""
 
-    def __init__(self, process, answer, user=USER):
+    def __init__(self, process, answer="right", user=USER, dialog=None, password=PASSWORD):
         self.output = Path(f"/run/pellomar-agent-{process}")
         with self.output.open("wb") as output:
             self.process = subprocess.Popen(
-                [str(AGENT), "--process", str(process), "--administrator", ADMINISTRATOR, "--answer", answer],
+                [str(AGENT), "--process", str(process), "--administrator", ADMINISTRATOR, "--answer", answer,
+                 *(["--dialog", str(dialog)] if dialog is not None else [])],
                 stdin=subprocess.PIPE,
                 stdout=output,
                 **as_user(user),
-            )
-        self.process.stdin.write(PASSWORD.encode() + b"\n")
+            )  # fmt: skip
+        self.process.stdin.write(password.encode() + b"\n")
         self.process.stdin.flush()
         wait_until("the authentication agent", lambda: "ready" in self.lines())
 
@@ -177,7 +188,7 @@ class Agent:
         return self.output.read_text().splitlines()
 
     def asked(self):
-        """How often a dialog came up."""
+        """How often polkit asked."""
         return sum(line.startswith("asked") for line in self.lines())
 
     def close(self):

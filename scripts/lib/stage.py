@@ -24,6 +24,16 @@ PROGRAM = "PellomarDownloader"
 DOUBLE_CLICK_SECONDS = 0.6
 
 
+# Root, who looks at the windows, is otherwise not let into a user's session.
+SESSION_BUS = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <include>/usr/share/dbus-1/session.conf</include>
+  <policy context="mandatory"><allow user="root"/></policy>
+</busconfig>
+"""
+
+
 class RoadBlocked(Exception):
     """A condition of the road was not met; the text says which."""
 
@@ -50,17 +60,25 @@ def wait_for(what, condition, seconds=30.0, while_running=None):
 
 
 class Session:
-    """A session bus of its own, and a folder for what belongs to the session."""
+    """A session bus of its own, and a folder for what belongs to the session. START is what subprocess needs
+    to start it as another user, whose session it is then."""
 
-    def __init__(self, log):
-        runtime = Path(f"/run/user/{os.getuid()}")
+    def __init__(self, log, **start):
+        user, group = start.get("user", os.getuid()), start.get("group", os.getgid())
+        runtime = Path(f"/run/user/{user}")
         runtime.mkdir(mode=0o700, parents=True, exist_ok=True)
+        os.chown(runtime, user, group)
         os.environ["XDG_RUNTIME_DIR"] = str(runtime)
+        if "env" in start:
+            start["env"]["XDG_RUNTIME_DIR"] = str(runtime)
+        configuration = runtime / "session-bus.conf"
+        configuration.write_text(SESSION_BUS)
         self.bus = subprocess.Popen(
-            ["dbus-daemon", "--session", "--nofork", "--print-address=1"],
+            ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--print-address=1"],
             stdout=subprocess.PIPE,
             stderr=log,
             text=True,
+            **start,
         )
         address = self.bus.stdout.readline().strip()
         if not address:
@@ -262,29 +280,16 @@ class Accessible:
             yield from child.walk()
 
 
-class Window:
-    """The running downloader: its process, what its window shows, and presses on it."""
+class Screen:
+    """What a program shows on screen, and presses on it."""
 
-    def __init__(self, executable, home, execs):
-        """EXECS is the file that receives every program that the window and its children start."""
-        environment = dict(os.environ, HOME=str(home), QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1")
-        command = [str(executable)]
-        self.is_recorded = succeeds("strace", "-o", "/dev/null", "true")
-        if self.is_recorded:
-            recorder = ["strace", "-D", "-f", "-z", "-qq", "--seccomp-bpf", "-e", "trace=execve", "-s", "4096"]
-            command = [*recorder, "-o", str(execs), *command]
-        else:
-            step("strace cannot look into processes here: the commands are not recorded")
-        self.home = home
-        self.last_press = 0.0
-        self.process = subprocess.Popen(command, env=environment, stdin=subprocess.DEVNULL)
-
-    # What it shows
+    program = PROGRAM
+    last_press = 0.0
 
     def root(self):
         Atspi.Accessible.clear_cache(Atspi.get_desktop(0))
         for application in Accessible(Atspi.get_desktop(0)).children():
-            if application.name() == PROGRAM:
+            if application.name() == self.program:
                 return application
         return None
 
@@ -309,6 +314,31 @@ class Window:
     def says(self, text):
         return text in self.labels()
 
+    def wait_for(self, what, condition, seconds=30.0):
+        return wait_for(what, condition, seconds)
+
+    def press(self, name):
+        """A real click in the middle of the button called NAME."""
+        x, y = self.wait_for(f"the button {name}", lambda: (lambda b: b and b.centre())(self.button(name)))
+        time.sleep(max(0.0, self.last_press + DOUBLE_CLICK_SECONDS - time.monotonic()))
+        xdotool("mousemove", x, y, "click", 1)
+        self.last_press = time.monotonic()
+        step(f"pressed {name}")
+
+
+class Window(Screen):
+    """The running downloader: its process, what its window shows, and presses on it. START is what subprocess
+    needs to start it as another user."""
+
+    def __init__(self, executable, home, **start):
+        environment = dict(start.pop("env", os.environ), HOME=str(home), QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1")
+        self.home = home
+        self.process = subprocess.Popen(
+            [str(executable)], env=environment, stdin=subprocess.DEVNULL, cwd=str(home), **start
+        )
+
+    # What it shows
+
     def percent(self):
         bars = self.showing("progress bar")
         return bars[0].value() if bars else 0.0
@@ -326,14 +356,6 @@ class Window:
 
     # What is done to it
 
-    def press(self, name):
-        """A real click in the middle of the button called NAME."""
-        x, y = self.wait_for(f"the button {name}", lambda: (lambda b: b and b.centre())(self.button(name)))
-        time.sleep(max(0.0, self.last_press + DOUBLE_CLICK_SECONDS - time.monotonic()))
-        xdotool("mousemove", x, y, "click", 1)
-        self.last_press = time.monotonic()
-        step(f"pressed {name}")
-
     def activate(self):
         window = wait_for("the window", lambda: window_called(WINDOW_TITLE))
         xdotool("windowactivate", "--sync", window)
@@ -342,6 +364,23 @@ class Window:
         if self.process.poll() is None:
             self.process.send_signal(signal.SIGTERM)
             self.process.wait()
+
+
+class PasswordDialog(Screen):
+    """The sample's password dialog."""
+
+    program = "password-dialog"
+    title = "管理员密码（演示）"
+
+    def is_up(self):
+        return self.button("认证")
+
+    def type_password(self, password):
+        field = self.wait_for("the password's field", lambda: self.showing("password text", "密码"))[0]
+        x, y = self.wait_for("the place of the password's field", field.centre)
+        xdotool("mousemove", x, y, "click", 1)
+        xdotool("type", "--delay", 30, password)
+        step(f"typed {password} into the password dialog")
 
 
 class Camera:
@@ -385,6 +424,15 @@ class Camera:
             ).stdout
             left, right, top, bottom = (int(part) for part in answer.split("=")[1].split(","))
         return f"{width + left + right}x{height + top + bottom}{x - left:+d}{y - top:+d}"
+
+
+def recorder(execs):
+    """The beginning of a command that writes to the file EXECS every program that it and its children start,
+    or nothing where that can't be recorded. It leaves the way to other users open, which a filter would close."""
+    if succeeds("strace", "-o", "/dev/null", "true"):
+        return ["strace", "-D", "-f", "-z", "-qq", "-e", "trace=execve", "-s", "4096", "-o", str(execs)]
+    step("strace cannot look into processes here: the commands are not recorded")
+    return []
 
 
 def recorded_commands(execs, tools):

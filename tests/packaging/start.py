@@ -26,7 +26,7 @@ def events():
 try:
     PARTS.append(Session(sys.stderr))
     PARTS.append(Display(own=True))
-    window = Window(executable, HOME, HOME / "trace")
+    window = Window(executable, HOME)
     PARTS.append(window)
     window.press("开始")
     address = window.wait_for("the address", lambda: re.search(r"startDownload url:(.*)", window.log()))
