@@ -57,8 +57,8 @@ class HostTest(unittest.TestCase):
 
     def assert_all_refused(self, rows):
         """Rows of a name, a package and the cause; the target stays as it is."""
-        before = snapshot(self.world)
         for name, package, cause in rows:
             with self.subTest(name):
+                before = snapshot(self.world)
                 self.assert_refused(self.install(package), cause)
                 self.assertEqual(snapshot(self.world), before)

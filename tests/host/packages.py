@@ -55,13 +55,13 @@ def pack(table, heap, signature=lambda *_: b"", digest="sha256"):
 
 def archive(elements, heap, chain=(), digest="sha256"):
     """A xar of any table whatever, with a valid signature when there is a chain of publishers."""
-    own, signature = hashlib.new(digest).digest_size, ""
+    size = hashlib.new(digest).digest_size
+    table = f"<xar><toc><checksum style='{digest}'><offset>0</offset><size>{size}</size></checksum>{elements}"
     if chain:
-        certificates = "".join(f"<X509Certificate>{one.base64()}</X509Certificate>" for one in chain)
-        signature = f"<signature style='RSA'><offset>{own}</offset><size>{chain[0].bits // 8}</size>"
-        signature += f"<KeyInfo><X509Data>{certificates}</X509Data></KeyInfo></signature>"
-    table = f"<xar><toc><checksum style='{digest}'><offset>0</offset><size>{own}</size></checksum>"
-    return pack(f"{table}{signature}{elements}</toc></xar>", heap, *(one.sign for one in chain[:1]), digest=digest)
+        table += f"<signature style='RSA'><offset>{size}</offset><size>{chain[0].bits // 8}</size><KeyInfo><X509Data>"
+        table += "".join(f"<X509Certificate>{one.base64()}</X509Certificate>" for one in chain)
+        table += "</X509Data></KeyInfo></signature>"
+    return pack(f"{table}</toc></xar>", heap, *(one.sign for one in chain[:1]), digest=digest)
 
 
 def xar(chain=(), **contents):
@@ -82,29 +82,27 @@ class Publisher:
     """A key and its certificate, an authority's where it has no purpose. Times are in seconds from now."""
 
     def __init__(self, name, issuer=None, purpose="codeSigning", bits=2048, times=(-3600, 86400), digest="sha256"):
-        place = Path(tempfile.mkdtemp(dir=KEYS.name))
-        self.key, self.certificate, self.bits = place / "key.pem", place / "certificate.pem", bits
+        self.place, self.bits = Path(tempfile.mkdtemp(dir=KEYS.name)), bits
+        self.key, self.certificate = self.place / "key.pem", self.place / "certificate.pem"
         kind = f"FALSE\nextendedKeyUsage={purpose}" if purpose else "TRUE\nkeyUsage=critical,keyCertSign"
-        (place / "index").touch()
-        (place / "settings").write_text(
-            f"[ca]\ndefault_ca=one\n[one]\ndatabase={place}/index\nnew_certs_dir={place}\npolicy=any\nrand_serial=1\n"
-            f"x509_extensions=kind\n[any]\ncommonName=supplied\n[kind]\nbasicConstraints=critical,CA:{kind}\n"
-            "subjectKeyIdentifier=none\nauthorityKeyIdentifier=none\n"
+        (self.place / "index").touch()
+        (self.place / "settings").write_text(
+            "[ca]\ndefault_ca=one\n[one]\ndatabase=index\nnew_certs_dir=.\nrand_serial=1\npolicy=any\n"
+            "x509_extensions=kind\n[any]\ncommonName=supplied\n[kind]\nauthorityKeyIdentifier=none\n"
+            f"basicConstraints=critical,CA:{kind}\n"
         )
-        request = ("-keyout", self.key, "-out", place / "request", "-subj", f"/CN={name}", "-nodes")
-        openssl("req", "-newkey", f"rsa:{bits}", *request)
-        by = ("-cert", issuer.certificate, "-keyfile", issuer.key) if issuer else ("-selfsign", "-keyfile", self.key)
+        by = f"-cert {issuer.certificate} -keyfile {issuer.key}" if issuer else "-selfsign -keyfile key.pem"
         begin, end = (time.strftime("%Y%m%d%H%M%SZ", time.gmtime(time.time() + after)) for after in times)
-        files = ("-config", place / "settings", "-in", place / "request", "-out", self.certificate)
-        period = ("-startdate", begin, "-enddate", end)
-        openssl("ca", "-batch", "-notext", "-md", digest, *files, *by, *period)
+        self.openssl(f"req -newkey rsa:{bits} -nodes -keyout key.pem -subj /CN={name} -out request")
+        period = f"-startdate {begin} -enddate {end}"
+        self.openssl(f"ca -config settings -batch -notext -in request -out certificate.pem -md {digest} {by} {period}")
+
+    def openssl(self, arguments, text=b""):
+        command = ("openssl", *arguments.split())
+        return subprocess.run(command, cwd=self.place, input=text, capture_output=True, check=True).stdout
 
     def base64(self):
         return re.search("-----\n(.*)-----E", self.certificate.read_text(), re.DOTALL)[1]
 
     def sign(self, text, digest):
-        return openssl("dgst", f"-{digest}", "-sign", self.key, text=text)
-
-
-def openssl(*arguments, text=b""):
-    return subprocess.run(("openssl", *arguments), input=text, capture_output=True, check=True).stdout
+        return self.openssl(f"dgst -{digest} -sign key.pem", text)

@@ -16,7 +16,7 @@ PAYLOAD = payload(file("a", "words"))
 SCRIPTS = payload(file("postinstall", "#!/bin/sh\n", 0o755))
 CONTENTS = {"PackageInfo": INFO, "Scripts": SCRIPTS, "Extra": b"extra", "Payload": PAYLOAD}
 SWAP = """
-while :; do
+until [[ -e stop ]]; do
     cp evil next; mv next "$0"              # replaced
     ln -s "$PWD/good" next; mv next "$0"    # linked
     rm "$0"; cat good >"$0"; cat evil >"$0" # rewritten in place
@@ -32,11 +32,10 @@ class Signing(HostTest):
 
     def setUp(self):
         super().setUp()
-        for number, trusted in enumerate((self.publisher, self.root)):
-            shutil.copy(trusted.certificate, self.trusted / str(number))
+        both = (one.certificate.read_text() for one in (self.publisher, self.root))
+        (self.trusted / "both").write_text("".join(both))
 
     def by(self, *chain, name="signer", **wanted):
-        """Signed in the name of the chain's first, and with its certificates."""
         return xar([Publisher(name, chain[0] if chain else None, **wanted), *chain], **CONTENTS)
 
     def test_sound_signatures(self):
@@ -47,10 +46,9 @@ class Signing(HostTest):
             self.assertIn(cause, run(SIGNER, key, self.publisher.certificate, unsigned, signed).stderr)
         two_steps = self.by(Publisher("middle", self.root, purpose=None))
         for name, sound in (("by the tool", signed.read_bytes()), ("two steps", two_steps)):
-            with self.subTest(name):
-                outcome = self.install(sound)
-                self.assert_installed(outcome)
-                self.assertRegex(outcome.stdout, "\ninstaller: Signed by [0-9a-f]{64}\n")
+            outcome = self.install(sound)
+            self.assert_installed(outcome)
+            self.assertRegex(outcome.stdout, "\ninstaller: Signed by [0-9a-f]{64}\n", name)
         # Where no certificate is trusted, nothing is demanded, but a signature that is there must hold.
         shutil.rmtree(self.trusted)
         self.assertIn("installer: The package is not signed.\n", self.install(xar(**CONTENTS)).stdout)
@@ -77,9 +75,7 @@ class Signing(HostTest):
 
         files, (signature,) = (re.findall(f"<{tag}.*?</{tag}>", table, re.DOTALL) for tag in ("file", "signature"))
         rows = (
-            ("magic", flipped(0), "not a package"),
             ("table's length", flipped(15), "table is damaged"),
-            ("digest's kind", flipped(27), "no checksum of a known kind"),
             ("table", flipped(heap // 2), "package"),
             ("digest", flipped(heap + 5), "does not match its digest"),
             ("signature", flipped(heap + 32), "signature does not match"),
@@ -92,7 +88,6 @@ class Signing(HostTest):
             ("not signed", xar(**CONTENTS), "is not signed"),
             ("stripped of its signature", changed(signature, ""), "is not signed"),
             ("another's signature", good[: heap + 32] + other[there + 32 :][:256] + good[heap + 288 :], "signature"),
-            ("changed table", changed("<name>Extra", "<name>extra"), "signature does not match"),
             ("entries in another order", changed(files[0] + files[1], files[1] + files[0]), "signature does not match"),
             ("two entries of one name", sealed(entry("Payload", end, b"evil"), b"evil"), "two entries"),
             ("entry over the signature", sealed(entry("x", 40, b"1234")), "overlap"),
@@ -110,7 +105,7 @@ class Signing(HostTest):
             ("weak key", by(root, bits=1024), "too short"),
         )
         self.assert_all_refused(rows)
-        (self.trusted / "0").chmod(0o666)
+        (self.trusted / "both").chmod(0o666)
         self.assert_all_refused([("certificate that others can change", good, "can be changed by others")])
 
     def test_whoever_swaps_the_file_gets_the_signed_package_or_nothing(self):
@@ -119,7 +114,7 @@ class Signing(HostTest):
             (self.scratch / name).write_bytes(package(file("a", name), padding, chain=chain))
         swapper = subprocess.Popen(("bash", "-c", SWAP, self.path), cwd=self.scratch, stderr=subprocess.DEVNULL)
         self.addCleanup(swapper.wait)
-        self.addCleanup(swapper.kill)
+        self.addCleanup((self.scratch / "stop").touch)
         swaps, counts, deadline = self.scratch / "count", [0, 0], time.monotonic() + 120
         while not (swaps.exists() and swaps.stat().st_size >= SWAPS and all(counts)):
             self.assertLess(time.monotonic(), deadline, counts)
