@@ -96,4 +96,4 @@ class Faults(EndToEndTest):
 
 
 if __name__ == "__main__":
-    main(ordinary_user=True)
+    main(user="nobody")

@@ -3,6 +3,7 @@
 import contextlib
 import hashlib
 import os
+import pwd
 import shutil
 import subprocess
 import sys
@@ -59,6 +60,10 @@ class Downloader(Window, contextlib.AbstractContextManager):
         """The numbers of its windows on screen: a dialog bears its window's title."""
         of_ours = ("--all", "--onlyvisible", "--pid", self.process.pid, "--name", f"^{WINDOW_TITLE}$")
         return (xdotool("search", *of_ours) or "").split()
+
+    def click(self, name):
+        """A real click, which the window's own thread deals with."""
+        super().press(name)
 
     def close(self):
         """Has the window manager ask every window of it to close, as a taskbar does."""
@@ -126,7 +131,8 @@ class EndToEndTest(unittest.TestCase):
         self.assertEqual(hashlib.sha256(path.read_bytes()).digest(), hashlib.sha256(PACKAGE.read_bytes()).digest())
 
 
-def main(ordinary_user=False):
+def main(user=None, prepare=lambda build: None):
+    """Runs the tests as root, or as USER after root has run PREPARE."""
     if os.environ.get("PELLOMAR_VIEW") != "1":
         sys.exit("changes the machine: runs only in the throw-away view")
     build = Path(sys.argv.pop(1))
@@ -138,12 +144,13 @@ def main(ordinary_user=False):
         shutil.copy(build / "host" / tool / tool, "/usr/sbin")
     SMALL_DISK.mkdir()
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=20m", "tmpfs", SMALL_DISK], check=True)
-    if ordinary_user:
-        nobody = 65534
-        subprocess.run(["chown", "-R", f"{nobody}:{nobody}", SCRATCH, "/run/user"], check=True)
+    prepare(build)
+    if user is not None:
+        entry = pwd.getpwnam(user)
+        subprocess.run(["chown", "-R", f"{entry.pw_uid}:{entry.pw_gid}", SCRATCH, "/run/user"], check=True)
         os.setgroups([])
-        os.setgid(nobody)
-        os.setuid(nobody)
+        os.setgid(entry.pw_gid)
+        os.setuid(entry.pw_uid)
     os.environ["HOME"] = str(SCRATCH)
     # Whatever runs is left to the view, which ends with this process.
     desktop = Session(subprocess.DEVNULL), Display(own=True)  # noqa: F841
