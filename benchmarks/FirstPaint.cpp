@@ -1,7 +1,6 @@
 #include "FirstPaint.h"
 
 #include <QApplication>
-#include <QTimer>
 #include <QWidget>
 
 #include <unistd.h>
@@ -41,7 +40,7 @@ class FirstPaint : public QObject {
     bool eventFilter(QObject* watched, QEvent* event) override {
         if (event->type() == QEvent::Paint && !seen_) {
             seen_ = true;
-            QTimer::singleShot(0, [] {
+            const auto report = [] {
                 timespec now{};
                 clock_gettime(CLOCK_BOOTTIME, &now);
                 const double milliseconds = (static_cast<double>(now.tv_sec) +
@@ -50,7 +49,8 @@ class FirstPaint : public QObject {
                 std::printf("%.0f ms %ld kB\n", milliseconds, residentKilobytes());
                 std::fflush(stdout);
                 _exit(0);
-            });
+            };
+            QMetaObject::invokeMethod(this, report, Qt::QueuedConnection);
         }
         return QObject::eventFilter(watched, event);
     }
