@@ -197,9 +197,13 @@ std::string signatureOver(const std::string& digest, EVP_PKEY* key) {
 // A file that appears under its name only when it is complete.
 class Output {
   public:
-    explicit Output(const std::string& path)
-        : path_(path), unfinished_(path + ".part"),
-          file_(open(unfinished_.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0644)) {
+    explicit Output(const std::string& path) : path_(path), unfinished_(path + ".part") {
+        // Taking the name of a link or a device would not be writing to it.
+        struct stat status {};
+        if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+            throw Failure("the output exists and is not a regular file");
+        }
+        file_ = FileDescriptor(open(unfinished_.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0644));
         if (!file_.isOpen()) {
             throw systemFailure("cannot write the package");
         }
