@@ -2,8 +2,6 @@
 
 #include "ui/ImageButtonView.h"
 
-#include <QTimer>
-
 namespace {
 
 QAccessibleInterface* makeInterface(const QString& /*className*/, QObject* object) {
@@ -45,7 +43,8 @@ QStringList ImageButtonAccessible::actionNames() const {
 void ImageButtonAccessible::doAction(const QString& actionName) {
     if (actionName == pressAction()) {
         // The reader waits for this call's end, which must not be that of a dialog that the press opens.
-        QTimer::singleShot(0, button(), [pressed = button()] { pressed->performClick(); });
+        const auto press = [pressed = button()] { pressed->performClick(); };
+        QMetaObject::invokeMethod(button(), press, Qt::QueuedConnection);
     } else {
         QAccessibleWidget::doAction(actionName);
     }

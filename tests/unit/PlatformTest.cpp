@@ -23,7 +23,7 @@
 namespace {
 
 std::string script(const ScratchFolder& folder, const std::string& body) {
-    const std::string path = folder.path() + "/tool";
+    std::string path = folder.path() + "/tool";
     std::ofstream(path) << "#!/bin/sh\n" << body;
     EXPECT_EQ(chmod(path.c_str(), 0755), 0);
     return path;
@@ -85,6 +85,7 @@ TEST(Log, LinesOfManyThreadsNeverMix) {
     constexpr int kLines = 200;
     const std::string body(300, 'x');
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&body] {
             for (int line = 0; line < kLines; ++line) {
