@@ -2,6 +2,7 @@
 
 #include <QPainter>
 #include <QPainterPath>
+#include <QTimerEvent>
 
 #include <algorithm>
 
@@ -9,6 +10,7 @@ namespace {
 const QColor kTrack(255, 255, 255, 36);
 const QColor kFillStart(0x1f, 0xc8, 0xc2);
 const QColor kFillEnd(0x0d, 0x80, 0xba);
+constexpr int kFrame = 16; // milliseconds
 } // namespace
 
 ProgressIndicator::ProgressIndicator(QWidget* superview) : QProgressBar(superview) {
@@ -18,18 +20,32 @@ ProgressIndicator::ProgressIndicator(QWidget* superview) : QProgressBar(supervie
 }
 
 double ProgressIndicator::filledWidth() const {
-    return width() * std::clamp(doubleValue_, 0.0, 100.0) / 100.0;
+    return width() * std::clamp(shownValue_, 0.0, 100.0) / 100.0;
 }
 
 void ProgressIndicator::setDoubleValue(double percent) {
-    // Called for every block of a transfer: paint only what a person could see change.
-    const int before = static_cast<int>(filledWidth() * devicePixelRatioF());
     doubleValue_ = percent;
-    const int whole = static_cast<int>(std::clamp(percent, 0.0, 100.0));
-    if (whole != value()) {
-        setValue(whole);
-    } else if (static_cast<int>(filledWidth() * devicePixelRatioF()) != before) {
-        update();
+    // Called for every block of a transfer: a change that follows at once is shown with the next frame.
+    if (!nextFrame_.isActive()) {
+        showValue();
+    }
+}
+
+void ProgressIndicator::showValue() {
+    shownValue_ = doubleValue_;
+    setValue(static_cast<int>(std::clamp(shownValue_, 0.0, 100.0)));
+    update();
+    nextFrame_.start(kFrame, this);
+}
+
+void ProgressIndicator::timerEvent(QTimerEvent* event) {
+    if (event->timerId() != nextFrame_.timerId()) {
+        QProgressBar::timerEvent(event);
+        return;
+    }
+    nextFrame_.stop();
+    if (doubleValue_ != shownValue_) {
+        showValue();
     }
 }
 
