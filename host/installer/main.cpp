@@ -13,6 +13,7 @@
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <new>
 #include <string>
 #include <string_view>
@@ -68,6 +69,10 @@ Request parse(int argc, char** argv) {
             throw Failure("an argument lacks its value; see installer --help");
         }
         *value = argv[++i];
+    }
+    // Only the usual folder may be missing: whoever names one expects its certificates to count.
+    if (request.trusted != Request().trusted && !std::filesystem::is_directory(request.trusted)) {
+        throw Failure("-trusted names no folder");
     }
     if (request.package.empty() || request.target.empty()) {
         throw Failure("-pkg FILE and -target DIR are needed; see installer --help");

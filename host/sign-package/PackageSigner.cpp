@@ -10,6 +10,7 @@
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -226,6 +227,19 @@ class Output {
     FileDescriptor file_;
 };
 
+// Each of these would be refused at the end, in words that are meant for whoever installs.
+void requireChain(const Publisher& publisher) {
+    const std::vector<Certificate>& chain = publisher.certificates;
+    if (X509_check_private_key(chain.front().get(), publisher.key.get()) != 1) {
+        throw Failure("the first certificate is not the key's");
+    }
+    for (std::size_t i = 1; i < chain.size(); ++i) {
+        if (X509_check_issued(chain[i].get(), chain[i - 1].get()) != X509_V_OK) {
+            throw Failure("certificate " + std::to_string(i + 1) + " did not issue the one before it");
+        }
+    }
+}
+
 } // namespace
 
 void FreeKey::operator()(evp_pkey_st* key) const {
@@ -240,7 +254,7 @@ Publisher readPublisher(const std::string& keyFile, const std::vector<std::strin
     Publisher publisher;
     publisher.key.reset(PEM_read_PrivateKey(openFile(keyFile).get(), nullptr, nullptr, nullptr));
     if (!publisher.key || EVP_PKEY_get_base_id(publisher.key.get()) != EVP_PKEY_RSA) {
-        throw Failure("no RSA key that can be read is in " + keyFile);
+        throw Failure("no RSA key that can be read, with the passphrase if it has one, is in " + keyFile);
     }
     for (const std::string& path : certificateFiles) {
         const File file = openFile(path);
@@ -253,6 +267,7 @@ Publisher readPublisher(const std::string& keyFile, const std::vector<std::strin
             throw Failure("no certificate that can be read is in " + path);
         }
     }
+    requireChain(publisher);
     return publisher;
 }
 

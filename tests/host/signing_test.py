@@ -41,7 +41,7 @@ class Signing(HostTest):
     def test_sound_signatures(self):
         unsigned, signed = self.scratch / "unsigned.pkg", self.scratch / "signed.pkg"
         unsigned.write_bytes(self.by())
-        for key, cause in ((self.root.key, "does not match"), (self.publisher.key, "")):
+        for key, cause in ((self.root.key, "is not the key's"), (self.publisher.key, "")):
             self.assertFalse(signed.exists())
             self.assertIn(cause, run(SIGNER, key, self.publisher.certificate, unsigned, signed).stderr)
         two_steps = self.by(Publisher("middle", self.root, purpose=None))
@@ -51,6 +51,8 @@ class Signing(HostTest):
             self.assertRegex(outcome.stdout, "\ninstaller: Signed by [0-9a-f]{64}\n", name)
         # Where no certificate is trusted, nothing is demanded, but a signature that is there must hold.
         shutil.rmtree(self.trusted)
+        self.assert_refused(self.install(xar(**CONTENTS)), "names no folder")
+        self.trusted.mkdir()
         self.assertIn("installer: The package is not signed.\n", self.install(xar(**CONTENTS)).stdout)
         self.assertIn("anybody could be the signer", self.install(sound).stdout)
         self.assert_refused(self.install(sound.replace(b"extra", b"Extra")), "does not match")
