@@ -1,0 +1,169 @@
+// The product, watched: presses start through the X server, and when the finished record is posted writes a
+// line of JSON about the time in between to the file that is the first argument and ends the process, before
+// anything is installed. With a second argument, "probe", it also measures how soon timers and mouse moves
+// are served meanwhile.
+#include "PointerProbe.h"
+#include "app/MainInterface.h"
+#include "platform/MainThread.h"
+#include "platform/NotificationCenter.h"
+#include "transfer/CurlMessage.h"
+#include "ui/ImageButtonView.h"
+
+#include <QApplication>
+#include <QMouseEvent>
+#include <QTimer>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+double processorSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+long peakResidentKilobytes() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmHWM:")) {
+            return std::strtol(line.c_str() + std::strlen("VmHWM:"), nullptr, 10);
+        }
+    }
+    return 0;
+}
+
+/// A server that limits the rate counts in whole seconds: everybody who is compared starts at the same place
+/// in one.
+std::chrono::milliseconds untilTheNextStart() {
+    constexpr auto kPlace = 100ms;
+    const auto now = std::chrono::system_clock::now().time_since_epoch() - kPlace;
+    const auto wait = 1s - std::chrono::duration_cast<std::chrono::milliseconds>(now % 1s);
+    return wait < 300ms ? wait + 1s : wait;
+}
+
+/// Milliseconds that a share of the delays did not exceed.
+double percentile(std::vector<double> delays, double share) {
+    if (delays.empty()) {
+        return NAN;
+    }
+    std::sort(delays.begin(), delays.end());
+    const auto last = static_cast<double>(delays.size() - 1);
+    return delays[static_cast<std::size_t>(std::llround(last * share))];
+}
+
+class Watcher : public QObject {
+  public:
+    explicit Watcher(QObject* parent)
+        : QObject(parent), probesInterface_(QCoreApplication::arguments().value(2) == "probe") {
+        // Registered before the panel, whose reaction to the finished record installs.
+        NotificationCenter::defaultCenter().addObserver(kCurlCallbackMessage, [this](const void* object) {
+            const auto& message = *static_cast<const CurlMessage*>(object);
+            if (message.itype() == CurlMessageTypeFinished) {
+                const Clock::time_point end = Clock::now();
+                MainThread::performAndWait([this, end] { report(end); });
+            } else if (message.status() != 0) {
+                _exit(1);
+            }
+        });
+        qApp->installEventFilter(this);
+    }
+
+    bool eventFilter(QObject* watched, QEvent* event) override {
+        auto* const button = dynamic_cast<ImageButtonView*>(watched);
+        if (button != nullptr && button->imageName() == "start_button") {
+            if (event->type() == QEvent::Paint && !std::exchange(seen_, true)) {
+                QTimer::singleShot(untilTheNextStart(), button, [this, button] { press(*button); });
+            } else if (event->type() == QEvent::MouseButtonRelease) {
+                begin();
+            }
+        }
+        if (pressed_ && event->type() == QEvent::MouseMove && watched->isWindowType()) {
+            pointer_.served(static_cast<QMouseEvent*>(event)->globalPosition().toPoint());
+        }
+        return QObject::eventFilter(watched, event);
+    }
+
+  private:
+    void press(const ImageButtonView& button) { pointer_.click(button.mapToGlobal(button.rect().center())); }
+
+    void begin() {
+        pressed_ = true;
+        processorBefore_ = processorSeconds();
+        start_ = Clock::now();
+        if (!probesInterface_) {
+            return;
+        }
+        pointer_.startMoving();
+        auto* const timer = new QTimer(this);
+        timer->setTimerType(Qt::PreciseTimer);
+        lastTick_ = start_;
+        connect(timer, &QTimer::timeout, this, [this] {
+            const Clock::time_point now = Clock::now();
+            ticks_.push_back(std::max(0.0, milliseconds(now - lastTick_ - kTick)));
+            lastTick_ = now;
+        });
+        timer->start(kTick);
+    }
+
+    [[noreturn]] void report(Clock::time_point end) {
+        const double seconds = std::chrono::duration<double>(end - start_).count();
+        const double processor = processorSeconds() - processorBefore_;
+        FILE* const file = std::fopen(qPrintable(QCoreApplication::arguments().value(1)), "w");
+        if (file == nullptr) {
+            _exit(1);
+        }
+        std::fprintf(file, "{\"seconds\": %.4f, \"processor\": %.4f, \"peak_kilobytes\": %ld", seconds,
+                     processor, peakResidentKilobytes());
+        if (probesInterface_) {
+            const std::vector<double> moves = pointer_.stop();
+            std::fprintf(file,
+                         ", \"ticks\": %zu, \"tick_p99\": %.2f, \"tick_worst\": %.2f"
+                         ", \"moves\": %zu, \"move_p99\": %.2f, \"move_worst\": %.2f",
+                         ticks_.size(), percentile(ticks_, 0.99), percentile(ticks_, 1), moves.size(),
+                         percentile(moves, 0.99), percentile(moves, 1));
+        }
+        std::fputs("}\n", file);
+        std::fclose(file);
+        _exit(0);
+    }
+
+    static constexpr auto kTick = 5ms;
+
+    const bool probesInterface_;
+    PointerProbe pointer_;
+    bool seen_ = false;
+    bool pressed_ = false;
+    double processorBefore_ = 0;
+    Clock::time_point start_;
+    Clock::time_point lastTick_;
+    std::vector<double> ticks_;
+};
+
+void watch() {
+    new Watcher(qApp);
+}
+
+Q_COREAPP_STARTUP_FUNCTION(watch)
+
+} // namespace
+
+int main(int argc, char** argv) {
+    return NSApplicationMain(argc, argv);
+}

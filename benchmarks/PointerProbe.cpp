@@ -1,0 +1,105 @@
+#include "PointerProbe.h"
+
+#include <xcb/xcb.h>
+#include <xcb/xtest.h>
+
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kBetweenMoves = 4ms;
+constexpr std::size_t kMost = 1U << 16U;
+
+// A move's number is written into its place: so many moves are never under way at once.
+constexpr int kColumns = 200;
+constexpr int kRows = 100;
+constexpr int kEdge = 20;
+
+QPoint placeOf(std::size_t number) {
+    const auto wrapped = static_cast<int>(number % (kColumns * kRows));
+    return {kEdge + wrapped % kColumns, kEdge + wrapped / kColumns};
+}
+
+std::size_t numberAt(QPoint place) {
+    return static_cast<std::size_t>((place.y() - kEdge) * kColumns + place.x() - kEdge);
+}
+
+} // namespace
+
+struct PointerProbe::Moves {
+    xcb_connection_t* connection = xcb_connect(nullptr, nullptr);
+    std::array<Clock::time_point, kMost> sentAt;
+    std::atomic<std::size_t> sent{0};
+    std::size_t servedCount = 0; // main thread
+    std::vector<double> delays;  // main thread
+    std::atomic<bool> over{false};
+
+    void fake(std::uint8_t type, std::uint8_t detail, QPoint place) const {
+        xcb_test_fake_input(connection, type, detail, XCB_CURRENT_TIME, XCB_NONE,
+                            static_cast<std::int16_t>(place.x()), static_cast<std::int16_t>(place.y()), 0);
+        xcb_flush(connection);
+    }
+
+    void move() {
+        while (!over && sent < kMost) {
+            const std::size_t number = sent;
+            sentAt[number] = Clock::now();
+            sent = number + 1;
+            fake(XCB_MOTION_NOTIFY, 0, placeOf(number));
+            std::this_thread::sleep_for(kBetweenMoves);
+        }
+    }
+
+    void servedUpTo(std::size_t end) {
+        const Clock::time_point now = Clock::now();
+        for (; servedCount < end; ++servedCount) {
+            delays.push_back(milliseconds(now - sentAt[servedCount]));
+        }
+    }
+};
+
+PointerProbe::PointerProbe() : moves_(std::make_unique<Moves>()) {
+    if (xcb_connection_has_error(moves_->connection) != 0 ||
+        !xcb_get_extension_data(moves_->connection, &xcb_test_id)->present) {
+        std::fputs("no X server with the test extension\n", stderr);
+        std::exit(1);
+    }
+}
+
+PointerProbe::~PointerProbe() = default;
+
+void PointerProbe::click(QPoint place) {
+    moves_->fake(XCB_MOTION_NOTIFY, 0, place);
+    moves_->fake(XCB_BUTTON_PRESS, XCB_BUTTON_INDEX_1, place);
+    moves_->fake(XCB_BUTTON_RELEASE, XCB_BUTTON_INDEX_1, place);
+}
+
+void PointerProbe::startMoving() {
+    std::thread([moves = moves_.get()] { moves->move(); }).detach();
+}
+
+void PointerProbe::served(QPoint place) {
+    const std::size_t number = numberAt(place);
+    // The way back from the wrapped place to the number: the latest sent that was put there.
+    const std::size_t sent = moves_->sent;
+    constexpr std::size_t kPlaces = std::size_t{kColumns} * kRows;
+    if (sent == 0 || number >= kPlaces) {
+        return;
+    }
+    const std::size_t behind = ((sent - 1) % kPlaces + kPlaces - number) % kPlaces;
+    if (behind < sent) {
+        moves_->servedUpTo(sent - behind);
+    }
+}
+
+std::vector<double> PointerProbe::stop() {
+    moves_->over = true;
+    moves_->servedUpTo(moves_->sent);
+    return moves_->delays;
+}

@@ -1,0 +1,44 @@
+"""Runs one download and measures it."""
+import json
+import os
+import subprocess
+import time
+from pathlib import Path
+
+PLACE_IN_A_SECOND = 0.1  # where DownloadWindow.cpp presses start too
+
+
+def wait_for_the_next_start():
+    time.sleep((PLACE_IN_A_SECOND - time.time()) % 1)
+
+
+def environment(home):
+    # A proxy or an address of somebody's session has no place in a measurement.
+    kept = {name: value for name, value in os.environ.items()
+            if name in ("PATH", "DISPLAY", "XAUTHORITY", "LANG", "TMPDIR")}
+    return kept | {"HOME": str(home), "QT_QPA_PLATFORM": "xcb"}
+
+
+def measured(command, home):
+    """Seconds of wall and of processor time of the whole process."""
+    wait_for_the_next_start()
+    start = time.monotonic()
+    process = subprocess.Popen(command, env=environment(home), stdin=subprocess.DEVNULL)
+    _, status, usage = os.wait4(process.pid, 0)
+    seconds = time.monotonic() - start
+    process.returncode = os.waitstatus_to_exitcode(status)
+    if process.returncode != 0:
+        raise SystemExit(f"{command[0]} ended with {process.returncode}")
+    return {"seconds": seconds, "processor": usage.ru_utime + usage.ru_stime}
+
+
+def measured_window(program, home, *arguments):
+    """The same from the press of start to the last byte, and without what the process did before."""
+    report = Path(home) / "report.json"
+    report.unlink(missing_ok=True)
+    with open(Path(home) / "window.log", "wb") as log:
+        status = subprocess.run([program, report, *arguments], env=environment(home), stdin=subprocess.DEVNULL,
+                                stdout=log, stderr=log, check=False).returncode
+    if status != 0 or not report.exists():
+        raise SystemExit(f"{program} ended with {status}; see {log.name} and {home}/Documents")
+    return json.loads(report.read_text())

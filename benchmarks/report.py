@@ -1,0 +1,90 @@
+"""What a comparison found, as Markdown and as a picture."""
+import statistics
+from html import escape
+
+
+def spread(values, digits=2):
+    return f"{statistics.median(values):.{digits}f} ({min(values):.{digits}f}–{max(values):.{digits}f})"
+
+
+def table(head, rows):
+    lines = [head, ["---"] + ["---:"] * (len(head) - 1), *rows]
+    return "".join("| " + " | ".join(row) + " |\n" for row in lines) + "\n"
+
+
+def median(results, key):
+    return statistics.median(result[key] for result in results)
+
+
+def downloads(by_program, title):
+    def ratio(program, other, key):
+        return f"{median(by_program[program], key) / median(by_program[other], key):.2f}"
+
+    rows = [[program, spread([result["seconds"] for result in results]),
+             ratio(program, "bare loop", "seconds"), ratio(program, "curl", "seconds"),
+             spread([result["processor"] for result in results]), ratio(program, "curl", "processor")] for program, results in by_program.items()]
+    delayed_by = next(iter(by_program.values()))[0].get("delayed_by")
+    note = f" (delayed by a {delayed_by}, all five at once)" if delayed_by else ""
+    head = ["", "seconds", "÷ bare loop", "÷ curl", "processor seconds", "÷ curl"]
+    return f"**{title}**{note}\n\n" + table(head, rows)
+
+
+def first_paint(rounds):
+    rows = [[name, spread([pair[name]["milliseconds"] for pair in rounds], 0),
+             f"{statistics.median(pair[name]['peak_kilobytes'] for pair in rounds) / 1000:.1f}"]
+            for name in ("bare window", "window")]
+    bare, ours = (statistics.median(pair[name]["milliseconds"] for pair in rounds) for name in ("bare window", "window"))
+    return (f"**From the start of the process to the first paint**, {len(rounds)} pairs: {ours / bare:.2f} times\n\n" +
+            table(["", "milliseconds", "resident MB"], rows))
+
+
+def interface(rounds):
+    rows = []
+    for name, key in (("timer ticks", "tick"), ("mouse moves", "move")):
+        rows.append([name, str(sum(result[f"{key}s"] for result in rounds)),
+                     spread([result[f"{key}_p99"] for result in rounds], 1),
+                     spread([result[f"{key}_worst"] for result in rounds], 1)])
+    head = ["while 1 GB comes as fast as it goes", "served", "99th percentile, ms late", "worst, ms late"]
+    return "**The interface**\n\n" + table(head, rows)
+
+
+def memory(peaks):
+    return ("**Peak resident memory**: " +
+            ", ".join(f"{peak / 1000:.1f} MB with a {name} body" for name, peak in peaks.items()) + "\n\n")
+
+
+def markdown(results, titles, rounds, versions):
+    """The tables: medians, with the least and the most in brackets."""
+    text = f"Medians of {rounds} rounds, in brackets the least and the most. {versions}.\n\n"
+    for name, title in titles.items():
+        if name in results:
+            text += downloads(results[name], title)
+    return text + first_paint(results["first paint"]) + interface(results["interface"]) + memory(results["memory"])
+
+
+def plot(results, titles):
+    """Horizontal bars of the seconds, a group for each load, each on a scale of its own."""
+    width, left, bar, gap = 720, 110, 16, 6
+    scale = width - left - 150
+    y, parts = 10, []
+    for name, title in titles.items():
+        if name not in results:
+            continue
+        y += 18
+        parts.append(f'<text x="10" y="{y}" class="title">{escape(title)}</text>')
+        y += 10
+        most = max(result["seconds"] for runs in results[name].values() for result in runs)
+        for program, runs in results[name].items():
+            seconds = [result["seconds"] for result in runs]
+            middle = statistics.median(seconds)
+            least, longest, end = (left + scale * value / most for value in (min(seconds), max(seconds), middle))
+            colour = "#0d80ba" if program == "window" else "#9aa7b0"
+            parts += [f'<text x="{left - 8}" y="{y + 12}" text-anchor="end">{program}</text>',
+                      f'<rect x="{left}" y="{y}" width="{end - left:.1f}" height="{bar}" fill="{colour}"/>',
+                      f'<path d="M{least:.1f} {y + bar / 2}H{longest:.1f}" stroke="#222" stroke-width="2"/>',
+                      f'<text x="{longest + 8:.1f}" y="{y + 12}">{middle:.2f} s</text>']
+            y += bar + gap
+        y += 6
+    style = "text{font:12px sans-serif;fill:#222}.title{font-weight:bold}"
+    return (f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{y}" viewBox="0 0 {width} {y}">'
+            f'<style>{style}</style><rect width="100%" height="100%" fill="#fff"/>' + "\n".join(parts) + "</svg>\n")
