@@ -1,29 +1,53 @@
 #include "app/MainInterface.h"
 
+#include "BuildConstants.h"
 #include "app/AppDelegate.h"
 #include "app/KvWindowController.h"
 #include "platform/Application.h"
 #include "platform/Bundle.h"
+#include "platform/Log.h"
 #include "platform/MainThread.h"
 #include "platform/StandardStreams.h"
+#include "platform/SystemVersion.h"
 #include "platform/Text.h"
+#include "transfer/CurlLibrary.h"
 #include "ui/Leave.h"
 
 #include <QApplication>
 #include <QIcon>
 #include <QStyleFactory>
+#include <QSysInfo>
+
+namespace {
+
+/// What a support person asks first. No name of the machine or of the user.
+void logWhatRuns(qreal scale) {
+    const SystemVersion version = systemVersion();
+    NSLog("PellomarDownloader %s on %s, %s %s %s, which counts as %d.%d.%d", constants::kVersion,
+          qPrintable(QSysInfo::prettyProductName()), qPrintable(QSysInfo::kernelType()),
+          qPrintable(QSysInfo::kernelVersion()), qPrintable(QSysInfo::currentCpuArchitecture()),
+          version.major, version.minor, version.bugFix);
+    NSLog("Qt %s, %s at scale %g, %s", qVersion(), qPrintable(QGuiApplication::platformName()), scale,
+          curlLibraryVersion().c_str());
+}
+
+} // namespace
+
+void setUpLook() {
+    // It needs no theme's plugin.
+    QApplication::setStyle(QStyleFactory::create("Fusion"));
+    // Named, so that a desktop of another language does not show Chinese in another's letter forms or weight.
+    QFont font = QApplication::font();
+    font.setFamilies({"Noto Sans CJK SC", "Source Han Sans SC", "WenQuanYi Micro Hei", font.family()});
+    QApplication::setFont(font);
+}
 
 int NSApplicationMain(int& argc, char** argv) {
     occupyStandardStreams();
     QApplication application(argc, argv);
     QApplication::setApplicationName("PellomarDownloader");
     QGuiApplication::setDesktopFileName("pellomar-downloader");
-    // One look on every desktop, and no theme's plugin to load.
-    QApplication::setStyle(QStyleFactory::create("Fusion"));
-    // Named, so that a desktop of another language does not show Chinese in another's letter forms or weight.
-    QFont font = QApplication::font();
-    font.setFamilies({"Noto Sans CJK SC", "Source Han Sans SC", "WenQuanYi Micro Hei", font.family()});
-    QApplication::setFont(font);
+    setUpLook();
     QApplication::setWindowIcon(QIcon(viewText(bundleResourcePath("AppIcon", "png"))));
     MainThread::attach();
 
@@ -35,6 +59,7 @@ int NSApplicationMain(int& argc, char** argv) {
     controller.windowDidLoad();
     controller.showWindow();
     delegate.applicationDidFinishLaunching();
+    logWhatRuns(controller.window()->devicePixelRatioF());
 
     const int result = QApplication::exec();
     // Workers may be at work still.

@@ -74,6 +74,7 @@ std::optional<std::string> CoreImageView::prepareTemporaryFile() {
     const std::string directory = downloadDirectory();
     const std::string problem = createTemporaryFile(directory);
     if (!problem.empty()) {
+        NSLog("create temp file failed:%s", problem.c_str());
         updateStatus(problem);
         return std::nullopt;
     }

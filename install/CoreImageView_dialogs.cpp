@@ -2,6 +2,7 @@
 #include "platform/Alert.h"
 #include "platform/FileManager.h"
 #include "platform/Folders.h"
+#include "platform/Log.h"
 #include "platform/Workspace.h"
 #include "ui/CoreImageView.h"
 
@@ -31,6 +32,7 @@ void CoreImageView::isCoverInstall() {
     } else if (answer == Alert::kSecondButton) {
         _isCoverInstall = true;
     }
+    NSLog("keep installed games:%s", _isCoverInstall ? "no" : "yes");
     if (!_isCoverInstall) {
         return;
     }

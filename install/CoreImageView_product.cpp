@@ -32,5 +32,6 @@ void CoreImageView::startTovaniPlayer(const void* /*unused*/) {
         updateStatus(status::kLaunchFailed);
         return;
     }
+    NSLog("launch Pellomar.app successful");
     leave();
 }

@@ -7,6 +7,7 @@
 
 bool obtainRights(InstallAttempt& attempt) {
     constexpr char kRight[] = "com.norvik.PellomarDownloader";
+    NSLog("asking for administrator rights");
     if (AuthorizationCreate(&attempt.authRef) != errAuthorizationSuccess) {
         NSLog("Could not create authorization reference object.");
         attempt.authStatus = errAuthorizationBadAddress;
@@ -17,6 +18,7 @@ bool obtainRights(InstallAttempt& attempt) {
                                         kAuthorizationFlagPreAuthorize);
     }
     if (attempt.authStatus == errAuthorizationSuccess) {
+        NSLog("administrator rights obtained");
         return true;
     }
     giveUpRights(attempt);
@@ -36,6 +38,9 @@ ToolPipe runPrivilegedCommand(InstallAttempt& attempt, const std::string& toolPa
     FILE* pipe = nullptr;
     attempt.authStatus = AuthorizationExecuteWithPrivileges(attempt.authRef, toolPath,
                                                             kAuthorizationFlagDefaults, arguments, &pipe);
+    if (attempt.authStatus != errAuthorizationSuccess) {
+        NSLog("%s could not be started as root:%d", toolPath.c_str(), static_cast<int>(attempt.authStatus));
+    }
     return {pipe, [](FILE* stream) { return fclose(stream); }};
 }
 

@@ -7,9 +7,9 @@
 void occupyStandardStreams();
 
 /// Sends standard output and standard error to the file at `path`, each by an appending opening of its own
-/// (the file is made when missing); standard output then writes line by line, so that its lines and the
-/// log's stand in the order written. Where the file cannot be opened, or `path` is empty, both streams keep
-/// their destination. Main thread, before other threads write.
+/// (the file is made when missing, for its owner's eyes only); standard output then writes line by line, so
+/// that its lines and the log's stand in the order written. Where the file cannot be opened, or `path` is
+/// empty, both streams keep their destination. Main thread, before other threads write.
 void redirectStandardStreams(const std::string& path);
 
 /// Writes out what standard output and standard error still hold, and only those two: flushing every

@@ -31,7 +31,7 @@ void redirectStandardStreams(const std::string& path) {
     if (path.empty()) {
         return;
     }
-    const int probe = open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    const int probe = open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     if (probe < 0) {
         return;
     }

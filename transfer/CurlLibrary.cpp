@@ -7,6 +7,10 @@ void initialiseCurlLibrary() {
     curl_global_init(CURL_GLOBAL_ALL);
 }
 
+std::string curlLibraryVersion() {
+    return curl_version();
+}
+
 void cleanUpCurlLibrary() {
     curl_global_cleanup();
 }

@@ -7,8 +7,10 @@
 #include <curl/curl.h>
 
 #include <atomic>
+#include <cerrno>
 #include <limits>
 #include <memory>
+#include <system_error>
 
 namespace {
 
@@ -50,6 +52,28 @@ std::int64_t truncatedLength(double length) {
     return length < kBeyond ? static_cast<std::int64_t>(length) : std::numeric_limits<std::int64_t>::max();
 }
 
+/// What became of a request, for the log. Never the library's own message about it: that can hold a proxy's
+/// address as the environment gives it, with a name and a password.
+std::string outcomeOf(CURL* handle, int result) {
+    long answer = 0;
+    long port = 0;
+    long systemError = 0;
+    const char* address = nullptr;
+    curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &answer);
+    curl_easy_getinfo(handle, CURLINFO_PRIMARY_IP, &address);
+    curl_easy_getinfo(handle, CURLINFO_PRIMARY_PORT, &port);
+    curl_easy_getinfo(handle, CURLINFO_OS_ERRNO, &systemError);
+    std::string text = "HTTP " + std::to_string(answer);
+    if (address != nullptr && *address != '\0') {
+        text += std::string(" from ") + address + " port " + std::to_string(port);
+    }
+    text += std::string(", ") + curl_easy_strerror(static_cast<CURLcode>(result));
+    if (result != CURLE_OK && systemError != 0) {
+        text += std::string(", ") + std::generic_category().message(static_cast<int>(systemError));
+    }
+    return text;
+}
+
 int probeFailed(int status) {
     post(CurlMessageTypeProbeFailed, status, kNoTransfer);
     return status;
@@ -61,6 +85,9 @@ std::size_t OnDownLoadFile(char* data, std::size_t size, std::size_t count, void
     }
     auto* const stream = static_cast<FILE*>(userData);
     const std::size_t written = fwrite(data, size, count, stream);
+    if (written < count) {
+        NSLog("Write of File failed:%s", std::generic_category().message(errno).c_str());
+    }
     fflush(stream);
     // A record of 0 bytes would tell the panel that the user stopped.
     if (written > 0) {
@@ -80,6 +107,7 @@ int CurlWrapper::SyncHead(const std::string& url) {
     curl_easy_setopt(handle.get(), CURLOPT_HEADER, 1L);
     curl_easy_setopt(handle.get(), CURLOPT_NOBODY, 1L);
     int result = curl_easy_perform(handle.get());
+    NSLog("SyncHead:%s", outcomeOf(handle.get(), result).c_str());
     if (result != CURLE_OK) {
         handle.reset();
         return probeFailed(result);
@@ -108,6 +136,7 @@ int CurlWrapper::SyncHead(const std::string& url) {
 int CurlWrapper::SyncDownload(const std::string& url, FILE* stream, const std::int64_t& startPos) {
     EasyHandle handle = makeHandle();
     int result = kNoHandle;
+    std::string outcome = "no handle";
     if (handle != nullptr) {
         curl_easy_setopt(handle.get(), CURLOPT_URL, url.c_str());
         curl_easy_setopt(handle.get(), CURLOPT_HEADER, 0L);
@@ -117,9 +146,11 @@ int CurlWrapper::SyncDownload(const std::string& url, FILE* stream, const std::i
         curl_easy_setopt(handle.get(), CURLOPT_CONNECTTIMEOUT, 30L);
         post(CurlMessageTypeStarted, 0, tokenOf(stream), -1);
         result = curl_easy_perform(handle.get());
+        outcome = outcomeOf(handle.get(), result);
         handle.reset();
     }
     NSLog("SyncDownload Return Code:%d", result);
+    NSLog("SyncDownload from byte %lld:%s", static_cast<long long>(startPos), outcome.c_str());
     return result;
 }
 

@@ -1,7 +1,9 @@
 """What lets an ordinary user down: the network, the disk, and files that may not be read or written."""
 
+import os
 import re
 import socket
+from unittest import mock
 
 from harness import ADDRESS, BAR, PACKAGE, SMALL_DISK, Downloader, EndToEndTest, Server, main
 
@@ -66,14 +68,18 @@ class Faults(EndToEndTest):
             self.assert_downloaded(program)
 
     def test_log_is_in_documents(self):
-        with Server(), Downloader() as program:
+        proxy = {"http_proxy": "http://visitor:secret@{}:{}".format(*ADDRESS), "no_proxy": ""}
+        with mock.patch.dict(os.environ, proxy), Server(), Downloader() as program:
             program.start()
             self.assert_downloaded(program)
             (path,) = (program.home / "Documents").iterdir()
             self.assertTrue(re.fullmatch(r"LOG-\d{14}\.txt", path.name))
             self.assertRegex(program.inherited.read_text(), rf"\A.*\] {path}\n\Z")
-            self.assertEqual(program.lines()[0], "start_button has been clicked")
+            self.assertRegex(program.lines()[0], r"^PellomarDownloader \d+\.\d+\.\d+ on ")
+            self.assertEqual(program.lines()[2], "start_button has been clicked")
             self.assertIn("Pre-auth failed", program.lines())
+            self.assertNotIn("secret", program.log())
+            self.assertEqual(path.stat().st_mode & 0o777, 0o600)
 
     def test_works_without_a_log(self):
         nowhere = ("sh", "-c", 'exec "$0" <&- >&- 2>&-')

@@ -25,7 +25,7 @@ NOBODY = 65534
 
 # The download worker may say the first when the install worker is off already; without a bus, a user who is not
 # root may be told the second.
-UNTOLD = ["SyncDownload Return Code", "Could not create authorization reference object"]
+UNTOLD = ["SyncHead", "SyncDownload", "Could not create authorization reference object"]
 
 # What the tools do, as lines of bash; a list tells it of the first, the second … call, the last of all later ones.
 REMOVES = f'{SUPPORT}/rm "$@"'
@@ -42,11 +42,15 @@ TOOLS = {
 }
 MISSING = []
 
-FINISHED = ["event 815", "status 已完成下载", "no speed", "hide stop_button", "root runs /usr/bin/killall|Pellomar"]
+RIGHTS = ["log asking for administrator rights", "log administrator rights obtained"]
+FINISHED = ["event 815", "status 已完成下载", "no speed", "hide stop_button", "root runs /usr/bin/killall|Pellomar",
+            *RIGHTS]
 AGAIN = ["> continueInsTall_button", "log continueInsTall_button has been clicked", "status 已完成下载",
-         "hide continueInsTall_button", "root runs /usr/bin/killall|Pellomar"]
+         "hide continueInsTall_button", "root runs /usr/bin/killall|Pellomar", *RIGHTS]
 QUESTION = ["dialog 安装向导|是否保留已安装游戏和应用|确定|取消"]
-KEPT = [*QUESTION, "> 确定", "dialog closed"]
+YES = ["dialog closed", "log keep installed games:yes"]
+NO = ["dialog closed", "log keep installed games:no"]
+KEPT = [*QUESTION, "> 确定", *YES]
 REMOVAL = ["status 正在卸载Pellomar", "root runs /bin/rm|-rf|/Applications/Pellomar.app"]
 REMOVED = [*REMOVAL, "log uninstall Pellomar Success"]
 INSTALLATION = ["status 正在安装Pellomar", "event 817", "log Installing Pellomar",
@@ -58,7 +62,7 @@ INSTALL_FAILED = ["event 822", "status 安装Pellomar失败，请尝试重新下
 DOWNLOADED_AGAIN = ["> retryDownload_button", "log retryDownload_button has been clicked",
                     "log create temp file successful", "hide retryDownload_button", "log WebStatic:Download Start",
                     "event 814", "status 正在下载Pellomar", "event 815", "status 已完成下载", "no speed",
-                    "root runs /usr/bin/killall|Pellomar"]
+                    "root runs /usr/bin/killall|Pellomar", *RIGHTS]
 QUERY = ["status 正在查询vbox驱动状态", "root runs /usr/sbin/kextstat|-b|com.norvik.emu.kext.VBoxDrv"]
 DRIVER_START = ["status 正在安装vbox驱动", f"root runs {STARTUP}|restart"]
 DRIVER_FAILED = ["status 安装vbox驱动失败，请重试", "show continueInsTall_button"]
@@ -68,9 +72,11 @@ GUIDE = ["dialog 检测到您的电脑未能成功安装驱动程序，请前往
 SETTINGS = [*GUIDE, "> 立即前往设置", "opens /System/Library/PreferencePanes/Security.prefPane", "dialog closed"]
 NEW_SYSTEM = ["status 安装Pellomar失败，请前往论坛查看安装教程", "log 10.14.5以上系统没有关闭sip",
               "dialog 安装失败，检测到您的系统与驱动签名不兼容。点击“立即前往”查看解决方案。||立即前往"]
-LAUNCHED = ["status 正在启动Pellomar", "events submitted", "opens Pellomar, new, in ~"]
+LAUNCHED = ["status 正在启动Pellomar", "log launch Pellomar.app successful", "events submitted",
+            "opens Pellomar, new, in ~"]
 BY_USER = "nobody runs /usr/bin/killall|Pellomar"
-REFUSED = ["log Pre-auth failed", "status 获取权限失败，请重试", "show continueInsTall_button"]
+UNSTARTED = "could not be started as root:-60031"
+REFUSED = [RIGHTS[0], "log Pre-auth failed", "status 获取权限失败，请重试", "show continueInsTall_button"]
 
 
 @dataclasses.dataclass
@@ -96,21 +102,21 @@ ROWS = {
         [*FINISHED, *KEPT, *REMOVED, *INSTALLED, *QUERY, "event 826", *LAUNCHED],
         old_copy=True, stale=[FLAG, "Downloads/NVInst/Pellomar.pkg", "Downloads/NVInst/Pellomar.tmp"]),
     "return keeps, driver named across two reads": Row(
-        [*FINISHED, *QUESTION, "> Return", "dialog closed", *REMOVED, *INSTALLED, *QUERY, "event 826", *LAUNCHED],
+        [*FINISHED, *QUESTION, "> Return", *YES, *REMOVED, *INSTALLED, *QUERY, "event 826", *LAUNCHED],
         {"/usr/sbin/kextstat": ["printf '%1015s%s' '' com.norvik.emu.kext.VBoxDrv"]}, old_copy=True),
     "question not closed without answer, old copy not kept": Row(
-        [*FINISHED, *QUESTION, "> Escape", "> close", "> 取消", "dialog closed", *REMOVED, *INSTALLED, *QUERY,
+        [*FINISHED, *QUESTION, "> Escape", "> close", "> 取消", *NO, *REMOVED, *INSTALLED, *QUERY,
          "event 826", *LAUNCHED],
         old_copy=True, home="用户 1", flag=True),
     "removal's words count against the installer": Row(
-        [*FINISHED, *QUESTION, "> 取消", "dialog closed", *REMOVED, "log uninstall Pellomar failed",
+        [*FINISHED, *QUESTION, "> 取消", *NO, *REMOVED, "log uninstall Pellomar failed",
          *INSTALLATION, *PACKAGE,
          "log Install Pellomar failed:rm: Invalid path\ninstaller: The install was successful.\n",
          *INSTALL_FAILED, *DOWNLOADED_AGAIN, *KEPT, *REMOVED, *INSTALLED, *QUERY, "event 826", *LAUNCHED],
         {"/bin/rm": [f"echo 'rm: Invalid path'; {REMOVES}", REMOVES]},
         old_copy=True, flag=True),  # only a new start takes the answer back
     "removal cannot start": Row(
-        [*FINISHED, *KEPT, "status 正在卸载Pellomar", "end"], {"/bin/rm": MISSING}, old_copy=True),
+        [*FINISHED, *KEPT, REMOVAL[0], f"log /bin/rm {UNSTARTED}", "end"], {"/bin/rm": MISSING}, old_copy=True),
     "installer says error, second download installs": Row(
         [*FINISHED, *INSTALLATION, "log Install Pellomar failed:installer: Error - damaged\n", *INSTALL_FAILED,
          *DOWNLOADED_AGAIN, *INSTALLED, *QUERY, "event 826", *LAUNCHED],
@@ -119,7 +125,8 @@ ROWS = {
         [*FINISHED, *INSTALLED, *QUERY, "event 826", *LAUNCHED],
         {"/usr/sbin/installer": [f"{INSTALLS}; echo Error >&2; exit 1"]}, logged="Error\n"),
     "installer cannot start": Row(
-        [*FINISHED, *INSTALLATION[:3], "status 安装Pellomar失败了，请联系反馈群或者重新尝试进行安装", "event 822", "end"],
+        [*FINISHED, *INSTALLATION[:3], f"log /usr/sbin/installer {UNSTARTED}",
+         "status 安装Pellomar失败了，请联系反馈群或者重新尝试进行安装", "event 822", "end"],
         {"/usr/sbin/installer": MISSING}),
     "old system, settings, driver starts": Row(
         [*FINISHED, *INSTALLED, *QUERY, *OLD_SYSTEM, "event 823", *SETTINGS, *AGAIN, *DRIVER_START, "event 825",
@@ -136,8 +143,8 @@ ROWS = {
          "end"],
         {"/usr/sbin/kextstat": ["echo com.norvik.emu.kext.vboxdrv"]}, system="10.14.5"),
     "query cannot start, driver start fails on a new system": Row(
-        [*FINISHED, *INSTALLED, QUERY[0], *DRIVER_FAILED, *AGAIN, *DRIVER_START, *NEW_SYSTEM, "> Escape",
-         "dialog closed", "end"],
+        [*FINISHED, *INSTALLED, QUERY[0], f"log /usr/sbin/kextstat {UNSTARTED}", *DRIVER_FAILED, *AGAIN,
+         *DRIVER_START, *NEW_SYSTEM, "> Escape", "dialog closed", "end"],
         {"/usr/sbin/kextstat": MISSING, STARTUP: ["echo 'VirtualBox Error: no VBoxDrv'"]}, system="10.14.6"),
     "launch fails": Row(
         [*FINISHED, *INSTALLED, *QUERY, "event 826", "status 正在启动Pellomar",
@@ -145,7 +152,7 @@ ROWS = {
          "could not be started: Permission denied", "status 启动Pellomar失败", "end"],
         {"/usr/sbin/installer": [f"{INSTALLS}; chmod -x /Applications/Pellomar.app/Contents/MacOS/*"]}),
     "rights refused twice before anything is asked": Row(
-        [*FINISHED[:-1], BY_USER, *REFUSED, *AGAIN[:-1], BY_USER, *REFUSED, "end"], old_copy=True, user=NOBODY),
+        [*FINISHED[:-3], BY_USER, *REFUSED, *AGAIN[:-3], BY_USER, *REFUSED, "end"], old_copy=True, user=NOBODY),
 }
 
 
