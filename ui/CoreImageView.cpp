@@ -10,12 +10,6 @@
 #include <QMouseEvent>
 #include <QStyleHints>
 
-struct CoreImageView::ButtonPictures {
-    Image::Ref normal;
-    Image::Ref deep;
-    Image::Ref gray;
-};
-
 CoreImageView::CoreImageView(const Frame& frame, QWidget* superview) : QWidget(superview) {
     setGeometry(toolkitRect(frame, qRound(frame.height)));
     _observer =
@@ -31,6 +25,19 @@ CoreImageView::~CoreImageView() {
 void CoreImageView::addSubview(QWidget* view, const Frame& frame, bool hidden) {
     view->setGeometry(toolkitRect(frame, height()));
     view->setHidden(hidden);
+}
+
+void CoreImageView::addButton(std::int32_t type, const char* name, const char* accessibleName,
+                              const ButtonPictures& pictures, const Frame& frame, bool hidden) {
+    auto* const view = new ImageButtonView(this);
+    view->setIType(type);
+    view->setImageName(name);
+    view->setImage(pictures.normal);
+    view->setNormalImage(pictures.normal);
+    view->setDeepImage(pictures.deep);
+    view->setGrayImage(pictures.gray);
+    view->setAccessibleName(viewText(accessibleName));
+    addSubview(view, frame, hidden);
 }
 
 QWidget* CoreImageView::hitTest(const QPoint& point) {
@@ -106,10 +113,14 @@ void CoreImageView::buildSecondScreen() {
     const ButtonPictures resume{Image::named("continue_normal"), Image::named("continue_deep"), nullptr};
     const ButtonPictures retry{Image::named("retry_normal"), Image::named("retry_deep"),
                                Image::named("retry_gray")};
-    const QSize stopSize = sizeOf(stop.normal);
-    const QSize otherSize = sizeOf(resume.normal);
+    // All buttons have one spot, whose size is that of stop and, for the others, of continue.
+    const auto add = [this](const char* name, const char* accessibleName, const ButtonPictures& pictures,
+                            const QSize& size) {
+        const Frame spot = frameAt((width() - size.width()) * 0.5, size.height(), size);
+        addButton(ImageButtonView::kPushButton, name, accessibleName, pictures, spot, true);
+    };
 
-    addButton(button::kStop, "停止", stop, stopSize);
+    add(button::kStop, "停止", stop, sizeOf(stop.normal));
 
     const Frame bar{60, height() / 5.0, width() - 120.0, 10};
     _progress = new ProgressIndicator(this);
@@ -120,25 +131,10 @@ void CoreImageView::buildSecondScreen() {
     _speed = addLabel({bar.x + bar.width - 100, labelBottom, 100, 15}, Qt::AlignRight, status::kNoSpeed);
     _status = addLabel({bar.x, labelBottom, 300, 15}, Qt::AlignLeft, status::kCheckingNetwork);
 
-    addButton(button::kContinue, "继续", resume, otherSize);
-    addButton(button::kContinueInstall, "重试安装", retry, otherSize);
-    addButton(button::kRetryDownload, "重试下载", retry, otherSize);
+    add(button::kContinue, "继续", resume, sizeOf(resume.normal));
+    add(button::kContinueInstall, "重试安装", retry, sizeOf(resume.normal));
+    add(button::kRetryDownload, "重试下载", retry, sizeOf(resume.normal));
     enterState(ScreenState::Downloading);
-}
-
-void CoreImageView::addButton(const char* name, const char* accessibleName, const ButtonPictures& pictures,
-                              const QSize& size) {
-    auto* const view = new ImageButtonView(this);
-    view->setIType(ImageButtonView::kPushButton);
-    view->setImageName(name);
-    view->setImage(pictures.normal);
-    view->setNormalImage(pictures.normal);
-    view->setDeepImage(pictures.deep);
-    view->setGrayImage(pictures.gray);
-    view->setAccessibleName(viewText(accessibleName));
-    const double buttonWidth = size.width();
-    const double buttonHeight = size.height();
-    addSubview(view, {(width() - buttonWidth) * 0.5, buttonHeight, buttonWidth, buttonHeight}, true);
 }
 
 TextField* CoreImageView::addLabel(const Frame& frame, Qt::Alignment alignment, const char* text) {

@@ -41,6 +41,11 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
     /// Places `view`, made with this panel as its parent, on top of what the panel holds already.
     void addSubview(QWidget* view, const Frame& frame, bool hidden = false);
 
+    /// Makes a button, which the panel owns, and places it on top of what the panel holds already. `type` is
+    /// one of ImageButtonView's, `accessibleName` what a screen reader says.
+    void addButton(std::int32_t type, const char* name, const char* accessibleName,
+                   const ButtonPictures& pictures, const Frame& frame, bool hidden = false);
+
     /// The view under `point`, the panel itself where there is none. Logged.
     QWidget* hitTest(const QPoint& point);
 
@@ -111,10 +116,7 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
   private:
     // --- view -------------------------------------------------------------------------------------------
 
-    struct ButtonPictures;
     void buildSecondScreen();
-    void addButton(const char* name, const char* accessibleName, const ButtonPictures& pictures,
-                   const QSize& size);
     TextField* addLabel(const Frame& frame, Qt::Alignment alignment, const char* text);
     [[nodiscard]] bool consentGiven() const;
 

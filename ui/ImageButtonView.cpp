@@ -4,6 +4,7 @@
 #include "ui/ImageButtonAccessible.h"
 
 #include <QAccessible>
+#include <QApplication>
 #include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPainter>
@@ -18,15 +19,25 @@ ImageButtonView::ImageButtonView(QWidget* superview) : ImageView(superview) {
 }
 
 void ImageButtonView::setKeyboardLeads(bool leads) {
-    keyboardLeads = leads;
+    QWidget* const focused = QApplication::focusWidget();
+    if (std::exchange(keyboardLeads, leads) != leads && focused != nullptr) {
+        focused->update();
+    }
 }
 
 bool ImageButtonView::event(QEvent* event) {
     if (event->type() == QEvent::KeyPress) {
         setKeyboardLeads(true);
-        update();
     }
     return ImageView::event(event);
+}
+
+void ImageButtonView::focusInEvent(QFocusEvent* event) {
+    // The key that moves the focus here went to whatever had it, which may be no button.
+    if (event->reason() == Qt::TabFocusReason || event->reason() == Qt::BacktabFocusReason) {
+        setKeyboardLeads(true);
+    }
+    ImageView::focusInEvent(event);
 }
 
 void ImageButtonView::setIType(std::int32_t type) {
@@ -151,6 +162,9 @@ void ImageButtonView::paintEvent(QPaintEvent* event) {
         QPainter painter(this);
         painter.setRenderHint(QPainter::Antialiasing);
         painter.setPen(QPen(Qt::white, 2));
-        painter.drawRoundedRect(QRectF(rect()).adjusted(2, 2, -2, -2), 8, 8);
+        // Round the face of a push button, whose ends are half circles.
+        const QRectF ring = QRectF(rect()).adjusted(2, 2, -2, -2);
+        const double radius = iType_ == kPushButton ? ring.height() / 2 : 3;
+        painter.drawRoundedRect(ring, radius, radius);
     }
 }

@@ -21,6 +21,13 @@ class ImageButtonTarget {
     virtual int pressed(const QMouseEvent& event) = 0;
 };
 
+/// The pictures of a button, as its properties of these names say. All but the first may be absent.
+struct ButtonPictures {
+    Image::Ref normal;
+    Image::Ref deep;
+    Image::Ref gray;
+};
+
 /// A control that shows one of three pictures and, when released, sends a message chosen by its name to the
 /// view that contains it, an ImageButtonTarget. Main thread.
 class ImageButtonView : public ImageView {
@@ -63,6 +70,7 @@ class ImageButtonView : public ImageView {
 
   protected:
     bool event(QEvent* event) override;
+    void focusInEvent(QFocusEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
     void mouseDoubleClickEvent(QMouseEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;

@@ -1,7 +1,5 @@
 #include "ui/ViewController.h"
 
-#include "platform/Text.h"
-
 ViewController::ViewController(QWidget* superview) : view_(new QWidget(superview)) {}
 
 void ViewController::viewDidLoad() {
@@ -9,7 +7,7 @@ void ViewController::viewDidLoad() {
     const QSize size = sizeOf(background);
     view_->setFixedSize(size);
 
-    const Frame whole{0, 0, static_cast<double>(size.width()), static_cast<double>(size.height())};
+    const Frame whole = frameAt(0, 0, size);
     panel_ = new CoreImageView(whole, view_);
     auto* const backgroundView = new ImageView(panel_);
     backgroundView->setImage(background);
@@ -20,36 +18,21 @@ void ViewController::viewDidLoad() {
 }
 
 void ViewController::addStartButton() {
-    const Image::Ref normal = Image::named("start_normal");
-    auto* const start = new ImageButtonView(panel_);
-    start->setIType(ImageButtonView::kPushButton);
-    start->setImageName(button::kStart);
-    start->setImage(normal);
-    start->setNormalImage(normal);
-    start->setDeepImage(Image::named("start_deep"));
-    start->setGrayImage(Image::named("start_gray"));
-    start->setAccessibleName(viewText("开始"));
-    const QSize size = sizeOf(normal);
-    const double width = size.width();
-    panel_->addSubview(start,
-                       {(panel_->width() - width) * 0.5, 180, width, static_cast<double>(size.height())});
+    const ButtonPictures pictures{Image::named("start_normal"), Image::named("start_deep"),
+                                  Image::named("start_gray")};
+    const QSize size = sizeOf(pictures.normal);
+    panel_->addButton(ImageButtonView::kPushButton, button::kStart, "开始", pictures,
+                      frameAt((panel_->width() - size.width()) * 0.5, 180, size));
 }
 
 void ViewController::addAgreement() {
-    const Image::Ref ticked = Image::named("checked");
-    auto* const checkbox = new ImageButtonView(panel_);
-    checkbox->setIType(ImageButtonView::kCheckbox);
-    checkbox->setImageName(button::kCheckbox);
-    checkbox->setImage(ticked);
-    checkbox->setNormalImage(ticked);
-    checkbox->setDeepImage(Image::named("uncheck"));
-    checkbox->setAccessibleName(viewText("同意许可协议"));
-    const QSize size = sizeOf(ticked);
-    const Frame frame{25, 15, static_cast<double>(size.width()), static_cast<double>(size.height())};
-    panel_->addSubview(checkbox, frame, true);
+    constexpr char kText[] = "同意许可协议";
+    const ButtonPictures pictures{Image::named("checked"), Image::named("uncheck"), nullptr};
+    const Frame frame = frameAt(25, 15, sizeOf(pictures.normal));
+    panel_->addButton(ImageButtonView::kCheckbox, button::kCheckbox, kText, pictures, frame, true);
 
     auto* const label = new TextField(panel_);
-    label->setStringValue("同意许可协议");
+    label->setStringValue(kText);
     panel_->addSubview(label, {frame.x + frame.width, frame.y, 300, frame.height}, true);
 }
 

@@ -1,3 +1,4 @@
+#include "app/MainInterface.h"
 #include "platform/MainThread.h"
 #include "platform/WorkerThread.h"
 #include "window/Window.h"
@@ -56,6 +57,7 @@ int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     unsetenv("http_proxy");
     QApplication application(argc, argv);
+    setUpLook();
     MainThread::attach();
     return RUN_ALL_TESTS();
 }

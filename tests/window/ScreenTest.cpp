@@ -1,8 +1,14 @@
+#include "platform/Bundle.h"
+#include "platform/FileManager.h"
 #include "platform/Text.h"
-#include "ui/StatusTexts.h"
 #include "window/Window.h"
 
-#include <QFontMetrics>
+#include <QPainter>
+#include <QPushButton>
+#include <QTest>
+#include <QTimer>
+
+#include <regex>
 
 namespace {
 
@@ -70,17 +76,107 @@ TEST_F(Window, StartsOnlyWithConsent) {
     EXPECT_TRUE(button("checkbox").getStatus());
 }
 
-TEST_F(Window, CutsNoStatusText) {
+TEST_F(Window, TabGoesRoundTheVisibleButtons) {
+    const auto tab = [this] {
+        QTest::keyClick(panel().window(), Qt::Key_Tab);
+        return dynamic_cast<ImageButtonView&>(*QApplication::focusWidget()).imageName();
+    };
+    panel().window()->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(panel().window()));
+    button("start_button").clearFocus();
+    ImageButtonView::setKeyboardLeads(false);
+    const QImage plain = drawn();
+    EXPECT_EQ(tab(), "start_button");
+    EXPECT_FALSE(drawn() == plain);
+    button("checkbox").show();
+    EXPECT_EQ(tab(), "checkbox");
+    EXPECT_EQ(tab(), "start_button");
+}
+
+/// Every text of the header, and every cause of the system's.
+std::vector<std::string> statusTexts() {
+    const std::string header = readFile(STATUS_TEXTS).value();
+    const std::regex literal("= \"(.*)\";");
+    std::vector<std::string> texts;
+    for (std::sregex_iterator found(header.begin(), header.end(), literal), end; found != end; ++found) {
+        texts.push_back((*found)[1]);
+    }
+    EXPECT_GE(texts.size(), 20U);
+    for (int code = 1; code <= EHWPOISON; ++code) {
+        texts.push_back(localizedDescription({code, std::generic_category()}));
+    }
+    return texts;
+}
+
+TEST_F(Window, DrawsEveryTextWholeAndApart) {
     openSecondScreen();
-    TextField& label = *labels()[2];
-    for (const char* text : {status::kFileMissing, status::kDownloadFailed, status::kInstallerDidNotStart,
-                             status::kInstallFailed, status::kSeeForum, "没有写入权限，请检查文件夹权限",
-                             "磁盘配额已用完，请清理后重试",
-                             "这是一段比任何状态文字都长得多的文字，用来看标签怎样把它缩小到放得下为止"}) {
-        label.setStringValue(text);
-        const QFontMetrics metrics(label.fittingFont());
-        EXPECT_LE(metrics.horizontalAdvance(label.text()), label.width()) << text;
-        EXPECT_LE(metrics.tightBoundingRect(label.text()).height(), label.height()) << text;
+    bar().show();
+    const std::pair<TextField*, std::vector<std::string>> rows[] = {{labels()[1], {"12345678 KB/s"}},
+                                                                    {labels()[2], statusTexts()}};
+    for (const auto& [label, texts] : rows) {
+        for (QWidget* const other : subviews<QWidget>()) {
+            const bool isBackground = other->size() == panel().size();
+            EXPECT_TRUE(isBackground || other == label || !other->geometry().intersects(label->geometry()));
+        }
+        label->show();
+        for (const std::string& text : texts) {
+            label->setStringValue("");
+            QImage expected = drawn();
+            label->setStringValue(text);
+            EXPECT_EQ(label->fittingFont(), label->font()) << "set smaller: " << text;
+            QPainter painter(&expected); // nothing clips here
+            painter.setFont(label->font());
+            painter.setPen(Qt::white);
+            const int side = label == labels()[1] ? Qt::AlignRight : Qt::AlignLeft;
+            painter.drawText(label->geometry(), side | Qt::AlignVCenter | Qt::TextDontClip, label->text());
+            EXPECT_TRUE(drawn() == expected) << "cut: " << text;
+        }
+    }
+}
+
+TEST_F(Window, DrawsThePicturesOfItsScale) {
+    const auto of = [this](const std::string& name) {
+        return QPixmap(
+            viewText(bundleResourcePath(name + (panel().devicePixelRatioF() > 1 ? "@2x" : ""), "png")));
+    };
+    const auto expect = [&](const char* background, const char* picture, const char* name) {
+        button(name).show();
+        QImage expected = of(background).toImage().convertToFormat(QImage::Format_RGB32);
+        QPainter(&expected).drawPixmap(button(name).pos(), of(picture));
+        EXPECT_TRUE(drawn() == expected) << picture;
+        button(name).hide();
+    };
+    expect("firstbackground", "start_normal", "start_button");
+    openSecondScreen();
+    labels()[2]->hide();
+    expect("secondbackground", "stop_normal", "stop_button");
+    expect("secondbackground", "continue_normal", "continue_button");
+    expect("secondbackground", "retry_normal", "retryDownload_button");
+}
+
+TEST_F(Window, DrawsDialogsWithRoomForTheirWords) {
+    const auto look = [] {
+        QWidget& box = *QApplication::activeModalWidget();
+        QRegion taken;
+        for (QWidget* const view : box.findChildren<QWidget*>()) {
+            if (view->isVisible() && view->findChildren<QWidget*>().isEmpty()) {
+                const QRect place(view->mapTo(&box, QPoint()), view->size());
+                EXPECT_TRUE(box.rect().contains(place) && !taken.intersects(place));
+                taken += place;
+                EXPECT_GE(view->width(), view->minimumSizeHint().width());
+                EXPECT_GE(view->height(), view->heightForWidth(view->width()));
+            }
+        }
+        QTest::keyClick(&box, Qt::Key_Escape);
+        if (box.isVisible()) {
+            box.findChild<QPushButton*>()->click(); // one question must be answered
+        }
+    };
+    QTimer::singleShot(0, look);
+    panel().isCoverInstall();
+    for (const auto guide : {CoreImageView::installFaildGuide, CoreImageView::installFaildDueToSip}) {
+        QTimer::singleShot(0, look);
+        guide();
     }
 }
 

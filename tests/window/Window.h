@@ -38,6 +38,8 @@ class Window : public testing::Test {
     /// The names of the image buttons that are shown, in their order.
     [[nodiscard]] std::vector<std::string> visibleButtons();
     [[nodiscard]] std::string status() { return labels()[2]->text().toStdString(); }
+    /// What is drawn, pixel by pixel, at the scale that the environment sets.
+    QImage drawn() { return panel().grab().toImage().convertToFormat(QImage::Format_RGB32); }
     [[nodiscard]] std::string speed() { return labels()[1]->text().toStdString(); }
 
     /// Presses start and waits until the failed probe has been shown.
