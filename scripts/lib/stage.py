@@ -6,9 +6,11 @@ Every wait is for a condition and has a deadline; a deadline that passes ends th
 
 import os
 import re
+import shutil
 import signal
 import socket
 import subprocess
+import sys
 import threading
 import time
 from pathlib import Path
@@ -22,6 +24,8 @@ WINDOW_TITLE = "Pellomar下载器"
 PROGRAM = "PellomarDownloader"
 # A second press within the toolkit's double-click time would count as part of a double click.
 DOUBLE_CLICK_SECONDS = 0.6
+# More white pixels than a button's word has, and fewer than the ring of the focus.
+LEAST_RING = 500
 
 
 # Root, who looks at the windows, is otherwise not let into a user's session.
@@ -59,6 +63,15 @@ def wait_for(what, condition, seconds=30.0, while_running=None):
         time.sleep(0.02)
 
 
+def give_back(*folders):
+    """What was made through sudo belongs to the user who asked for it."""
+    if "SUDO_UID" in os.environ:
+        owner = int(os.environ["SUDO_UID"]), int(os.environ["SUDO_GID"])
+        for folder in filter(None, folders):
+            for path in folder.iterdir():
+                os.chown(path, *owner)
+
+
 class Session:
     """A session bus of its own, and a folder for what belongs to the session. START is what subprocess needs
     to start it as another user, whose session it is then."""
@@ -93,7 +106,7 @@ class Session:
 class Display:
     """The user's display, or an X server without a screen with a window manager on it."""
 
-    def __init__(self, own):
+    def __init__(self, own=True, size="1100x760"):
         self.own = own
         self.processes = []
         if not own:
@@ -101,7 +114,7 @@ class Display:
         reader, writer = os.pipe()
         self.processes.append(
             subprocess.Popen(
-                ["Xvfb", "-displayfd", str(writer), "-screen", "0", "1100x760x24", "-nolisten", "tcp", "-noreset"],
+                ["Xvfb", "-displayfd", str(writer), "-screen", "0", f"{size}x24", "-nolisten", "tcp", "-noreset"],
                 pass_fds=[writer],
                 stderr=subprocess.DEVNULL,
             )
@@ -120,7 +133,7 @@ class Display:
         wait_for("the window manager", lambda: xdotool("get_num_desktops") is not None)
         # The first key ever pressed makes the window manager set up its shortcuts anew, and is lost.
         xdotool("key", "Shift_L")
-        paint_desktop()
+        paint_desktop(size)
 
     def close(self):
         for process in reversed(self.processes):
@@ -128,12 +141,57 @@ class Display:
             process.wait()
 
 
-def paint_desktop():
+def paint_desktop(size):
     subprocess.run(
-        ["display", "-window", "root", "-size", "1100x760", "xc:#2b3b4b"],
+        ["display", "-window", "root", "-size", size, "xc:#2b3b4b"],
         check=False,
         stderr=subprocess.DEVNULL,
     )
+
+
+class Compositor:
+    """A Wayland compositor without a screen, in the session that runs. There is no X server, and no hand either:
+    whatever is pressed is pressed through accessibility. Ends the process with 77 where there is none."""
+
+    SETTINGS = "[shell]\npanel-position=none\nbackground-color=0xff2b3b4b\nlocking=false\nstartup-animation=none\n"
+
+    def __init__(self, size="1100x760"):
+        if not shutil.which("weston") or not list(Path("/usr/lib").glob("*/qt6/plugins/platforms/libqwayland*.so")):
+            print("weston, or the toolkit's Wayland plugin, is not installed", file=sys.stderr)
+            sys.exit(77)
+        runtime = Path(os.environ["XDG_RUNTIME_DIR"])
+        settings = runtime / "weston.ini"
+        settings.write_text(self.SETTINGS)
+        width, height = size.split("x")
+        self.process = subprocess.Popen(
+            [
+                *("weston", "--backend=headless-backend.so", "--use-pixman", f"--width={width}", f"--height={height}"),
+                # Only then may a program take pictures.
+                *("--debug", f"--config={settings}", "--socket=wayland-pellomar", "--idle-time=0"),
+            ],
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL,
+        )
+        wait_for("the compositor", (runtime / "wayland-pellomar").exists, while_running=self.process)
+        os.environ.pop("DISPLAY", None)
+        os.environ.update(WAYLAND_DISPLAY="wayland-pellomar", QT_QPA_PLATFORM="wayland")
+
+    def take(self, picture):
+        """Writes what is on screen to the PNG file PICTURE."""
+        folder = Path(os.environ["XDG_RUNTIME_DIR"], "pictures")
+        folder.mkdir()
+        environment = dict(os.environ, XDG_PICTURES_DIR=str(folder))
+        subprocess.run(["weston-screenshooter"], cwd=folder, env=environment, check=True)
+        (taken,) = folder.iterdir()
+        shutil.move(taken, picture)
+        folder.rmdir()
+
+    def close(self):
+        self.process.terminate()
+        self.process.wait()
+
+
+DISPLAYS = {"x11": Display, "wayland": Compositor}
 
 
 def succeeds(*command):
@@ -285,6 +343,7 @@ class Screen:
 
     program = PROGRAM
     last_press = 0.0
+    scale = 1  # pixels for each point
 
     def root(self):
         Atspi.Accessible.clear_cache(Atspi.get_desktop(0))
@@ -308,6 +367,20 @@ class Screen:
         found = self.showing("push button", name)
         return found[0] if found else None
 
+    def white(self, name):
+        """How many pixels of a button, the largest there is, are white: its word's, and the ring's."""
+        x, y = self.button(name).centre()
+        left, top, width, height = (number * self.scale for number in (x - 110, y - 30, 220, 60))
+        place = f"{width}x{height}+{left}+{top}"
+        picture = ["import", "-silent", "-window", "root", "-crop", place, "-depth", "8", "gray:-"]
+        return subprocess.run(picture, capture_output=True, check=True).stdout.count(255)
+
+    def has_ring(self, name):
+        """Whether a button has the focus, and shows it."""
+        button = self.button(name)
+        has_focus = button is not None and button.node.get_state_set().contains(Atspi.StateType.FOCUSED)
+        return has_focus and self.white(name) > LEAST_RING * self.scale**2
+
     def labels(self):
         return [item.name() for item in self.showing("label")]
 
@@ -316,6 +389,21 @@ class Screen:
 
     def wait_for(self, what, condition, seconds=30.0):
         return wait_for(what, condition, seconds)
+
+    def screen(self):
+        """The names of the buttons, boxes and bars on screen, and every text."""
+        roles = ("push button", "check box", "progress bar")
+        return {item.name() for item in self.showing() if item.role() in roles}, self.labels()
+
+    def wait_for_screen(self, status, *controls):
+        """Waits until this text and exactly these controls show."""
+        self.wait_for(f"{status} with {controls}", lambda: self.says(status) and self.screen()[0] == set(controls))
+
+    def invoke(self, name):
+        """Presses a button as a screen reader does."""
+        node = self.wait_for(f"the button {name}", lambda: self.button(name)).node
+        names = [Atspi.Action.get_action_name(node, i) for i in range(Atspi.Action.get_n_actions(node))]
+        Atspi.Action.do_action(node, names.index("Press"))
 
     def press(self, name):
         """A real click in the middle of the button called NAME."""
@@ -342,6 +430,9 @@ class Window(Screen):
     def percent(self):
         bars = self.showing("progress bar")
         return bars[0].value() if bars else 0.0
+
+    def wait_for_percent(self, percent, seconds=30.0):
+        self.wait_for(f"{percent} percent", lambda: self.percent() >= percent, seconds)
 
     def log(self):
         files = sorted((self.home / "Documents").glob("LOG-*.txt"))

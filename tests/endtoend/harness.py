@@ -13,7 +13,7 @@ from pathlib import Path
 
 PROJECT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(PROJECT / "scripts/lib"))
-from stage import WINDOW_TITLE, Atspi, Display, Session, Window, running, serve_sample, wait_for, xdotool  # noqa: E402
+from stage import DISPLAYS, WINDOW_TITLE, Session, Window, running, serve_sample, wait_for, xdotool  # noqa: E402
 
 SCRATCH = Path("/tmp/endtoend")
 PACKAGE = SCRATCH / "documents/soft/Pellomar-sample.pkg"
@@ -43,7 +43,7 @@ class Downloader(Window, contextlib.AbstractContextManager):
             self.process = subprocess.Popen(
                 [*command, self.executable], env=environment, stdin=subprocess.DEVNULL, stdout=errors, stderr=errors
             )
-        self.wait_for("the window", self.windows)
+        self.wait_for("the first screen", lambda: self.button("开始"))
 
     def start(self, *command):
         self.open(*command)
@@ -59,34 +59,15 @@ class Downloader(Window, contextlib.AbstractContextManager):
     def windows(self):
         """The numbers of its windows on screen: a dialog bears its window's title."""
         of_ours = ("--all", "--onlyvisible", "--pid", self.process.pid, "--name", f"^{WINDOW_TITLE}$")
-        return (xdotool("search", *of_ours) or "").split()
+        return self.wait_for("a window", lambda: (xdotool("search", *of_ours) or "").split())
 
-    def click(self, name):
-        """A real click, which the window's own thread deals with."""
-        super().press(name)
+    press = Window.invoke
+    click = Window.press
 
     def close(self):
         """Has the window manager ask every window of it to close, as a taskbar does."""
         for window in self.windows():
             subprocess.run(["wmctrl", "-i", "-c", window], check=True)
-
-    def press(self, name):
-        """Presses a button as a screen reader does."""
-        node = self.wait_for(f"the button {name}", lambda: self.button(name)).node
-        names = [Atspi.Action.get_action_name(node, i) for i in range(Atspi.Action.get_n_actions(node))]
-        Atspi.Action.do_action(node, names.index("Press"))
-
-    def screen(self):
-        """The names of the buttons, boxes and bars on screen, and every text."""
-        roles = ("push button", "check box", "progress bar")
-        return {item.name() for item in self.showing() if item.role() in roles}, self.labels()
-
-    def wait_for_screen(self, status, *controls):
-        """Waits until this text and exactly these controls show."""
-        self.wait_for(f"{status} with {controls}", lambda: self.says(status) and self.screen()[0] == set(controls))
-
-    def wait_for_percent(self, percent):
-        self.wait_for(f"{percent} percent", lambda: self.percent() >= percent)
 
     def lines(self):
         """The log without the hour and the process at the head of each line."""
@@ -153,5 +134,6 @@ def main(user=None, prepare=lambda build: None):
         os.setuid(entry.pw_uid)
     os.environ["HOME"] = str(SCRATCH)
     # Whatever runs is left to the view, which ends with this process.
-    desktop = Session(subprocess.DEVNULL), Display(own=True)  # noqa: F841
+    display = DISPLAYS[os.environ.get("PELLOMAR_TEST_DISPLAY", "x11")]
+    desktop = Session(subprocess.DEVNULL), display()  # noqa: F841
     unittest.main(verbosity=2, warnings="ignore")
