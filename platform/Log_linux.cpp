@@ -1,4 +1,5 @@
 #include "platform/Log.h"
+#include "platform/StandardStreams.h"
 
 #include <sys/time.h>
 #include <unistd.h>
@@ -47,17 +48,6 @@ void NSLog(const char* format, ...) {
     std::string line = lineHead() + formatted(format, arguments);
     va_end(arguments);
     line += '\n';
-    // A regular file takes the whole line or, on a full disk, what fits; there is nobody to tell.
-    std::size_t written = 0;
-    while (written < line.size()) {
-        const ssize_t count = write(STDERR_FILENO, line.data() + written, line.size() - written);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            break;
-        }
-        written += static_cast<std::size_t>(count);
-    }
+    writeWhatFits(STDERR_FILENO, line.data(), line.size());
     errno = savedErrno;
 }
