@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -28,73 +29,116 @@ std::pair<std::string, std::string> composed(const Answer& answer, const std::st
     body = answer.body.value_or(body);
     const std::string length = answer.length.value_or(std::to_string(body.size()));
     headers += length.empty() ? "" : "Content-Length: " + length + "\r\n";
-    return {"HTTP/1.1 " + std::to_string(status) + " Status\r\n" + headers + "\r\n", body};
+    return {answer.version + " " + std::to_string(status) + " Status\r\n" + headers + "\r\n", body};
+}
+
+FileDescriptor makeSocket() {
+    return FileDescriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
 }
 
 } // namespace
 
-FaultServer::FaultServer(std::string document, Answer first)
-    : document_(std::move(document)), listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* const bound = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(bind(listener_.get(), bound, size), 0);
+FaultServer::FaultServer(std::string document, std::vector<Answer> answers)
+    : document_(std::move(document)), answers_(std::move(answers)), listener_(makeSocket()) {
+    place_.sin_family = AF_INET;
+    place_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof place_;
+    EXPECT_EQ(bind(listener_.get(), reinterpret_cast<sockaddr*>(&place_), size), 0);
     listen(listener_.get(), SOMAXCONN);
-    getsockname(listener_.get(), bound, &size);
-    address_ = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-    thread_ = std::thread([this, next = std::move(first)]() mutable {
-        while (true) {
-            const FileDescriptor connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-            if (!connection.isOpen()) {
-                return;
-            }
-            answer(connection.get(), std::exchange(next, {}));
-        }
-    });
+    getsockname(listener_.get(), reinterpret_cast<sockaddr*>(&place_), &size);
+    prepareFor(answer(0));
+    thread_ = std::thread([this] { serve(); });
 }
 
 FaultServer::~FaultServer() {
-    endStall();
+    endStalls();
     shutdown(listener_.get(), SHUT_RDWR);
     thread_.join();
 }
 
-std::string FaultServer::request() const {
+std::string FaultServer::url() const {
+    return "http://127.0.0.1:" + std::to_string(ntohs(place_.sin_port)) + "/soft/Pellomar.pkg";
+}
+
+FaultServer::Exchange FaultServer::latest() const {
     const std::lock_guard lock(mutex_);
-    return request_;
+    return latest_;
 }
 
-void FaultServer::endStall() {
-    stallEnded_ = true;
-    stallEnded_.notify_all();
+void FaultServer::endStalls() {
+    listen(listener_.get(), SOMAXCONN);
+    stallsEnded_ = true;
+    stallsEnded_.notify_all();
 }
 
-void FaultServer::answer(int connection, const Answer& answer) {
+const Answer& FaultServer::answer(std::size_t number) const {
+    static const Answer right;
+    return number < answers_.size() ? answers_[number] : right;
+}
+
+void FaultServer::prepareFor(const Answer& next) {
+    if (next.arrival == Answer::Refused) {
+        shutdown(listener_.get(), SHUT_RDWR);
+    } else if (next.arrival == Answer::BlackHole && !stallsEnded_) {
+        // One that waits to be let in fills the queue, and the kernel answers nobody else.
+        listen(listener_.get(), 0);
+        EXPECT_EQ(connect(makeSocket().get(), reinterpret_cast<sockaddr*>(&place_), sizeof place_), 0);
+    }
+}
+
+void FaultServer::serve() {
+    for (std::size_t number = 0;;) {
+        if (answer(number).arrival == Answer::Slow || answer(number).arrival == Answer::BlackHole) {
+            stall();
+        }
+        const FileDescriptor connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!connection.isOpen()) {
+            return;
+        }
+        number += respond(connection.get(), number) ? 1 : 0;
+    }
+}
+
+void FaultServer::stall() {
+    isStalled_ = true;
+    stallsEnded_.wait(false);
+    isStalled_ = false;
+}
+
+bool FaultServer::respond(int connection, std::size_t number) {
     std::string request;
     for (char byte = 0; !request.ends_with("\r\n\r\n"); request += byte) {
         if (recv(connection, &byte, 1, 0) != 1) {
-            return;
+            return false;
         }
     }
-    const auto [head, body] = composed(answer, request, document_);
-    std::string bytes = head.substr(0, answer.head);
-    if (bytes == head && !request.starts_with("HEAD")) {
-        bytes += body.substr(0, answer.upTo);
-    }
+    const Answer& told = answer(number);
+    const auto [head, body] = composed(told, request, document_);
+    const std::string wire = request.starts_with("HEAD") ? "" : told.wire.value_or(body);
+    const std::string all = told.before + head + wire;
+    const std::ptrdiff_t size = std::ssize(wire);
+    const std::ptrdiff_t missing = size - std::clamp(told.upTo < 0 ? size + told.upTo : told.upTo, 0L, size);
+    const std::size_t part = told.head < head.size() ? told.before.size() + told.head
+                                                     : all.size() - static_cast<std::size_t>(missing);
     std::unique_lock lock(mutex_);
-    request_ = std::move(request);
+    latest_ = {request, body};
     lock.unlock();
-    for (std::size_t at = 0; at < bytes.size(); at += answer.drip) {
-        send(connection, &bytes[at], std::min(answer.drip, bytes.size() - at), MSG_NOSIGNAL);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    prepareFor(answer(number + 1));
+    const int atOnce = 1;
+    setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &atOnce, sizeof atOnce);
+    const auto sendUpTo = [&](std::size_t end, std::size_t at) {
+        for (; at < end; at += told.drip) {
+            send(connection, &all[at], std::min(told.drip, end - at), MSG_NOSIGNAL);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    };
+    sendUpTo(part, 0);
+    if (told.ending == Answer::Stall && part < all.size()) {
+        stall();
+        sendUpTo(all.size(), part);
+    } else if (told.ending == Answer::Reset) {
+        const linger noFarewell{1, 0};
+        setsockopt(connection, SOL_SOCKET, SO_LINGER, &noFarewell, sizeof noFarewell);
     }
-    if (answer.ending == Answer::Stall) {
-        stallEnded_.wait(false);
-        send(connection, &body[answer.upTo], body.size() - answer.upTo, MSG_NOSIGNAL);
-    } else if (answer.ending == Answer::Reset) {
-        const linger atOnce{1, 0};
-        setsockopt(connection, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
-    }
+    return true;
 }

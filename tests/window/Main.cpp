@@ -1,4 +1,7 @@
 #include "app/MainInterface.h"
+#include "download/DownloadSource.h"
+#include "platform/Authorization_polkit_linux.h"
+#include "platform/Authorization_root_linux.h"
 #include "platform/MainThread.h"
 #include "platform/WorkerThread.h"
 #include "window/Window.h"
@@ -12,7 +15,26 @@ constexpr int kDeadline = 30'000; // milliseconds
 
 } // namespace
 
+// These take the place of the program's own.
+
+std::string downloadUrl(const std::string& /*bundlePath*/, const std::string& /*fallbackPath*/) {
+    return Window::url;
+}
+
+AuthorizationRef makeRootAuthorization() {
+    return nullptr;
+}
+
+AuthorizationRef makePolkitAuthorization() {
+    return nullptr;
+}
+
+void CoreImageView::killTovaniPlayer() {}
+
+void CoreImageView::startTovaniPlayer(const void* /*unused*/) {}
+
 Window::Window() {
+    url.clear();
     setenv("HOME", home_.path().c_str(), 1);
     controller_.windowDidLoad();
     controller_.showWindow();

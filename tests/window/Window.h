@@ -11,9 +11,13 @@
 #include <string>
 #include <vector>
 
-/// A test with the program's window on screen and a home folder of its own. No server answers: a start ends
-/// with the probe's failure, after which tests post records of their own.
+/// A test with the program's window on screen and a home folder of its own. The panel downloads from `url`;
+/// where that stays empty, a start ends with the probe's failure, after which tests post records of their
+/// own. Nobody has administrator rights, and no program outside is closed or launched.
 class Window : public testing::Test {
+  public:
+    static inline std::string url;
+
   protected:
     Window();
     ~Window() override;
