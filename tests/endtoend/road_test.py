@@ -1,12 +1,15 @@
 """The whole road as a screen reader finds and walks it, and what a mouse's and a keyboard's presses do."""
 
 import re
+import socket
+import threading
 
-from harness import APPLICATION, BAR, PACKAGE, Downloader, EndToEndTest, Server, main, xdotool
+from harness import ADDRESS, APPLICATION, BAR, PACKAGE, Downloader, EndToEndTest, Server, main, xdotool
 from stage import Atspi
 
 DOWNLOADING = "正在下载Pellomar"
 STOPPED = "已停止下载"
+HALF = 6 << 20
 
 
 class Road(EndToEndTest):
@@ -39,6 +42,34 @@ class Road(EndToEndTest):
             self.assert_whole(program.file("pkg"))
             self.assertFalse(old.exists())
             self.assertEqual(sorted(program.events()), ["13", "14 814", "14 815", "14 817", "14 818", "14 826"])
+
+
+class Half(EndToEndTest):
+    def answer(self, server, status):
+        """Half the package, nothing to who asks for the rest, and then all of it."""
+        package, head = PACKAGE.read_bytes(), b"HTTP/1.1 %d Status\r\nContent-Length: %d\r\n\r\n"
+        right = head % (200, len(package))
+        for answer in (right, right + package[:HALF], right, head % (status, 0), right, right + package):
+            connection, _ = server.accept()
+            with connection:
+                connection.recv(4096)
+                connection.sendall(answer)
+
+    def test_is_refused_where_it_counts_as_whole(self):
+        for status in (200, 204, 304, 416):
+            with self.subTest(status=status), socket.create_server(ADDRESS) as server, Downloader() as program:
+                threading.Thread(target=self.answer, args=(server, status), daemon=True).start()
+                program.start()
+                program.wait_for_screen("网络异常，请稍后重试", "继续", BAR)
+                program.press("继续")
+                program.wait_for_screen("安装Pellomar失败，请尝试重新下载安装!", "重试下载", BAR)
+                self.assertEqual(program.file("pkg").stat().st_size, HALF)
+                self.assertFalse(APPLICATION.exists())
+                program.press("重试下载")
+                self.assert_launched(program)
+                self.assert_whole(program.file("pkg"))
+                codes = (814, 821, 814, 815, 817, 822, 814, 815, 817, 818, 826)
+                self.assertEqual(sorted(program.events()), ["13", *sorted(f"14 {code}" for code in codes)])
 
 
 class Presses(EndToEndTest):
