@@ -3,6 +3,7 @@
 //
 //   NAME     when nothing is under way, presses the button of that name; in a dialog, the one that says so
 //   Escape, Return, close    types that key in the open dialog, or asks it to close
+//   !MS ACTION               does it whatever is under way, and the next one MS milliseconds later
 //
 // When nothing is under way and nothing is left to do, the program ends.
 
@@ -15,7 +16,9 @@
 #include "ui/TextField.h"
 
 #include <QApplication>
+#include <QCloseEvent>
 #include <QMessageBox>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QTest>
 
@@ -75,14 +78,18 @@ class Person : public QObject {
     void timerEvent(QTimerEvent* event) override {
         // Each look has a timer of its own: what is done can open a dialog, and then the looking must go on.
         killTimer(event->timerId());
-        startTimer(kInterval);
+        startTimer(isHasty() ? std::chrono::milliseconds(std::stoi(due().substr(1))) : kInterval);
         look();
     }
 
   private:
+    [[nodiscard]] const std::string& due() const { return actions_[std::min(next_, actions_.size() - 1)]; }
+    [[nodiscard]] bool isHasty() const { return due().starts_with('!'); }
+
     void look() {
         auto* const dialog = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-        if (dialog == nullptr && WorkerThread::running() > 0) {
+        // The last hasty action has told the program to leave.
+        if (isHasty() ? next_ == actions_.size() : dialog == nullptr && WorkerThread::running() > 0) {
             return;
         }
         if (dialog != nullptr && std::exchange(dialog_, dialog) != dialog) {
@@ -98,7 +105,9 @@ class Person : public QObject {
         }
         const std::string& action = actions_[next_++];
         trace("> " + action);
-        if (!(dialog == nullptr ? press(action) : answer(*dialog, action))) {
+        if (action.starts_with('!')) {
+            hurry(dialog, action.substr(action.find(' ') + 1));
+        } else if (!(dialog == nullptr ? press(action) : answer(*dialog, action))) {
             end("there is no " + action);
         }
     }
@@ -129,6 +138,40 @@ class Person : public QObject {
             (*found)->click();
         }
         return found != buttons.end();
+    }
+
+    void hurry(QMessageBox* dialog, const std::string& action) {
+        QWidget* const window = QApplication::topLevelWidgets().value(0);
+        if (dialog != nullptr) {
+            const std::vector<QPushButton*> buttons = buttonsOf(*dialog);
+            action == "close" && next_ < actions_.size() ? void(dialog->close())
+                                                         : buttons[next_ % buttons.size()]->click();
+            next_ -= next_ == actions_.size() ? 1 : 0;
+        } else if (action == "Space" || action == "Tab") {
+            QTest::keyClick(window, action == "Tab" ? Qt::Key_Tab : Qt::Key_Space);
+        } else if (action.ends_with('%')) { // waits until so much has come
+            next_ -= window->findChild<QProgressBar*>()->value() < std::stoi(action) ? 1 : 0;
+        } else if (action == "close") {
+            window->close();
+        } else if (action == "leave") {
+            QCloseEvent asThePersonWishes;
+            QSpontaneKeyEvent::setSpontaneous(&asThePersonWishes);
+            qApp->notify(window, &asThePersonWishes);
+        } else {
+            QPoint place(400, 440); // of the second screen's buttons
+            for (QWidget* const widget : window->findChildren<QWidget*>()) {
+                const auto* const button = dynamic_cast<ImageButtonView*>(widget);
+                if (button != nullptr && (button->imageName() == "checkbox") == (action == "consent")) {
+                    widget->setHidden(!button->isVisible() && action != "consent");
+                    place = button->isVisible() ? button->geometry().center() : place;
+                }
+            }
+            const QTest::MouseAction kind = action == "double"    ? QTest::MouseDClick
+                                            : action == "press"   ? QTest::MousePress
+                                            : action == "release" ? QTest::MouseRelease
+                                                                  : QTest::MouseClick;
+            QTest::mouseEvent(kind, window->windowHandle(), Qt::LeftButton, {}, place);
+        }
     }
 
     static constexpr std::chrono::milliseconds kInterval{2};

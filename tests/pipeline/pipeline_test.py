@@ -204,23 +204,43 @@ def place_machine(row):
     return home
 
 
+def set_up():
+    # From here on every program that loses its parent is ours to wait for: nothing of a run is missed.
+    PR_SET_CHILD_SUBREAPER = 36
+    ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)
+    SUPPORT.mkdir(exist_ok=True)
+    shutil.copy("/bin/rm", SUPPORT)
+    shutil.copytree(BUNDLE, SUPPORT / "Downloader.app")
+    shutil.copy(DRIVER, SUPPORT / "Downloader.app/Contents/MacOS/pipeline_driver")
+    write(SUPPORT / ".config", "package")
+    write(SUPPORT / "Pellomar.app/Contents/Info.plist", plist("CFBundleExecutable", "Pellomar"))
+    write(SUPPORT / "Pellomar.app/Contents/MacOS/Pellomar", f"""#!/bin/bash
+[[ -e ${{0%/Contents/*}}/of-the-old-copy ]] && age=mixed || age=new
+echo "opens Pellomar, $age, in $PWD" >>{OPENED}
+""", 0o755)
+    write(Path("/usr/bin/xdg-open"), f'#!/bin/bash\necho "opens $*" >>{OPENED}\n', 0o755)
+
+
+def run(home, *actions, user=0, moment=60):
+    """The program's status when all that it started has ended; it is killed after a MOMENT in seconds."""
+    driver = SUPPORT / "Downloader.app/Contents/MacOS/pipeline_driver"
+    with open(FOLDER / "output", "wb") as output:
+        status = subprocess.run(
+            ["timeout", "--foreground", "-sKILL", str(moment), driver, *actions], cwd="/",
+            env=os.environ | {"HOME": str(home)}, stdin=subprocess.DEVNULL, stdout=output, stderr=output, user=user,
+            group=user, extra_groups=[]).returncode
+    with contextlib.suppress(ChildProcessError):
+        while True:
+            os.wait()
+    return status
+
+
 class Pipeline(unittest.TestCase):
     maxDiff = None
 
     @classmethod
     def setUpClass(cls):
-        SUPPORT.mkdir()
-        shutil.copy("/bin/rm", SUPPORT)
-        shutil.copytree(BUNDLE, SUPPORT / "Downloader.app")
-        shutil.copy(DRIVER, SUPPORT / "Downloader.app/Contents/MacOS/pipeline_driver")
-        write(SUPPORT / ".config", "package")
         write(SUPPORT / "documents/soft/package", "a package")
-        write(SUPPORT / "Pellomar.app/Contents/Info.plist", plist("CFBundleExecutable", "Pellomar"))
-        write(SUPPORT / "Pellomar.app/Contents/MacOS/Pellomar", f"""#!/bin/bash
-[[ -e ${{0%/Contents/*}}/of-the-old-copy ]] && age=mixed || age=new
-echo "opens Pellomar, $age, in $PWD" >>{OPENED}
-""", 0o755)
-        write(Path("/usr/bin/xdg-open"), f'#!/bin/bash\necho "opens $*" >>{OPENED}\n', 0o755)
         # A user who is not root must be able to read what lies with the sources, wherever they are.
         for folder in (PROJECT, *PROJECT.parents):
             folder.chmod(folder.stat().st_mode | 0o001)
@@ -228,22 +248,11 @@ echo "opens Pellomar, $age, in $PWD" >>{OPENED}
         subprocess.run([*serve, SUPPORT / "documents", SUPPORT / "server"], check=True)
         xvfb = "Xvfb -displayfd 3 -screen 0 1280x1024x24 -ac 3>&1 >/dev/null 2>&1 &"
         os.environ["DISPLAY"] = ":" + subprocess.check_output(xvfb, shell=True, text=True).strip()
-        # From here on every program that loses its parent is ours to wait for: nothing of a row is missed.
-        PR_SET_CHILD_SUBREAPER = 36
-        ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)
+        set_up()
 
     def take(self, row):
         home = place_machine(row)
-        actions = [line[2:] for line in row.lines if line.startswith("> ")]
-        driver = SUPPORT / "Downloader.app/Contents/MacOS/pipeline_driver"
-        with open(FOLDER / "output", "wb") as output:
-            status = subprocess.run(
-                ["timeout", "60", driver, "start_button", *actions], cwd="/", env=os.environ | {"HOME": str(home)},
-                stdin=subprocess.DEVNULL, stdout=output, stderr=output, user=row.user, group=row.user,
-                extra_groups=[]).returncode
-        with contextlib.suppress(ChildProcessError):
-            while True:
-                os.wait()
+        status = run(home, "start_button", *(line[2:] for line in row.lines if line.startswith("> ")), user=row.user)
         printed = "".join(path.read_text() for path in (FOLDER / "output", *home.glob("Documents/*")))
         trace = TRACE.read_text().replace(str(home), "~")
         for untold in UNTOLD:
