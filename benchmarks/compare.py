@@ -7,9 +7,9 @@ import json
 import os
 import re
 import shutil
-import statistics
 import subprocess
 import sys
+import time
 from pathlib import Path
 
 from measure import environment, measured, measured_window
@@ -91,7 +91,9 @@ class Server:
         number = self.folder / "nginx.pid"
         if number.exists():
             subprocess.run(["pkill", "-TERM", "-F", number, "-x", "nginx"], check=False)
-            subprocess.run(["pidwait", "-F", number, "-x", "nginx"], check=False, timeout=10)
+            while number.exists() and subprocess.run(["pgrep", "-F", number, "-x", "nginx"], stdout=subprocess.DEVNULL,
+                                                     stderr=subprocess.DEVNULL, check=False).returncode == 0:
+                time.sleep(0.05)
         self.socket.unlink(missing_ok=True)
 
 
