@@ -36,7 +36,7 @@ constexpr auto kFastPace = 200us; // between two pieces
 constexpr auto kLookOut = 200us;
 constexpr auto kUnanswered = 3us;
 constexpr auto kAwakeForResult = 200us;
-constexpr auto kLongestWithoutEvents = 4ms;
+constexpr auto kLongestWithoutEvents = 6ms;
 
 /// Watches for `condition` until it holds or the time is over, giving way to whoever else wants the
 /// processor; tells whether it held.

@@ -10,7 +10,7 @@ namespace {
 const QColor kTrack(255, 255, 255, 36);
 const QColor kFillStart(0x1f, 0xc8, 0xc2);
 const QColor kFillEnd(0x0d, 0x80, 0xba);
-constexpr int kFrame = 16; // milliseconds
+constexpr int kFrame = 33; // milliseconds
 } // namespace
 
 ProgressIndicator::ProgressIndicator(QWidget* superview) : QProgressBar(superview) {
@@ -33,8 +33,10 @@ void ProgressIndicator::setDoubleValue(double percent) {
 
 void ProgressIndicator::showValue() {
     shownValue_ = doubleValue_;
+    // The toolkit's bar would paint itself at once.
+    setUpdatesEnabled(false);
     setValue(static_cast<int>(std::clamp(shownValue_, 0.0, 100.0)));
-    update();
+    setUpdatesEnabled(true);
     nextFrame_.start(kFrame, this);
 }
 

@@ -2,6 +2,8 @@
 #include "transfer/CurlMessage.h"
 #include "window/Window.h"
 
+#include <QTest>
+
 namespace {
 
 TEST_F(Window, MovesBarAndSpeedWithTheRecords) {
@@ -33,7 +35,9 @@ TEST_F(Window, MovesBarAndSpeedWithTheRecords) {
         onWorker(
             [&] { NotificationCenter::defaultCenter().postNotification(kCurlCallbackMessage, &message); });
         EXPECT_DOUBLE_EQ(bar().doubleValue(), row.percent) << row.what;
-        EXPECT_EQ(bar().value(), static_cast<int>(row.percent)) << row.what;
+        // Painted, and told to readers, with the next frame.
+        const auto whole = static_cast<int>(row.percent);
+        EXPECT_TRUE(QTest::qWaitFor([&] { return bar().value() == whole; })) << row.what;
         EXPECT_EQ(speed(), row.speed) << row.what;
     }
 }
