@@ -94,14 +94,14 @@ class Watcher : public QObject {
                 begin();
             }
         }
-        if (pressed_ && event->type() == QEvent::MouseMove && watched->isWindowType()) {
+        if (pressed_ && event->type() == QEvent::MouseMove && watched != nullptr && watched->isWindowType()) {
             pointer_.served(static_cast<QMouseEvent*>(event)->globalPosition().toPoint());
         }
         return QObject::eventFilter(watched, event);
     }
 
   private:
-    void press(const ImageButtonView& button) { pointer_.click(button.mapToGlobal(button.rect().center())); }
+    void press(const QWidget& button) { pointer_.click(button.mapToGlobal(button.rect().center())); }
 
     void begin() {
         pressed_ = true;

@@ -19,10 +19,11 @@ constexpr std::size_t kMost = 1U << 16U;
 // A move's number is written into its place: so many moves are never under way at once.
 constexpr int kColumns = 200;
 constexpr int kRows = 100;
+constexpr std::size_t kPlaces = std::size_t{kColumns} * kRows;
 constexpr int kEdge = 20;
 
 QPoint placeOf(std::size_t number) {
-    const auto wrapped = static_cast<int>(number % (kColumns * kRows));
+    const auto wrapped = static_cast<int>(number % kPlaces);
     return {kEdge + wrapped % kColumns, kEdge + wrapped / kColumns};
 }
 
@@ -88,7 +89,6 @@ void PointerProbe::served(QPoint place) {
     const std::size_t number = numberAt(place);
     // The way back from the wrapped place to the number: the latest sent that was put there.
     const std::size_t sent = moves_->sent;
-    constexpr std::size_t kPlaces = std::size_t{kColumns} * kRows;
     if (sent == 0 || number >= kPlaces) {
         return;
     }

@@ -7,6 +7,8 @@ import json
 import os
 import re
 import shutil
+import signal
+import socket
 import subprocess
 import sys
 import time
@@ -72,8 +74,14 @@ class Server:
             os.truncate(self.documents / name, size)
 
     def __enter__(self):
-        self.prepare()
         self.stop()
+        with socket.socket() as port:
+            port.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            try:
+                port.bind(("127.0.0.1", 18080))
+            except OSError as problem:
+                raise SystemExit(f"port 18080, which the product is built for: {problem.strerror}") from None
+        self.prepare()
         locations = "\n".join(f"        location = /soft/{name} {{ limit_rate {rate}; }}"
                               for name, (_, _, rate) in LOADS.items())
         user = "user root;" if os.geteuid() == 0 else ""
@@ -222,6 +230,8 @@ def main():
     options = parser.parse_args()
     folder = options.folder.resolve()
     folder.mkdir(parents=True, exist_ok=True)
+    # So that the server ends with this, whoever ends it.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     comparison = Comparison(options.build.resolve(), folder)
     with comparison.server:
         results = comparison.run(options.rounds, options.load or list(LOADS))

@@ -43,6 +43,7 @@ find_sources() {
 build_preset() { # PRESET [CMAKE-OPTION...]
     say "Building the preset $1"
     mkdir -p "$project/build"
+    : >"$project/build/configure.log" || fail "the build folder cannot be written"
     if ! cmake -S "$project" --preset "$@" >"$project/build/configure.log" 2>&1; then
         cat "$project/build/configure.log"
         fail "cmake --preset $1 failed"
