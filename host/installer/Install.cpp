@@ -1,21 +1,23 @@
 #include "installer/Install.h"
 
-#include "installer/Failure.h"
 #include "installer/Output.h"
-#include "installer/Package.h"
-#include "installer/PackageInfo.h"
-#include "installer/Payload.h"
 #include "installer/Scripts.h"
 #include "installer/Staging.h"
-#include "installer/Swap.h"
-#include "installer/Trust.h"
+#include "installer/StagingLayout.h"
 #include "installer/Unpacker.h"
+#include "package/Failure.h"
+#include "package/Package.h"
+#include "package/PackageInfo.h"
+#include "package/Payload.h"
+#include "package/Trust.h"
 
 #include <sys/statvfs.h>
 
 #include <limits>
 
 namespace installer {
+
+using namespace package;
 
 namespace {
 

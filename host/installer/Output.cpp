@@ -1,6 +1,6 @@
 #include "installer/Output.h"
 
-#include "installer/Text.h"
+#include "package/Text.h"
 
 #include <unistd.h>
 
@@ -8,6 +8,8 @@
 #include <string>
 
 namespace installer {
+
+using namespace package;
 
 void print(std::string_view text) {
     while (!text.empty()) {

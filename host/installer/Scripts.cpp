@@ -1,7 +1,7 @@
 #include "installer/Scripts.h"
 
-#include "installer/Failure.h"
 #include "installer/Tree.h"
+#include "package/Failure.h"
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -13,6 +13,8 @@
 #include <csignal>
 
 namespace installer {
+
+using namespace package;
 
 namespace {
 

@@ -1,8 +1,9 @@
 #include "installer/Staging.h"
 
-#include "installer/Failure.h"
+#include "installer/StagingLayout.h"
 #include "installer/Swap.h"
 #include "installer/Tree.h"
+#include "package/Failure.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -13,9 +14,9 @@
 
 namespace installer {
 
-namespace {
+using namespace package;
 
-constexpr char kDone[] = "done";
+namespace {
 
 FileDescriptor openTarget(const std::string& path) {
     FileDescriptor target(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

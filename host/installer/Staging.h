@@ -1,13 +1,11 @@
 #pragma once
 
-#include "installer/FileDescriptor.h"
+#include "package/FileDescriptor.h"
 
 #include <string>
 #include <string_view>
 
 namespace installer {
-
-constexpr char kStagingName[] = ".pellomar-installer";
 
 // The folder, below the target and ours alone, where an install is prepared, and from which an unfinished one
 // is undone. It holds:
@@ -29,7 +27,7 @@ class Staging {
     int folder() const { return folder_.get(); }
 
     // Makes and opens a folder in it, which only we can enter.
-    FileDescriptor makeFolder(const std::string& name) const;
+    package::FileDescriptor makeFolder(const std::string& name) const;
 
     // Puts everything that is in new/ into the target: what is not there yet and what is there as a bundle
     // comes as a whole, other folders are shared with what they hold already. Can be undone until markDone.
@@ -48,8 +46,8 @@ class Staging {
     void settle() const; // leaves the folder empty
     void sync() const;
 
-    FileDescriptor target_;
-    FileDescriptor folder_;
+    package::FileDescriptor target_;
+    package::FileDescriptor folder_;
 };
 
 } // namespace installer

@@ -1,8 +1,8 @@
 #include "installer/Supervisor.h"
 
-#include "installer/Failure.h"
-#include "installer/FileDescriptor.h"
 #include "installer/Output.h"
+#include "package/Failure.h"
+#include "package/FileDescriptor.h"
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -17,6 +17,8 @@
 #include <new>
 
 namespace installer {
+
+using namespace package;
 
 namespace {
 

@@ -1,10 +1,10 @@
 #include "installer/Swap.h"
 
-#include "installer/Failure.h"
-#include "installer/FileDescriptor.h"
-#include "installer/Staging.h"
-#include "installer/Text.h"
+#include "installer/StagingLayout.h"
 #include "installer/Tree.h"
+#include "package/Failure.h"
+#include "package/FileDescriptor.h"
+#include "package/Text.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -15,6 +15,8 @@
 #include <string_view>
 
 namespace installer {
+
+using namespace package;
 
 namespace {
 

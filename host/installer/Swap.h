@@ -7,10 +7,6 @@
 // on disk, so that any later run can undo what one that was cut short did. Each call throws Failure.
 namespace installer {
 
-constexpr char kNewFolder[] = "new"; // below the staging folder
-constexpr char kOldFolder[] = "old";
-constexpr char kPlan[] = "plan";
-
 // Places relative to the target: each is a file, a link, or a whole folder.
 using SwapPlan = std::vector<std::string>;
 

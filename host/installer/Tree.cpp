@@ -1,7 +1,7 @@
 #include "installer/Tree.h"
 
-#include "installer/Failure.h"
-#include "installer/Text.h"
+#include "package/Failure.h"
+#include "package/Text.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -15,6 +15,8 @@
 #include <memory>
 
 namespace installer {
+
+using namespace package;
 
 namespace {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "installer/FileDescriptor.h"
+#include "package/FileDescriptor.h"
 
 #include <sys/stat.h>
 
@@ -13,7 +13,7 @@
 namespace installer {
 
 // Opens the folder at `path` below `folder`; an empty path is `folder` itself.
-FileDescriptor openFolder(int folder, const std::string& path);
+package::FileDescriptor openFolder(int folder, const std::string& path);
 
 // The entry's own status, a link's included; empty where there is no such entry.
 std::optional<struct stat> statusOf(int folder, const std::string& name);

@@ -1,7 +1,7 @@
 #include "installer/Unpacker.h"
 
-#include "installer/Failure.h"
-#include "installer/Text.h"
+#include "package/Failure.h"
+#include "package/Text.h"
 
 #include <archive_entry.h>
 #include <unistd.h>
@@ -11,6 +11,8 @@
 #include <utility>
 
 namespace installer {
+
+using namespace package;
 
 namespace {
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "installer/Archive.h"
-#include "installer/Payload.h"
+#include "package/Archive.h"
+#include "package/Payload.h"
 
 #include <cstdint>
 #include <functional>
@@ -17,14 +17,14 @@ struct Allowance {
 
 // Writes a payload into a folder that is ours alone and empty, with the modes, times and (as root) owners
 // that it states. Makes the folder the process's working folder. Not thread-safe.
-class Unpacker : public PayloadSink {
+class Unpacker : public package::PayloadSink {
   public:
     // `location` is relative to the folder; `onProgress` is called after each piece. Throws Failure when the
     // folder cannot be entered.
     Unpacker(int folder, std::string location, Allowance allowance, std::function<void()> onProgress);
 
     // Throw Failure when something cannot be written, or takes more than allowed.
-    void begin(const PayloadEntry& entry) override;
+    void begin(const package::PayloadEntry& entry) override;
     void data(const void* bytes, std::size_t size, std::int64_t offset) override;
     void end() override;
 
@@ -38,7 +38,7 @@ class Unpacker : public PayloadSink {
     void checkAllowance() const;
     void expect(int result, const char* doing);
 
-    ArchiveWriter disk_;
+    package::ArchiveWriter disk_;
     std::string location_;
     Allowance allowance_;
     std::function<void()> onProgress_;

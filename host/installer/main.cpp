@@ -1,9 +1,9 @@
 // Installs a flat package, completely or not at all.
-#include "installer/Failure.h"
 #include "installer/Install.h"
 #include "installer/Output.h"
 #include "installer/Staging.h"
 #include "installer/Supervisor.h"
+#include "package/Failure.h"
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -20,8 +20,8 @@
 
 namespace {
 
-using installer::Failure;
 using installer::Request;
+using package::Failure;
 
 constexpr char kUsage[] =
     "Usage: installer -pkg FILE -target DIR [-trusted DIR]\n"

@@ -1,8 +1,8 @@
 #include "PackageSigner.h"
 
-#include "installer/Failure.h"
-#include "installer/Package.h"
-#include "installer/Trust.h"
+#include "package/Failure.h"
+#include "package/Package.h"
+#include "package/Trust.h"
 
 #include <fcntl.h>
 #include <openssl/err.h>
@@ -21,7 +21,7 @@
 
 namespace {
 
-using namespace installer;
+using namespace package;
 
 constexpr DigestKind kKind = DigestKind::Sha256;
 constexpr std::uint32_t kKindNumber = 3; // in a header

@@ -1,9 +1,9 @@
 // The fuzz targets' ways in; each target is built for one of them.
-#include "installer/Failure.h"
-#include "installer/Package.h"
-#include "installer/PackageInfo.h"
-#include "installer/Payload.h"
-#include "installer/Trust.h"
+#include "package/Failure.h"
+#include "package/Package.h"
+#include "package/PackageInfo.h"
+#include "package/Payload.h"
+#include "package/Trust.h"
 
 #include <endian.h>
 #include <openssl/x509.h>
@@ -11,7 +11,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
-namespace installer {
+namespace package {
 
 struct Nowhere : PayloadSink {
     void begin(const PayloadEntry& entry) override {
@@ -83,11 +83,11 @@ void fuzzSignature(const std::string& input) {
     verifySignature({DigestKind::Sha256, parts[0], parts[1], {parts.begin() + 2, parts.end()}}, trusted);
 }
 
-} // namespace installer
+} // namespace package
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) try {
-    installer::FUZZ_SUBJECT({reinterpret_cast<const char*>(data), size});
+    package::FUZZ_SUBJECT({reinterpret_cast<const char*>(data), size});
     return 0;
-} catch (const installer::Failure&) {
+} catch (const package::Failure&) {
     return 0;
 }

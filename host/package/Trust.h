@@ -1,6 +1,6 @@
 #pragma once
 
-#include "installer/Digest.h"
+#include "package/Digest.h"
 
 #include <filesystem>
 #include <memory>
@@ -12,7 +12,7 @@
 struct x509_st;
 struct x509_store_st;
 
-namespace installer {
+namespace package {
 
 class Package;
 
@@ -61,4 +61,4 @@ std::string verifySignature(const Signed& what, const TrustedCertificates& trust
 // trusted.
 std::optional<std::string> verifySigner(const Package& package, const TrustedCertificates& trusted);
 
-} // namespace installer
+} // namespace package

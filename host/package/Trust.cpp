@@ -1,9 +1,9 @@
-#include "installer/Trust.h"
+#include "package/Trust.h"
 
-#include "installer/Failure.h"
-#include "installer/FileDescriptor.h"
-#include "installer/Package.h"
-#include "installer/Text.h"
+#include "package/Failure.h"
+#include "package/FileDescriptor.h"
+#include "package/Package.h"
+#include "package/Text.h"
 
 #include <fcntl.h>
 #include <openssl/err.h>
@@ -20,7 +20,7 @@
 
 namespace fs = std::filesystem;
 
-namespace installer {
+namespace package {
 
 namespace {
 
@@ -264,4 +264,4 @@ std::optional<std::string> verifySigner(const Package& package, const TrustedCer
         trusted);
 }
 
-} // namespace installer
+} // namespace package

@@ -1,12 +1,12 @@
 #pragma once
 
-#include "installer/Table.h"
+#include "package/Table.h"
 
 #include <cstdint>
 #include <memory>
 #include <string_view>
 
-namespace installer {
+namespace package {
 
 // Reads a part of a file, undoing the encoding in which the archive stores it. Not thread-safe.
 class EntryReader {
@@ -38,4 +38,4 @@ class EntryReader {
 // All of a zlib stream that is known to be `size` bytes when unpacked. Throws Failure when it is not.
 std::string inflated(std::string_view packed, std::size_t size, const std::string& what);
 
-} // namespace installer
+} // namespace package

@@ -9,7 +9,7 @@
 struct evp_md_st;
 struct evp_md_ctx_st;
 
-namespace installer {
+namespace package {
 
 // The message digests that an archive may use. The first two only tell damage, not ill will.
 enum class DigestKind { Md5, Sha1, Sha256, Sha512 };
@@ -40,4 +40,4 @@ std::string toHex(std::string_view bytes);
 // Empty when the text is not pairs of hexadecimal digits.
 std::optional<std::string> fromHex(std::string_view text);
 
-} // namespace installer
+} // namespace package

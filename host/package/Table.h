@@ -1,6 +1,6 @@
 #pragma once
 
-#include "installer/Digest.h"
+#include "package/Digest.h"
 
 #include <cstdint>
 #include <optional>
@@ -10,7 +10,7 @@
 
 // A xar archive's header and table of contents. Behind them lies the heap, which holds everything that the
 // table names, and which all offsets count from.
-namespace installer {
+namespace package {
 
 constexpr char kMagic[] = "xar!";
 constexpr std::size_t kHeaderSize = 28;
@@ -73,4 +73,4 @@ Table parseTable(std::string_view xml);
 // take up all of it; some writers leave a few stray bytes.
 bool accountsForAll(const Table& table, std::uint64_t heapSize);
 
-} // namespace installer
+} // namespace package

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace installer {
+namespace package {
 
 // What the package says of itself in its PackageInfo file.
 struct PackageInfo {
@@ -19,4 +19,4 @@ struct PackageInfo {
 // an identifier or a version, or names a location that is not a plain path.
 PackageInfo parsePackageInfo(std::string_view xml);
 
-} // namespace installer
+} // namespace package

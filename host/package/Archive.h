@@ -4,7 +4,7 @@
 
 #include <memory>
 
-namespace installer {
+namespace package {
 
 struct FreeReader {
     void operator()(archive* handle) const { archive_read_free(handle); }
@@ -17,4 +17,4 @@ struct FreeWriter {
 using ArchiveReader = std::unique_ptr<archive, FreeReader>;
 using ArchiveWriter = std::unique_ptr<archive, FreeWriter>;
 
-} // namespace installer
+} // namespace package

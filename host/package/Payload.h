@@ -8,7 +8,7 @@
 
 struct archive_entry;
 
-namespace installer {
+namespace package {
 
 class EntryReader;
 
@@ -39,4 +39,4 @@ class PayloadSink {
 // files, or occurs twice.
 void readPayload(EntryReader& reader, PayloadSink& sink);
 
-} // namespace installer
+} // namespace package

@@ -5,7 +5,7 @@
 
 struct archive;
 
-namespace installer {
+namespace package {
 
 // The text with every control character replaced, line feeds among them.
 std::string oneLine(std::string_view text);
@@ -20,4 +20,4 @@ std::string lastError(archive* handle);
 // Throws Failure for a name that is absolute, empty or too long, or that climbs with "..".
 std::string relativePath(std::string_view name);
 
-} // namespace installer
+} // namespace package

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-namespace installer {
+namespace package {
 
 // One element of an XML document, read whole.
 struct Element {
@@ -27,4 +27,4 @@ struct Element {
 // any honest one.
 Element parseXml(std::string_view xml, const std::string& what);
 
-} // namespace installer
+} // namespace package

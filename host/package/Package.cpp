@@ -1,7 +1,7 @@
-#include "installer/Package.h"
+#include "package/Package.h"
 
-#include "installer/Failure.h"
-#include "installer/Text.h"
+#include "package/Failure.h"
+#include "package/Text.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <vector>
 
-namespace installer {
+namespace package {
 
 namespace {
 
@@ -200,4 +200,4 @@ std::string Package::text(const Entry& entry, std::size_t most) const {
     return text;
 }
 
-} // namespace installer
+} // namespace package

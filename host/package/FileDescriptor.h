@@ -4,7 +4,7 @@
 
 #include <utility>
 
-namespace installer {
+namespace package {
 
 // Owner of a file descriptor; -1 stands for none.
 class FileDescriptor {
@@ -29,4 +29,4 @@ class FileDescriptor {
     int number_;
 };
 
-} // namespace installer
+} // namespace package

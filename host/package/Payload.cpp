@@ -1,9 +1,9 @@
-#include "installer/Payload.h"
+#include "package/Payload.h"
 
-#include "installer/Archive.h"
-#include "installer/EntryReader.h"
-#include "installer/Failure.h"
-#include "installer/Text.h"
+#include "package/Archive.h"
+#include "package/EntryReader.h"
+#include "package/Failure.h"
+#include "package/Text.h"
 
 #include <archive_entry.h>
 #include <sys/stat.h>
@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <unordered_map>
 
-namespace installer {
+namespace package {
 
 namespace {
 
@@ -151,4 +151,4 @@ void readPayload(EntryReader& reader, PayloadSink& sink) {
     stream.drain();
 }
 
-} // namespace installer
+} // namespace package

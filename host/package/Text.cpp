@@ -1,6 +1,6 @@
-#include "installer/Text.h"
+#include "package/Text.h"
 
-#include "installer/Failure.h"
+#include "package/Failure.h"
 
 #include <archive.h>
 
@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <system_error>
 
-namespace installer {
+namespace package {
 
 namespace {
 
@@ -74,4 +74,4 @@ std::string relativePath(std::string_view name) {
     return path;
 }
 
-} // namespace installer
+} // namespace package

@@ -1,13 +1,13 @@
-#include "installer/PackageInfo.h"
+#include "package/PackageInfo.h"
 
-#include "installer/Failure.h"
-#include "installer/Text.h"
-#include "installer/Xml.h"
+#include "package/Failure.h"
+#include "package/Text.h"
+#include "package/Xml.h"
 
 #include <algorithm>
 #include <charconv>
 
-namespace installer {
+namespace package {
 
 namespace {
 
@@ -56,4 +56,4 @@ PackageInfo parsePackageInfo(std::string_view xml) {
     return info;
 }
 
-} // namespace installer
+} // namespace package

@@ -1,8 +1,8 @@
-#include "installer/EntryReader.h"
+#include "package/EntryReader.h"
 
-#include "installer/Archive.h"
-#include "installer/Failure.h"
-#include "installer/Text.h"
+#include "package/Archive.h"
+#include "package/Failure.h"
+#include "package/Text.h"
 
 #include <archive_entry.h>
 #include <unistd.h>
@@ -13,7 +13,7 @@
 #include <new>
 #include <vector>
 
-namespace installer {
+namespace package {
 
 namespace {
 
@@ -248,4 +248,4 @@ std::string inflated(std::string_view packed, std::size_t size, const std::strin
     return text;
 }
 
-} // namespace installer
+} // namespace package

@@ -1,12 +1,12 @@
-#include "installer/Digest.h"
+#include "package/Digest.h"
 
-#include "installer/Failure.h"
+#include "package/Failure.h"
 
 #include <openssl/evp.h>
 
 #include <charconv>
 
-namespace installer {
+namespace package {
 
 namespace {
 
@@ -108,4 +108,4 @@ std::optional<std::string> fromHex(std::string_view text) {
     return bytes;
 }
 
-} // namespace installer
+} // namespace package

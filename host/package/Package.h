@@ -1,15 +1,15 @@
 #pragma once
 
-#include "installer/EntryReader.h"
-#include "installer/FileDescriptor.h"
-#include "installer/Table.h"
+#include "package/EntryReader.h"
+#include "package/FileDescriptor.h"
+#include "package/Table.h"
 
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
 
-namespace installer {
+namespace package {
 
 // Copies the file at `path` into a file without a name, below `folder` and on its file system, which nobody
 // but us can reach: whatever happens to `path` from then on changes nothing. Throws Failure when it is not a
@@ -58,4 +58,4 @@ class Package {
     std::string tableDigest_;
 };
 
-} // namespace installer
+} // namespace package

@@ -1,7 +1,7 @@
-#include "installer/Xml.h"
+#include "package/Xml.h"
 
-#include "installer/Failure.h"
-#include "installer/Text.h"
+#include "package/Failure.h"
+#include "package/Text.h"
 
 #include <expat.h>
 
@@ -9,7 +9,7 @@
 #include <new>
 #include <type_traits>
 
-namespace installer {
+namespace package {
 
 namespace {
 
@@ -122,4 +122,4 @@ Element parseXml(std::string_view xml, const std::string& what) {
     return std::move(reading.root);
 }
 
-} // namespace installer
+} // namespace package

@@ -5,7 +5,7 @@
 #include <string>
 #include <system_error>
 
-namespace installer {
+namespace package {
 
 // The one way in which an install ends badly. what() is the cause in one short English line, ready to be
 // shown; it may quote names from the package, made printable.
@@ -19,4 +19,4 @@ inline Failure systemFailure(const std::string& what) {
     return Failure(what + ": " + std::generic_category().message(errno));
 }
 
-} // namespace installer
+} // namespace package

@@ -1,8 +1,8 @@
-#include "installer/Table.h"
+#include "package/Table.h"
 
-#include "installer/Failure.h"
-#include "installer/Text.h"
-#include "installer/Xml.h"
+#include "package/Failure.h"
+#include "package/Text.h"
+#include "package/Xml.h"
 
 #include <openssl/evp.h>
 
@@ -10,7 +10,7 @@
 #include <charconv>
 #include <unordered_set>
 
-namespace installer {
+namespace package {
 
 namespace {
 
@@ -267,4 +267,4 @@ bool accountsForAll(const Table& table, std::uint64_t heapSize) {
     return sum == heapSize;
 }
 
-} // namespace installer
+} // namespace package
