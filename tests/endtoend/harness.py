@@ -12,7 +12,7 @@ import unittest
 from pathlib import Path
 
 PROJECT = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(PROJECT / "scripts/lib"))
+sys.path.insert(0, str(PROJECT / "tests/stage"))
 from stage import DISPLAYS, WINDOW_TITLE, Session, Window, running, serve_sample, wait_for, xdotool  # noqa: E402
 
 SCRATCH = Path("/tmp/endtoend")

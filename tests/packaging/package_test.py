@@ -103,7 +103,7 @@ class PackagingTest(unittest.TestCase):
         cls.address = f"http://{cls.server}/soft/"
         SCRATCH.mkdir()
         shutil.copy(Path(__file__).with_name("start.py"), SCRATCH)
-        shutil.copy(cls.project / "scripts/lib/stage.py", SCRATCH)
+        shutil.copy(cls.project / "tests/stage/stage.py", SCRATCH)
         cls.image = cls.build / f"{VOLUME}.iso"
         cls.image.unlink(missing_ok=True)
         for name in BAD_NAMES:

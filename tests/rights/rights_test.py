@@ -14,7 +14,7 @@ import sys
 import unittest
 from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "scripts/lib"))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "stage"))
 import rights  # noqa: E402
 from rights import BUS_SERVICE, MECHANISM, USER, Agent, RightsStage, wait_until  # noqa: E402
 

@@ -90,7 +90,7 @@ class RightsStage:
         ):
             shutil.copyfile(source, target)
             target.chmod(0o644)
-        shutil.copyfile(Path(project) / "scripts/lib/rights-agent", AGENT)
+        shutil.copyfile(Path(project) / "tests/stage/agent.py", AGENT)
         AGENT.chmod(0o755)
 
     def start_bus(self):
