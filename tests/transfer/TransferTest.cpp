@@ -2,26 +2,35 @@
 #include "platform/NotificationCenter.h"
 #include "support/CapturedLog.h"
 #include "support/ScratchFolder.h"
+#include "support/WaitUntil.h"
 #include "transfer/CurlMessage.h"
 #include "transfer/CurlWrapper.h"
-#include "transfer/FaultServer.h"
+#include "transfer/Server.h"
+
+#include <QTcpServer>
 
 #include <curl/curl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <algorithm>
-#include <fstream>
+#include <csignal>
 #include <random>
-#include <span>
+#include <thread>
 #include <tuple>
 
 namespace {
 
-constexpr std::int64_t kAll = 100'000;
+constexpr std::int64_t kAll = 100'000, kHalf = 40'000;
+
+/// Kind, status and quantity.
+using Fields = std::tuple<int, int, std::int64_t>;
 
 /// What one operation answered, posted and logged.
 struct Outcome {
     int result = 0;
-    std::vector<CurlMessage> records;
+    std::vector<Fields> records;
+    std::int64_t token = 0;
     std::int64_t bytes = 0; ///< that the data records count
     std::string log;
 };
@@ -37,22 +46,23 @@ Outcome run(const std::function<int()>& operation, const Reaction& reaction = nu
     Outcome outcome;
     double earlier = now();
     const CapturedLog log;
-    std::thread::id worker;
+    const std::thread::id caller = std::this_thread::get_id();
     const auto handle = [&](const void* object) {
         const auto& record = *static_cast<const CurlMessage*>(object);
-        EXPECT_EQ(std::this_thread::get_id(), worker);
+        EXPECT_EQ(std::this_thread::get_id(), caller);
         EXPECT_GE(record.timestamp(), std::exchange(earlier, record.timestamp()));
-        outcome.records.push_back(record);
+        if (outcome.records.empty()) {
+            outcome.token = record.identifier();
+        }
+        EXPECT_EQ(record.identifier(), outcome.token) << "one transfer, one token";
+        outcome.records.emplace_back(record.itype(), record.status(), record.iMessage());
         outcome.bytes += record.itype() == CurlMessageTypeData ? record.iMessage() : 0;
         if (reaction) {
             reaction(outcome);
         }
     };
     auto* const observer = NotificationCenter::defaultCenter().addObserver("CurlCallbackMessage", handle);
-    std::thread([&] {
-        worker = std::this_thread::get_id();
-        outcome.result = operation();
-    }).join();
+    outcome.result = operation();
     NotificationCenter::defaultCenter().removeObserver(observer);
     EXPECT_LE(earlier, now());
     outcome.log = log.text();
@@ -68,26 +78,20 @@ Outcome download(const std::string& url, const std::string& path, std::int64_t o
     return run([&] { return CurlWrapper::SyncDownloadToFile(url, path, offset); }, reaction);
 }
 
-/// Kind, status, quantity and identifier.
-using Fields = std::tuple<int, int, std::int64_t, std::int64_t>;
+const Fields kStarted{CurlMessageTypeStarted, 0, -1}, kFinished{CurlMessageTypeFinished, 0, 0},
+    kStopped{CurlMessageTypeData, 0, 0}, kFailed{CurlMessageTypeData, -1, 0};
 
-Fields fieldsOf(const CurlMessage& record) {
-    return {record.itype(), record.status(), record.iMessage(), record.identifier()};
-}
-
-/// Checks what holds for every body transfer: a finished one, or one that was stopped at its last record.
-void expectBodyTransfer(const Outcome& outcome, CurlMessageType ending) {
+/// Checks what holds for every body transfer: it starts, tells each block that reached the file, and ends.
+void expectBodyTransfer(const Outcome& outcome, const Fields& ending, int result) {
+    EXPECT_EQ(outcome.result, result);
+    EXPECT_TRUE(outcome.token != 0 && outcome.token != -1) << outcome.token;
     ASSERT_GE(outcome.records.size(), 2U);
-    const std::int64_t token = outcome.records[0].identifier();
-    EXPECT_TRUE(token != 0 && token != -1) << token;
-    EXPECT_EQ(fieldsOf(outcome.records.front()), Fields(CurlMessageTypeStarted, 0, -1, token));
-    for (const CurlMessage& record : std::span(outcome.records).subspan(1, outcome.records.size() - 2)) {
-        EXPECT_GT(record.iMessage(), 0);
-        EXPECT_EQ(fieldsOf(record), Fields(CurlMessageTypeData, 0, record.iMessage(), token));
-    }
-    EXPECT_EQ(fieldsOf(outcome.records.back()), Fields(ending, 0, 0, token));
-    EXPECT_EQ(outcome.result == 0, ending == CurlMessageTypeFinished);
-    const std::string line = "SyncDownload Return Code:" + std::to_string(outcome.result) + "\n";
+    EXPECT_EQ(outcome.records.front(), kStarted);
+    EXPECT_EQ(outcome.records.back(), ending);
+    EXPECT_TRUE(std::all_of(outcome.records.begin() + 1, outcome.records.end() - 1, [](const Fields& record) {
+        return record == Fields(CurlMessageTypeData, 0, std::get<2>(record)) && std::get<2>(record) > 0;
+    }));
+    const std::string line = "SyncDownload Return Code:" + std::to_string(result) + "\n";
     EXPECT_NE(outcome.log.find(line), std::string::npos) << outcome.log;
 }
 
@@ -99,6 +103,9 @@ class Transfer : public testing::Test {
         std::generate(document_.begin(), document_.end(), std::mt19937()); // so that any cut or shift shows
     }
 
+    void holdBytes(std::int64_t count) {
+        std::ofstream(path_, std::ios::binary) << document_.substr(0, count);
+    }
     [[nodiscard]] std::string file() const { return readFile(path_).value(); }
 
     std::string document_ = std::string(kAll, '\0');
@@ -110,45 +117,153 @@ std::ptrdiff_t openFiles() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-TEST_F(Transfer, ProbeIsOnePlainRequestWhoseHeadersGoToStandardOutput) {
-    const std::ptrdiff_t before = openFiles();
-    {
-        const FaultServer server(document_);
-        const CapturedLog output(STDOUT_FILENO);
-        const Outcome outcome = probe(server.url() + "/包");
-        ASSERT_EQ(outcome.records.size(), 1U);
-        EXPECT_EQ(fieldsOf(outcome.records[0]), Fields(CurlMessageTypeLength, 0, kAll, -1));
-        EXPECT_EQ(output.count("Content-Length: 100000\r\n"), 1);
-        const std::string request = server.latest().request;
-        EXPECT_TRUE(request.starts_with("HEAD /soft/Pellomar.pkg/%e5%8c%85 HTTP/1.1\r\n")) << request;
-        EXPECT_EQ(request.find("User-Agent"), std::string::npos);
+TEST_F(Transfer, ProbeTellsTheLengthOrWhatIsWrong) {
+    const Fields missing{CurlMessageTypeProbeFailed, -1, 0};
+    const auto length = [](std::int64_t bytes) { return Fields{CurlMessageTypeLength, 0, bytes}; };
+    const auto error = [](int code) { return Fields{CurlMessageTypeProbeFailed, code, 0}; };
+    const struct {
+        const char* answer;
+        Fields record;
+    } rows[] = {{"", length(kAll)},
+                {"status=404 body=8", length(8)},
+                {"redirect=http://127.0.0.1:1/", length(kAll)},
+                {"length=5000000000", length(5'000'000'000)},
+                {"length=9223372036854775807", length(INT64_MAX)},
+                {"length=0", length(0)},
+                {"length=None", missing},
+                {"head=0", error(CURLE_GOT_NOTHING)},
+                {"arrival=refuse", error(CURLE_COULDNT_CONNECT)}};
+    for (const auto& [answer, record] : rows) {
+        SCOPED_TRACE(answer);
+        const std::ptrdiff_t before = openFiles();
+        {
+            Server server(document_, {answer});
+            const CapturedLog output(STDOUT_FILENO);
+            const Outcome outcome = probe(server.url() + "/包");
+            EXPECT_EQ(outcome.records, std::vector{record});
+            EXPECT_EQ(outcome.token, -1);
+            EXPECT_EQ(outcome.result, std::get<1>(record));
+            EXPECT_EQ(outcome.log.find("Target File does not exists\n") != std::string::npos,
+                      record == missing);
+            if (std::get<0>(record) == CurlMessageTypeLength) {
+                EXPECT_EQ(server.request(), "HEAD /soft/Pellomar.pkg/%e5%8c%85 -");
+                EXPECT_EQ(output.count("Content-Length: "), 1) << "the headers go to standard output";
+            }
+        }
+        // The handle, with what it holds open, is left where the length is unknown and only there.
+        EXPECT_EQ(openFiles() > before, record == missing);
     }
-    EXPECT_EQ(openFiles(), before);
-    // The handle, with what it holds open, is left where the length is unknown and only there.
-    probe(FaultServer(document_, {{.length = ""}}).url());
-    EXPECT_GT(openFiles(), before);
+    EXPECT_EQ(probe("").records, std::vector{error(CURLE_URL_MALFORMAT)});
+    EXPECT_EQ(probe("http://nowhere.invalid/").records, std::vector{error(CURLE_COULDNT_RESOLVE_HOST)});
 }
 
-TEST_F(Transfer, TakesTheOffsetFromItsCallerAndNotFromTheFile) {
-    const FaultServer server(document_);
-    std::ofstream(path_) << "before";
-    expectBodyTransfer(download(server.url(), path_, 0), CurlMessageTypeFinished);
-    expectBodyTransfer(download(server.url(), path_, 5'000'000'000), CurlMessageTypeFinished);
-    EXPECT_NE(server.latest().request.find("\r\nRange: bytes=5000000000-\r\n"), std::string::npos);
-    EXPECT_TRUE(file() == "before" + document_);
+TEST_F(Transfer, BodyIsAppendedFromTheOffset) {
+    const struct {
+        const char* answer;
+        std::int64_t offset;
+        std::int64_t bytes; ///< that are added
+        int result;
+    } rows[] = {{"", 0, kAll, CURLE_OK},
+                {"", kHalf, kAll - kHalf, CURLE_OK},
+                {"length=None", 0, kAll, CURLE_OK},
+                {"status=404 body=8", 0, 8, CURLE_OK},
+                {"head=0", 0, 0, CURLE_GOT_NOTHING},
+                {"cut=40000", 0, kHalf, CURLE_PARTIAL_FILE},
+                {"cut=-1", kHalf, kAll - kHalf - 1, CURLE_PARTIAL_FILE},
+                {"range=ignore", kHalf, 0, CURLE_RANGE_ERROR},
+                {"range=shift", kHalf, 0, CURLE_RANGE_ERROR},
+                {"status=404 body=8", kHalf, 0, CURLE_RANGE_ERROR}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.answer) + " at " + std::to_string(row.offset));
+        Server server(document_, {row.answer});
+        holdBytes(row.offset);
+        const Outcome outcome = download(server.url(), path_, row.offset);
+        expectBodyTransfer(outcome, row.result == CURLE_OK ? kFinished : kFailed, row.result);
+        EXPECT_EQ(outcome.bytes, row.bytes);
+        EXPECT_TRUE(file() == document_.substr(0, row.offset + row.bytes));
+        EXPECT_EQ(server.request(),
+                  "GET /soft/Pellomar.pkg " + (row.offset == 0 ? "-" : std::to_string(row.offset)));
+    }
+    // The offset is the caller's, whatever the file holds.
+    Server server(document_);
+    holdBytes(kHalf);
+    expectBodyTransfer(download(server.url(), path_, 0), kFinished, CURLE_OK);
+    EXPECT_TRUE(file() == document_.substr(0, kHalf) + document_);
+}
+
+TEST_F(Transfer, GoesOnWhereNginxWasInterrupted) {
+    QTcpServer free;
+    ASSERT_TRUE(free.listen(QHostAddress::LocalHost));
+    const std::string address = "127.0.0.1:" + std::to_string(free.serverPort());
+    free.close();
+    std::filesystem::create_directory(folder_.path() + "/soft");
+    std::ofstream(folder_.path() + "/soft/包 1", std::ios::binary) << document_;
+    const std::string serve = std::string(SERVE) + " ";
+    ASSERT_EQ(std::system((serve + "--background --rate 0 --listen " + address + " " + folder_.path() + " " +
+                           folder_.path() + "/nginx >&2")
+                              .c_str()),
+              0);
+    const std::string url = "http://" + address + "/soft/包%201";
+    {
+        const CapturedLog headers(STDOUT_FILENO);
+        EXPECT_EQ(probe(url).records, std::vector{Fields(CurlMessageTypeLength, 0, kAll)});
+    }
+    const auto stopAtOnce = [](const Outcome& soFar) { CurlWrapper::SyncStop(soFar.bytes); };
+    const Outcome first = download(url, path_, 0, stopAtOnce);
+    expectBodyTransfer(first, kStopped, CURLE_WRITE_ERROR);
+    EXPECT_LT(first.bytes, kAll);
+    CurlWrapper::SyncStop(0);
+    expectBodyTransfer(download(url, path_, first.bytes), kFinished, CURLE_OK);
+    EXPECT_TRUE(file() == document_);
+    EXPECT_EQ(std::system((serve + "--stop " + folder_.path() + "/nginx >&2").c_str()), 0);
 }
 
 TEST_F(Transfer, StopByAnyIdentifierHidesAFailureAndNeverASuccess) {
     for (const std::int64_t identifier : {1LL, -1LL, 1LL << 32}) {
         SCOPED_TRACE(identifier);
-        const FaultServer server(document_, {{.head = 0}});
+        Server server(document_, {"head=0", "cut=40000 ending=stall", ""});
         CurlWrapper::SyncStop(identifier);
-        expectBodyTransfer(download(server.url(), path_, 0), CurlMessageTypeData);
+        expectBodyTransfer(download(server.url(), path_, 0), kStopped, CURLE_GOT_NOTHING);
+
+        // A stall ends by the next block, not by the stop.
+        CurlWrapper::SyncStop(0);
+        holdBytes(0);
+        const auto stopInTheStall = [&](const Outcome& soFar) {
+            if (soFar.bytes == kHalf && soFar.records.back() != kStopped) {
+                CurlWrapper::SyncStop(identifier);
+                server.release();
+            }
+        };
+        const Outcome stopped = download(server.url(), path_, 0, stopInTheStall);
+        expectBodyTransfer(stopped, kStopped, CURLE_WRITE_ERROR);
+        EXPECT_TRUE(file() == document_.substr(0, kHalf));
+
         const auto stopAtTheEnd = [&](const Outcome& soFar) {
             CurlWrapper::SyncStop(soFar.bytes == kAll ? identifier : 0);
         };
-        expectBodyTransfer(download(server.url(), path_, 0, stopAtTheEnd), CurlMessageTypeFinished);
+        expectBodyTransfer(download(server.url(), path_, 0, stopAtTheEnd), kFinished, CURLE_OK);
     }
+}
+
+TEST_F(Transfer, CountsWhatReachedTheDiskAndNothingElse) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    constexpr std::int64_t kRoom = 1501; // less than a buffer would hold back
+    rlimit before{};
+    const rlimit small{kRoom, RLIM_INFINITY};
+    for (const std::int64_t held : {std::int64_t{0}, kRoom}) {
+        Server server(document_, {"body=2000"});
+        holdBytes(held);
+        ASSERT_EQ(prlimit(0, RLIMIT_FSIZE, &small, &before), 0);
+        const Outcome outcome = download(server.url(), path_, held);
+        ASSERT_EQ(prlimit(0, RLIMIT_FSIZE, &before, nullptr), 0);
+        expectBodyTransfer(outcome, kFailed, CURLE_WRITE_ERROR);
+        EXPECT_EQ(outcome.bytes, kRoom - held);
+        EXPECT_TRUE(file() == document_.substr(0, kRoom));
+    }
+    const Outcome unopened = download("http://127.0.0.1:1/", folder_.path(), 0);
+    EXPECT_EQ(unopened.records, std::vector{kFailed});
+    EXPECT_EQ(unopened.result, CURLE_WRITE_ERROR);
+    EXPECT_TRUE(unopened.token != 0 && unopened.token != -1);
 }
 
 TEST_F(Transfer, LogsNoPasswordOfAProxy) {
@@ -164,6 +279,29 @@ TEST_F(Transfer, LogsNoPasswordOfAProxy) {
         EXPECT_EQ(outcome.result, result);
         EXPECT_EQ(log.find("secret"), std::string::npos) << log;
     }
+}
+
+using ConnectTimeout = Transfer;
+
+TEST_F(ConnectTimeout, IsThirtySeconds) {
+    // The clock that libfaketime reads, so that nothing takes thirty seconds.
+    const char* const clock = std::getenv("FAKETIME_TIMESTAMP_FILE");
+    ASSERT_NE(clock, nullptr) << "run by ctest";
+    std::ofstream(clock) << "+0s";
+    Server server(document_, {"arrival=hole"});
+    std::atomic<int> result{-1};
+    std::thread worker([&] { result = download(server.url(), path_, 0).result; });
+    char remote[32];
+    snprintf(remote, sizeof remote, "0100007F:%04X 02", std::stoi(server.port())); // SYN sent
+    const auto isConnecting = [&] {
+        return readFile("/proc/net/tcp").value().find(remote) != std::string::npos;
+    };
+    EXPECT_TRUE(waitUntil(isConnecting));
+    std::ofstream(clock) << "+31s";
+    EXPECT_TRUE(waitUntil([&] { return result != -1; }));
+    server.release();
+    worker.join();
+    EXPECT_EQ(result, CURLE_OPERATION_TIMEDOUT);
 }
 
 } // namespace
