@@ -9,8 +9,9 @@ import os
 import pwd
 import shutil
 import subprocess
-import time
 from pathlib import Path
+
+from waiting import processes, wait_for as wait_until
 
 ACTION = "com.norvik.PellomarDownloader"
 MECHANISM = Path("/usr/libexec/pellomar-downloader-rights")
@@ -23,32 +24,9 @@ AGENT = Path("/usr/local/bin/pellomar-sample-agent")
 # What a user's programs need of the environment to meet on the desktop, and what sanitizers are told.
 KEPT = (
     *("DISPLAY", "XAUTHORITY", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS"),
+    "QT_QPA_PLATFORM",
     *("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"),
 )
-
-
-def wait_until(what, condition, seconds=30.0):
-    """The first true value of CONDITION, asked again and again until the deadline."""
-    deadline = time.monotonic() + seconds
-    while True:
-        value = condition()
-        if value:
-            return value
-        if time.monotonic() > deadline:
-            raise TimeoutError(f"{what}: not seen within {seconds:g} s")
-        time.sleep(0.01)
-
-
-def processes(executable):
-    """The process ids of the programs that run from this path, zombies not counted."""
-    found = []
-    for link in Path("/proc").glob("[0-9]*/exe"):
-        try:
-            if os.readlink(link).removesuffix(" (deleted)") == str(executable):
-                found.append(int(link.parent.name))
-        except OSError:
-            continue  # it ended meanwhile
-    return found
 
 
 def as_user(name):
@@ -153,6 +131,18 @@ class RightsStage:
             capture_output=True, text=True, check=False,
         )  # fmt: skip
         return "boolean true" in done.stdout
+
+    @staticmethod
+    def connections():
+        """The process id of each connection to the system bus."""
+        from gi.repository import Gio, GLib
+
+        bus = Gio.bus_get_sync(Gio.BusType.SYSTEM)
+        def ask(method, *arguments):
+            given = GLib.Variant("(s)", arguments) if arguments else None
+            name = "org.freedesktop.DBus"
+            return bus.call_sync(name, "/org/freedesktop/DBus", name, method, given, None, 0, -1).unpack()[0]
+        return [ask("GetConnectionUnixProcessID", name) for name in ask("ListNames") if name.startswith(":")]
 
     def mechanism(self):
         """The process id of the running mechanism, or None."""

@@ -1,0 +1,139 @@
+"""The roads of an installation, from the first screen to the launched product or the window that is closed."""
+
+from machine import ADDRESS, APPLICATION, REAL, STARTUP, note, plist, write
+from road import FLAG, Road
+
+URL = "http://{}:{}/soft/package".format(*ADDRESS)
+
+# What the tools do, as lines of bash.
+REMOVES = f'{REAL}/rm "$@"'
+INSTALLS = """mkdir -p /Applications; cp -r /opt/product /Applications/Pellomar.app; ls "${2%/*}"
+echo 'installer: The install was successful.'"""
+LOADED = "echo 'Index Refs Name'; echo '120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)'"
+NOT_LOADED = "echo 'No such driver'"
+DRIVER_FAILS = "echo 'VirtualBox Error: no VBoxDrv'"
+TOOLS = {"/bin/rm": [REMOVES], "/usr/sbin/installer": [INSTALLS], "/usr/sbin/kextstat": [LOADED], STARTUP: ["echo Started."]}
+MISSING = []
+
+START = ["> 开始", "log start_button has been clicked", f"log CoreImageView startDownload url:{URL}", "hide 开始",
+         "show 下载进度", "status 正在检测网络", "show 停止", "log WebStatic:Download Start", "event 814",
+         "log create temp file successful", f"log _strDownloadUrl:{URL},tmpFile:~/Downloads/NVInst/Pellomar.tmp"]
+DOWNLOADING = ["status 正在下载Pellomar"]
+STOP_HIDDEN = ["event 815", "status 已完成下载", "no speed", "user runs /usr/bin/killall|Pellomar"]  # since a retry
+FINISHED = [*STOP_HIDDEN[:3], "hide 停止", STOP_HIDDEN[3]]
+RIGHTS = ["log asking for administrator rights", "log administrator rights obtained"]
+BEFORE_RIGHTS = [*START, *DOWNLOADING, *FINISHED]
+DOWNLOADED = [*BEFORE_RIGHTS, *RIGHTS]
+CLICKED_AGAIN = ["> 重试安装", "log continueInsTall_button has been clicked", "status 已完成下载", "no speed",
+                 "hide 重试安装", "user runs /usr/bin/killall|Pellomar"]
+AGAIN = [*CLICKED_AGAIN, *RIGHTS]
+QUESTION = ["dialog 安装向导|是否保留已安装游戏和应用|确定|取消"]
+YES = ["dialog closed", "log keep installed games:yes"]
+NO = ["dialog closed", "log keep installed games:no"]
+KEPT = [*QUESTION, "> 确定", *YES]
+REMOVAL = ["status 正在卸载Pellomar", "root runs /bin/rm|-rf|/Applications/Pellomar.app"]
+REMOVED = [*REMOVAL, "log uninstall Pellomar Success"]
+INSTALLATION = ["status 正在安装Pellomar", "event 817", "log Installing Pellomar",
+                "root runs /usr/sbin/installer|-pkg|~/Downloads/NVInst/Pellomar.pkg|-target|/"]
+INSTALLED = [*INSTALLATION, "log Install Pellomar Success:Pellomar.pkg", "event 818"]
+INSTALL_FAILED = ["event 822", "status 安装Pellomar失败，请尝试重新下载安装!", "show 重试下载"]
+DOWNLOAD_AGAIN = ["> 重试下载", "log retryDownload_button has been clicked", "log create temp file successful",
+                  "hide 重试下载", "log WebStatic:Download Start", "event 814", *DOWNLOADING]
+BROKEN = ["hide 停止", "show 继续", "status 网络异常，请稍后重试", "event 821"]
+QUERY = ["status 正在查询vbox驱动状态", "root runs /usr/sbin/kextstat|-b|com.norvik.emu.kext.VBoxDrv"]
+DRIVER_START = ["status 正在安装vbox驱动", f"root runs {STARTUP}|restart"]
+DRIVER_FAILED = ["status 安装vbox驱动失败，请重试", "show 重试安装"]
+OLD_SYSTEM = ["log install vbox drive faild", *DRIVER_FAILED]
+GUIDE = ["dialog 检测到您的电脑未能成功安装驱动程序，请前往系统偏好设置允许系统安装驱动程序。 "
+         "待设置完成后请点击重试。||立即前往设置"]
+SETTINGS = [*GUIDE, "> 立即前往设置", "opens /System/Library/PreferencePanes/Security.prefPane", "dialog closed"]
+NEW_SYSTEM = ["status 安装Pellomar失败，请前往论坛查看安装教程", "log 10.14.5以上系统没有关闭sip",
+              "dialog 安装失败，检测到您的系统与驱动签名不兼容。点击“立即前往”查看解决方案。||立即前往"]
+LAUNCHED = ["status 正在启动Pellomar", "log launch Pellomar.app successful", "opens new Pellomar, user in ~",
+            "events submitted"]
+LOADED_AND_LAUNCHED = [*QUERY, "event 826", *LAUNCHED]
+DENIED = [RIGHTS[0], "log Pre-auth failed", "status 获取权限失败，请重试", "show 重试安装"]
+REFUSED = [RIGHTS[0], "log Could not create authorization reference object.", *DENIED[1:]]
+ALLOWED_AT_LAST = ["> agent right", *AGAIN, *KEPT, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED]
+UNSTARTED = "could not be started as root:-60031"
+
+INSTALL_ROADS = {
+    "clean": Road(
+        [*DOWNLOADED, *INSTALLED, *LOADED_AND_LAUNCHED],
+        logged="Index Refs Name\n120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)\n\n"),
+    "old copy kept": Road(
+        [*DOWNLOADED, *KEPT, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED], rights="root",
+        old=True, stale=[FLAG, "Downloads/NVInst/Pellomar.pkg", "Downloads/NVInst/Pellomar.tmp"]),
+    "return keeps, and the driver is named across two reads": Road(
+        [*DOWNLOADED, *QUESTION, "> Return", *YES, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED],
+        {"/usr/sbin/kextstat": ["printf '%1015s%s' '' com.norvik.emu.kext.VBoxDrv"]}, old=True),
+    "question not closed without an answer, old copy not kept": Road(
+        [*DOWNLOADED, *QUESTION, "> Escape", "> close", "> 取消", *NO, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED],
+        old=True, home="用户 1", flag=True),
+    "removal's words count against the installer": Road(
+        [*DOWNLOADED, *QUESTION, "> 取消", *NO, *REMOVED, "log uninstall Pellomar failed", *INSTALLATION,
+         "log Install Pellomar failed:rm: Invalid path", *INSTALL_FAILED, *DOWNLOAD_AGAIN, *STOP_HIDDEN, *RIGHTS, *KEPT,
+         *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED],
+        {"/bin/rm": [f"echo 'rm: Invalid path'; {REMOVES}", REMOVES]}, rights="root",
+        old=True, flag=True),  # only a new start takes the answer back
+    "removal cannot start": Road(
+        [*DOWNLOADED, *KEPT, REMOVAL[0], f"log /bin/rm {UNSTARTED}"], {"/bin/rm": MISSING}, old=True),
+    "file in the product's place is no old copy": Road(
+        [*DOWNLOADED, *INSTALLED, *LOADED_AND_LAUNCHED], {"/usr/sbin/installer": [f"{REAL}/rm {APPLICATION}\n{INSTALLS}"]},
+        prepare=lambda _: write(APPLICATION, "")),
+    "installer says error, the second download breaks off, goes on at its own byte and installs": Road(
+        [*DOWNLOADED, *INSTALLATION, "log Install Pellomar failed:installer: Error - damaged", *INSTALL_FAILED,
+         *DOWNLOAD_AGAIN, *BROKEN[1:], "> 继续", "log continue_button has been clicked",
+         "log CoreImageView continueDownload", "log WebStatic:Download Start", "event 814", "show 停止", "hide 继续",
+         *DOWNLOADING, *FINISHED, *RIGHTS, *INSTALLED, *LOADED_AND_LAUNCHED],
+        {"/usr/sbin/installer": ["echo 'installer: Error - damaged'", INSTALLS]}, held=1,
+        answers=({}, {}, {}, {"cut": 40_000}, {}), asked=["HEAD", None, "HEAD", None, "HEAD", 40_000]),
+    "installer's status and error stream do not count": Road(
+        [*DOWNLOADED, *INSTALLED, *LOADED_AND_LAUNCHED], {"/usr/sbin/installer": [f"{INSTALLS}; echo Error >&2; exit 1"]}),
+    "installer says error, and the rights stay": Road(
+        [*DOWNLOADED, *INSTALLATION, "log Install Pellomar failed:INVALID", *INSTALL_FAILED],
+        {"/usr/sbin/installer": ["echo INVALID"]}, held=1),
+    "installer cannot start": Road(
+        [*DOWNLOADED, *INSTALLATION[:3], f"log /usr/sbin/installer {UNSTARTED}",
+         "status 安装Pellomar失败了，请联系反馈群或者重新尝试进行安装", "event 822"],
+        {"/usr/sbin/installer": MISSING}),
+    "old system, settings, driver starts": Road(
+        [*DOWNLOADED, *INSTALLED, *QUERY, *OLD_SYSTEM, "event 823", *SETTINGS, *AGAIN, *DRIVER_START, "event 825",
+         *LAUNCHED],
+        {"/usr/sbin/kextstat": [NOT_LOADED]}, logged="\nStarted.\n\n"),
+    "old system, guide closed, driver start fails, then says only error": Road(
+        [*DOWNLOADED, *INSTALLED, *QUERY, *OLD_SYSTEM, "event 823", *GUIDE, "> Escape", "dialog closed", *AGAIN,
+         *DRIVER_START, *OLD_SYSTEM[:-1], "show 重试安装", *GUIDE, "> Return",
+         "opens /System/Library/PreferencePanes/Security.prefPane", "dialog closed", *AGAIN, *DRIVER_START,
+         "event 825", *LAUNCHED],
+        {"/usr/sbin/kextstat": ["true"], STARTUP: [DRIVER_FAILS, "echo Error"]}, system="10.14.4"),
+    "old system, rights given up": Road(
+        [*DOWNLOADED, *INSTALLED, *QUERY, *OLD_SYSTEM, "event 823", *GUIDE, "> Escape", "dialog closed"],
+        {"/usr/sbin/kextstat": ["true"]}, system="10.15.4"),
+    "new system, driver in another letter case": Road(
+        [*DOWNLOADED, *INSTALLED, *QUERY, "event 824", *NEW_SYSTEM, "> 立即前往", "opens the help page", "dialog closed"],
+        {"/usr/sbin/kextstat": ["echo com.norvik.emu.kext.vboxdrv"]}, system="10.14.5"),
+    "query cannot start, driver start fails on a new system": Road(
+        [*DOWNLOADED, *INSTALLED, QUERY[0], f"log /usr/sbin/kextstat {UNSTARTED}", *DRIVER_FAILED, *AGAIN,
+         *DRIVER_START, *NEW_SYSTEM, "> Escape", "dialog closed"],
+        {"/usr/sbin/kextstat": MISSING, STARTUP: [DRIVER_FAILS]}, system="10.14.6"),
+    "launch fails": Road(
+        [*DOWNLOADED, *INSTALLED, *QUERY, "event 826", "status 正在启动Pellomar",
+         "log launch Pellomar.app error:The executable /Applications/Pellomar.app/Contents/MacOS/Pellomar "
+         "could not be started: Permission denied", "status 启动Pellomar失败"],
+        {"/usr/sbin/installer": [f"{INSTALLS}; chmod -x /Applications/Pellomar.app/Contents/MacOS/*"]}),
+    "rights refused twice before anything is asked": Road(
+        [*BEFORE_RIGHTS, *REFUSED, *CLICKED_AGAIN, *REFUSED], old=True, rights="none"),
+    "a rule refuses": Road([*BEFORE_RIGHTS, *DENIED, "> no rule", *ALLOWED_AT_LAST], old=True, rights="NO", agent="right"),
+    "nobody can be asked": Road([*BEFORE_RIGHTS, *DENIED, *ALLOWED_AT_LAST], old=True, rights="ask"),
+    "wrong password": Road([*BEFORE_RIGHTS, *DENIED, *ALLOWED_AT_LAST], old=True, rights="ask", agent="wrong"),
+    "password dialog closed": Road(
+        [*BEFORE_RIGHTS, *DENIED[:1], *DENIED[2:], *ALLOWED_AT_LAST], old=True, rights="ask", agent="close"),
+}
+
+
+def prepare():
+    """The product that the scripted installer puts in place."""
+    write("/opt/product/Contents/Info.plist", plist("CFBundleExecutable", "Pellomar"))
+    write("/opt/product/Contents/MacOS/Pellomar", note(
+        "opens $([[ -e ${0%/MacOS/*}/of-the-old-copy ]] && echo mixed || echo new) Pellomar, $(id -un) in $PWD"), 0o755)

@@ -1,0 +1,79 @@
+// A plugin of the toolkit that writes what assistive technologies are told of the window to the program's standard
+// error, where its log is: "@status TEXT", "@no speed", "@show NAME", "@hide NAME", "@dialog TEXTS" and "@dialog
+// closed". So the order among these and the log's lines is the program's own.
+
+#include <QAccessible>
+#include <QAccessibleWidget>
+#include <QGenericPlugin>
+#include <QLabel>
+#include <QMessageBox>
+#include <QPushButton>
+
+#include <algorithm>
+
+#include <unistd.h>
+
+namespace {
+
+void tell(const QString& line) {
+    static QString last;
+    if (std::exchange(last, line) != line) {
+        const QByteArray bytes = ("@" + line + "\n").toUtf8();
+        [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, bytes.data(), bytes.size());
+    }
+}
+
+/// The message, the explanation, and the buttons from left to right.
+QString textsOf(const QMessageBox& box) {
+    QList<QPushButton*> buttons = box.findChildren<QPushButton*>();
+    std::ranges::sort(buttons, {}, [](const QPushButton* button) { return button->x(); });
+    QStringList texts{box.text(), box.informativeText()};
+    for (const QPushButton* const button : buttons) {
+        texts.append(button->text());
+    }
+    return texts.join('|').replace('\n', ' ');
+}
+
+void tellOf(QAccessibleEvent* event) {
+    const QAccessible::Event type = event->type();
+    if (type == QAccessible::NameChanged) {
+        const auto* const label = qobject_cast<QLabel*>(event->object());
+        if (label == nullptr || label->parent() == nullptr || label->window()->inherits("QMessageBox")) {
+            return;
+        }
+        if (!label->text().endsWith(" KB/s")) { // those figures depend on the clock
+            tell(label->text().isEmpty() ? "no speed" : "status " + label->text());
+        }
+    } else if (type == QAccessible::ObjectShow || type == QAccessible::ObjectHide) {
+        const bool isShown = type == QAccessible::ObjectShow;
+        const auto* const widget = qobject_cast<QWidget*>(event->object());
+        if (const auto* const box = qobject_cast<const QMessageBox*>(widget)) {
+            tell("dialog " + (isShown ? textsOf(*box) : "closed"));
+        } else if (widget != nullptr && !widget->accessibleName().isEmpty()) {
+            tell((isShown ? "show " : "hide ") + widget->accessibleName());
+        }
+    }
+}
+
+void onUpdate(QAccessibleEvent* event) {
+    tellOf(event);
+    // On to where it would have gone.
+    QAccessible::installUpdateHandler(nullptr);
+    QAccessible::updateAccessibility(event);
+    QAccessible::installUpdateHandler(onUpdate);
+}
+
+} // namespace
+
+class Story : public QGenericPlugin {
+    Q_OBJECT
+    Q_PLUGIN_METADATA(IID QGenericPluginFactoryInterface_iid FILE "Story.json")
+
+  public:
+    QObject* create(const QString& /*name*/, const QString& /*specification*/) override {
+        QAccessible::installUpdateHandler(onUpdate);
+        return new QObject;
+    }
+};
+
+#include "Story.moc"

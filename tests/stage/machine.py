@@ -1,0 +1,206 @@
+"""The machine that a window finds: the disk image with the bundle, a home, tools, an old copy of the product. Only in
+the throw-away view, as root."""
+
+import os
+import pwd
+import re
+import shutil
+import signal
+import subprocess
+from pathlib import Path
+
+import desktop
+from rights import USER, Agent, RightsStage, add_users, as_user
+from waiting import processes, wait_for
+from window import Window
+
+PROJECT = Path(__file__).resolve().parents[2]
+DISK = Path("/media/Pellomar")
+BUNDLE = DISK / "Pellomar下载器.app"
+PROGRAM = BUNDLE / "Contents/MacOS/PellomarDownloader"
+STATISTICS = PROGRAM.with_name("WebStatistics")
+APPLICATION = Path("/Applications/Pellomar.app")
+PRODUCT = APPLICATION / "Contents/MacOS/Pellomar"
+OLD = APPLICATION / "Contents/of-the-old-copy"
+SYSTEM_VERSION = Path("/System/Library/CoreServices/SystemVersion.plist")
+STARTUP = "/Library/Application Support/NorvikEmu/VirtualBoxStartup.sh"
+TOOLS = ("/usr/bin/killall", "/bin/rm", "/usr/sbin/installer", "/usr/sbin/kextstat", STARTUP)
+REAL = Path("/opt/real")  # the tools that scripts stand in for
+SAMPLE = "sample/soft/Pellomar-sample.pkg"
+ADDRESS = ("127.0.0.1", 18080)
+ERRORS = Path("/run/standard-error")  # of the window; its log, where it can have no other
+
+# A tool writes its process's number and its command line into the log of the only window. BODIES are lines of bash,
+# of the first, the second … call; the last one is that of all later calls.
+FIND_LOG = f"""#!/bin/bash
+log=(/home/*/Documents/LOG-*)
+[[ -e $log ]] || log={ERRORS}
+"""
+TOOL = """
+[[ $0 != */rm || $* == *Pellomar.app ]] || exec {real}/rm "$@"
+(IFS="|"; echo "@$$ $(id -un) runs $0|$*") >>"$log"
+case $(grep -cF " runs $0|" "$log") in
+{bodies}
+esac
+"""
+
+
+def write(path, text, mode=0o644):
+    path = Path(path)
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.unlink(missing_ok=True)  # never through a link
+    path.write_text(text)
+    path.chmod(mode)
+
+
+def note(text):
+    """A program that writes a line with its process's number into the log."""
+    return f'{FIND_LOG}echo "@$$ {text}" >>"$log"\n'
+
+
+def plist(key, value):
+    return f'<?xml version="1.0"?><plist version="1.0"><dict><key>{key}</key><string>{value}</string></dict></plist>\n'
+
+
+def remove(path):
+    shutil.rmtree(path) if path.is_dir() and not path.is_symlink() else path.unlink(missing_ok=True)
+
+
+class Machine:
+    """BUILD is the build folder. One user's session and display run as long as this process."""
+
+    def __init__(self, build, display=desktop.Display):
+        os.umask(0o022)
+        self.build, self.agent = build, None
+        shutil.copytree(build / BUNDLE.name, BUNDLE)
+        shutil.copytree(build / "tests/stage/plugins", DISK / "plugins")
+        self.config = DISK / ".config"
+        subprocess.run(["chmod", "-R", "a+rX", DISK], check=True)
+        REAL.mkdir()
+        for tool in ("/usr/bin/killall", "/bin/rm"):
+            shutil.copy(tool, REAL)
+        for tool in ("installer", "kextstat"):
+            shutil.copy(build / "host" / tool / tool, REAL)
+        add_users()
+        self.rights = RightsStage(PROJECT, build, "/run/system.log")
+        self.parts = [desktop.Session(**as_user(USER)), display()]
+
+    def setting(self, name):
+        """One of CMake's, as it was built."""
+        cache = (self.build / "CMakeCache.txt").read_text()
+        return re.search(rf"^{name}:\w+=(.*)$", cache, re.MULTILINE)[1]
+
+    def make_home(self, name="user", owner=USER):
+        self.home, self.owner = Path("/home", name), owner
+        remove(self.home)
+        self.home.mkdir(parents=True)
+        user = pwd.getpwnam(owner)
+        os.chown(self.home, user.pw_uid, user.pw_gid)
+
+    def place_tools(self, tools=()):
+        """Real ones, but for TOOLS, a dict of path to bodies; none where these are empty."""
+        for path in TOOLS:
+            real = [f'exec "{REAL}/{Path(path).name}" "$@"'] if path != STARTUP else []
+            bodies = dict(tools).get(path, real)
+            remove(Path(path))
+            if bodies:
+                cases = [f"{number})\n{body}\n;;\n" for number, body in enumerate(bodies[:-1], 1)]
+                text = TOOL.format(real=REAL, bodies=f"{''.join(cases)}*)\n{bodies[-1]}")
+                write(path, FIND_LOG + text, 0o755)
+        write(STATISTICS, note('$(if [[ $1 == 14 ]]; then echo "event $2"; else echo "events submitted"; fi)'), 0o755)
+        write("/usr/bin/xdg-open", note("opens $*"), 0o755)
+
+    def place_product(self, is_old):
+        remove(APPLICATION)
+        if is_old:
+            write(PRODUCT, "", 0o755)
+            write(OLD, "")
+
+    def trust_sample(self):
+        folder = Path("/etc/pellomar-installer/trusted")
+        folder.mkdir(parents=True, exist_ok=True)
+        shutil.copy(self.build / "sample/signing/certificate.pem", folder / "sample.pem")
+
+    def set_system_version(self, version):
+        remove(SYSTEM_VERSION)
+        if version:
+            write(SYSTEM_VERSION, plist("ProductVersion", version))
+
+    def begin(self, road):
+        """Afresh, as a row of the tests' table says."""
+        self.make_home(road.home, "root" if road.rights == "root" else USER)
+        for name in road.stale:
+            write(self.home / name, "stale")
+        subprocess.run(["chown", "-R", self.owner, self.home], check=True)
+        self.place_tools(road.tools)
+        self.place_product(road.old)
+        self.set_system_version(road.system)
+        write(self.config, "package")
+        self.stop_product()
+        self.rights.stop()
+        if road.rights not in ("root", "none"):
+            self.rights.start(None if road.rights == "ask" else road.rights)
+        if road.prepare is not None:
+            road.prepare(self)
+
+    @staticmethod
+    def errors():
+        """What went to the window's own standard error."""
+        return ERRORS.read_text(errors="replace")
+
+    def file(self, ending):
+        return self.home / f"Downloads/NVInst/Pellomar.{ending}"
+
+    def open(self, *before, tells=True, **start):
+        """A window of the home's owner on its first screen; what it TELLS is written to the log."""
+        start = as_user(self.owner) | start
+        write(ERRORS, "", 0o666)
+        if tells:
+            start["env"] |= {"QT_QPA_GENERIC_PLUGINS": "story", "QT_PLUGIN_PATH": str(DISK / "plugins")}
+        with ERRORS.open("ab") as errors:
+            window = Window(PROGRAM, self.home, *before, stdout=errors, stderr=errors, **start)
+        window.wait_until_open()
+        return window
+
+    def start_agent(self, window, answer, **options):
+        """Answers the password dialogs of a window from now on."""
+        if self.agent is not None:
+            self.agent.close()
+        self.agent = Agent(window.process.pid, answer, **options)
+
+    def held_rights(self, window):
+        """How many connections to the system bus a window has: each holds an authorization."""
+        return sum(pid == window.process.pid for pid in self.rights.connections()) if self.rights.bus else 0
+
+    @staticmethod
+    def stop_product():
+        for process in processes(PRODUCT):
+            os.kill(process, signal.SIGKILL)
+        wait_for("the end of the product", lambda: not processes(PRODUCT))
+
+    @staticmethod
+    def wait_for_product():
+        return wait_for("the product", lambda: processes(PRODUCT))
+
+
+def story(home, names=()):
+    """What happened, as the log tells it: in the order of the log what the window did and the commands that it waited
+    for, and in the order of their processes those commands and the programs that it did not wait for. NAMES is a dict of
+    texts and what stands for them."""
+    log = next((home / "Documents").glob("LOG-*"), ERRORS)
+    seen, started = [], {}
+    text = log.read_text(errors="replace")
+    for long, short in ({str(home): "~"} | dict(names)).items():
+        text = text.replace(long, short)
+    for line in text.splitlines():
+        told = re.match(r"@(?:(\d+) )?(.*)|[^\[]+ PellomarDownloader\[[^]]+\] (.*)", line)
+        if told is None:
+            continue
+        process, text, logged = told.groups()
+        if process is not None:
+            started[int(process)] = text
+        if logged is not None:
+            seen.append(f"log {logged}")
+        elif process is None or " runs " in text:
+            seen.append(text)
+    return seen, [started[process] for process in sorted(started)]

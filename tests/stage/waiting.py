@@ -1,0 +1,48 @@
+"""Waiting for conditions, and the processes of a program."""
+
+import os
+import time
+from pathlib import Path
+
+PATIENCE = float(os.environ.get("PELLOMAR_TEST_PATIENCE", 90))  # seconds; a sanitizer's build on a busy machine is slow
+between_looks = []  # functions that are called between two looks at a condition
+
+
+class Blocked(Exception):
+    """A condition was not met in time; the text says which."""
+
+
+def step(text):
+    print(f"[{time.monotonic() - step.start:6.2f} s] {text}", flush=True)
+
+
+step.start = time.monotonic()
+
+
+def wait_for(what, condition, seconds=PATIENCE, while_running=None):
+    """The first true value of CONDITION, asked again and again until the deadline."""
+    deadline = time.monotonic() + seconds
+    while True:
+        has_ended = while_running is not None and while_running.poll() is not None
+        value = condition()
+        if value:
+            return value
+        if has_ended:
+            raise Blocked(f"{what}: the process ended first, with status {while_running.returncode}")
+        if time.monotonic() > deadline:
+            raise Blocked(f"{what}: not seen within {seconds:g} s")
+        for function in between_looks:
+            function()
+        time.sleep(0.01)
+
+
+def processes(executable):
+    """The process ids of the programs that run from this path, zombies not counted."""
+    found = []
+    for link in Path("/proc").glob("[0-9]*/exe"):
+        try:
+            if os.readlink(link).removesuffix(" (deleted)") == str(executable):
+                found.append(int(link.parent.name))
+        except OSError:
+            continue  # it ended meanwhile
+    return found

@@ -1,0 +1,226 @@
+"""A program's window as a screen reader finds it: what it shows, what it tells of its changes, and presses on it."""
+
+import os
+import signal
+import subprocess
+import time
+
+import gi
+
+gi.require_version("Atspi", "2.0")
+from gi.repository import Atspi, GLib  # noqa: E402
+
+import waiting  # noqa: E402
+from desktop import output, window_called, xdotool  # noqa: E402
+from waiting import wait_for  # noqa: E402
+
+WINDOW_TITLE = "Pellomar下载器"
+# Names of roles differ between releases, and so does this constant's name, but not its value.
+BUTTON = getattr(Atspi.Role, "BUTTON", None) or Atspi.Role.PUSH_BUTTON
+LABEL, BAR, CHECK_BOX, ALERT = Atspi.Role.LABEL, Atspi.Role.PROGRESS_BAR, Atspi.Role.CHECK_BOX, Atspi.Role.ALERT
+PASSWORD = Atspi.Role.PASSWORD_TEXT
+# A second press within the toolkit's double-click time would count as part of a double click.
+DOUBLE_CLICK_SECONDS = 0.6
+# More white pixels than a button's word has, and fewer than the ring of the focus.
+LEAST_RING = 500
+
+Atspi.set_timeout(20_000, 60_000)
+
+
+def serve_events():
+    while GLib.MainContext.default().iteration(False):
+        pass
+
+
+waiting.between_looks.append(serve_events)
+
+
+class Accessible:
+    """One object of a window, asked afresh at every call; an object that went away has no properties."""
+
+    def __init__(self, node):
+        self.node = node
+
+    def ask(self, question, otherwise=None):
+        try:
+            return question(self.node)
+        except (GLib.Error, AttributeError):
+            return otherwise
+
+    def name(self):
+        return self.ask(lambda node: node.get_name(), "") or ""
+
+    def role(self):
+        return self.ask(lambda node: node.get_role())
+
+    def has(self, state):
+        return self.ask(lambda node: node.get_state_set().contains(state), False)
+
+    def is_showing(self):
+        return self.has(Atspi.StateType.SHOWING)
+
+    def value(self):
+        return self.ask(lambda node: node.get_value_iface().get_current_value(), 0.0)
+
+    def box(self):
+        box = self.ask(lambda node: node.get_component_iface().get_extents(Atspi.CoordType.SCREEN))
+        return box if box is not None and box.width > 0 else None
+
+    def centre(self):
+        box = self.box()
+        return box and (box.x + box.width // 2, box.y + box.height // 2)
+
+    def children(self):
+        nodes = self.ask(lambda node: [node.get_child_at_index(i) for i in range(node.get_child_count())], [])
+        return [Accessible(node) for node in nodes if node is not None]
+
+    def walk(self):
+        yield self
+        for child in self.children():
+            yield from child.walk()
+
+
+class Screen:
+    """What a program shows on screen, and presses on it."""
+
+    program = "PellomarDownloader"
+    process = None
+    scale = 1  # pixels for each point
+
+    def __init__(self):
+        self.last_press = 0.0
+
+    def root(self):
+        desktop = Atspi.get_desktop(0)
+        desktop.clear_cache()
+        return next((item for item in Accessible(desktop).children() if item.name() == self.program), None)
+
+    def showing(self, role=None, name=None):
+        """The objects on screen with this role and name."""
+        root = self.root()
+        return [
+            item
+            for item in (root.walk() if root else ())
+            if (role is None or item.role() == role) and (name is None or item.name() == name) and item.is_showing()
+        ]
+
+    def button(self, name):
+        return next(iter(self.showing(BUTTON, name)), None)
+
+    def labels(self):
+        return [item.name() for item in self.showing(LABEL)]
+
+    def says(self, text):
+        return text in self.labels()
+
+    def screen(self):
+        """The names of the buttons, boxes and bars on screen, and every text."""
+        found = [(item.role(), item.name()) for item in self.showing()]
+        controls = {name for role, name in found if role in (BUTTON, CHECK_BOX, BAR)}
+        return controls, [name for role, name in found if role == LABEL]
+
+    def wait_for(self, what, condition, seconds=waiting.PATIENCE):
+        return wait_for(what, condition, seconds, while_running=self.process)
+
+    def wait_for_screen(self, status, *controls):
+        """Waits until this text and exactly these controls show."""
+
+        def is_there():
+            found, labels = self.screen()
+            return status in labels and found == set(controls)
+
+        self.wait_for(f"{status} with {controls}", is_there)
+
+    def invoke(self, name):
+        """Presses a button as a screen reader does."""
+        node = self.wait_for(f"the button {name}", lambda: self.button(name)).node
+        names = [Atspi.Action.get_action_name(node, i) for i in range(Atspi.Action.get_n_actions(node))]
+        Atspi.Action.do_action(node, names.index("Press"))
+
+    def press(self, name, role=BUTTON):
+        """A real click in the middle of the button called NAME."""
+        x, y = self.wait_for(name, lambda: next((item.centre() for item in self.showing(role, name)), None))
+        time.sleep(max(0.0, self.last_press + DOUBLE_CLICK_SECONDS - time.monotonic()))
+        xdotool("mousemove", x, y, "click", 1)
+        self.last_press = time.monotonic()
+
+    def white(self, name):
+        """How many pixels of a button, the largest there is, are white: its word's, and the ring's."""
+        x, y = self.button(name).centre()
+        left, top, width, height = (number * self.scale for number in (x - 110, y - 30, 220, 60))
+        place = f"{width}x{height}+{left}+{top}"
+        picture = ["import", "-silent", "-window", "root", "-crop", place, "-depth", "8", "gray:-"]
+        return subprocess.run(picture, capture_output=True, check=True).stdout.count(255)
+
+    def has_ring(self, name):
+        """Whether a button has the focus, and shows it."""
+        button = self.button(name)
+        has_focus = button is not None and button.has(Atspi.StateType.FOCUSED)
+        return has_focus and self.white(name) > LEAST_RING * self.scale**2
+
+
+class Window(Screen):
+    """The running downloader: its process and its window. START is what subprocess needs to start it as another
+    user, BEFORE the beginning of its command line."""
+
+    def __init__(self, executable, home, *before, **start):
+        super().__init__()
+        environment = dict(start.pop("env", os.environ), HOME=str(home), QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1")
+        command = [*map(str, before), str(executable)]
+        self.home = home
+        self.process = subprocess.Popen(command, env=environment, stdin=subprocess.DEVNULL, cwd=str(home), **start)
+
+    def wait_until_open(self):
+        self.wait_for("the first screen", lambda: self.button("开始"))
+        self.threads = len(os.listdir(f"/proc/{self.process.pid}/task"))
+
+    def percent(self):
+        return next((bar.value() for bar in self.showing(BAR)), 0.0)
+
+    def wait_for_percent(self, percent):
+        self.wait_for(f"{percent} percent", lambda: self.percent() >= percent)
+
+    def wait_for_status(self, text):
+        self.wait_for(f"the status {text}", lambda: self.says(text))
+
+    def log(self):
+        files = sorted((self.home / "Documents").glob("LOG-*.txt"))
+        return files[-1].read_text(errors="replace") if files else ""
+
+    def lines(self):
+        """The log without the hour and the process at the head of each line."""
+        return [line.split("] ", 1)[-1] for line in self.log().splitlines()]
+
+    def activate(self):
+        xdotool("windowactivate", "--sync", self.wait_for("the window", lambda: window_called(WINDOW_TITLE)))
+
+    def windows(self):
+        """The numbers of its X windows on screen: a dialog bears its window's title."""
+        of_ours = ("--all", "--onlyvisible", "--pid", self.process.pid, "--name", f"^{WINDOW_TITLE}$")
+        return self.wait_for("a window", lambda: (xdotool("search", *of_ours) or "").split())
+
+    def ask_to_close(self):
+        """Has the window manager ask each of its windows to close, as a taskbar does."""
+        for window in self.windows():
+            output("wmctrl", "-i", "-c", window)
+
+    def refuses_to_close(self):
+        """Asks its windows to close, and returns when they have dealt with that and a dialog is still there."""
+        dialog = self.wait_for("the dialog", lambda: self.showing(ALERT))[0]
+        self.wait_for("its window", lambda: len(self.windows()) == 2)
+        place = dialog.centre()
+        self.ask_to_close()
+        # The moves go the way of the requests, and come after them.
+        for window in self.windows():
+            xdotool("windowmove", window, 5, 5)
+        self.wait_for("the moved dialog", lambda: dialog.centre() not in (place, None))
+
+    def is_idle(self):
+        """Whether no thread of a download or an installation runs: no more threads than on the first screen."""
+        return len(os.listdir(f"/proc/{self.process.pid}/task")) <= self.threads
+
+    def close(self):
+        if self.process.poll() is None:
+            self.process.send_signal(signal.SIGKILL)
+            self.process.wait()
+
