@@ -1,9 +1,11 @@
 #include "installer/Staging.h"
 
+#include "installer/SetAside.h"
 #include "installer/StagingLayout.h"
 #include "installer/Swap.h"
 #include "installer/Tree.h"
 #include "package/Failure.h"
+#include "package/Text.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -11,12 +13,17 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <thread>
 
 namespace installer {
 
 using namespace package;
 
 namespace {
+
+constexpr char kDiscarded[] = "discarded.";
+constexpr char kBusy[] = "another install is under way in this target";
 
 FileDescriptor openTarget(const std::string& path) {
     FileDescriptor target(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -34,7 +41,18 @@ bool isSameFolder(int opened, int parent, const std::string& name) {
            status.st_dev == named->st_dev;
 }
 
-FileDescriptor takeStagingFolder(int target) {
+void lock(int folder, std::chrono::steady_clock::time_point deadline) {
+    constexpr std::chrono::milliseconds kInterval{100};
+    while (flock(folder, LOCK_EX | LOCK_NB) != 0) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            throw Failure(kBusy);
+        }
+        std::this_thread::sleep_for(kInterval);
+    }
+}
+
+FileDescriptor takeStagingFolder(int target, std::chrono::seconds patience) {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
     constexpr int kTries = 100;
     for (int i = 0; i < kTries; ++i) {
         if (mkdirat(target, kStagingName, S_IRWXU) != 0 && errno != EEXIST) {
@@ -44,25 +62,26 @@ FileDescriptor takeStagingFolder(int target) {
         struct stat status {};
         if (fstat(folder.get(), &status) != 0 || status.st_uid != geteuid() ||
             (status.st_mode & 07777) != S_IRWXU) {
-            throw Failure(std::string("the target has a folder of somebody else's named ") + kStagingName);
+            throw Failure(std::string("another user can change the target's folder ") + kStagingName);
         }
-        if (flock(folder.get(), LOCK_EX | LOCK_NB) != 0) {
-            throw Failure("another install is under way in this target");
-        }
-        // The run that had it may have removed it between the two steps above.
+        lock(folder.get(), deadline);
+        // The process that had it may have removed it between the two steps above.
         if (isSameFolder(folder.get(), target, kStagingName)) {
             return folder;
         }
     }
-    throw Failure("another install is under way in this target");
+    throw Failure(kBusy);
 }
 
 } // namespace
 
-Staging::Staging(const std::string& target)
-    : target_(openTarget(target)), folder_(takeStagingFolder(target_.get())) {
+Staging::Staging(const std::string& target, std::chrono::seconds patience)
+    : target_(openTarget(target)), folder_(takeStagingFolder(target_.get(), patience)) {
     try {
         settle();
+        if (statusOf(folder(), kAside) && (isSetAsideInPart(folder()) || !isSetAside(folder()))) {
+            putBack(this->target(), folder());
+        }
     } catch (const Failure& problem) {
         throw Failure(std::string("what an earlier install left in ") + kStagingName +
                       " cannot be put back: " + problem.what());
@@ -102,24 +121,55 @@ bool Staging::isDone() const {
     return statusOf(folder(), kDone).has_value();
 }
 
+void Staging::discardAside() const {
+    discard(kAside);
+}
+
+// Renaming first makes it certain that nothing partly removed is taken for the whole, and that nothing that
+// cannot be removed is in the way of the next install.
+void Staging::discard(const std::string& name) const {
+    std::string newName;
+    for (int i = 0; newName.empty() || statusOf(folder(), newName); ++i) {
+        newName = kDiscarded + std::to_string(i);
+    }
+    if (renameat(folder(), name.c_str(), folder(), newName.c_str()) != 0 && errno != ENOENT) {
+        throw systemFailure("cannot move " + inQuotes(name));
+    }
+}
+
 void Staging::settle() const {
-    if (!isDone()) {
+    const bool wasDone = isDone();
+    if (!wasDone) {
         undoSwap(target(), folder(), readSwapPlan(folder()));
     }
-    // Without its plan, nothing would be undone again; without the mark, what is planned would be. So the one
-    // goes first, and the other last.
+    // Without its plan, nothing would be undone again; without the mark, what is planned would be. So the
+    // plan goes first and the mark last, also on disk.
     removeTree(folder(), kPlan);
+    if (fsync(folder()) != 0) {
+        throw systemFailure("the target cannot be written to");
+    }
     for (const std::string& name : namesIn(folder())) {
-        if (name != kDone) {
-            removeTree(folder(), name);
+        if (name != kDone && (name != kAside || wasDone) && !name.starts_with(kDiscarded)) {
+            discard(name);
         }
     }
     removeTree(folder(), kDone);
+    for (const std::string& name : namesIn(folder())) {
+        if (name.starts_with(kDiscarded)) {
+            try {
+                removeTree(folder(), name);
+            } catch (const Failure& problem) {
+                std::fprintf(stderr, "installer: %s\n", problem.what());
+            }
+        }
+    }
 }
 
 void Staging::close() const {
     settle();
-    removeTree(target(), kStagingName);
+    if (unlinkat(target(), kStagingName, AT_REMOVEDIR) != 0 && errno != ENOTEMPTY && errno != EEXIST) {
+        throw systemFailure(std::string("cannot remove ") + kStagingName);
+    }
 }
 
 } // namespace installer

@@ -2,48 +2,58 @@
 
 #include "package/FileDescriptor.h"
 
+#include <chrono>
 #include <string>
 #include <string_view>
 
 namespace installer {
 
-// The folder, below the target and ours alone, where an install is prepared, and from which an unfinished one
-// is undone. It holds:
-//   new/     what is to be installed, at its place relative to the target
-//   scripts/ the package's scripts
-//   plan     the places below the target that change hands, written before the first one does
-//   old/N    what was at the plan's Nth place
-//   done     present once the install counts
-// Not thread-safe; one process at a time has it, and its children.
+/// The folder, below the target and accessible to its owner only, where an install is prepared, and from
+/// which an interrupted one is undone. It holds:
+///   new/         what is to be installed, at its place relative to the target
+///   scripts/     the package's scripts
+///   plan         the places below the target that are swapped, written before the first swap
+///   old/N        what was at the plan's Nth place
+///   done         present once the install is committed
+///   aside/       the application that was moved out of the way beforehand, see SetAside.h
+///   discarded.N  what could not be removed, because something is mounted in it; tried again later
+/// Not thread-safe. One process at a time, and its children, hold the lock.
 class Staging {
   public:
-    // Takes the target's staging folder. What a run that was cut short left there is undone first. Throws
-    // Failure when the target is no folder, when another install is under way in it, or when undoing fails.
-    explicit Staging(const std::string& target);
+    /// Takes the target's staging folder, waiting up to `patience` for another process to release it, and
+    /// cleans up after an interrupted run: an install that was not committed is undone, an application that
+    /// was moved aside in part is moved back. Throws Failure when the target is no folder, when another
+    /// install is under way in it, or when undoing fails.
+    explicit Staging(const std::string& target, std::chrono::seconds patience = {});
     Staging(const Staging&) = delete;
     Staging& operator=(const Staging&) = delete;
 
     int target() const { return target_.get(); }
     int folder() const { return folder_.get(); }
 
-    // Makes and opens a folder in it, which only we can enter.
+    /// Makes and opens a folder in it, accessible to its owner only.
     package::FileDescriptor makeFolder(const std::string& name) const;
 
-    // Puts everything that is in new/ into the target: what is not there yet and what is there as a bundle
-    // comes as a whole, other folders are shared with what they hold already. Can be undone until markDone.
-    // Throws Failure, with nothing moved, when the target has something else where a folder or file goes.
+    /// Puts everything that is in new/ into the target: what is not there yet and what is there as a bundle
+    /// comes as a whole, other folders are merged. Can be undone until markDone. Throws Failure, with nothing
+    /// moved, when the target has something else where a folder or file goes.
     void swapIn() const;
 
-    // From here on the install counts.
+    /// Commits the install.
     void markDone() const;
     bool isDone() const;
 
-    // Leaves the target as it was, unless the install counts, and removes the folder. Throws Failure when
-    // something of the target could not be put back; it is then kept for another try.
+    /// Removes the application that was moved aside.
+    void discardAside() const;
+
+    /// Leaves the target as it was, unless the install is committed, and removes the folder if nothing is set
+    /// aside in it. Throws Failure when something of the target could not be put back; it is kept for another
+    /// try.
     void close() const;
 
   private:
-    void settle() const; // leaves the folder empty
+    void settle() const;
+    void discard(const std::string& name) const;
     void sync() const;
 
     package::FileDescriptor target_;

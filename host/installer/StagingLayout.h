@@ -8,5 +8,6 @@ inline constexpr char kNewFolder[] = "new";
 inline constexpr char kOldFolder[] = "old";
 inline constexpr char kPlan[] = "plan";
 inline constexpr char kDone[] = "done";
+inline constexpr char kAside[] = "aside";
 
 } // namespace installer

@@ -6,6 +6,8 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +22,9 @@ using namespace package;
 
 namespace {
 
+// What moveTree makes until it has its mode and owner.
+constexpr char kUnfinishedFolder[] = ".pellomar-unfinished";
+
 struct CloseList {
     void operator()(DIR* list) const { closedir(list); }
 };
@@ -28,7 +33,40 @@ FileDescriptor openChild(int folder, const std::string& name) {
     return FileDescriptor(openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Like rename, but never over anything.
+// Unlike openChild, fails with EXDEV for a mount point.
+FileDescriptor openOnSameMount(int folder, const std::string& name) {
+    open_how how{};
+    how.flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    how.resolve = RESOLVE_NO_XDEV;
+    FileDescriptor opened(static_cast<int>(syscall(SYS_openat2, folder, name.c_str(), &how, sizeof how)));
+    if (opened.isOpen() || (errno != ENOSYS && errno != EPERM)) {
+        return opened;
+    }
+    // An old kernel, or a container that does not know the call. A device cannot tell bind mounts apart.
+    struct stat above {};
+    struct stat below {};
+    opened = openChild(folder, name);
+    if (opened.isOpen() &&
+        (fstat(folder, &above) != 0 || fstat(opened.get(), &below) != 0 || above.st_dev != below.st_dev)) {
+        errno = EXDEV;
+        return FileDescriptor();
+    }
+    return opened;
+}
+
+// Makes a folder with the given mode and owner under its name, or under none.
+bool makeFolderLike(const struct stat& status, int parent, const std::string& name) {
+    if (mkdirat(parent, kUnfinishedFolder, S_IRWXU) != 0 && errno != EEXIST) {
+        return false;
+    }
+    return (geteuid() != 0 ||
+            fchownat(parent, kUnfinishedFolder, status.st_uid, status.st_gid, AT_SYMLINK_NOFOLLOW) == 0) &&
+           fchmodat(parent, kUnfinishedFolder, status.st_mode & 07777, 0) == 0 &&
+           renameat(parent, kUnfinishedFolder, parent, name.c_str()) == 0;
+}
+
+} // namespace
+
 bool renameWhole(int fromFolder, const std::string& fromName, int toFolder, const std::string& toName) {
     if (renameat2(fromFolder, fromName.c_str(), toFolder, toName.c_str(), RENAME_NOREPLACE) == 0) {
         return true;
@@ -43,8 +81,6 @@ bool renameWhole(int fromFolder, const std::string& fromName, int toFolder, cons
     }
     return renameat(fromFolder, fromName.c_str(), toFolder, toName.c_str()) == 0;
 }
-
-} // namespace
 
 FileDescriptor openFolder(int folder, const std::string& path) {
     FileDescriptor opened = openChild(folder, ".");
@@ -97,9 +133,10 @@ void removeTree(int folder, const std::string& name) {
     if (unlinkat(folder, name.c_str(), 0) == 0 || errno == ENOENT) {
         return;
     }
-    const FileDescriptor opened = openChild(folder, name);
+    const FileDescriptor opened = openOnSameMount(folder, name);
     if (!opened.isOpen()) {
-        throw systemFailure("cannot remove " + inQuotes(name));
+        throw errno == EXDEV ? Failure("cannot remove " + inQuotes(name) + ": something is mounted there")
+                             : systemFailure("cannot remove " + inQuotes(name));
     }
     if (geteuid() != 0) {
         (void)fchmod(opened.get(), S_IRWXU);
@@ -117,25 +154,27 @@ void moveTree(int fromFolder, const std::string& fromName, int toFolder, const s
         return;
     }
     const int cause = errno;
-    const FileDescriptor from = openChild(fromFolder, fromName);
+    const FileDescriptor from = openOnSameMount(fromFolder, fromName);
     if ((cause != EXDEV && cause != EEXIST) || !from.isOpen()) {
         errno = cause;
         throw systemFailure("cannot move " + inQuotes(fromName));
     }
     struct stat status {};
-    const bool isNew = mkdirat(toFolder, toName.c_str(), S_IRWXU) == 0;
-    const FileDescriptor to = isNew || errno == EEXIST ? openChild(toFolder, toName) : FileDescriptor();
-    if (!to.isOpen() || fstat(from.get(), &status) != 0) {
+    const bool isNew = !statusOf(toFolder, toName);
+    if (fstat(from.get(), &status) != 0 || (isNew && !makeFolderLike(status, toFolder, toName))) {
         throw systemFailure("cannot move " + inQuotes(fromName));
     }
-    // Owner and mode come first, so that a new folder has them even if this is cut short. One that is there
-    // already has its own.
-    if (isNew && ((geteuid() == 0 && fchown(to.get(), status.st_uid, status.st_gid) != 0) ||
-                  fchmod(to.get(), status.st_mode & 07777) != 0)) {
+    const FileDescriptor to = openOnSameMount(toFolder, toName);
+    if (!to.isOpen()) {
         throw systemFailure("cannot move " + inQuotes(fromName));
     }
+    removeTree(to.get(), kUnfinishedFolder);
     for (const std::string& child : namesIn(from.get())) {
-        moveTree(from.get(), child, to.get(), child);
+        if (child == kUnfinishedFolder) {
+            removeTree(from.get(), child);
+        } else {
+            moveTree(from.get(), child, to.get(), child);
+        }
     }
     const timespec times[] = {status.st_atim, status.st_mtim};
     if ((isNew && futimens(to.get(), times) != 0) ||

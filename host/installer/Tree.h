@@ -8,26 +8,28 @@
 #include <string>
 #include <vector>
 
-// Folders and what is in them, reached without ever following a symbolic link. Each call throws Failure when
-// the system refuses.
+// Folders and their entries, never following a symbolic link. Each call throws Failure when the system
+// refuses.
 namespace installer {
 
-// Opens the folder at `path` below `folder`; an empty path is `folder` itself.
+/// Opens the folder at `path` below `folder`; an empty path is `folder` itself.
 package::FileDescriptor openFolder(int folder, const std::string& path);
 
-// The entry's own status, a link's included; empty where there is no such entry.
+/// The entry's own status (of a link, not of its target); empty where there is no such entry.
 std::optional<struct stat> statusOf(int folder, const std::string& name);
 
-// The names in a folder, sorted.
+/// The names in a folder, sorted.
 std::vector<std::string> namesIn(int folder);
 
-// Removes the entry and all that is below it; none there is fine.
+/// Removes the entry and everything below it, but nothing on another mount. A missing entry is no failure.
 void removeTree(int folder, const std::string& name);
 
-// Moves an entry within a file system. Where a folder cannot be renamed as a whole (in an overlay, one of the
-// lower layer), what it holds is moved piece by piece into a new folder of the same mode, owner and times. A
-// folder at the new place, left by such a move that was cut short, is filled up; anything else there is a
-// Failure.
+/// Renames the entry unless the new name is taken. False, with errno set, when the system refuses.
+bool renameWhole(int fromFolder, const std::string& fromName, int toFolder, const std::string& toName);
+
+/// Moves an entry within a file system. A folder that cannot be renamed (in an overlay, one of the lower
+/// layer) is moved entry by entry into a new folder of the same mode, owner and times. A folder at the new
+/// place, left by an interrupted move, is filled up; anything else there is a Failure.
 void moveTree(int fromFolder, const std::string& fromName, int toFolder, const std::string& toName);
 
 } // namespace installer

@@ -1,0 +1,96 @@
+// Keeps the installed application until another version has replaced it. The service that runs the commands
+// of an installation as root calls `begin` before the application is removed, and `end` when the attempt is
+// over, however it ended; a systemd unit calls `end` at boot when the folder /.pellomar-installer exists.
+//
+//   begin  does what `end` does, then moves /Applications/Pellomar.app, if it exists, into the installer's
+//   folder
+//          /.pellomar-installer/aside. Should that fail, the application is back in its place.
+//   end    undoes an install that was interrupted before it was committed, or completes one that was
+//   interrupted
+//          after that. Then, if an application is set aside: where something is at its place, the copy set
+//          aside is removed; otherwise it is moved back. Removes /.pellomar-installer when nothing is left in
+//          it.
+//
+// An install that is committed removes the copy set aside itself. Both verbs can be killed at any point and
+// run again; both wait for a running installer to end. They print nothing on success. Exit status: 0 on
+// success, also where there is nothing to do; 1 on failure, with the cause on standard error, and what could
+// not be moved is kept for the next run; 2 for wrong use.
+#include "installer/SetAside.h"
+#include "installer/Staging.h"
+#include "installer/StagingLayout.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <string_view>
+
+namespace {
+
+using installer::Staging;
+
+constexpr char kTarget[] = "/";
+constexpr char kUsage[] =
+    "Usage: pellomar-installer-transaction begin|end\n"
+    "\n"
+    "  begin   set /Applications/Pellomar.app aside before it is replaced\n"
+    "  end     put it back unless another version is installed; finish or undo an interrupted install\n"
+    "  --help  show this text\n";
+
+// Longer than an installer with two scripts at their time limits takes.
+constexpr std::chrono::minutes kPatience{30};
+
+void settleAside(const Staging& staging) {
+    if (!installer::isSetAside(staging.folder())) {
+        return;
+    }
+    if (installer::isApplicationPresent(staging.target())) {
+        staging.discardAside();
+    } else {
+        installer::putBack(staging.target(), staging.folder());
+    }
+}
+
+void end() {
+    struct stat status {};
+    if (lstat((std::string(kTarget) + installer::kStagingName).c_str(), &status) != 0 && errno == ENOENT) {
+        return;
+    }
+    const Staging staging(kTarget, kPatience);
+    settleAside(staging);
+    staging.close();
+}
+
+void begin() {
+    const Staging staging(kTarget, kPatience);
+    settleAside(staging);
+    installer::setAside(staging.target(), staging.folder());
+    staging.close();
+}
+
+} // namespace
+
+int main(int argc, char** argv) try {
+    constexpr int kWrongUse = 2;
+    const std::string_view verb = argc == 2 ? argv[1] : "";
+    std::signal(SIGXFSZ, SIG_IGN); // a write that fails is reported instead
+    umask(S_IWGRP | S_IWOTH);
+    if (verb == "begin") {
+        begin();
+    } else if (verb == "end") {
+        end();
+    } else {
+        std::fputs(kUsage, verb == "--help" ? stdout : stderr);
+        return verb == "--help" ? EXIT_SUCCESS : kWrongUse;
+    }
+    return EXIT_SUCCESS;
+} catch (const std::exception& problem) {
+    std::fprintf(stderr, "pellomar-installer-transaction: %s\n", problem.what());
+    return EXIT_FAILURE;
+}
