@@ -26,7 +26,7 @@ constexpr std::uint64_t kLargestScripts = 64 << 20;
 constexpr std::uint64_t kUnlimited = std::numeric_limits<std::uint64_t>::max();
 
 std::uint64_t freeBytes(const Staging& staging) {
-    struct statvfs fileSystem {};
+    struct statvfs fileSystem{};
     if (fstatvfs(staging.folder(), &fileSystem) != 0) {
         throw systemFailure("the target cannot be examined");
     }
@@ -37,10 +37,10 @@ std::uint64_t freeBytes(const Staging& staging) {
     return static_cast<std::uint64_t>(fileSystem.f_bavail) * fileSystem.f_frsize;
 }
 
-const Entry& require(const Package& package, const std::string& name) {
+const Entry& require(const Package& package, const char* name) {
     const Entry* entry = package.find(name);
     if (!entry) {
-        throw Failure("the package has no " + name);
+        throw Failure(std::string("the package has no ") + name);
     }
     return *entry;
 }

@@ -81,8 +81,8 @@ void setAside(int target, int staging) {
         return;
     }
     const FileDescriptor applications = openFolder(target, kFolder);
-    struct stat here {};
-    struct stat there {};
+    struct stat here{};
+    struct stat there{};
     if (fstat(applications.get(), &here) != 0 || fstat(staging, &there) != 0 || here.st_dev != there.st_dev) {
         throw Failure(std::string("the folder ") + kFolder + " is on another file system");
     }

@@ -35,7 +35,7 @@ FileDescriptor openTarget(const std::string& path) {
 }
 
 bool isSameFolder(int opened, int parent, const std::string& name) {
-    struct stat status {};
+    struct stat status{};
     const auto named = statusOf(parent, name);
     return named && fstat(opened, &status) == 0 && status.st_ino == named->st_ino &&
            status.st_dev == named->st_dev;
@@ -59,7 +59,7 @@ FileDescriptor takeStagingFolder(int target, std::chrono::seconds patience) {
             throw systemFailure("the target cannot be written to");
         }
         FileDescriptor folder = openFolder(target, kStagingName);
-        struct stat status {};
+        struct stat status{};
         if (fstat(folder.get(), &status) != 0 || status.st_uid != geteuid() ||
             (status.st_mode & 07777) != S_IRWXU) {
             throw Failure(std::string("another user can change the target's folder ") + kStagingName);

@@ -52,7 +52,7 @@ sigset_t endingSignals() {
 }
 
 void handle(int number, void (*handler)(int)) {
-    struct sigaction action {};
+    struct sigaction action{};
     action.sa_handler = handler;
     action.sa_mask = endingSignals();
     sigaction(number, &action, nullptr);

@@ -110,7 +110,7 @@ class Planner {
 } // namespace
 
 SwapPlan makeSwapPlan(int target, int staging) {
-    struct stat status {};
+    struct stat status{};
     if (fstat(target, &status) != 0) {
         throw systemFailure("the target cannot be examined");
     }

@@ -43,8 +43,8 @@ FileDescriptor openOnSameMount(int folder, const std::string& name) {
         return opened;
     }
     // An old kernel, or a container that does not know the call. A device cannot tell bind mounts apart.
-    struct stat above {};
-    struct stat below {};
+    struct stat above{};
+    struct stat below{};
     opened = openChild(folder, name);
     if (opened.isOpen() &&
         (fstat(folder, &above) != 0 || fstat(opened.get(), &below) != 0 || above.st_dev != below.st_dev)) {
@@ -96,7 +96,7 @@ FileDescriptor openFolder(int folder, const std::string& path) {
 }
 
 std::optional<struct stat> statusOf(int folder, const std::string& name) {
-    struct stat status {};
+    struct stat status{};
     if (fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
         return status;
     }
@@ -159,7 +159,7 @@ void moveTree(int fromFolder, const std::string& fromName, int toFolder, const s
         errno = cause;
         throw systemFailure("cannot move " + inQuotes(fromName));
     }
-    struct stat status {};
+    struct stat status{};
     const bool isNew = !statusOf(toFolder, toName);
     if (fstat(from.get(), &status) != 0 || (isNew && !makeFolderLike(status, toFolder, toName))) {
         throw systemFailure("cannot move " + inQuotes(fromName));

@@ -58,7 +58,7 @@ void settleAside(const Staging& staging) {
 }
 
 void end() {
-    struct stat status {};
+    struct stat status{};
     if (lstat((std::string(kTarget) + installer::kStagingName).c_str(), &status) != 0 && errno == ENOENT) {
         return;
     }

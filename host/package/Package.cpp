@@ -65,7 +65,7 @@ FileDescriptor takeCopy(const std::string& path, int folder, std::uint64_t room)
     if (!original.isOpen()) {
         throw systemFailure("the package cannot be opened");
     }
-    struct stat status {};
+    struct stat status{};
     if (fstat(original.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         throw Failure("the package is not a regular file");
     }
@@ -90,7 +90,7 @@ FileDescriptor takeCopy(const std::string& path, int folder, std::uint64_t room)
 }
 
 Package::Package(FileDescriptor file) : file_(std::move(file)) {
-    struct stat status {};
+    struct stat status{};
     if (fstat(file_.get(), &status) != 0) {
         throw systemFailure("the package cannot be read");
     }

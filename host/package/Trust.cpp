@@ -55,7 +55,7 @@ T present(T object) {
 
 // Its owner could give it any mode again, so it counts as well.
 void requireOursAlone(int file, const std::string& what) {
-    struct stat status {};
+    struct stat status{};
     if (fstat(file, &status) != 0) {
         throw systemFailure(what + " cannot be examined");
     }
@@ -67,7 +67,7 @@ void requireOursAlone(int file, const std::string& what) {
 std::string readTrusted(int folder, const fs::path& name) {
     const std::string what = "the trusted certificate " + inQuotes(name.string());
     const FileDescriptor file(openat(folder, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat status {};
+    struct stat status{};
     if (!file.isOpen() || fstat(file.get(), &status) != 0) {
         throw systemFailure(what + " cannot be read");
     }

@@ -20,7 +20,7 @@ std::string whyNotThePackage(const std::filesystem::path& path, uid_t owner) {
     }
     // Not opened for use: what lies there may be a device, or a pipe that makes its openers wait.
     const int file = open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
-    struct stat status {};
+    struct stat status{};
     const bool isOwn =
         file >= 0 && fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == owner;
     close(file);
@@ -46,7 +46,7 @@ std::string whyRefused(const Command& command, uid_t caller) {
 bool isRootsAlone(const std::filesystem::path& file) {
     std::error_code failure;
     const std::filesystem::path place = std::filesystem::canonical(file, failure);
-    struct stat status {};
+    struct stat status{};
     return !failure && lstat(place.c_str(), &status) == 0 && status.st_uid == 0 &&
            (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
            (place == place.root_path() || isRootsAlone(place.parent_path()));

@@ -164,7 +164,7 @@ int onExit(sd_event_source* /*source*/, int descriptor, std::uint32_t /*events*/
 
 // Nothing but a pipe: the caller could have root write into something that looks at who writes.
 bool isPipeToWriteTo(int descriptor) {
-    struct stat status {};
+    struct stat status{};
     return fstat(descriptor, &status) == 0 && S_ISFIFO(status.st_mode) &&
            (fcntl(descriptor, F_GETFL) & O_ACCMODE) == O_WRONLY;
 }

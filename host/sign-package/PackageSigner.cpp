@@ -200,7 +200,7 @@ class Output {
   public:
     explicit Output(const std::string& path) : path_(path), unfinished_(path + ".part") {
         // Taking the name of a link or a device would not be writing to it.
-        struct stat status {};
+        struct stat status{};
         if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
             throw Failure("the output exists and is not a regular file");
         }

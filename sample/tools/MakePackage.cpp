@@ -94,7 +94,7 @@ Contents makePayload(const fs::path& folder, const fs::path& out) {
     expect(archive_write_header(writer.get(), makeEntry(".", S_IFDIR | 0755, 0).get()), writer.get());
     Contents contents;
     for (const fs::path& path : paths) {
-        struct stat status {};
+        struct stat status{};
         if (lstat(path.c_str(), &status) != 0) {
             throw std::runtime_error("cannot examine " + path.string());
         }

@@ -1,9 +1,7 @@
 # shellcheck shell=bash
-# Sourced by the scripts beside it: finds the project, says what is being done, and reaches root
-# where something needs it.
+# Sourced by the commands beside it. The comment at the head of a command is what its --help prints.
 
-project=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.." && pwd -P)
-export project
+project=$(dirname -- "$(dirname -- "$(readlink -f -- "$0")")")
 
 say() {
     printf '== %s\n' "$*"
@@ -13,6 +11,23 @@ fail() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2
     exit 1
 }
+
+usage() {
+    sed -n '2,/^[^#]/s/^# \?//p' -- "$0"
+}
+
+# For arguments that make no sense.
+misuse() {
+    usage >&2
+    exit 2
+}
+
+for argument in "$@"; do
+    case $argument in
+        -h | --help) usage; exit 0 ;;
+        --) break ;;
+    esac
+done
 
 # As root already, or through sudo. Keeps standard input.
 as_root() {
@@ -34,24 +49,32 @@ job_count() {
     echo $((cores < memory ? cores : memory))
 }
 
-# Every C++ source and header of ours, NUL-separated, relative to the project folder.
-find_sources() {
-    (cd -- "$project" && find . \( -path ./build -o -path ./.git \) -prune -o \
-        \( -name '*.cpp' -o -name '*.h' \) -printf '%P\0')
+# Keeps a build folder to this command until it ends, so that no other one builds or cleans in there meanwhile.
+lock() { # FOLDER
+    local file
+    mkdir -p -- "$1"
+    exec {file}>"$1/.lock" || fail "$1 cannot be written"
+    flock --nonblock "$file" || fail "$1 is in use by another command: wait for it to end"
 }
 
 build_preset() { # PRESET [CMAKE-OPTION...]
+    local log="$project/build/$1/configure.log"
+    lock "$project/build/$1"
     say "Building the preset $1"
-    mkdir -p "$project/build"
-    : >"$project/build/configure.log" || fail "the build folder cannot be written"
-    if ! cmake -S "$project" --preset "$@" >"$project/build/configure.log" 2>&1; then
-        cat "$project/build/configure.log"
+    if ! cmake -S "$project" --preset "$@" >"$log" 2>&1; then
+        cat "$log"
         fail "cmake --preset $1 failed"
     fi
     cmake --build "$project/build/$1" --parallel "$(job_count)" || fail "the build failed"
 }
 
-# Follows the road in the throw-away view; its results go to RESULTS, which is emptied first.
+# Every C++ source and header, NUL-separated, relative to the project folder.
+find_sources() {
+    (cd -- "$project" && find . \( -path ./build -o -path ./.git \) -prune -o \
+        \( -name '*.cpp' -o -name '*.h' \) -printf '%P\0')
+}
+
+# Runs the demonstration in the throw-away view; its results go to RESULTS, which is emptied first.
 demonstrate() { # RESULTS [VIEW-OPTION...] -- [DEMONSTRATION-OPTION...]
     local results=$1 view_options=()
     shift

@@ -1,6 +1,6 @@
-// A plugin of the toolkit that writes what assistive technologies are told of the window to the program's standard
-// error, where its log is: "@status TEXT", "@no speed", "@show NAME", "@hide NAME", "@dialog TEXTS" and "@dialog
-// closed". So the order among these and the log's lines is the program's own.
+// A plugin of the toolkit that writes what assistive technologies are told of the window to the program's
+// standard error, where its log is: "@status TEXT", "@no speed", "@show NAME", "@hide NAME", "@dialog TEXTS"
+// and "@dialog closed". So the order among these and the log's lines is the program's own.
 
 #include <QAccessible>
 #include <QAccessibleWidget>
@@ -9,9 +9,9 @@
 #include <QMessageBox>
 #include <QPushButton>
 
-#include <algorithm>
-
 #include <unistd.h>
+
+#include <algorithm>
 
 namespace {
 
