@@ -1,6 +1,6 @@
+#include "base/PrivilegedCommands.h"
 #include "download/TemporaryFile.h"
 #include "install/PrivilegedCommand.h"
-#include "install/Product.h"
 #include "install/SystemVersionRule.h"
 #include "install/WordTests.h"
 #include "platform/FileManager.h"
@@ -58,7 +58,7 @@ void CoreImageView::installWorker(InstallAttempt& attempt) {
 
 bool CoreImageView::removeOldApplication(InstallAttempt& attempt) {
     updateStatus(status::kUninstalling);
-    ToolPipe pipe = runPrivilegedCommand(attempt, "/bin/rm", {"-rf", kApplicationPath});
+    ToolPipe pipe = runPrivilegedCommand(attempt, PrivilegedCommand::RemoveApplication);
     if (pipe == nullptr) {
         // The panel stays silent here, with every button hidden.
         giveUpRights(attempt);
@@ -78,8 +78,7 @@ bool CoreImageView::installPackage(InstallAttempt& attempt) {
     updateStatus(status::kInstalling);
     executeWebStatic("817");
     NSLog("Installing Pellomar");
-    ToolPipe pipe =
-        runPrivilegedCommand(attempt, "/usr/sbin/installer", {"-pkg", packagePath(), "-target", "/"});
+    ToolPipe pipe = runPrivilegedCommand(attempt, PrivilegedCommand::InstallPackage, packagePath());
     if (attempt.authStatus != errAuthorizationSuccess) {
         updateStatus(status::kInstallerDidNotStart);
         executeWebStatic("822");
@@ -105,11 +104,11 @@ bool CoreImageView::installPackage(InstallAttempt& attempt) {
 
 bool CoreImageView::queryDriver(InstallAttempt& attempt) {
     updateStatus(status::kQueryingDriver);
-    if (!runDriverTool(attempt, "/usr/sbin/kextstat", {"-b", kDriverIdentifier})) {
+    if (!runDriverTool(attempt, PrivilegedCommand::QueryDriver)) {
         return false;
     }
     if (!saysDriverLoaded(attempt.output)) {
-        driverFailed(attempt, "823", "824");
+        driverFailed(attempt, DriverPass::First);
         return false;
     }
     return true;
@@ -117,20 +116,18 @@ bool CoreImageView::queryDriver(InstallAttempt& attempt) {
 
 bool CoreImageView::startDriver(InstallAttempt& attempt) {
     updateStatus(status::kInstallingDriver);
-    if (!runDriverTool(attempt, "/Library/Application Support/NorvikEmu/VirtualBoxStartup.sh", {"restart"})) {
+    if (!runDriverTool(attempt, PrivilegedCommand::StartDriver)) {
         return false;
     }
     if (saysDriverStartFailed(attempt.output)) {
-        // Counted once, when the query failed.
-        driverFailed(attempt, nullptr, nullptr);
+        driverFailed(attempt, DriverPass::Retry);
         return false;
     }
     return true;
 }
 
-bool CoreImageView::runDriverTool(InstallAttempt& attempt, const std::string& toolPath,
-                                  const std::vector<std::string>& arguments) {
-    ToolPipe pipe = runPrivilegedCommand(attempt, toolPath, arguments);
+bool CoreImageView::runDriverTool(InstallAttempt& attempt, PrivilegedCommand command) {
+    ToolPipe pipe = runPrivilegedCommand(attempt, command);
     if (pipe == nullptr) {
         giveUpRights(attempt);
         _retryInstallVbox = true;
@@ -148,9 +145,10 @@ bool CoreImageView::runDriverTool(InstallAttempt& attempt, const std::string& to
     return true;
 }
 
-void CoreImageView::driverFailed(InstallAttempt& attempt, const char* olderEvent, const char* newerEvent) {
-    const auto report = [](const char* event) {
-        if (event != nullptr) {
+void CoreImageView::driverFailed(InstallAttempt& attempt, DriverPass pass) {
+    // A driver that fails again in the retry pass is counted already.
+    const auto report = [pass](const char* event) {
+        if (pass == DriverPass::First) {
             executeWebStatic(event);
         }
     };
@@ -160,10 +158,10 @@ void CoreImageView::driverFailed(InstallAttempt& attempt, const char* olderEvent
         giveUpRights(attempt);
         updateStatus(status::kDriverFailed);
         enterState(ScreenState::InstallAgain);
-        report(olderEvent);
+        report("823");
         MainThread::performAndWait(installFaildGuide);
     } else {
-        report(newerEvent);
+        report("824");
         updateStatus(status::kSeeForum);
         NSLog("10.14.5以上系统没有关闭sip");
         giveUpRights(attempt);

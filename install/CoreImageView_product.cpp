@@ -1,24 +1,24 @@
-#include "install/Product.h"
-#include "platform/ChildProcess.h"
+#include "base/ChildProcess.h"
+#include "base/Pipe.h"
+#include "base/PrivilegedCommands.h"
 #include "platform/Log.h"
-#include "platform/Pipe.h"
 #include "platform/Workspace.h"
 #include "ui/CoreImageView.h"
 #include "ui/Leave.h"
 #include "ui/StatusTexts.h"
 
 void CoreImageView::killTovaniPlayer() {
-    // Nobody reads or writes on our side.
+    // Three pipes that this side never uses.
     const Pipe input;
     const Pipe output;
     const Pipe errors;
     ChildProcess killall;
     killall.path = "/usr/bin/killall";
-    killall.arguments = {kApplicationProcess};
+    killall.arguments = {"Pellomar"};
     killall.standardInput = input.readEnd.get();
     killall.standardOutput = output.writeEnd.get();
     killall.standardError = errors.writeEnd.get();
-    // No running copy, or no killall, is no reason to stop here.
+    // No running copy and no killall are no errors.
     std::error_code ignored;
     if (const pid_t pid = killall.start(ignored); pid > 0) {
         waitUntilExit(pid);

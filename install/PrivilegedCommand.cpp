@@ -1,6 +1,6 @@
 #include "install/PrivilegedCommand.h"
 
-#include "platform/ChildProcess.h"
+#include "base/ChildProcess.h"
 #include "platform/Log.h"
 
 #include <array>
@@ -33,11 +33,13 @@ void giveUpRights(InstallAttempt& attempt) {
     attempt.authRef = nullptr;
 }
 
-ToolPipe runPrivilegedCommand(InstallAttempt& attempt, const std::string& toolPath,
-                              const std::vector<std::string>& arguments) {
+ToolPipe runPrivilegedCommand(InstallAttempt& attempt, PrivilegedCommand command,
+                              const std::string& package) {
+    const std::vector<std::string> line = commandLine(command, package);
+    const std::string& toolPath = line.front();
     FILE* pipe = nullptr;
-    attempt.authStatus = AuthorizationExecuteWithPrivileges(attempt.authRef, toolPath,
-                                                            kAuthorizationFlagDefaults, arguments, &pipe);
+    attempt.authStatus = AuthorizationExecuteWithPrivileges(
+        attempt.authRef, toolPath, kAuthorizationFlagDefaults, {line.begin() + 1, line.end()}, &pipe);
     if (attempt.authStatus != errAuthorizationSuccess) {
         NSLog("%s could not be started as root:%d", toolPath.c_str(), static_cast<int>(attempt.authStatus));
     }

@@ -1,11 +1,11 @@
 #pragma once
 
+#include "base/PrivilegedCommands.h"
 #include "platform/Authorization.h"
 
 #include <cstdio>
 #include <memory>
 #include <string>
-#include <vector>
 
 /// One install attempt, shared by its set-up and its worker, one after the other.
 struct InstallAttempt {
@@ -25,9 +25,10 @@ bool obtainRights(InstallAttempt& attempt);
 /// Gives the rights up, unless that was done already.
 void giveUpRights(InstallAttempt& attempt);
 
-/// Starts `toolPath` as root and stores the result in `authStatus`.
-ToolPipe runPrivilegedCommand(InstallAttempt& attempt, const std::string& toolPath,
-                              const std::vector<std::string>& arguments);
+/// Starts the command as root and stores the result in `authStatus`. `package` is what InstallPackage
+/// installs.
+ToolPipe runPrivilegedCommand(InstallAttempt& attempt, PrivilegedCommand command,
+                              const std::string& package = {});
 
 /// Appends all that the tool prints to the attempt's output, then waits until no child is left.
 void readAndReap(InstallAttempt& attempt, ToolPipe pipe);

@@ -1,5 +1,7 @@
 #include "install/WordTests.h"
 
+#include "base/PrivilegedCommands.h"
+
 #include <algorithm>
 
 bool caseinsensitive_equal::operator()(char a, char b) const {

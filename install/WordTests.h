@@ -28,6 +28,3 @@ bool saysDriverLoaded(const std::string& output);
 
 /// The driver's start failed: the output holds "Error", "VBoxDrv" and "VirtualBox".
 bool saysDriverStartFailed(const std::string& output);
-
-/// What the driver is called.
-inline constexpr char kDriverIdentifier[] = "com.norvik.emu.kext.VBoxDrv";

@@ -1,9 +1,9 @@
 #include "platform/Authorization_polkit_linux.h"
 
-#include "host/rights/Protocol.h"
-#include "platform/FileDescriptor.h"
+#include "base/FileDescriptor.h"
+#include "base/Pipe.h"
+#include "base/RightsProtocol.h"
 #include "platform/MainThread.h"
-#include "platform/Pipe.h"
 
 #include <QEventLoop>
 #include <QSocketNotifier>

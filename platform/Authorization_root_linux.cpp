@@ -1,7 +1,8 @@
 #include "platform/Authorization_root_linux.h"
 
-#include "platform/ChildProcess.h"
-#include "platform/Pipe.h"
+#include "base/ChildProcess.h"
+#include "base/Pipe.h"
+#include "base/RootEnvironment.h"
 
 namespace {
 
@@ -17,7 +18,7 @@ struct RootAuthorization : AuthorizationOpaque {
         tool.path = toolPath;
         tool.arguments = arguments;
         // The outcome is judged by words: the tools must speak the language that the words are in.
-        tool.environment = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C", "HOME=/root"};
+        tool.environment = {kRootPath, "LC_ALL=C", kRootHome};
         tool.workingFolder = "/";
         tool.standardInput = ChildProcess::kNull;
         tool.standardOutput = output.writeEnd.get();

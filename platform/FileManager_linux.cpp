@@ -1,10 +1,10 @@
-#include "platform/FileDescriptor.h"
+#include "base/FileDescriptor.h"
+#include "base/ReadWrite.h"
 #include "platform/FileManager.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <filesystem>
 
@@ -48,24 +48,7 @@ bool createFile(const std::string& path) {
 
 std::optional<std::string> readFile(const std::string& path) {
     const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file.isOpen()) {
-        return std::nullopt;
-    }
-    std::string content;
-    std::array<char, 16384> block{};
-    for (;;) {
-        const ssize_t count = read(file.get(), block.data(), block.size());
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            return std::nullopt;
-        }
-        if (count == 0) {
-            return content;
-        }
-        content.append(block.data(), static_cast<std::size_t>(count));
-    }
+    return file.isOpen() ? readAll(file.get()) : std::nullopt;
 }
 
 std::string localizedDescription(const std::error_code& error) {

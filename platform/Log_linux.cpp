@@ -1,5 +1,5 @@
+#include "base/ReadWrite.h"
 #include "platform/Log.h"
-#include "platform/StandardStreams.h"
 
 #include <sys/time.h>
 #include <unistd.h>
@@ -48,6 +48,6 @@ void NSLog(const char* format, ...) {
     std::string line = lineHead() + formatted(format, arguments);
     va_end(arguments);
     line += '\n';
-    writeWhatFits(STDERR_FILENO, line.data(), line.size());
+    writeAll(STDERR_FILENO, line); // a log that cannot be written is nothing to stop for
     errno = savedErrno;
 }

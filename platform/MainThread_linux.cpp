@@ -1,4 +1,4 @@
-#include "platform/FileDescriptor.h"
+#include "base/FileDescriptor.h"
 #include "platform/MainThread.h"
 
 #include <QCoreApplication>

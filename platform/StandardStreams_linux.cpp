@@ -1,17 +1,17 @@
-#include "platform/FileDescriptor.h"
+#include "base/FileDescriptor.h"
+#include "base/ReadWrite.h"
 #include "platform/StandardStreams.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 
 namespace {
 
 void reopen(const std::string& path, FILE* stream) {
-    // A reopening that fails closes the stream, and its descriptor's number could then become that of a
-    // file of ours: an unwritable log would end up inside the download. The null device holds the place.
+    // A failed reopening closes the stream, and the download's file could then get its descriptor's number
+    // and receive the log. The null device keeps the number taken.
     if (freopen(path.c_str(), "a+", stream) == nullptr) {
         [[maybe_unused]] FILE* const placeholder = freopen("/dev/null", "a+", stream);
     }
@@ -23,12 +23,12 @@ bool canBeWritten(const std::string& path) {
 }
 
 ssize_t takeAll(void* /*cookie*/, const char* data, std::size_t size) {
-    writeWhatFits(STDOUT_FILENO, data, size);
+    writeAll(STDOUT_FILENO, {data, size}); // what does not fit is lost
     return static_cast<ssize_t>(size);
 }
 
-// Who prints is not to give up its work because the log's disk is full, as the transfer library would when it
-// prints a probe's headers.
+// The transfer library prints a probe's headers and gives the probe up when that fails, for one on a full
+// disk.
 void letNoOutputFail() {
     fflush(stdout);
     cookie_io_functions_t functions{};
@@ -41,36 +41,12 @@ void letNoOutputFail() {
 
 } // namespace
 
-void occupyStandardStreams() {
-    int lowest = 0;
-    do {
-        lowest = open("/dev/null", O_RDWR);
-    } while (lowest >= 0 && lowest <= STDERR_FILENO);
-    if (lowest > STDERR_FILENO) {
-        close(lowest);
-    }
-}
-
 void redirectStandardStreams(const std::string& path) {
     if (!path.empty() && canBeWritten(path)) {
         reopen(path, stdout);
         reopen(path, stderr);
     }
     letNoOutputFail();
-}
-
-void writeWhatFits(int descriptor, const char* data, std::size_t size) {
-    while (size > 0) {
-        const ssize_t count = write(descriptor, data, size);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return;
-        }
-        data += count;
-        size -= static_cast<std::size_t>(count);
-    }
 }
 
 void flushStandardStreams() {

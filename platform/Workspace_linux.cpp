@@ -1,4 +1,4 @@
-#include "platform/ChildProcess.h"
+#include "base/ChildProcess.h"
 #include "platform/FileManager.h"
 #include "platform/Folders.h"
 #include "platform/PropertyList.h"

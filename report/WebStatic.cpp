@@ -1,7 +1,7 @@
 #include "report/WebStatic.h"
 
+#include "base/ChildProcess.h"
 #include "platform/Bundle.h"
-#include "platform/ChildProcess.h"
 
 #include <filesystem>
 #include <utility>

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/PrivilegedCommands.h"
 #include "platform/NotificationCenter.h"
 #include "platform/WorkerThread.h"
 #include "ui/Geometry.h"
@@ -165,9 +166,9 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
     bool installPackage(InstallAttempt& attempt);
     bool queryDriver(InstallAttempt& attempt);
     bool startDriver(InstallAttempt& attempt);
-    bool runDriverTool(InstallAttempt& attempt, const std::string& toolPath,
-                       const std::vector<std::string>& arguments);
-    void driverFailed(InstallAttempt& attempt, const char* olderEvent, const char* newerEvent);
+    bool runDriverTool(InstallAttempt& attempt, PrivilegedCommand command);
+    enum class DriverPass { First, Retry };
+    void driverFailed(InstallAttempt& attempt, DriverPass pass);
 
     std::atomic<bool> _bAlreadyInstallPkg{false}; ///< installed since the last download started
     std::atomic<bool> _retryInstallVbox{false};   ///< the driver query has failed once

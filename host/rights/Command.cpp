@@ -1,17 +1,16 @@
 #include "rights/Command.h"
 
+#include "base/PrivilegedCommands.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 
 namespace rights {
 
 namespace {
-
-constexpr char kDriverScript[] = "/Library/Application Support/NorvikEmu/VirtualBoxStartup.sh";
 
 std::string whyNotThePackage(const std::filesystem::path& path, uid_t owner) {
     if (!path.is_absolute() || std::ranges::find(path, "..") != path.end() ||
@@ -30,17 +29,12 @@ std::string whyNotThePackage(const std::filesystem::path& path, uid_t owner) {
 } // namespace
 
 std::string whyRefused(const Command& command, uid_t caller) {
-    const bool hasPackage = command.size() == 5;
-    const std::array<Command, 4> allowed{{
-        {"/bin/rm", "-rf", "/Applications/Pellomar.app"},
-        {"/usr/sbin/installer", "-pkg", hasPackage ? command[2] : "", "-target", "/"},
-        {"/usr/sbin/kextstat", "-b", "com.norvik.emu.kext.VBoxDrv"},
-        {kDriverScript, "restart"},
-    }};
-    if (std::ranges::find(allowed, command) == allowed.end()) {
+    const auto known = findCommand(command);
+    if (!known) {
         return "not a command of an installation";
     }
-    return hasPackage ? whyNotThePackage(command[2], caller) : "";
+    return known == PrivilegedCommand::InstallPackage ? whyNotThePackage(command[kPackageArgument], caller)
+                                                      : "";
 }
 
 bool isRootsAlone(const std::filesystem::path& file) {
@@ -54,7 +48,7 @@ bool isRootsAlone(const std::filesystem::path& file) {
 
 std::string failureLine(const std::string& tool, int signal) {
     // The driver's start counts as failed where its output names the driver, too.
-    const std::string subject = tool == kDriverScript ? " VBoxDrv" : "";
+    const std::string subject = tool == commandLine(PrivilegedCommand::StartDriver)[0] ? " VBoxDrv" : "";
     return "\n" + tool + ": Error -" + subject + " ended by signal " + std::to_string(signal) + "\n";
 }
 

@@ -4,8 +4,9 @@
 //
 // Who calls is what the bus says. An authorization belongs to one connection: no other can use it, and it
 // ends when the connection ends. One loop serves everybody and never waits for a person.
+#include "base/RightsProtocol.h"
+#include "base/RootEnvironment.h"
 #include "rights/Command.h"
-#include "rights/Protocol.h"
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -133,8 +134,7 @@ int startTool(const std::vector<const char*>& words, int output, pid_t& process)
         return access(words[0], F_OK) == 0 ? EPERM : errno;
     }
     // The outcome is judged by words: the tools must speak the language that the words are in.
-    const char* const environment[] = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C", "HOME=/root",
-                                       nullptr};
+    const char* const environment[] = {kRootPath, "LC_ALL=C", kRootHome, nullptr};
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);
     posix_spawn_file_actions_addchdir_np(&files, "/");

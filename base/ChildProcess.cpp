@@ -1,5 +1,7 @@
-#include "platform/ChildProcess.h"
-#include "platform/Pipe.h"
+#include "base/ChildProcess.h"
+
+#include "base/Pipe.h"
+#include "base/ReadWrite.h"
 
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -96,7 +98,7 @@ class Launch {
 
     void reportFailure() const {
         const int cause = errno;
-        [[maybe_unused]] const ssize_t put = write(report_.writeEnd.get(), &cause, sizeof cause);
+        writeAll(report_.writeEnd.get(), {reinterpret_cast<const char*>(&cause), sizeof cause});
     }
 
     // The pipe closes when the program is executed; a cause arrives on it when that failed.

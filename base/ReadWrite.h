@@ -1,0 +1,12 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+/// Writes all of `bytes` to a blocking descriptor, resuming after interruptions and short writes. False, with
+/// `errno` set, when the descriptor took only a part. Any thread.
+bool writeAll(int descriptor, std::string_view bytes);
+
+/// Reads a blocking descriptor to its end. Nothing, with `errno` set, when reading failed. Any thread.
+std::optional<std::string> readAll(int descriptor);
