@@ -1,15 +1,17 @@
 // Installs a flat package, completely or not at all.
+#include "base/StandardStreams.h"
 #include "installer/Install.h"
 #include "installer/Output.h"
 #include "installer/Staging.h"
 #include "installer/Supervisor.h"
 #include "package/Failure.h"
 
-#include <fcntl.h>
+#include <linux/close_range.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
@@ -36,12 +38,9 @@ constexpr char kUsage[] =
     "  --help        show this text\n";
 
 void prepareProcess() {
-    // A package file must not come to be where standard output is looked for.
-    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
-        if (fcntl(stream, F_GETFD) < 0) {
-            (void)!open("/dev/null", O_RDWR);
-        }
-    }
+    occupyStandardStreams();
+    // What the caller passed on is for this program, not for the package's scripts.
+    close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC);
     (void)std::setlocale(LC_CTYPE, "C.UTF-8"); // names in the archive are UTF-8
     umask(S_IWGRP | S_IWOTH);
     std::signal(SIGPIPE, SIG_IGN); // a caller that stopped reading still wants a whole install
