@@ -5,9 +5,9 @@
 #include "installer/Staging.h"
 #include "installer/StagingLayout.h"
 #include "installer/Unpacker.h"
+#include "package/Contents.h"
 #include "package/Failure.h"
 #include "package/Package.h"
-#include "package/PackageInfo.h"
 #include "package/Payload.h"
 #include "package/Trust.h"
 
@@ -21,8 +21,6 @@ using namespace package;
 
 namespace {
 
-constexpr std::size_t kLargestPackageInfo = 1 << 20;
-constexpr std::uint64_t kLargestScripts = 64 << 20;
 constexpr std::uint64_t kUnlimited = std::numeric_limits<std::uint64_t>::max();
 
 std::uint64_t freeBytes(const Staging& staging) {
@@ -35,14 +33,6 @@ std::uint64_t freeBytes(const Staging& staging) {
     }
     // What only root may use is left for the system to live on.
     return static_cast<std::uint64_t>(fileSystem.f_bavail) * fileSystem.f_frsize;
-}
-
-const Entry& require(const Package& package, const char* name) {
-    const Entry* entry = package.find(name);
-    if (!entry) {
-        throw Failure(std::string("the package has no ") + name);
-    }
-    return *entry;
 }
 
 void reportSigner(const Package& package, const TrustedCertificates& trusted) {
@@ -58,21 +48,15 @@ void reportSigner(const Package& package, const TrustedCertificates& trusted) {
 }
 
 Allowance allowanceFor(const PackageInfo& info, const Staging& staging) {
-    constexpr std::uint64_t kTolerance = 1 << 20;
     const std::uint64_t available = freeBytes(staging);
-    if (!info.kilobytes) {
-        return {available, kUnlimited};
-    }
-    const std::uint64_t stated = *info.kilobytes * 1024;
-    if (stated > available) {
+    if (info.kilobytes && *info.kilobytes * 1024 > available) {
         throw Failure("not enough free space on the target");
     }
-    // Some count in blocks, some in bytes.
-    return {available, 2 * stated + kTolerance};
+    return {available, largestPayload(info)};
 }
 
 void unpackPayload(const Package& package, const PackageInfo& info, const Staging& staging) {
-    const Entry& payload = require(package, "Payload");
+    const Entry& payload = requireEntry(package, "Payload");
     const FileDescriptor folder = staging.makeFolder(kNewFolder);
     const std::unique_ptr<EntryReader> reader = package.open(payload);
     unsigned quarters = 0;
@@ -110,8 +94,7 @@ void install(const Request& request, const Staging& staging) {
     const Package package(takeCopy(request.package, staging.folder(), freeBytes(staging)));
     reportSigner(package, trusted);
     package.verifyEntries(!trusted.isEmpty());
-    const PackageInfo info =
-        parsePackageInfo(package.text(require(package, "PackageInfo"), kLargestPackageInfo));
+    const PackageInfo info = readPackageInfo(package);
 
     unpackPayload(package, info, staging);
     const FileDescriptor scripts = unpackScripts(package, staging);

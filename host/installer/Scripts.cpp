@@ -1,6 +1,7 @@
 #include "installer/Scripts.h"
 
 #include "installer/Tree.h"
+#include "package/Contents.h"
 #include "package/Failure.h"
 
 #include <fcntl.h>
@@ -44,9 +45,7 @@ void runScript(int folder, const std::string& name, const ScriptArguments& argum
         return;
     }
     const std::string what = "the package's " + name + " script";
-    if (!S_ISREG(status->st_mode) || (status->st_mode & S_IXUSR) == 0) {
-        throw Failure(what + " is not a program");
-    }
+    requireProgram(name, status->st_mode);
     std::array<std::string, 5> words{"./" + name, arguments.package, arguments.location, arguments.target,
                                      "/"};
     std::array<std::string, 4> settings{"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "HOME=/root", "SHELL=/bin/sh",

@@ -1,9 +1,11 @@
 #pragma once
 
+#include "package/Contents.h"
+
 namespace installer {
 
 /// The folder below the target where an install is prepared, and what it holds; see Staging.
-inline constexpr char kStagingName[] = ".pellomar-installer";
+using package::kStagingName;
 inline constexpr char kNewFolder[] = "new";
 inline constexpr char kOldFolder[] = "old";
 inline constexpr char kPlan[] = "plan";

@@ -9,7 +9,10 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstring>
 #include <unordered_map>
+#include <utility>
 
 namespace package {
 
@@ -74,26 +77,48 @@ class EntryRules {
             }
             return checked;
         }
+        if (type == S_IFLNK) {
+            const char* to = archive_entry_symlink(entry);
+            if (!to || *to == '\0' || std::strlen(to) >= PATH_MAX) {
+                throw Failure("the package has a link that leads nowhere: " + inQuotes(checked.path));
+            }
+        }
         for (std::size_t slash = checked.path.find('/'); slash != std::string::npos;
              slash = checked.path.find('/', slash + 1)) {
-            const auto parent = types_.find(checked.path.substr(0, slash));
-            if (parent != types_.end() && parent->second != S_IFDIR) {
+            Place& parent = place(checked.path.substr(0, slash));
+            parent.isParent = true;
+            if (parent.type != S_IFDIR) {
                 throw Failure("the package has a path through a link or file of its own: " +
                               inQuotes(checked.path));
             }
         }
-        if (!types_.emplace(checked.path, type).second) {
+        Place& own = place(checked.path);
+        if (own.isStated || (own.isParent && type != S_IFDIR)) {
             throw Failure("the package has two entries of one name: " + inQuotes(checked.path));
         }
-        nameBytes_ += checked.path.size();
-        if (types_.size() > kMostEntries || nameBytes_ > kMostNameBytes) {
-            throw Failure("the package has too many entries");
-        }
+        own.type = type;
+        own.isStated = true;
         return checked;
     }
 
   private:
-    std::unordered_map<std::string, mode_t> types_;
+    struct Place {
+        mode_t type = S_IFDIR;
+        bool isStated = false; // it has an entry of its own
+        bool isParent = false; // another entry's path goes through it
+    };
+
+    Place& place(std::string path) {
+        const std::size_t size = path.size();
+        const auto [place, isNew] = places_.try_emplace(std::move(path));
+        nameBytes_ += isNew ? size : 0;
+        if (places_.size() > kMostEntries || nameBytes_ > kMostNameBytes) {
+            throw Failure("the package has too many entries");
+        }
+        return place->second;
+    }
+
+    std::unordered_map<std::string, Place> places_;
     std::size_t nameBytes_ = 0;
 };
 

@@ -36,7 +36,7 @@ class PayloadSink {
 
 // Unpacks a compressed cpio archive as a stream. Throws Failure when it is damaged, holds anything but files,
 // folders and symbolic links, or when a path leads out of the payload, goes through one of its links or
-// files, or occurs twice.
+// files, occurs twice, or is longer than a file system takes.
 void readPayload(EntryReader& reader, PayloadSink& sink);
 
 } // namespace package

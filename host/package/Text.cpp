@@ -13,6 +13,7 @@ namespace package {
 namespace {
 
 constexpr std::size_t kLongestQuote = 200;
+constexpr std::size_t kLongestName = 255;
 constexpr std::size_t kLongestPath = 1024; // leaves room for where it goes, and bounds the depth
 
 bool isControl(unsigned char c) {
@@ -51,9 +52,6 @@ std::string relativePath(std::string_view name) {
     if (name.front() == '/') {
         throw Failure("the package has an absolute path " + inQuotes(name));
     }
-    if (name.size() > kLongestPath) {
-        throw Failure("the package has a path that is too long: " + inQuotes(name));
-    }
     const std::string_view whole = name;
     std::string path;
     while (!name.empty()) {
@@ -62,6 +60,9 @@ std::string relativePath(std::string_view name) {
         name.remove_prefix(slash == std::string_view::npos ? name.size() : slash + 1);
         if (part == "..") {
             throw Failure("the package has a path with \"..\": " + inQuotes(whole));
+        }
+        if (part.size() > kLongestName || whole.size() > kLongestPath) {
+            throw Failure("the package has a path that is too long: " + inQuotes(whole));
         }
         if (part.empty() || part == ".") {
             continue;

@@ -1,7 +1,9 @@
 #include "PackageSigner.h"
 
+#include "package/Contents.h"
 #include "package/Failure.h"
 #include "package/Package.h"
+#include "package/Text.h"
 #include "package/Trust.h"
 
 #include <fcntl.h>
@@ -17,6 +19,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <new>
 
 namespace {
@@ -78,6 +81,10 @@ std::string der(X509* certificate) {
 }
 
 std::string escaped(const std::string& text) {
+    // An archive may give a name in base64, any bytes whatever.
+    if (std::mbstowcs(nullptr, text.c_str(), 0) == static_cast<std::size_t>(-1) || oneLine(text) != text) {
+        throw Failure("the package has a name that is not plain UTF-8 text");
+    }
     std::string xml;
     for (const char c : text) {
         switch (c) {
@@ -195,16 +202,17 @@ std::string signatureOver(const std::string& digest, EVP_PKEY* key) {
     return signature;
 }
 
-// A file that appears under its name only when it is complete.
+// A file that appears under its name only when it is complete. Until then it has a name that no one can
+// predict, so that no link can be put in its way, and nobody else can read it.
 class Output {
   public:
-    explicit Output(const std::string& path) : path_(path), unfinished_(path + ".part") {
+    explicit Output(const std::string& path) : path_(path), unfinished_(path + ".XXXXXX") {
         // Taking the name of a link or a device would not be writing to it.
         struct stat status{};
         if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
             throw Failure("the output exists and is not a regular file");
         }
-        file_ = FileDescriptor(open(unfinished_.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0644));
+        file_ = FileDescriptor(mkostemp(unfinished_.data(), O_CLOEXEC | O_NOFOLLOW)); // and O_EXCL
         if (!file_.isOpen()) {
             throw systemFailure("cannot write the package");
         }
@@ -216,7 +224,10 @@ class Output {
     int file() const { return file_.get(); }
 
     void finish() {
-        if (fsync(file_.get()) != 0 || rename(unfinished_.c_str(), path_.c_str()) != 0) {
+        const mode_t mask = umask(0);
+        umask(mask);
+        if (fchmod(file_.get(), 0666 & ~mask) != 0 || fsync(file_.get()) != 0 ||
+            rename(unfinished_.c_str(), path_.c_str()) != 0) {
             throw systemFailure("cannot write the package");
         }
     }
@@ -226,6 +237,30 @@ class Output {
     std::string unfinished_;
     FileDescriptor file_;
 };
+
+// Asks for the passphrase as OpenSSL does by itself, and notes that there is one.
+int askPassphrase(char* passphrase, int size, int isForWriting, void* wasAsked) {
+    *static_cast<bool*>(wasAsked) = true;
+    return PEM_def_callback(passphrase, size, isForWriting, nullptr);
+}
+
+Key readKey(const std::string& path) {
+    const File file = openFile(path);
+    struct stat status{};
+    if (fstat(fileno(file.get()), &status) == 0 && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+        std::fprintf(stderr, "sign-package: Warning - others can read the key in %s\n", path.c_str());
+    }
+    bool wasAsked = false;
+    Key key(PEM_read_PrivateKey(file.get(), nullptr, askPassphrase, &wasAsked));
+    if (!key) {
+        throw Failure((wasAsked ? "the passphrase is wrong for the key in " : "no key can be read in ") +
+                      path);
+    }
+    if (EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_RSA) {
+        throw Failure("no RSA key is in " + path);
+    }
+    return key;
+}
 
 // Each of these would be refused at the end, in words that are meant for whoever installs.
 void requireChain(const Publisher& publisher) {
@@ -240,6 +275,17 @@ void requireChain(const Publisher& publisher) {
     }
 }
 
+// Reads what was written as an installer will: the package that it was made from may have changed meanwhile.
+std::string verifyOutput(int file, const Publisher& publisher) {
+    const Package package{FileDescriptor(fcntl(file, F_DUPFD_CLOEXEC, 0))};
+    TrustedCertificates trusted;
+    trusted.add(publisher.certificates.back().get());
+    std::string fingerprint = verifySigner(package, trusted).value();
+    package.verifyEntries(true);
+    checkContents(package);
+    return fingerprint;
+}
+
 } // namespace
 
 void FreeKey::operator()(evp_pkey_st* key) const {
@@ -252,10 +298,7 @@ void FreeCertificate::operator()(x509_st* certificate) const {
 
 Publisher readPublisher(const std::string& keyFile, const std::vector<std::string>& certificateFiles) {
     Publisher publisher;
-    publisher.key.reset(PEM_read_PrivateKey(openFile(keyFile).get(), nullptr, nullptr, nullptr));
-    if (!publisher.key || EVP_PKEY_get_base_id(publisher.key.get()) != EVP_PKEY_RSA) {
-        throw Failure("no RSA key that can be read, with the passphrase if it has one, is in " + keyFile);
-    }
+    publisher.key = readKey(keyFile);
     for (const std::string& path : certificateFiles) {
         const File file = openFile(path);
         const std::size_t before = publisher.certificates.size();
@@ -278,6 +321,7 @@ std::string signPackage(const std::string& in, const std::string& out, const Pub
     }
     const Package package(std::move(file));
     package.verifyEntries(false);
+    checkContents(package);
 
     EVP_PKEY* key = publisher.key.get();
     const std::string table =
@@ -286,20 +330,14 @@ std::string signPackage(const std::string& in, const std::string& out, const Pub
     const std::string packed = deflated(table);
     Digest digest(kKind);
     digest.update(packed.data(), packed.size());
-    Signed sealed{kKind, digest.finish(), {}, {}};
-    sealed.signature = signatureOver(sealed.digest, key);
-    TrustedCertificates trusted;
-    for (const Certificate& certificate : publisher.certificates) {
-        sealed.certificates.push_back(der(certificate.get()));
-    }
-    trusted.add(publisher.certificates.back().get());
-    std::string fingerprint = verifySignature(sealed, trusted); // as every installer will
+    const std::string tableDigest = digest.finish();
+    const std::string signature = signatureOver(tableDigest, key);
 
     Output output(out);
     writeAll(output.file(), kMagic + bigEndian(kHeaderSize, 2) + bigEndian(1, 2) +
                                 bigEndian(packed.size(), 8) + bigEndian(table.size(), 8) +
                                 bigEndian(kKindNumber, 4));
-    writeAll(output.file(), packed + sealed.digest + sealed.signature);
+    writeAll(output.file(), packed + tableDigest + signature);
     for (const Entry& entry : package.table().entries) {
         if (entry.path.empty() || !entry.data) {
             continue;
@@ -309,6 +347,7 @@ std::string signPackage(const std::string& in, const std::string& out, const Pub
             writeAll(output.file(), block);
         }
     }
+    std::string fingerprint = verifyOutput(output.file(), publisher);
     output.finish();
     return fingerprint;
 }

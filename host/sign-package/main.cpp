@@ -2,9 +2,14 @@
 // command line.
 #include "PackageSigner.h"
 
+#include <sys/prctl.h>
+#include <sys/resource.h>
+
+#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <stdexcept>
 #include <string_view>
 
 namespace {
@@ -19,6 +24,14 @@ constexpr char kUsage[] =
     "  CHAIN        the certificates that lead from it to the one that installers trust, in this order\n"
     "  --help       show this text\n";
 
+// Neither a core dump nor another process of the same user gets to see the key.
+void protectMemory() {
+    const rlimit none{0, 0};
+    if (setrlimit(RLIMIT_CORE, &none) != 0 || prctl(PR_SET_DUMPABLE, 0) != 0) {
+        throw std::runtime_error("core dumps cannot be forbidden");
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv) try {
@@ -32,6 +45,8 @@ int main(int argc, char** argv) try {
         std::fputs(kUsage, stderr);
         return kWrongUse;
     }
+    protectMemory();
+    (void)std::setlocale(LC_CTYPE, "C.UTF-8"); // as in the installer, whose checks these are
     const Publisher publisher = readPublisher(arguments[0], {arguments.begin() + 1, arguments.end() - 2});
     const std::string fingerprint = signPackage(arguments.end()[-2], arguments.back(), publisher);
     std::printf("sign-package: signed by %s\n", fingerprint.c_str());

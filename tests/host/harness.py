@@ -8,8 +8,10 @@ import tempfile
 import unittest
 from pathlib import Path
 
+from packages import Publisher
+
 BUILD = Path(sys.argv.pop(1)).resolve()
-INSTALLER = BUILD / "host/installer/installer"
+INSTALLER, SIGNER = BUILD / "host/installer/installer", BUILD / "host/sign-package/sign-package"
 
 
 def run(*command):
@@ -62,3 +64,13 @@ class HostTest(unittest.TestCase):
                 before = snapshot(self.world)
                 self.assert_refused(self.install(package), cause)
                 self.assertEqual(snapshot(self.world), before)
+
+    def assert_none_signed(self, rows):
+        publisher, signed = Publisher("publisher"), self.scratch / "signed.pkg"
+        for name, package, cause in rows:
+            with self.subTest("signing", of=name):
+                self.path.write_bytes(package)
+                outcome = run(SIGNER, publisher.key, publisher.certificate, self.path, signed)
+                self.assertEqual(outcome.returncode, 1)
+                self.assertIn(cause, outcome.stderr)
+                self.assertEqual(list(self.scratch.glob("signed*")), [])

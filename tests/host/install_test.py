@@ -100,8 +100,9 @@ class Install(HostTest):
             ("line feed in the name", holding(file("/\ninstaller: Error - x")), "absolute path"),
             ("through its own link", holding(link("w", "/"), file("w/a/b/kept", "x")), "link or file"),
             ("through its own file", holding(file("a"), file("a/b")), "link or file"),
-            ("through the target's link", holding(file("way/kept", "x")), "symbolic link in place of a folder"),
-            ("below the target's file", holding(file("file/a")), "file in place of a folder"),
+            ("through the target's link", holding(file("way/kept", "x")), "target has a symbolic link in place of a"),
+            ("below the target's file", holding(file("file/a")), "target has a file in place of a folder"),
+            ("folder and file of one name", holding(file("a/b"), file("a")), "two entries"),
             ("link and file of one name", holding(link("a", "../outside/kept"), file("./a", "x")), "two entries"),
             ("top entry is a link", holding(link("./", "../outside")), "top entry is not a folder"),
             ("set-user-id", holding(file("a", "x", 0o4755)), "set-id"),
@@ -116,9 +117,13 @@ class Install(HostTest):
             ("script that is a link", package(file("a"), scripts=[link("preinstall", "/bin/true")]), "not a program"),
             ("scripts that climb", package(file("a"), scripts=[script("../preinstall", "")]), 'with ".."'),
             ("in the way of the installer", holding(file(f"{STAGING}/new/x")), "where installs are prepared"),
+            ("script that is a folder", package(file("a"), scripts=[file("preinstall/a")]), "not a program"),
+            ("link to nowhere", holding(link("a", "")), "leads nowhere"),
+            ("link longer than any path", holding(link("a", "b" * 4096)), "leads nowhere"),
+            ("name longer than any", holding(file("a" * 256)), "too long"),
             ("absurdly deep", holding(file("a/" * 600 + "b")), "too long"),
             ("bomb", described(size.format(1), file("b", "\0" * 4_000_000)), "larger than it states"),
-            ("more than there is room for", described(size.format(10**12)), "not enough free space"),
+            ("more than there is room for", described(size.format(10**12)), "not enough free space on the target"),
             ("info cut", described("<pkg-info identifier='a'"), "not well-formed"),
             ("info with entities", described("<!DOCTYPE p [<!ENTITY e 'x'>]>" + info), "document type"),
             ("info leads away", described(info.replace("'/'", "'/../outside'")), 'with ".."'),
@@ -127,6 +132,7 @@ class Install(HostTest):
             ("payload flipped", good[:-9] + bytes([good[-9] ^ 1]) + good[-8:], '"Payload" does not match'),
         )
         self.assert_all_refused(rows)
+        self.assert_none_signed(row for row in rows if "target" not in row[2])
 
     def test_full_disk(self):
         mount = ("unshare", "-m", "bash", "-euc", 'mount -t tmpfs -o "$0" none "$1"; shift; "$@"')

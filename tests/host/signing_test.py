@@ -7,11 +7,11 @@ import subprocess
 import time
 import unittest
 import zlib
+from pathlib import Path
 
-from harness import BUILD, HostTest, run, snapshot
+from harness import SIGNER, HostTest, run, snapshot
 from packages import INFO, Publisher, archive, entry, file, pack, package, payload, xar
 
-SIGNER = BUILD / "host/sign-package/sign-package"
 PAYLOAD = payload(file("a", "words"))
 SCRIPTS = payload(file("postinstall", "#!/bin/sh\n", 0o755))
 CONTENTS = {"PackageInfo": INFO, "Scripts": SCRIPTS, "Extra": b"extra", "Payload": PAYLOAD}
@@ -41,9 +41,11 @@ class Signing(HostTest):
     def test_sound_signatures(self):
         unsigned, signed = self.scratch / "unsigned.pkg", self.scratch / "signed.pkg"
         unsigned.write_bytes(self.by())
+        (self.scratch / "signed.pkg.part").symlink_to(self.outside / "kept")
         for key, cause in ((self.root.key, "is not the key's"), (self.publisher.key, "")):
             self.assertFalse(signed.exists())
             self.assertIn(cause, run(SIGNER, key, self.publisher.certificate, unsigned, signed).stderr)
+        self.assertEqual((self.outside / "kept").read_text(), "kept")
         two_steps = self.by(Publisher("middle", self.root, purpose=None))
         for name, sound in (("by the tool", signed.read_bytes()), ("two steps", two_steps)):
             outcome = self.install(sound)
@@ -56,6 +58,36 @@ class Signing(HostTest):
         self.assertIn("installer: The package is not signed.\n", self.install(xar(**CONTENTS)).stdout)
         self.assertIn("anybody could be the signer", self.install(sound).stdout)
         self.assert_refused(self.install(sound.replace(b"extra", b"Extra")), "does not match")
+
+    def test_what_is_not_signed(self):
+        sound = entry("PackageInfo", 32, INFO) + entry("Payload", 32 + len(INFO), PAYLOAD)
+
+        def with_name(base64):
+            return archive(f"{sound}<file><name enctype='base64'>{base64}</name></file>", INFO + PAYLOAD)
+
+        self.assert_none_signed((
+            ("no payload", xar(PackageInfo=INFO), "no Payload"),
+            ("bad UTF-8", with_name("/w=="), "not plain UTF-8"),
+            ("control character", with_name("CQ=="), "not plain UTF-8"),
+        ))
+
+    def test_key_with_a_passphrase(self):
+        key, signer = self.scratch / "key.pem", shutil.copy(SIGNER, self.scratch)
+        self.publisher.openssl(f"pkey -in key.pem -aes256 -passout pass:right -out {key}")
+        self.scratch.chmod(0o711)
+        key.chmod(0o644)
+        process = subprocess.Popen(
+            (signer, key, self.publisher.certificate, self.path, self.scratch / "signed.pkg"),
+            **dict.fromkeys(("stdin", "stderr"), subprocess.PIPE), text=True,
+            start_new_session=True,  # without a terminal, the passphrase comes from standard input
+            user=os.geteuid() or 65534,
+        )
+        self.assertIn("Warning - others can read the key", process.stderr.readline())
+        self.assertIn("pass phrase", process.stderr.read(len("Enter PEM pass phrase:")))
+        limits = Path(f"/proc/{process.pid}/limits")
+        self.assertRegex(limits.read_text(), "Max core file size +0 +0 ")
+        self.assertEqual(limits.stat().st_uid, 0)  # the user's own where it may be traced and dumped
+        self.assertIn("passphrase is wrong", process.communicate("wrong\n")[1])
 
     def test_tampered_and_foreign_packages(self):
         publisher, root, false_root, by = self.publisher, self.root, Publisher("root", purpose=None), self.by

@@ -1,0 +1,104 @@
+#include "package/Contents.h"
+
+#include "package/EntryReader.h"
+#include "package/Failure.h"
+#include "package/Package.h"
+#include "package/Payload.h"
+
+#include <archive_entry.h>
+#include <sys/stat.h>
+
+#include <limits>
+
+namespace package {
+
+namespace {
+
+constexpr std::size_t kLargestPackageInfo = 1 << 20;
+
+class Measure : public PayloadSink {
+  public:
+    explicit Measure(std::uint64_t most) : left_(most) {}
+
+    void data(const void*, std::size_t size, std::int64_t) override {
+        if (size > left_) {
+            throw Failure("the package's payload is far larger than it states");
+        }
+        left_ -= size;
+    }
+    void end() override {}
+
+  private:
+    std::uint64_t left_;
+};
+
+class PayloadCheck : public Measure {
+  public:
+    explicit PayloadCheck(const PackageInfo& info)
+        : Measure(largestPayload(info)), prefix_(info.location.empty() ? "" : info.location + "/") {}
+
+    void begin(const PayloadEntry& entry) override {
+        isEmpty = false;
+        if ((prefix_ + entry.path + "/").starts_with(std::string(kStagingName) + "/")) {
+            throw Failure("the package has an entry where installs are prepared");
+        }
+    }
+
+    bool isEmpty = true;
+
+  private:
+    std::string prefix_;
+};
+
+class ScriptsCheck : public Measure {
+  public:
+    ScriptsCheck() : Measure(kLargestScripts) {}
+
+    void begin(const PayloadEntry& entry) override {
+        const std::string top = entry.path.substr(0, entry.path.find('/'));
+        if (top == "preinstall" || top == "postinstall") {
+            requireProgram(top, entry.path == top ? archive_entry_mode(entry.entry) : S_IFDIR);
+        }
+    }
+};
+
+} // namespace
+
+const Entry& requireEntry(const Package& package, const char* name) {
+    const Entry* entry = package.find(name);
+    if (!entry) {
+        throw Failure(std::string("the package has no ") + name);
+    }
+    return *entry;
+}
+
+PackageInfo readPackageInfo(const Package& package) {
+    return parsePackageInfo(package.text(requireEntry(package, "PackageInfo"), kLargestPackageInfo));
+}
+
+std::uint64_t largestPayload(const PackageInfo& info) {
+    constexpr std::uint64_t kTolerance = 1 << 20;
+    // Some count in blocks, some in bytes.
+    return info.kilobytes ? 2 * (*info.kilobytes * 1024) + kTolerance
+                          : std::numeric_limits<std::uint64_t>::max();
+}
+
+void requireProgram(const std::string& script, mode_t mode) {
+    if (!S_ISREG(mode) || (mode & S_IXUSR) == 0) {
+        throw Failure("the package's " + script + " script is not a program");
+    }
+}
+
+void checkContents(const Package& package) {
+    PayloadCheck payload(readPackageInfo(package));
+    readPayload(*package.open(requireEntry(package, "Payload")), payload);
+    if (payload.isEmpty) {
+        throw Failure("the package's payload holds nothing");
+    }
+    if (const Entry* entry = package.find("Scripts")) {
+        ScriptsCheck scripts;
+        readPayload(*package.open(*entry), scripts);
+    }
+}
+
+} // namespace package

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "package/PackageInfo.h"
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+// What a package must hold to be installed. Whoever signs one asks the same of it as whoever installs it.
+namespace package {
+
+class Package;
+struct Entry;
+
+/// The folder of the target in which installs are prepared, where no package may put anything.
+inline constexpr char kStagingName[] = ".pellomar-installer";
+
+/// Bytes of all files that come with the scripts.
+inline constexpr std::uint64_t kLargestScripts = 64 << 20;
+
+/// The file of that name. Throws Failure when the package has none.
+const Entry& requireEntry(const Package& package, const char* name);
+
+/// Throws Failure when there is no PackageInfo, or not a sound one.
+PackageInfo readPackageInfo(const Package& package);
+
+/// The bytes that the payload's files may hold, from the size that the package states.
+std::uint64_t largestPayload(const PackageInfo& info);
+
+/// Throws Failure unless a script of that mode can be started.
+void requireProgram(const std::string& script, mode_t mode);
+
+/// Reads all that an install reads, and writes nothing. Throws Failure when an install would for whatever
+/// lies in the package alone, its signature and checksums aside.
+void checkContents(const Package& package);
+
+} // namespace package
