@@ -1,5 +1,6 @@
 #include "PackageSigner.h"
 
+#include "base/ReadWrite.h"
 #include "package/Contents.h"
 #include "package/Failure.h"
 #include "package/Package.h"
@@ -17,7 +18,6 @@
 #include <unistd.h>
 #include <zlib.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -42,13 +42,9 @@ File openFile(const std::string& path) {
     return file;
 }
 
-void writeAll(int file, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t written = write(file, bytes.data(), bytes.size());
-        if (written < 0 && errno != EINTR) {
-            throw systemFailure("cannot write the package");
-        }
-        bytes.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
+void writeOut(int file, std::string_view bytes) {
+    if (!writeAll(file, bytes)) {
+        throw systemFailure("cannot write the package");
     }
 }
 
@@ -334,17 +330,17 @@ std::string signPackage(const std::string& in, const std::string& out, const Pub
     const std::string signature = signatureOver(tableDigest, key);
 
     Output output(out);
-    writeAll(output.file(), kMagic + bigEndian(kHeaderSize, 2) + bigEndian(1, 2) +
+    writeOut(output.file(), kMagic + bigEndian(kHeaderSize, 2) + bigEndian(1, 2) +
                                 bigEndian(packed.size(), 8) + bigEndian(table.size(), 8) +
                                 bigEndian(kKindNumber, 4));
-    writeAll(output.file(), packed + tableDigest + signature);
+    writeOut(output.file(), packed + tableDigest + signature);
     for (const Entry& entry : package.table().entries) {
         if (entry.path.empty() || !entry.data) {
             continue;
         }
         const std::unique_ptr<EntryReader> reader = package.openAsStored(entry);
         for (std::string_view block = reader->next(); !block.empty(); block = reader->next()) {
-            writeAll(output.file(), block);
+            writeOut(output.file(), block);
         }
     }
     std::string fingerprint = verifyOutput(output.file(), publisher);
