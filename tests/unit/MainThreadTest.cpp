@@ -1,0 +1,131 @@
+#include "platform/MainThread.h"
+
+#include "platform/FileManager.h"
+#include "platform/WorkerThread.h"
+#include "support/WaitUntil.h"
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QEventLoop>
+#include <QTimer>
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <array>
+#include <memory>
+#include <random>
+
+// How work reaches the main thread.
+
+namespace {
+
+/// Runs the main thread's event loop until the condition holds.
+bool serveUntil(const std::function<bool()>& condition) {
+    QTimer tick; // the condition is looked at between sleeps
+    tick.start(10);
+    const QDeadlineTimer deadline(std::chrono::seconds(30));
+    while (!condition() && !deadline.hasExpired()) {
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    }
+    return condition();
+}
+
+bool sleeps(pid_t thread) {
+    const std::string stat = readFile("/proc/self/task/" + std::to_string(thread) + "/stat").value_or(")  ");
+    return stat[stat.rfind(')') + 2] == 'S';
+}
+
+/// Starts a thread that shares what it uses with the test, and so can outlive a test that fails.
+template <typename State>
+void startPoster(const std::shared_ptr<State>& state, const std::function<void(State&)>& work) {
+    WorkerThread::start([state, work] { work(*state); });
+}
+
+TEST(HandOver, ADialogServesWhatWaitsBehindThePieceThatOpenedIt) {
+    struct State {
+        std::atomic<pid_t> poster{0};
+        std::atomic<int> finished{0};
+        bool isServed = false;
+    };
+    const auto state = std::make_shared<State>();
+    for (const bool opensDialog : {true, false}) {
+        state->poster = 0;
+        startPoster<State>(state, [opensDialog](State& shared) {
+            shared.poster = gettid();
+            MainThread::performAndWait([&] {
+                EXPECT_TRUE(MainThread::isCurrent());
+                shared.isServed = !opensDialog;
+                EXPECT_TRUE(serveUntil([&] { return shared.isServed; })) << "left behind the dialog";
+            });
+            ++shared.finished;
+        });
+        ASSERT_TRUE(waitUntil([&] { return state->poster != 0 && sleeps(state->poster); }));
+    }
+    EXPECT_TRUE(serveUntil([&] { return state->finished == 2; }));
+}
+
+TEST(HandOver, LosesNothingOfSeveralPosters) {
+    struct State {
+        std::array<int, 3> last{};
+        std::atomic<int> unfinished{3};
+    };
+    const auto state = std::make_shared<State>();
+    for (int& last : state->last) {
+        startPoster<State>(state, [&last](State& shared) {
+            for (int i = 1; i <= 1000; ++i) {
+                MainThread::performAndWait([&] { EXPECT_EQ(std::exchange(last, i), i - 1); });
+                EXPECT_EQ(last, i) << "it returns when the work is done";
+            }
+            --shared.unfinished;
+        });
+    }
+    EXPECT_TRUE(serveUntil([&] { return state->unfinished == 0; }));
+}
+
+/// Where the processor may not be used, the thread runs where it likes.
+void pin(pid_t thread, int processor) {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(processor, &one);
+    sched_setaffinity(thread, sizeof one, &one);
+}
+
+TEST(HandOver, ForgetsNoPieceThatIsPostedAsTheMainThreadStopsWaiting) {
+    constexpr int kPieces = 15'000;
+    cpu_set_t allowed;
+    sched_getaffinity(0, sizeof allowed, &allowed);
+    const auto done = std::make_shared<std::atomic<int>>(0);
+    startPoster<std::atomic<int>>(done, [](std::atomic<int>& finished) {
+        using namespace std::chrono;
+        pin(0, 1);
+        std::mt19937 random;
+        std::uniform_real_distribution<double> spread(-2, 2);
+        const auto post = [&] {
+            const auto start = steady_clock::now();
+            MainThread::performAndWait([&] { ++finished; });
+            return steady_clock::now() - start;
+        };
+        // Where the main thread was still awake, the answer comes fast: from that the pause is steered to the
+        // moment at which it goes to sleep.
+        for (double pause = 0; finished < kPieces; pause += post() < 10us ? 0.5 : -0.5) {
+            post(); // two in a row make the main thread wait for a third
+            pin(getpid(), 0);
+            const duration<double, std::micro> thisPause(pause + spread(random));
+            for (const auto start = steady_clock::now(); steady_clock::now() - start < thisPause;) {
+            }
+        }
+    });
+    EXPECT_TRUE(serveUntil([&] { return *done >= kPieces; })) << *done;
+    sched_setaffinity(0, sizeof allowed, &allowed);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    const QCoreApplication application(argc, argv);
+    MainThread::attach();
+    return RUN_ALL_TESTS();
+}
