@@ -24,6 +24,7 @@ BUNDLE = "Pellomar下载器.app"
 VOLUME = "Pellomar下载器"
 CONTENTS = Path("/usr/lib/pellomar-downloader") / BUNDLE / "Contents"
 CONFIG = Path("/etc/pellomar-downloader/config")
+UNITS = Path("/usr/lib/systemd/system")
 ORDINARY_USER = 65534
 SCRATCH = Path("/tmp/packaging-test")
 BAD_NAMES = ("", ".", "..", "a/b", "a\\b", "a b", "a\nb", "a\n", "a\tb", "a\x7fb", "a?b", "a#b", b"\xff.pkg")
@@ -198,6 +199,14 @@ class PackagingTest(unittest.TestCase):
             self.assertTrue(os.access(program, os.X_OK))
             for beside in ("dbus-1/system.d/{}.conf", "polkit-1/actions/{}.policy"):
                 self.assertIn(f"/usr/share/{beside.format(service.stem)}", listed)
+            unit = re.search(r"^SystemdService=(\S+)", service.read_text(), re.MULTILINE).group(1)
+            self.assertIn(f"\nBusName={service.stem}\nExecStart={program}\n", (UNITS / unit).read_text())
+            self.assertIn(str(UNITS / unit), listed)
+        (enabled,) = (Path(path) for path in listed if ".wants/" in path)
+        self.assertEqual(enabled.resolve(), UNITS / "pellomar-installer-transaction.service")
+        if shutil.which("systemd-analyze"):
+            units = [path for path in listed if path.endswith(".service") and Path(path).parent == UNITS]
+            self.assertEqual(run("systemd-analyze", "verify", *units), "")
 
 
 if __name__ == "__main__":
