@@ -73,20 +73,3 @@ find_sources() {
     (cd -- "$project" && find . \( -path ./build -o -path ./.git \) -prune -o \
         \( -name '*.cpp' -o -name '*.h' \) -printf '%P\0')
 }
-
-# Runs the demonstration in the throw-away view; its results go to RESULTS, which is emptied first.
-demonstrate() { # RESULTS [VIEW-OPTION...] -- [DEMONSTRATION-OPTION...]
-    local results=$1 view_options=()
-    shift
-    while [[ $1 != -- ]]; do
-        view_options+=("$1")
-        shift
-    done
-    shift
-    rm -rf -- "$results"
-    mkdir -p -- "$results"
-    say "Entering the throw-away view"
-    "$project/scripts/view" --driver loaded --share "$results" "${view_options[@]}" -- \
-        "$project/scripts/lib/demonstration" --project "$project" \
-        --build "$project/build/release" --results "$(cd -- "$results" && pwd -P)" "$@"
-}

@@ -65,6 +65,7 @@ def act(machine, window, server, action):
         machine.rights.stop()
         machine.rights.start()
     elif action == "release":
+        window.labels()  # answered by the window's main thread when it has dealt with the last press
         server.release()
     elif window.showing(ALERT):
         window.press(action)  # with the mouse: so it comes after the keys

@@ -138,6 +138,8 @@ def window_called(title):
 
 def is_painted(window):
     """Whether a window of ours has been drawn: before that it shows the desktop's one colour."""
+    if window is None:
+        return False
     colours = output("sh", "-c", f"import -silent -window {window} miff:- | identify -format %k -") or ""
     return colours.isdigit() and int(colours) > 100
 

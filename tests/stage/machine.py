@@ -29,11 +29,13 @@ REAL = Path("/opt/real")  # the tools that scripts stand in for
 SAMPLE = "sample/soft/Pellomar-sample.pkg"
 ADDRESS = ("127.0.0.1", 18080)
 ERRORS = Path("/run/standard-error")  # of the window; its log, where it can have no other
+RECORD = Path("/run/record")  # of the tools' calls, where it is there, so that the log stays as it is
 
 # A tool writes its process's number and its command line into the log of the only window. BODIES are lines of bash,
 # of the first, the second … call; the last one is that of all later calls.
 FIND_LOG = f"""#!/bin/bash
-log=(/home/*/Documents/LOG-*)
+log=({RECORD} /home/*/Documents/LOG-* {ERRORS})
+[[ -e $log ]] || log=${{log[1]}}
 [[ -e $log ]] || log={ERRORS}
 """
 TOOL = """
@@ -69,11 +71,13 @@ def remove(path):
 class Machine:
     """BUILD is the build folder. One user's session and display run as long as this process."""
 
-    def __init__(self, build, display=desktop.Display):
+    def __init__(self, build, display=desktop.Display, user_number=None):
         os.umask(0o022)
-        self.build, self.agent = build, None
+        self.build, self.agent, self.environment = build, None, {}
         shutil.copytree(build / BUNDLE.name, BUNDLE)
-        shutil.copytree(build / "tests/stage/plugins", DISK / "plugins")
+        self.plugins = DISK / "plugins"
+        if (build / "tests").exists():
+            shutil.copytree(build / "tests/stage/plugins", self.plugins)
         self.config = DISK / ".config"
         subprocess.run(["chmod", "-R", "a+rX", DISK], check=True)
         REAL.mkdir()
@@ -81,7 +85,7 @@ class Machine:
             shutil.copy(tool, REAL)
         for tool in ("installer", "kextstat"):
             shutil.copy(build / "host" / tool / tool, REAL)
-        add_users()
+        add_users(*(["--uid", user_number, "--non-unique"] if user_number else []))
         self.rights = RightsStage(PROJECT, build, "/run/system.log")
         self.parts = [desktop.Session(**as_user(USER)), display()]
 
@@ -154,9 +158,10 @@ class Machine:
     def open(self, *before, tells=True, **start):
         """A window of the home's owner on its first screen; what it TELLS is written to the log."""
         start = as_user(self.owner) | start
+        start["env"] |= self.environment
         write(ERRORS, "", 0o666)
-        if tells:
-            start["env"] |= {"QT_QPA_GENERIC_PLUGINS": "story", "QT_PLUGIN_PATH": str(DISK / "plugins")}
+        if tells and self.plugins.exists():
+            start["env"] |= {"QT_QPA_GENERIC_PLUGINS": "story", "QT_PLUGIN_PATH": str(self.plugins)}
         with ERRORS.open("ab") as errors:
             window = Window(PROGRAM, self.home, *before, stdout=errors, stderr=errors, **start)
         window.wait_until_open()
