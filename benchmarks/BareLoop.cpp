@@ -1,5 +1,5 @@
-// The least that a download of this kind costs: a probe of the length and a transfer with the product's
-// options, every block written and flushed before the next is taken, and nothing else.
+// A lower bound for such a download: the length probe and a transfer with the product's options, each block
+// written and flushed before the next, and nothing else.
 #include <curl/curl.h>
 
 #include <cstdio>

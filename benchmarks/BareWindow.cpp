@@ -1,4 +1,4 @@
-// What any window with one picture and one Chinese label costs: the floor for the product's start.
+// A lower bound for the product's start: a window with one picture and one Chinese label.
 #include "FirstPaint.h"
 
 #include <QApplication>

@@ -1,7 +1,7 @@
-// The product, watched: presses start through the X server, and when the finished record is posted writes a
-// line of JSON about the time in between to the file that is the first argument and ends the process, before
-// anything is installed. With a second argument, "probe", it also measures how soon timers and mouse moves
-// are served meanwhile.
+// Measures a download by the product's window: presses start through the X server and, when the record of the
+// finished transfer is posted, writes a line of JSON to the file named by the first argument and ends the
+// process, before anything is installed. With a second argument, "probe", it also measures the delay of
+// timers and mouse moves meanwhile.
 #include "PointerProbe.h"
 #include "app/MainInterface.h"
 #include "platform/MainThread.h"
@@ -49,8 +49,7 @@ long peakResidentKilobytes() {
     return 0;
 }
 
-/// A server that limits the rate counts in whole seconds: everybody who is compared starts at the same place
-/// in one.
+/// nginx limits the rate by whole seconds, so every program starts at the same fraction of a second.
 std::chrono::milliseconds untilTheNextStart() {
     constexpr auto kPlace = 100ms;
     const auto now = std::chrono::system_clock::now().time_since_epoch() - kPlace;
@@ -58,7 +57,7 @@ std::chrono::milliseconds untilTheNextStart() {
     return wait < 300ms ? wait + 1s : wait;
 }
 
-/// Milliseconds that a share of the delays did not exceed.
+/// The quantile `share` of the delays, in milliseconds.
 double percentile(std::vector<double> delays, double share) {
     if (delays.empty()) {
         return NAN;

@@ -13,7 +13,7 @@
 
 namespace {
 
-/// Seconds since boot when this process was started, to a hundredth.
+/// When this process was started, in seconds since boot, to a hundredth.
 double processStart() {
     std::ifstream file("/proc/self/stat");
     std::string text((std::istreambuf_iterator<char>(file)), {});

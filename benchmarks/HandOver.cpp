@@ -7,7 +7,7 @@
 
 namespace {
 
-/// One piece of work handed over and finished, as after each block of a transfer that comes at full speed.
+/// One task run on the main thread while the caller waits, as after each block of a transfer at full speed.
 void handOver(benchmark::State& state) {
     int counter = 0;
     for ([[maybe_unused]] auto _ : state) {

@@ -16,7 +16,7 @@ using namespace std::chrono_literals;
 constexpr auto kBetweenMoves = 4ms;
 constexpr std::size_t kMost = 1U << 16U;
 
-// A move's number is written into its place: so many moves are never under way at once.
+// The position encodes a move's number, modulo this: fewer moves than that are pending at once.
 constexpr int kColumns = 200;
 constexpr int kRows = 100;
 constexpr std::size_t kPlaces = std::size_t{kColumns} * kRows;
@@ -87,7 +87,7 @@ void PointerProbe::startMoving() {
 
 void PointerProbe::served(QPoint place) {
     const std::size_t number = numberAt(place);
-    // The way back from the wrapped place to the number: the latest sent that was put there.
+    // The number of the latest move that was sent to this position.
     const std::size_t sent = moves_->sent;
     if (sent == 0 || number >= kPlaces) {
         return;

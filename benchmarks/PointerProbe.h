@@ -12,26 +12,24 @@ inline double milliseconds(Clock::duration time) {
     return std::chrono::duration<double, std::milli>(time).count();
 }
 
-/// Moves and presses the pointer through the X server's test extension, from a thread and over a connection
-/// of its own, and measures how long the main thread takes to serve each move. Ends the process where the
-/// display is no X server or lacks the extension.
+/// Moves the pointer with the X server's test extension, on its own thread and connection, and measures how
+/// long the main thread takes to handle each move. Ends the process where there is no X server or it lacks
+/// the extension. All functions are called on the main thread.
 class PointerProbe {
   public:
     PointerProbe();
     ~PointerProbe();
 
-    /// Main thread. Moves there, presses and releases the left button.
+    /// Moves to a position and clicks the left button.
     void click(QPoint place);
 
-    /// Main thread. From here on the pointer moves every few milliseconds.
+    /// From now on the pointer moves every few milliseconds.
     void startMoving();
 
-    /// Main thread: the pointer was seen at `place`. Moves that the toolkit left out for this later one count
-    /// as served now.
+    /// A move to `place` was handled. Earlier moves that the toolkit merged into it count as handled now.
     void served(QPoint place);
 
-    /// Main thread. Ends the moves; the milliseconds that each served one had waited. Moves still under way
-    /// count up to now.
+    /// Ends the moves and returns the delay of each in milliseconds, of pending ones up to now.
     std::vector<double> stop();
 
   private:

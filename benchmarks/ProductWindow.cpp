@@ -1,4 +1,4 @@
-// The product's start, as its main interface makes it, up to the first paint.
+// Measures the product's start up to the first paint.
 #include "FirstPaint.h"
 #include "app/MainInterface.h"
 
@@ -7,7 +7,7 @@
 
 namespace {
 
-// Runs when the application object is made: the window appears later.
+// Runs when the application object is constructed, before the window exists.
 void watchWindows() {
     class Watcher : public QObject {
       public:

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Downloads the same files with the product's window, a bare loop over its library, curl, wget and aria2c, one after
-the other, round for round, and prints medians, spread and ratios. Needs a display; scripts/bench gives it one."""
+"""Downloads the same files with the product's window, a bare loop over libcurl, curl, wget and aria2c in turn, and prints
+medians, spread and ratios. Needs a display; scripts/bench starts one."""
 import argparse
 import contextlib
 import filecmp
@@ -183,7 +183,7 @@ def main():
     options = parser.parse_args()
     folder = options.folder.resolve()
     folder.mkdir(parents=True, exist_ok=True)
-    # So that the server ends with this, whoever ends it.
+    # The server must end too when this process is terminated.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     results = Comparison(options.build.resolve(), folder).run(options.rounds, options.load or list(LOADS))
     (folder / "results.json").write_text(json.dumps(results, indent=1))

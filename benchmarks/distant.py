@@ -1,9 +1,9 @@
 #!/usr/bin/python3
-"""Runs a download from a server that is some way off, in a network namespace of its own, and prints what it cost.
+"""Measures a download over a connection with latency, in its own network namespace.
 
 Called as: unshare --net distant.py SOCKET DELAY HOME window|command COMMAND...
-SOCKET is the server's; every byte takes DELAY seconds each way. The kernel delays the packets where it can (tc netem);
-where it has no such queue, a relay does.
+SOCKET is the server's; DELAY is the one-way latency in seconds. The kernel delays the packets (tc netem) or, where it
+can't, a relay does.
 """
 import asyncio
 import json

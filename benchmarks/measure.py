@@ -13,7 +13,7 @@ def wait_for_the_next_start():
 
 
 def environment(home):
-    # A proxy or an address of somebody's session has no place in a measurement.
+    # Without proxies, and without the user's session.
     kept = {name: value for name, value in os.environ.items()
             if name in ("PATH", "DISPLAY", "XAUTHORITY", "LANG", "TMPDIR")}
     return kept | {"HOME": str(home), "QT_QPA_PLATFORM": "xcb"}

@@ -1,4 +1,4 @@
-"""What a comparison found, as Markdown and as a picture."""
+"""The results of a comparison as Markdown tables and as a plot."""
 import statistics
 from html import escape
 
@@ -54,8 +54,8 @@ def memory(peaks):
 
 
 def markdown(results, titles, rounds, versions):
-    """The tables: medians, with the least and the most in brackets."""
-    text = f"Medians of {rounds} rounds, in brackets the least and the most. {versions}.\n\n"
+    """Tables of medians, with minimum and maximum in brackets."""
+    text = f"Medians of {rounds} rounds, with minimum and maximum in brackets. {versions}.\n\n"
     for name, title in titles.items():
         if name in results:
             text += downloads(results[name], title)
@@ -63,7 +63,7 @@ def markdown(results, titles, rounds, versions):
 
 
 def plot(results, titles):
-    """Horizontal bars of the seconds, a group for each load, each on a scale of its own."""
+    """Horizontal bars of the seconds, one group and scale for each load."""
     width, left, bar, gap = 720, 110, 16, 6
     scale = width - left - 150
     y, parts = 10, []

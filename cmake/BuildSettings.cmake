@@ -1,4 +1,4 @@
-# Compiler settings that every target of ours shares: link `build_settings`.
+# Compiler settings of all targets: link `build_settings`.
 add_library(build_settings INTERFACE)
 target_compile_options(build_settings INTERFACE -Wall -Wextra -Wpedantic -Wshadow)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
@@ -18,8 +18,8 @@ if(PELLOMAR_SANITIZE)
   target_link_options(build_settings INTERFACE -fsanitize=${PELLOMAR_SANITIZE})
 endif()
 
-# Hardened in every preset, so that what is tested is what is shipped. FORTIFY needs the optimiser, and the
-# sanitizers do its work better.
+# All presets are hardened, so that what is tested is what is shipped. FORTIFY needs optimisation, and sanitizers replace
+# it.
 include(CheckPIESupported)
 check_pie_supported()
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)

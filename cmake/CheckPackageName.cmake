@@ -1,16 +1,16 @@
-# Refuses a PELLOMAR_PACKAGE_NAME that could not be the last part of the download address. Also run by itself:
+# Rejects a PELLOMAR_PACKAGE_NAME that could not be the last part of the download address. Also run by itself:
 # cmake -DPELLOMAR_PACKAGE_NAME=... -P CheckPackageName.cmake
 string(ASCII 1 first_control)
 string(ASCII 31 last_control)
 string(ASCII 127 delete)
 if(PELLOMAR_PACKAGE_NAME STREQUAL "" OR PELLOMAR_PACKAGE_NAME MATCHES "^\\.\\.?$")
-  set(objection "it names no file")
+  set(objection "it is not a file name")
 elseif(PELLOMAR_PACKAGE_NAME MATCHES "[/\\]")
   set(objection "it has a slash")
 elseif(PELLOMAR_PACKAGE_NAME MATCHES "[${first_control}-${last_control} ${delete}]")
   set(objection "it has a blank, a line feed or another control character")
 elseif(PELLOMAR_PACKAGE_NAME MATCHES "[?#]")
-  set(objection "an address ends at ? and #")
+  set(objection "? and # end the path of an address")
 endif()
 if(objection)
   message(FATAL_ERROR "PELLOMAR_PACKAGE_NAME can't be \"${PELLOMAR_PACKAGE_NAME}\": ${objection}")

@@ -1,4 +1,4 @@
-// The sample product: a window that says it is running, and waits to be closed.
+// The sample product: a window that says that it is running.
 #include <QApplication>
 #include <QGuiApplication>
 #include <QLinearGradient>

@@ -1,7 +1,7 @@
 // The sample's password dialog: password-dialog MESSAGE ADMINISTRATOR PASSWORD [again]
 //
-// Says what to type, because it stands where the system's own dialog would. Prints what was typed and ends
-// with 0, or with 1 where the dialog was closed.
+// It stands in for the desktop's dialog and says what to type. Prints what was typed and exits with 0, or
+// with 1 when the dialog was closed.
 #include <QApplication>
 #include <QDialog>
 #include <QDialogButtonBox>

@@ -1,4 +1,4 @@
-// Writes bytes that look like packed game data: the same on every machine, and of no use to a compressor.
+// Writes bytes like those of packed game data: the same on every machine, and incompressible.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

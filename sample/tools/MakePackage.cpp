@@ -1,6 +1,6 @@
-// Packs a folder into a flat package: a xar archive that holds PackageInfo and Payload, a gzip'd cpio of the
-// folder. Everything in it belongs to root and carries one time, so that a payload depends on the folder's
-// content alone.
+// Packs a folder into a flat package: a xar archive with PackageInfo and Payload, a gzip-compressed cpio
+// archive of the folder. All entries belong to root and have one time stamp, so that the payload depends on
+// the contents alone.
 #include <archive.h>
 #include <archive_entry.h>
 #include <sys/stat.h>
@@ -39,7 +39,7 @@ void expect(int result, archive* writer) {
     }
 }
 
-// A file that is removed again, however the program ends by its own doing.
+// A file that is removed on every return and exception.
 struct Scratch {
     fs::path path;
     ~Scratch() {
@@ -82,7 +82,7 @@ struct Contents {
 };
 
 Contents makePayload(const fs::path& folder, const fs::path& out) {
-    // A parent goes before what it holds, as its path is the shorter one.
+    // Folders precede their contents, since their paths are shorter.
     std::vector<fs::path> paths(fs::recursive_directory_iterator(folder), {});
     std::sort(paths.begin(), paths.end());
 

@@ -1,4 +1,4 @@
-// The sample statistics tool: keeps each event as one line of a file, and sends nothing anywhere.
+// The sample statistics tool: appends each event to a file as one line, and sends nothing.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -44,7 +44,7 @@ int main(int argc, char** argv) try {
     std::filesystem::create_directories(folder);
     const int file =
         open((folder / "WebStatistics.log").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    // One write a line keeps the lines of runs that overlap apart.
+    // One write per line keeps lines of concurrent runs apart.
     if (file < 0 || write(file, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
         std::perror("WebStatistics: cannot write its log");
         return 1;
