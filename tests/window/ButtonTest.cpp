@@ -1,13 +1,13 @@
 #include "window/Window.h"
 
+#include <QAccessible>
 #include <QTest>
 
 namespace {
 
 /// Presses and releases as the window system reports them: `presses` quick ones at one place, each handed to
 /// whichever view is there by then.
-void click(CoreImageView& panel, const QPoint& place, int presses,
-           Qt::MouseButton mouseButton = Qt::LeftButton) {
+void click(CoreImageView& panel, const QPoint& place, int presses, Qt::MouseButton mouseButton) {
     static quint64 now = 0;
     now += 10'000;
     const auto send = [&](QWidget* view, QEvent::Type type, Qt::MouseButtons held) {
@@ -18,36 +18,75 @@ void click(CoreImageView& panel, const QPoint& place, int presses,
     };
     for (int press = 1; press <= presses; ++press) {
         now += 50;
-        QWidget* view = panel.childAt(place);
+        QWidget* const view = panel.childAt(place);
         send(view, press == 2 ? QEvent::MouseButtonDblClick : QEvent::MouseButtonPress, mouseButton);
         now += 20;
         send(view, QEvent::MouseButtonRelease, Qt::NoButton);
     }
 }
 
-TEST_F(Window, CountsClicksAcrossButtons) {
+TEST_F(Window, ActsOncePerClick) {
     openSecondScreen();
-    const QPoint spot = button("stop_button").geometry().center();
+    button("checkbox").setImage(button("checkbox").normalImage());
     const struct {
+        const char* name;
         int presses;
         Qt::MouseButton mouseButton;
-        int stops;
-        std::vector<std::string> visible;
+        int actions;
     } rows[] = {
-        {1, Qt::LeftButton, 1, {"continue_button"}}, {2, Qt::LeftButton, 1, {"continue_button"}},
-        {3, Qt::LeftButton, 1, {"continue_button"}}, {1, Qt::RightButton, 0, {"stop_button"}},
-        {2, Qt::MiddleButton, 0, {"stop_button"}},
+        {"stop_button", 1, Qt::LeftButton, 1},   {"stop_button", 2, Qt::LeftButton, 1},
+        {"stop_button", 3, Qt::LeftButton, 1},   {"stop_button", 1, Qt::RightButton, 0},
+        {"stop_button", 2, Qt::MiddleButton, 0}, {"checkbox", 1, Qt::LeftButton, 1},
+        {"checkbox", 2, Qt::LeftButton, 1},      {"checkbox", 1, Qt::RightButton, 0},
     };
-    for (const auto& row : rows) {
-        button("stop_button").show();
+    for (const auto& [name, presses, mouseButton, actions] : rows) {
+        SCOPED_TRACE(std::string(name) + " " + std::to_string(presses));
         button("continue_button").hide();
+        button(name).show();
+        const bool wasTicked = button("checkbox").getStatus();
+        const auto counts = [&] {
+            return std::vector{log_.count(std::string(name) + " has been clicked"),
+                               log_.count("CoreImageView stopDownload"), log_.count("CoreImageView hitTest")};
+        };
+        std::vector<int> expected = counts();
+        const bool isStop = std::string_view(name) == "stop_button";
+        expected[0] += actions;
+        expected[1] += isStop ? actions : 0;
+        expected[2] += presses;
+        click(panel(), button(name).geometry().center(), presses, mouseButton);
+        EXPECT_EQ(counts(), expected);
+        EXPECT_EQ(button("checkbox").getStatus() != wasTicked, !isStop && actions == 1);
+        EXPECT_EQ(button("continue_button").isVisible(), isStop && actions == 1);
+        EXPECT_EQ(log_.count("CoreImageView continueDownload"), 0) << "the button that took its place";
+        button(name).hide();
+    }
+}
+
+TEST_F(Window, ActsOncePerKeyAndPressOfAScreenReader) {
+    openSecondScreen();
+    ImageButtonView& stop = button("stop_button");
+    QAccessibleInterface* const reader = QAccessible::queryAccessibleInterface(&stop);
+    EXPECT_EQ(reader->role(), QAccessible::PushButton);
+    EXPECT_EQ(reader->text(QAccessible::Name).toStdString(), "停止");
+    const auto key = [&](int code, bool isRepeated) {
+        QKeyEvent event(QEvent::KeyPress, code, Qt::NoModifier, " ", isRepeated);
+        QApplication::sendEvent(&stop, &event);
+    };
+    const std::pair<std::function<void()>, bool> rows[] = {
+        {[&] { key(Qt::Key_Space, false); }, true},
+        {[&] { key(Qt::Key_Return, false); }, true},
+        {[&] { key(Qt::Key_Space, true); }, false}, // held down
+        {[&] { key(Qt::Key_A, false); }, false},
+        {[&] { reader->actionInterface()->doAction(QAccessibleActionInterface::pressAction()); }, true},
+    };
+    for (const auto& [press, acts] : rows) {
+        button("continue_button").hide();
+        stop.show();
         const int before = log_.count("CoreImageView stopDownload");
-        const int hits = log_.count("CoreImageView hitTest");
-        click(panel(), spot, row.presses, row.mouseButton);
-        EXPECT_EQ(log_.count("CoreImageView stopDownload") - before, row.stops) << row.presses;
-        EXPECT_EQ(log_.count("CoreImageView hitTest") - hits, row.presses);
-        EXPECT_EQ(visibleButtons(), row.visible) << row.presses;
-        EXPECT_EQ(log_.count("CoreImageView continueDownload"), 0);
+        press();
+        QCoreApplication::processEvents();
+        EXPECT_EQ(log_.count("CoreImageView stopDownload") - before, acts ? 1 : 0);
+        EXPECT_EQ(stop.isVisible(), !acts);
     }
 }
 
@@ -57,10 +96,9 @@ TEST_F(Window, AButtonShowsItsPressAndActsOnRelease) {
     stop.show();
     QTest::mousePress(&stop, Qt::LeftButton);
     EXPECT_EQ(stop.image(), stop.deepImage());
-    EXPECT_EQ(log_.count("stop_button has been clicked"), 1);
     EXPECT_EQ(log_.count("CoreImageView stopDownload"), 0);
 
-    // Hidden while held down: back at rest when it is shown again, and the release is nobody's click.
+    // Hidden while held down: back at rest when it is shown again, and the release acts on no button.
     stop.hide();
     QTest::mouseRelease(&button("continue_button"), Qt::LeftButton);
     stop.show();
@@ -73,18 +111,48 @@ TEST_F(Window, AButtonShowsItsPressAndActsOnRelease) {
     EXPECT_EQ(log_.count("CoreImageView stopDownload"), 1);
 }
 
-TEST_F(Window, AGrayButtonKeepsItsPictureAndStillSendsItsMessage) {
-    panel().enableStart(false);
+TEST_F(Window, StartsOnlyWithConsent) {
     ImageButtonView& start = button("start_button");
+    ImageButtonView& consent = button("checkbox");
+    const QAccessibleInterface* const reader = QAccessible::queryAccessibleInterface(&consent);
+    EXPECT_EQ(reader->role(), QAccessible::CheckBox);
+    EXPECT_TRUE(reader->state().checked);
+    consent.show();
+    QTest::mouseClick(&consent, Qt::LeftButton);
+    EXPECT_FALSE(reader->state().checked);
+
+    const std::string flag = home_.path() + "/Library/Application Support/PellomarData/CoverInstallFlag";
+    ASSERT_EQ(std::system(("install -D /dev/null '" + flag + "'").c_str()), 0);
     QTest::mousePress(&start, Qt::LeftButton);
     EXPECT_EQ(start.image(), start.grayImage());
-    button("checkbox").setImage(button("checkbox").deepImage());
     QTest::mouseRelease(&start, Qt::LeftButton);
     EXPECT_EQ(start.image(), start.grayImage());
+    EXPECT_EQ(log_.count("start_button has been clicked"), 1);
     EXPECT_EQ(log_.count("CoreImageView startDownload url:"), 1);
-    EXPECT_FALSE(start.getStatus());
-    panel().enableStart(true);
+    EXPECT_NE(access(flag.c_str(), F_OK), 0) << "the last answer must not outlive a press of start";
+    EXPECT_EQ(visibleButtons(), (std::vector<std::string>{"start_button", "checkbox"}));
+
+    consent.performClick();
     EXPECT_EQ(start.image(), start.normalImage());
+    EXPECT_TRUE(consent.getStatus());
+    EXPECT_FALSE(start.getStatus());
+}
+
+TEST_F(Window, TabGoesRoundTheVisibleButtons) {
+    const auto tab = [this] {
+        QTest::keyClick(panel().window(), Qt::Key_Tab);
+        return dynamic_cast<ImageButtonView&>(*QApplication::focusWidget()).imageName();
+    };
+    panel().window()->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(panel().window()));
+    button("start_button").clearFocus();
+    ImageButtonView::setKeyboardLeads(false);
+    const QImage plain = drawn();
+    EXPECT_EQ(tab(), "start_button");
+    EXPECT_FALSE(drawn() == plain);
+    button("checkbox").show();
+    EXPECT_EQ(tab(), "checkbox");
+    EXPECT_EQ(tab(), "start_button");
 }
 
 } // namespace
