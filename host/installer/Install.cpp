@@ -1,7 +1,9 @@
 #include "installer/Install.h"
 
 #include "installer/Output.h"
+#include "installer/Receipt.h"
 #include "installer/Scripts.h"
+#include "installer/SetAside.h"
 #include "installer/Staging.h"
 #include "installer/StagingLayout.h"
 #include "installer/Unpacker.h"
@@ -11,8 +13,10 @@
 #include "package/Payload.h"
 #include "package/Trust.h"
 
+#include <fcntl.h>
 #include <sys/statvfs.h>
 
+#include <ctime>
 #include <limits>
 
 namespace installer {
@@ -21,29 +25,78 @@ using namespace package;
 
 namespace {
 
-constexpr std::uint64_t kUnlimited = std::numeric_limits<std::uint64_t>::max();
-
 std::uint64_t freeBytes(const Staging& staging) {
     struct statvfs fileSystem{};
     if (fstatvfs(staging.folder(), &fileSystem) != 0) {
         throw systemFailure("the target cannot be examined");
     }
-    if (fileSystem.f_blocks == 0) { // keeps no count
-        return kUnlimited;
+    if (fileSystem.f_blocks == 0) { // does not count them
+        return std::numeric_limits<std::uint64_t>::max();
     }
-    // What only root may use is left for the system to live on.
+    // What is reserved for root is left to the system.
     return static_cast<std::uint64_t>(fileSystem.f_bavail) * fileSystem.f_frsize;
 }
 
+TrustedCertificates readTrusted(const Request& request) {
+    TrustedCertificates trusted;
+    if (request.isSignatureDemanded) {
+        trusted.demandSignature();
+    }
+    if (!request.trusted.empty()) {
+        trusted.addFolder(request.trusted);
+        return trusted;
+    }
+    for (const char* folder : kTrustedFolders) {
+        trusted.addFolder(folder);
+    }
+    return trusted;
+}
+
+FileDescriptor openPackage(const Request& request) {
+    // Checked to be a regular file before anything is read; what else it could be must not block here.
+    FileDescriptor file(request.descriptor >= 0
+                            ? fcntl(request.descriptor, F_DUPFD_CLOEXEC, 0)
+                            : open(request.package.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!file.isOpen()) {
+        throw systemFailure("the package cannot be opened");
+    }
+    return file;
+}
+
 void reportSigner(const Package& package, const TrustedCertificates& trusted) {
-    const std::optional<std::string> signer = verifySigner(package, trusted);
-    if (!signer) {
+    if (package.signer().empty()) {
         print("installer: The package is not signed.\n");
         return;
     }
-    print("installer: Signed by " + *signer + "\n");
-    if (trusted.isEmpty()) {
+    print("installer: Signed by " + package.signer() + "\n");
+    if (!trusted.demandsSignature()) {
         print("installer: No certificate is trusted on this machine, so anybody could be the signer.\n");
+    }
+}
+
+class UsageCount : public PayloadSink {
+  public:
+    void begin(const PayloadEntry&) override { usage.addEntry(); }
+    void data(const void*, std::size_t size, std::int64_t) override { usage.addData(size); }
+    void end() override {}
+
+    DiskUsage usage;
+};
+
+// Where the disk has no room for the payload and for the application that is set aside, but for one of them.
+void makeRoom(const Package& package, const Entry& payload, const PackageInfo& info, const Staging& staging) {
+    const std::uint64_t available = freeBytes(staging);
+    if (!isSetAside(staging.folder()) || (info.kilobytes && largestPayload(info) <= available)) {
+        return;
+    }
+    UsageCount count;
+    readPayload(*package.open(payload), count);
+    const std::uint64_t needed = count.usage.bytes();
+    if (needed > available && needed <= available + bytesSetAside(staging.folder())) {
+        std::fputs("installer: The disk has no room for the installed application and the new one; "
+                   "the installed one is removed first.\n",
+                   stderr);
+        staging.discardAside();
     }
 }
 
@@ -57,15 +110,16 @@ Allowance allowanceFor(const PackageInfo& info, const Staging& staging) {
 
 void unpackPayload(const Package& package, const PackageInfo& info, const Staging& staging) {
     const Entry& payload = requireEntry(package, "Payload");
+    makeRoom(package, payload, info, staging);
     const FileDescriptor folder = staging.makeFolder(kNewFolder);
     const std::unique_ptr<EntryReader> reader = package.open(payload);
     unsigned quarters = 0;
-    const auto tell = [&] {
+    const auto report = [&] {
         while (quarters < 4 && reader->consumed() * 4 >= payload.data->stored.length * (quarters + 1)) {
             print("installer: " + std::to_string(25 * ++quarters) + "%\n");
         }
     };
-    Unpacker unpacker(folder.get(), info.location, allowanceFor(info, staging), tell);
+    Unpacker unpacker(folder.get(), info.location, allowanceFor(info, staging), report);
     readPayload(*reader, unpacker);
     unpacker.finish();
     if (unpacker.entries() == 0) {
@@ -86,20 +140,33 @@ FileDescriptor unpackScripts(const Package& package, const Staging& staging) {
     return folder;
 }
 
+Receipt receiptFor(const Package& package, const PackageInfo& info) {
+    const std::time_t now = std::time(nullptr);
+    std::tm time{};
+    gmtime_r(&now, &time);
+    char text[32];
+    (void)std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &time);
+    return {info.identifier, info.version, text, package.signer().empty() ? "none" : package.signer(), {}};
+}
+
 } // namespace
 
 void install(const Request& request, const Staging& staging) {
-    const TrustedCertificates trusted(request.trusted);
+    const TrustedCertificates trusted = readTrusted(request);
     print("installer: Checking the package\n");
-    const Package package(takeCopy(request.package, staging.folder(), freeBytes(staging)));
+    Package package(openPackage(request), trusted);
     reportSigner(package, trusted);
-    package.verifyEntries(!trusted.isEmpty());
+    package.makePrivate(staging.folder(), freeBytes(staging));
+    package.verifyEntries();
     const PackageInfo info = readPackageInfo(package);
+    requireNotOlder(staging.target(), info);
 
     unpackPayload(package, info, staging);
+    requireOwnPlaces(staging.target(), staging.folder(), info);
     const FileDescriptor scripts = unpackScripts(package, staging);
+    writeReceipt(staging.folder(), receiptFor(package, info));
     const std::string slash = request.target.ends_with('/') ? "" : "/";
-    const ScriptArguments arguments{request.package, request.target + slash + info.location, request.target};
+    const ScriptArguments arguments{package.file(), request.target + slash + info.location, request.target};
     runScript(scripts.get(), "preinstall", arguments);
     staging.swapIn();
     runScript(scripts.get(), "postinstall", arguments);

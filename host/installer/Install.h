@@ -7,13 +7,16 @@ namespace installer {
 class Staging;
 
 struct Request {
-    std::string package;                                     // path of a flat package
-    std::string target;                                      // path of the folder to install into
-    std::string trusted = "/etc/pellomar-installer/trusted"; // folder of certificates
+    std::string package; ///< path of a flat package
+    int descriptor = -1; ///< the package, already open, in which case nothing is read from its path
+    std::string target;  ///< path of the folder to install into
+    bool isSignatureDemanded = false; ///< even where no certificate is trusted
+    std::string trusted; ///< folder of trusted certificates; empty: the usual ones, package::kTrustedFolders
 };
 
-// Does all that an install takes, up to the mark in the staging folder that makes it count. Prints progress.
-// Throws Failure; what was done until then is undone by closing the staging folder.
+/// Installs up to the mark in the staging folder that commits it. Prints progress. Throws package::Failure;
+/// what was done until then is undone by closing the staging folder. Takes at most 32 MB of memory, whatever
+/// the package is.
 void install(const Request& request, const Staging& staging);
 
 } // namespace installer

@@ -1,5 +1,6 @@
 #include "installer/Staging.h"
 
+#include "installer/Receipt.h"
 #include "installer/SetAside.h"
 #include "installer/StagingLayout.h"
 #include "installer/Swap.h"
@@ -123,6 +124,7 @@ bool Staging::isDone() const {
 
 void Staging::discardAside() const {
     discard(kAside);
+    removeDiscarded();
 }
 
 // Renaming first makes it certain that nothing partly removed is taken for the whole, and that nothing that
@@ -139,7 +141,9 @@ void Staging::discard(const std::string& name) const {
 
 void Staging::settle() const {
     const bool wasDone = isDone();
-    if (!wasDone) {
+    if (wasDone) {
+        commitReceipt(target(), folder());
+    } else {
         undoSwap(target(), folder(), readSwapPlan(folder()));
     }
     // Without its plan, nothing would be undone again; without the mark, what is planned would be. So the
@@ -154,6 +158,10 @@ void Staging::settle() const {
         }
     }
     removeTree(folder(), kDone);
+    removeDiscarded();
+}
+
+void Staging::removeDiscarded() const {
     for (const std::string& name : namesIn(folder())) {
         if (name.starts_with(kDiscarded)) {
             try {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "package/FileDescriptor.h"
+#include "base/FileDescriptor.h"
 
 #include <chrono>
 #include <string>
@@ -32,7 +32,7 @@ class Staging {
     int folder() const { return folder_.get(); }
 
     /// Makes and opens a folder in it, accessible to its owner only.
-    package::FileDescriptor makeFolder(const std::string& name) const;
+    FileDescriptor makeFolder(const std::string& name) const;
 
     /// Puts everything that is in new/ into the target: what is not there yet and what is there as a bundle
     /// comes as a whole, other folders are merged. Can be undone until markDone. Throws Failure, with nothing
@@ -54,10 +54,11 @@ class Staging {
   private:
     void settle() const;
     void discard(const std::string& name) const;
+    void removeDiscarded() const;
     void sync() const;
 
-    package::FileDescriptor target_;
-    package::FileDescriptor folder_;
+    FileDescriptor target_;
+    FileDescriptor folder_;
 };
 
 } // namespace installer

@@ -1,8 +1,10 @@
 #include "installer/Supervisor.h"
 
+#include "base/Pipe.h"
+#include "installer/Descendants.h"
 #include "installer/Output.h"
+#include "installer/Scripts.h"
 #include "package/Failure.h"
-#include "package/FileDescriptor.h"
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -25,11 +27,16 @@ namespace {
 constexpr std::array kEndingSignals{SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGXCPU};
 constexpr char kStopped[] = "stopped by a signal";
 
-volatile pid_t worker = 0; // NOLINT(*-avoid-non-const-global-variables): a handler has no other way
+volatile pid_t worker = 0; // NOLINT(*-avoid-non-const-global-variables): a signal handler has no other way
 volatile std::sig_atomic_t wasStopped = 0;
+
+void closeAll() {
+    close_range(STDERR_FILENO + 1, ~0U, 0);
+}
 
 extern "C" void onEndingSignal(int) {
     if (worker <= 0) {
+        closeAll();
         printFailure(kStopped);
         _exit(EXIT_FAILURE);
     }
@@ -38,6 +45,8 @@ extern "C" void onEndingSignal(int) {
 }
 
 extern "C" void onParentDeath(int) {
+    killRunningScript();
+    closeAll(); // the lock on the target, too: printing may take any time
     printFailure("the supervising process was killed");
     _exit(EXIT_FAILURE);
 }
@@ -76,8 +85,8 @@ std::string causeOf(const std::function<void()>& work) {
 }
 
 [[noreturn]] void beWorker(const std::function<void()>& work, int causes, pid_t parent) {
-    // Whatever asks the whole group to end is the parent's to answer; a signal to this process alone is
-    // seen by the parent.
+    // A signal to the whole process group is handled by the parent, which also sees one to this process
+    // alone.
     for (const int number : {SIGHUP, SIGINT, SIGQUIT}) {
         handle(number, SIG_IGN);
     }
@@ -91,6 +100,7 @@ std::string causeOf(const std::function<void()>& work) {
     if (getppid() != parent) {
         onParentDeath(SIGUSR1);
     }
+    adoptOrphans();
     const std::string cause = causeOf(work);
     // A pipe takes this much at once.
     (void)!write(causes, cause.data(), std::min<std::size_t>(cause.size(), 4096));
@@ -106,35 +116,35 @@ int waitForWorker() {
 
 } // namespace
 
-void sayWhenStopped() {
+void reportWhenStopped() {
     handleEndingSignals(onEndingSignal);
 }
 
 Ending supervise(const std::function<void()>& work) {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) {
+    Pipe causes;
+    if (!causes.readEnd.isOpen()) {
         throw systemFailure("cannot start");
     }
-    const FileDescriptor reading(ends[0]);
-    FileDescriptor writing(ends[1]);
     const sigset_t blocked = endingSignals();
     sigprocmask(SIG_BLOCK, &blocked, nullptr);
+    adoptOrphans(); // of a worker that is killed
     const pid_t self = getpid();
     const pid_t child = fork();
     if (child == 0) {
-        beWorker(work, writing.get(), self);
+        beWorker(work, causes.writeEnd.get(), self);
     }
     worker = child;
     sigprocmask(SIG_UNBLOCK, &blocked, nullptr);
     if (child < 0) {
         throw systemFailure("cannot start");
     }
-    writing = FileDescriptor();
+    causes.writeEnd.reset();
     const int status = waitForWorker();
     handleEndingSignals(SIG_IGN);
+    endDescendants();
 
     std::array<char, 4096> text{};
-    const ssize_t size = read(reading.get(), text.data(), text.size());
+    const ssize_t size = read(causes.readEnd.get(), text.data(), text.size());
     if (WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS) {
         return {true, {}};
     }
@@ -145,7 +155,7 @@ Ending supervise(const std::function<void()>& work) {
         return {false, kStopped};
     }
     return {false, WIFSIGNALED(status) ? "the worker was ended by signal " + std::to_string(WTERMSIG(status))
-                                       : "the worker ended without a word"};
+                                       : "the worker ended without giving a cause"};
 }
 
 } // namespace installer

@@ -1,9 +1,10 @@
 #include "installer/Swap.h"
 
+#include "base/FileDescriptor.h"
+#include "base/ReadWrite.h"
 #include "installer/StagingLayout.h"
 #include "installer/Tree.h"
 #include "package/Failure.h"
-#include "package/FileDescriptor.h"
 #include "package/Text.h"
 
 #include <fcntl.h>
@@ -22,16 +23,6 @@ namespace {
 
 constexpr char kUnfinishedPlan[] = "plan.part";
 
-// A folder that is one thing to its users: it belongs to one package, old files in it would be mistaken for
-// the new version's.
-bool isBundle(std::string_view name) {
-    constexpr std::array<std::string_view, 7> kExtensions{".app",    ".bundle",   ".framework", ".kext",
-                                                          ".plugin", ".prefPane", ".xpc"};
-    return std::any_of(kExtensions.begin(), kExtensions.end(), [&](std::string_view extension) {
-        return name.size() > extension.size() && name.ends_with(extension);
-    });
-}
-
 // Where an entry is found: an open folder and a name in it.
 struct Place {
     Place(int root, const std::string& path) {
@@ -47,8 +38,7 @@ struct Place {
     std::string name;
 };
 
-// The three places of the plan's entry of that index. What has happened to it so far can be told from which
-// of them are taken.
+// The three places of the plan's entry of that index. Which of them are taken tells how far it has come.
 struct Places {
     Places(int target, int staging, const SwapPlan& plan, std::size_t index)
         : coming(staging, std::string(kNewFolder) + "/" + plan[index]), proper(target, plan[index]),
@@ -70,9 +60,6 @@ class Planner {
             place += name;
             const auto there = statusOf(present, name);
             const bool isFolder = S_ISDIR(statusOf(coming, name).value().st_mode);
-            if (place == kStagingName) {
-                throw Failure("the package has an entry where installs are prepared");
-            }
             if (!there) {
                 plan.push_back(place);
                 continue;
@@ -109,6 +96,14 @@ class Planner {
 
 } // namespace
 
+bool isBundle(std::string_view name) {
+    constexpr std::array<std::string_view, 7> kExtensions{".app",    ".bundle",   ".framework", ".kext",
+                                                          ".plugin", ".prefPane", ".xpc"};
+    return std::any_of(kExtensions.begin(), kExtensions.end(), [&](std::string_view extension) {
+        return name.size() > extension.size() && name.ends_with(extension);
+    });
+}
+
 SwapPlan makeSwapPlan(int target, int staging) {
     struct stat status{};
     if (fstat(target, &status) != 0) {
@@ -127,15 +122,8 @@ void writeSwapPlan(int staging, const SwapPlan& plan) {
     }
     const FileDescriptor file(
         openat(staging, kUnfinishedPlan, O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600));
-    for (std::size_t done = 0; file.isOpen() && done < text.size();) {
-        const ssize_t more = write(file.get(), text.data() + done, text.size() - done);
-        if (more < 0) {
-            throw systemFailure("the target cannot be written to");
-        }
-        done += static_cast<std::size_t>(more);
-    }
-    if (!file.isOpen() || fsync(file.get()) != 0 || renameat(staging, kUnfinishedPlan, staging, kPlan) != 0 ||
-        fsync(staging) != 0) {
+    if (!file.isOpen() || !writeAll(file.get(), text) || fsync(file.get()) != 0 ||
+        renameat(staging, kUnfinishedPlan, staging, kPlan) != 0 || fsync(staging) != 0) {
         throw systemFailure("the target cannot be written to");
     }
 }
@@ -145,16 +133,11 @@ SwapPlan readSwapPlan(int staging) {
         return {};
     }
     const FileDescriptor file(openat(staging, kPlan, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    std::string text;
-    std::array<char, 65536> block{};
-    ssize_t got = file.isOpen() ? 1 : -1;
-    while (got > 0) {
-        got = read(file.get(), block.data(), block.size());
-        text.append(block.data(), got > 0 ? static_cast<std::size_t>(got) : 0);
-    }
-    if (got < 0) {
+    const std::optional<std::string> content = file.isOpen() ? readAll(file.get()) : std::nullopt;
+    if (!content) {
         throw systemFailure("what an earlier install left cannot be read");
     }
+    const std::string& text = *content;
     SwapPlan plan;
     for (std::size_t begin = 0; begin < text.size();) {
         const std::size_t end = text.find('\0', begin);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "package/FileDescriptor.h"
+#include "base/FileDescriptor.h"
 
 #include <sys/stat.h>
 
@@ -13,7 +13,7 @@
 namespace installer {
 
 /// Opens the folder at `path` below `folder`; an empty path is `folder` itself.
-package::FileDescriptor openFolder(int folder, const std::string& path);
+FileDescriptor openFolder(int folder, const std::string& path);
 
 /// The entry's own status (of a link, not of its target); empty where there is no such entry.
 std::optional<struct stat> statusOf(int folder, const std::string& name);

@@ -9,29 +9,47 @@
 
 namespace installer {
 
-// What a payload may take on disk.
+/// What a payload may take on disk, in bytes.
 struct Allowance {
-    std::uint64_t available = 0; // bytes that are free
-    std::uint64_t stated = 0;    // bytes that the package says it needs, with some tolerance
+    std::uint64_t available = 0; ///< free on the file system
+    std::uint64_t stated = 0;    ///< what the package says it needs, with some tolerance
 };
 
-// Writes a payload into a folder that is ours alone and empty, with the modes, times and (as root) owners
-// that it states. Makes the folder the process's working folder. Not thread-safe.
+/// Counts what a payload takes on disk.
+class DiskUsage {
+  public:
+    void addEntry() { bytes_ += kBlock; }
+    void addData(std::uint64_t size) { contents_ += size; }
+    std::uint64_t contents() const { return contents_; } ///< bytes in files
+    /// With a block for each entry, and for the part of one at each file's end.
+    std::uint64_t bytes() const { return bytes_ + contents_; }
+
+  private:
+    static constexpr std::uint64_t kBlock = 4096;
+    std::uint64_t bytes_ = 0;
+    std::uint64_t contents_ = 0;
+};
+
+/// Writes a payload into an empty folder that nobody else can enter, with the modes and times that it states.
+/// What it installs belongs to whoever runs this program, root, and is writable by nobody else, whatever it
+/// states: it cannot know this machine's users. Makes the folder the process's working folder. Not
+/// thread-safe.
 class Unpacker : public package::PayloadSink {
   public:
-    // `location` is relative to the folder; `onProgress` is called after each piece. Throws Failure when the
-    // folder cannot be entered.
+    /// `location` is relative to the folder; `onProgress` is called after each piece. Throws Failure when the
+    /// folder cannot be entered.
     Unpacker(int folder, std::string location, Allowance allowance, std::function<void()> onProgress);
 
-    // Throw Failure when something cannot be written, or takes more than allowed.
+    /// These throw Failure when something cannot be written, takes more than allowed, or is in a reserved
+    /// place.
     void begin(const package::PayloadEntry& entry) override;
     void data(const void* bytes, std::size_t size, std::int64_t offset) override;
     void end() override;
 
-    // Gives the folders their modes and times, which wait until nothing more goes into them.
+    /// Sets the folders' modes and times, once they are complete.
     void finish();
 
-    std::uint64_t bytes() const { return bytes_; } // of file contents
+    std::uint64_t bytes() const { return usage_.contents(); } ///< in files
     std::uint64_t entries() const { return entries_; }
 
   private:
@@ -43,7 +61,7 @@ class Unpacker : public package::PayloadSink {
     Allowance allowance_;
     std::function<void()> onProgress_;
     std::string current_; // path being written
-    std::uint64_t bytes_ = 0;
+    DiskUsage usage_;
     std::uint64_t entries_ = 0;
 };
 

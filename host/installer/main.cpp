@@ -2,20 +2,25 @@
 #include "base/StandardStreams.h"
 #include "installer/Install.h"
 #include "installer/Output.h"
+#include "installer/Receipt.h"
 #include "installer/Staging.h"
 #include "installer/Supervisor.h"
+#include "installer/Tree.h"
 #include "package/Failure.h"
 
+#include <fcntl.h>
 #include <linux/close_range.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <climits>
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <new>
 #include <string>
 #include <string_view>
@@ -27,15 +32,25 @@ using package::Failure;
 
 constexpr char kUsage[] =
     "Usage: installer -pkg FILE -target DIR [-trusted DIR]\n"
+    "       installer -receipts [-target DIR]\n"
     "\n"
     "Installs the flat package FILE into the folder DIR, completely or not at all. Progress and the outcome\n"
     "go to standard output; the exit status is 0 only for a complete install.\n"
     "\n"
     "  -pkg FILE     the package: a xar archive that holds PackageInfo, Payload and, if need be, Scripts\n"
     "  -target DIR   the folder to install into, / for this machine\n"
-    "  -trusted DIR  a folder of certificates in PEM form (/etc/pellomar-installer/trusted); where it holds\n"
-    "                any, only a package that is signed by one of them, or in its name, is installed\n"
-    "  --help        show this text\n";
+    "  -trusted DIR  a folder of trusted certificates in PEM form and pinned keys, in place of the usual "
+    "two,\n"
+    "                /usr/lib/pellomar-installer/trusted and /etc/pellomar-installer/trusted; see "
+    "installer(8)\n"
+    "  -receipts     list what is installed: identifier, version, time and the signer's fingerprint\n"
+    "  --help        show this text\n"
+    "\n"
+    "Where the environment variable INSTALLER_PACKAGE_FD is set, the package is read from the open file of "
+    "that\n"
+    "number, and FILE is not opened.\n";
+
+constexpr char kDescriptorVariable[] = "INSTALLER_PACKAGE_FD";
 
 void prepareProcess() {
     occupyStandardStreams();
@@ -43,23 +58,56 @@ void prepareProcess() {
     close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC);
     (void)std::setlocale(LC_CTYPE, "C.UTF-8"); // names in the archive are UTF-8
     umask(S_IWGRP | S_IWOTH);
-    std::signal(SIGPIPE, SIG_IGN); // a caller that stopped reading still wants a whole install
+    std::signal(SIGPIPE, SIG_IGN); // a caller that stopped reading still wants a complete install
     std::signal(SIGXFSZ, SIG_IGN); // so that the write fails and is reported
     rlimit files{};
-    if (getrlimit(RLIMIT_NOFILE, &files) == 0) { // deep trees take some
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0) { // deep trees need many
         files.rlim_cur = files.rlim_max;
         setrlimit(RLIMIT_NOFILE, &files);
     }
-    installer::sayWhenStopped();
+    installer::reportWhenStopped();
 }
 
-Request parse(int argc, char** argv) {
-    Request request;
+// A second line of defence: all that a package can make this program allocate is limited where it is read.
+void limitMemory() {
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // both reserve terabytes
+    constexpr rlim_t kMore = 48 << 20;
+    rlim_t pages = 0;
+    rlimit memory{};
+    if (std::ifstream("/proc/self/statm") >> pages && getrlimit(RLIMIT_AS, &memory) == 0) {
+        memory.rlim_cur =
+            std::min(memory.rlim_cur, pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + kMore);
+        setrlimit(RLIMIT_AS, &memory);
+    }
+#endif
+}
+
+int descriptorFrom(std::string_view text) {
+    int number = -1;
+    const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (problem != std::errc() || end != text.data() + text.size() || number <= STDERR_FILENO ||
+        fcntl(number, F_GETFD) < 0) {
+        throw Failure(std::string(kDescriptorVariable) + " is not the number of an open file");
+    }
+    return number;
+}
+
+struct Arguments : Request {
+    bool isList = false; // of receipts
+};
+
+Arguments parse(int argc, char** argv) {
+    Arguments arguments;
+    arguments.isSignatureDemanded = DEMANDS_SIGNATURE;
     for (int i = 1; i < argc; ++i) {
         const std::string_view argument = argv[i];
-        std::string* value = argument == "-pkg"       ? &request.package
-                             : argument == "-target"  ? &request.target
-                             : argument == "-trusted" ? &request.trusted
+        if (argument == "-receipts") {
+            arguments.isList = true;
+            continue;
+        }
+        std::string* value = argument == "-pkg"       ? &arguments.package
+                             : argument == "-target"  ? &arguments.target
+                             : argument == "-trusted" ? &arguments.trusted
                                                       : nullptr;
         if (!value) {
             throw Failure("unknown argument; see installer --help");
@@ -69,28 +117,49 @@ Request parse(int argc, char** argv) {
         }
         *value = argv[++i];
     }
-    // Only the usual folder may be missing: whoever names one expects its certificates to count.
-    if (request.trusted != Request().trusted && !std::filesystem::is_directory(request.trusted)) {
+    // Only the usual folders may be missing.
+    if (!arguments.trusted.empty() && !std::filesystem::is_directory(arguments.trusted)) {
         throw Failure("-trusted names no folder");
     }
-    if (request.package.empty() || request.target.empty()) {
+    if (arguments.isList) {
+        return arguments;
+    }
+    if (arguments.package.empty() || arguments.target.empty()) {
         throw Failure("-pkg FILE and -target DIR are needed; see installer --help");
     }
-    return request;
+    if (const char* number = std::getenv(kDescriptorVariable)) {
+        arguments.descriptor = descriptorFrom(number);
+    }
+    return arguments;
+}
+
+void list(const std::string& target) {
+    const FileDescriptor folder(open(target.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder.isOpen()) {
+        throw package::systemFailure("the target cannot be examined");
+    }
+    installer::forEachReceipt(folder.get(), [](const installer::Receipt& receipt) {
+        installer::printOutcome(receipt.identifier + " " + receipt.version + " " + receipt.time + " " +
+                                receipt.signer + "\n");
+    });
 }
 
 void run(const Request& request) {
     const installer::Staging staging(request.target);
-    const installer::Ending ending = installer::supervise([&] { install(request, staging); });
-    const bool counts = staging.isDone(); // whatever happened to the worker after that
+    const installer::Ending ending = installer::supervise([&] {
+        limitMemory();
+        install(request, staging);
+    });
+    const bool isCommitted = staging.isDone(); // whatever happened to the worker after that
     try {
         staging.close();
     } catch (const Failure& problem) {
-        if (!counts) {
+        if (!isCommitted) {
             throw Failure(ending.cause + "; and the target could not be put back: " + problem.what());
         }
+        std::fprintf(stderr, "installer: the next run will complete this one: %s\n", problem.what());
     }
-    if (!counts) {
+    if (!isCommitted) {
         throw Failure(ending.cause);
     }
 }
@@ -101,11 +170,16 @@ int main(int argc, char** argv) {
     prepareProcess();
     try {
         if (argc == 2 && std::string_view(argv[1]) == "--help") {
-            installer::print(kUsage);
+            installer::printOutcome(kUsage);
             return EXIT_SUCCESS;
         }
-        run(parse(argc, argv));
-        installer::print("installer: The install was successful.\n");
+        const Arguments arguments = parse(argc, argv);
+        if (arguments.isList) {
+            list(arguments.target.empty() ? "/" : arguments.target);
+            return EXIT_SUCCESS;
+        }
+        run(arguments);
+        installer::printOutcome("installer: The install was successful.\n");
         return EXIT_SUCCESS;
     } catch (const std::bad_alloc&) {
         installer::printFailure("out of memory");

@@ -4,6 +4,7 @@
 #include "package/Failure.h"
 #include "package/Package.h"
 #include "package/Payload.h"
+#include "package/Text.h"
 
 #include <archive_entry.h>
 #include <sys/stat.h>
@@ -39,9 +40,7 @@ class PayloadCheck : public Measure {
 
     void begin(const PayloadEntry& entry) override {
         isEmpty = false;
-        if ((prefix_ + entry.path + "/").starts_with(std::string(kStagingName) + "/")) {
-            throw Failure("the package has an entry where installs are prepared");
-        }
+        requireNotReserved(prefix_ + entry.path);
     }
 
     bool isEmpty = true;
@@ -63,6 +62,14 @@ class ScriptsCheck : public Measure {
 };
 
 } // namespace
+
+void requireNotReserved(const std::string& place) {
+    for (const std::string reserved : {kStagingName, kReceiptsParent}) {
+        if ((place + "/").starts_with(reserved + "/")) {
+            throw Failure("the package has an entry in the installer's own folder: " + inQuotes(place));
+        }
+    }
+}
 
 const Entry& requireEntry(const Package& package, const char* name) {
     const Entry* entry = package.find(name);

@@ -7,14 +7,18 @@
 #include <cstdint>
 #include <string>
 
-// What a package must hold to be installed. Whoever signs one asks the same of it as whoever installs it.
+/// What a package must hold to be installed. The signing tool applies the same rules as the installer.
 namespace package {
 
 class Package;
 struct Entry;
 
-/// The folder of the target in which installs are prepared, where no package may put anything.
+/// The folders below a target where the installer keeps its own files.
 inline constexpr char kStagingName[] = ".pellomar-installer";
+inline constexpr char kReceiptsParent[] = "var/lib/pellomar-installer";
+
+/// Throws Failure when a place, relative to the target, is in one of them.
+void requireNotReserved(const std::string& place);
 
 /// Bytes of all files that come with the scripts.
 inline constexpr std::uint64_t kLargestScripts = 64 << 20;

@@ -1,29 +1,31 @@
 #include "package/Package.h"
 
+#include "base/ReadWrite.h"
 #include "package/Failure.h"
 #include "package/Text.h"
+#include "package/Trust.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <vector>
 
 namespace package {
 
 namespace {
 
-constexpr std::size_t kBlock = 1 << 20;
-constexpr std::uint64_t kLongestSignature = 2048; // of a 16384-bit key
+constexpr std::size_t kBlock = 1 << 18;
+constexpr std::uint64_t kLongestSignature = 2048; // bytes, of a 16384-bit key
 
 FileDescriptor namelessFile(int folder) {
     FileDescriptor file(openat(folder, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
     if (file.isOpen()) {
         return file;
     }
-    // Not every file system can make one; the folder is ours alone, so this comes to the same.
+    // Not every file system supports that; nobody else can enter the folder, so this is equivalent.
     constexpr char kName[] = "package";
     unlinkat(folder, kName, 0);
     file = FileDescriptor(openat(folder, kName, O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC | O_NOFOLLOW, 0600));
@@ -33,90 +35,106 @@ FileDescriptor namelessFile(int folder) {
     return file;
 }
 
-// Copies what is left of `from`, by reading and writing.
-void copyRest(int from, int to, std::uint64_t left) {
+void copyBytes(int from, int to, std::uint64_t left) {
     std::vector<char> block(kBlock);
-    for (;;) {
-        const ssize_t got = read(from, block.data(), block.size());
-        if (got == 0) {
-            return;
-        }
-        if (got < 0) {
-            throw systemFailure("the package cannot be read");
-        }
-        if (static_cast<std::uint64_t>(got) > left) {
-            throw Failure("not enough free space on the target");
+    while (left > 0) {
+        const ssize_t got = read(from, block.data(), std::min<std::uint64_t>(left, block.size()));
+        if (got <= 0) {
+            throw got < 0 ? systemFailure("the package cannot be read")
+                          : Failure("the package is damaged: it breaks off before its end");
         }
         left -= static_cast<std::uint64_t>(got);
-        for (ssize_t written = 0; written < got;) {
-            const ssize_t more = write(to, block.data() + written, static_cast<std::size_t>(got - written));
-            if (more < 0) {
-                throw systemFailure("the package cannot be copied to the target");
-            }
-            written += more;
+        if (!writeAll(to, {block.data(), static_cast<std::size_t>(got)})) {
+            throw systemFailure("the package cannot be copied to the target");
         }
     }
 }
 
 } // namespace
 
-FileDescriptor takeCopy(const std::string& path, int folder, std::uint64_t room) {
-    const FileDescriptor original(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (!original.isOpen()) {
-        throw systemFailure("the package cannot be opened");
-    }
-    struct stat status{};
-    if (fstat(original.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-        throw Failure("the package is not a regular file");
-    }
-    if (static_cast<std::uint64_t>(status.st_size) > room) {
-        throw Failure("not enough free space on the target");
-    }
-    FileDescriptor copy = namelessFile(folder);
-    // The kernel copies, and on some file systems shares, what was there to begin with; the rest of a file
-    // that is growing meanwhile, and everything where the kernel can't, goes by hand.
-    std::uint64_t left = room;
-    for (off_t wanted = status.st_size; wanted > 0;) {
-        const ssize_t got = copy_file_range(original.get(), nullptr, copy.get(), nullptr,
-                                            static_cast<std::size_t>(wanted), 0);
-        if (got <= 0) {
-            break;
-        }
-        wanted -= got;
-        left -= static_cast<std::uint64_t>(got);
-    }
-    copyRest(original.get(), copy.get(), left);
-    return copy;
-}
+Package::Package(FileDescriptor file) : Package(std::move(file), nullptr) {}
 
-Package::Package(FileDescriptor file) : file_(std::move(file)) {
+Package::Package(FileDescriptor file, const TrustedCertificates& trusted)
+    : Package(std::move(file), &trusted) {}
+
+Package::Package(FileDescriptor file, const TrustedCertificates* trusted) : file_(std::move(file)) {
     struct stat status{};
     if (fstat(file_.get(), &status) != 0) {
         throw systemFailure("the package cannot be read");
+    }
+    if (!S_ISREG(status.st_mode)) {
+        throw Failure("the package is not a regular file");
     }
     size_ = static_cast<std::uint64_t>(status.st_size);
     if (size_ < kHeaderSize) {
         throw Failure("not a package: it is too short");
     }
-    const Header header = parseHeader(bytesAt(0, kHeaderSize));
-    heap_ = header.size + header.tableLength;
-    if (heap_ > size_) {
+    front_ = bytesAt(0, kHeaderSize);
+    const Header header = parseHeader(front_);
+    if (heap() + header.tableLength > size_) {
         throw Failure("not a package, or a damaged one: it breaks off in its table");
     }
-    const std::string packed = bytesAt(header.size, header.tableLength);
+    const std::string packed = bytesAt(kHeaderSize, header.tableLength);
+    front_ += packed;
     Digest digest(header.digest);
     digest.update(packed.data(), packed.size());
-    tableDigest_ = digest.finish();
-    // The place of the digest is known from the table alone, which is therefore read before it is compared.
-    table_ = parseTable(inflated(packed, header.tableUnpacked, "the package's table"));
-    if (table_.digestKind != header.digest) {
+    const std::string tableDigest = digest.finish();
+    const std::string xml = inflated(packed, header.tableUnpacked, "the package's table");
+    const Seal seal = parseSeal(xml);
+    if (seal.digestKind != header.digest) {
         throw Failure("the package's header and table differ about the kind of its digest");
     }
-    hasStrayBytes_ = !accountsForAll(table_, size_ - heap_);
-    if (table_.digest.length != tableDigest_.size() ||
-        bytesAt(heap_ + table_.digest.offset, table_.digest.length) != tableDigest_) {
+    if (seal.digest.length != tableDigest.size() || heapBytes(seal.digest) != tableDigest) {
         throw Failure("the package's table does not match its digest");
     }
+    if (trusted) {
+        verifySeal(seal, tableDigest, *trusted);
+    }
+    table_ = parseTable(xml);
+    if (!accountsForAll(table_, size_ - heap()) && isSignatureDemanded_) {
+        throw Failure("the package has bytes that its table does not account for");
+    }
+}
+
+void Package::verifySeal(const Seal& seal, const std::string& tableDigest,
+                         const TrustedCertificates& trusted) {
+    isSignatureDemanded_ = trusted.demandsSignature();
+    if (!seal.signature) {
+        if (isSignatureDemanded_) {
+            throw Failure("the package is not signed");
+        }
+        return;
+    }
+    const Extent& place = seal.signature->place;
+    if (place.length > kLongestSignature) {
+        throw Failure("the package's signature is too long");
+    }
+    signer_ = verifySignature({seal.digestKind, tableDigest, heapBytes(place), seal.signature->certificates},
+                              trusted);
+}
+
+void Package::makePrivate(int folder, std::uint64_t room) {
+    if (size_ > room) {
+        throw Failure("not enough free space on the target");
+    }
+    FileDescriptor copy = namelessFile(folder);
+    std::uint64_t at = heap();
+    if (pwrite(copy.get(), front_.data(), front_.size(), 0) != static_cast<ssize_t>(front_.size()) ||
+        lseek(copy.get(), static_cast<off_t>(at), SEEK_SET) < 0 ||
+        lseek(file_.get(), static_cast<off_t>(at), SEEK_SET) < 0) {
+        throw systemFailure("the package cannot be copied to the target");
+    }
+    // The kernel copies, and on some file systems shares; where it cannot, the bytes go through a buffer.
+    while (at < size_) {
+        const ssize_t got = copy_file_range(file_.get(), nullptr, copy.get(), nullptr,
+                                            static_cast<std::size_t>(size_ - at), 0);
+        if (got <= 0) {
+            break;
+        }
+        at += static_cast<std::uint64_t>(got);
+    }
+    copyBytes(file_.get(), copy.get(), size_ - at);
+    file_ = std::move(copy);
 }
 
 std::string Package::bytesAt(std::uint64_t offset, std::uint64_t length) const {
@@ -124,32 +142,31 @@ std::string Package::bytesAt(std::uint64_t offset, std::uint64_t length) const {
     for (std::size_t got = 0; got < bytes.size();) {
         const ssize_t more =
             pread(file_.get(), bytes.data() + got, bytes.size() - got, static_cast<off_t>(offset + got));
-        if (more <= 0) {
+        if (more < 0) {
             throw systemFailure("the package cannot be read");
+        }
+        if (more == 0) {
+            throw Failure("the package is damaged: it breaks off before its end");
         }
         got += static_cast<std::size_t>(more);
     }
     return bytes;
 }
 
-std::string Package::signatureBytes() const {
-    const Extent place = table_.signature ? table_.signature->place : Extent();
-    if (place.length > kLongestSignature) {
-        throw Failure("the package's signature is too long");
+std::string Package::heapBytes(const Extent& extent) const {
+    if (extent.length > kLongestSignature || extent.offset + extent.length > size_ - heap()) {
+        throw Failure("the package is damaged: it breaks off before its end");
     }
-    return bytesAt(heap_ + place.offset, place.length);
+    return bytesAt(heap() + extent.offset, extent.length);
 }
 
-void Package::verifyEntries(bool mustBeStrong) const {
-    if (mustBeStrong && hasStrayBytes_) {
-        throw Failure("the package has bytes that its table does not account for");
-    }
+void Package::verifyEntries() const {
     for (const Entry& entry : table_.entries) {
         if (!entry.data || entry.data->stored.length == 0) {
             continue;
         }
         const std::optional<Checksum>& expected = entry.data->storedChecksum;
-        if (mustBeStrong && (!expected || !isStrong(expected->kind))) {
+        if (isSignatureDemanded_ && (!expected || !isStrong(expected->kind))) {
             throw Failure("the package has an entry without a strong checksum: " + inQuotes(entry.path));
         }
         if (!expected) {
@@ -178,13 +195,13 @@ std::unique_ptr<EntryReader> Package::open(const Entry& entry) const {
     if (!entry.data) {
         throw Failure("the package is damaged: it has an empty " + inQuotes(entry.path));
     }
-    return std::make_unique<EntryReader>(file_.get(), heap_ + entry.data->stored.offset, *entry.data);
+    return std::make_unique<EntryReader>(file_.get(), heap() + entry.data->stored.offset, *entry.data);
 }
 
 std::unique_ptr<EntryReader> Package::openAsStored(const Entry& entry) const {
     const Data& data = entry.data.value();
     return std::make_unique<EntryReader>(
-        file_.get(), heap_ + data.stored.offset,
+        file_.get(), heap() + data.stored.offset,
         Data{data.stored, data.stored.length, kPlainEncoding, {}, data.storedChecksum});
 }
 

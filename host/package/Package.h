@@ -1,7 +1,7 @@
 #pragma once
 
+#include "base/FileDescriptor.h"
 #include "package/EntryReader.h"
-#include "package/FileDescriptor.h"
 #include "package/Table.h"
 
 #include <cstdint>
@@ -11,51 +11,63 @@
 
 namespace package {
 
-// Copies the file at `path` into a file without a name, below `folder` and on its file system, which nobody
-// but us can reach: whatever happens to `path` from then on changes nothing. Throws Failure when it is not a
-// regular file that can be read, or is larger than `room` bytes.
-FileDescriptor takeCopy(const std::string& path, int folder, std::uint64_t room);
+class TrustedCertificates;
 
-// A flat package: a xar archive. Opening one checks all that there is but the entries' contents. Not
-// thread-safe.
+/// A flat package: a xar archive. Not thread-safe.
 class Package {
   public:
-    // The file must not change any more. Throws Failure when it is not an archive whose table matches its
-    // digest.
+    /// Reads the table, checking everything but its signature and the entries' contents. Throws Failure when
+    /// the file is no regular one, or no archive whose table matches its digest.
     explicit Package(FileDescriptor file);
 
+    /// The same, but before anything of the table's entries is read, the signature is verified. Throws
+    /// Failure also when that fails, or when a signature is demanded and there is none, or there are bytes
+    /// that it does not cover.
+    Package(FileDescriptor file, const TrustedCertificates& trusted);
+
+    /// Continues with a private copy: a file without a name, below `folder` and on its file system. Its table
+    /// is the one that was verified, and whatever happens to the original from then on changes nothing.
+    /// Throws Failure when it would be larger than `room` bytes.
+    void makePrivate(int folder, std::uint64_t room);
+
+    /// Open for reading and writing; stays the package's.
+    int file() const { return file_.get(); }
+
+    /// The SHA-256 fingerprint of the signer's certificate in hexadecimal digits; empty where there is no
+    /// signature, or it was not verified.
+    const std::string& signer() const { return signer_; }
+
     const Table& table() const { return table_; }
-    const std::string& tableDigest() const { return tableDigest_; }
-    std::uint64_t size() const { return size_; }
 
-    // The bytes of the signature. Throws Failure when they are more than a signature takes.
-    std::string signatureBytes() const;
+    /// Reads every entry as stored and compares its checksum. Throws Failure when one does not match or,
+    /// where a signature is demanded, has no checksum that detects tampering.
+    void verifyEntries() const;
 
-    // Reads every entry as stored and compares its checksum. Throws Failure when one does not match or, with
-    // `mustBeStrong`, has no checksum that withstands ill will, or there are bytes besides the entries.
-    void verifyEntries(bool mustBeStrong) const;
-
-    // The file of that path, or null. A folder of the name counts as none.
+    /// The file of that path, or null. A folder of the name counts as none.
     const Entry* find(std::string_view path) const;
 
-    // A reader of the file's contents. The package must outlive it. Throws Failure when the file is empty.
+    /// A reader of the file's contents. The package must outlive it. Throws Failure when the file is empty.
     std::unique_ptr<EntryReader> open(const Entry& entry) const;
 
-    // The same for the bytes as they are stored, compared with their checksum if there is one.
+    /// The same for the bytes as they are stored, compared with their checksum if there is one.
     std::unique_ptr<EntryReader> openAsStored(const Entry& entry) const;
 
-    // The whole contents. Throws Failure when they are longer than `most`.
+    /// The whole contents. Throws Failure when they are longer than `most`.
     std::string text(const Entry& entry, std::size_t most) const;
 
   private:
+    Package(FileDescriptor file, const TrustedCertificates* trusted);
+    void verifySeal(const Seal& seal, const std::string& tableDigest, const TrustedCertificates& trusted);
+    std::uint64_t heap() const { return front_.size(); } // where the heap begins
     std::string bytesAt(std::uint64_t offset, std::uint64_t length) const;
+    std::string heapBytes(const Extent& extent) const;
 
     FileDescriptor file_;
     std::uint64_t size_ = 0;
-    std::uint64_t heap_ = 0; // where the heap begins
+    std::string front_; // header and table, as stored
     Table table_;
-    bool hasStrayBytes_ = false;
-    std::string tableDigest_;
+    bool isSignatureDemanded_ = false;
+    std::string signer_;
 };
 
 } // namespace package

@@ -11,10 +11,12 @@ namespace package {
 
 namespace {
 
+// One that is fit for a file's name.
 bool isPlainWord(const std::string& text) {
-    return !text.empty() && text.size() <= 255 && std::all_of(text.begin(), text.end(), [](unsigned char c) {
-        return c > ' ' && c < 0x7f && c != '/';
-    });
+    constexpr std::size_t kLongest = 200;
+    return !text.empty() && text.size() <= kLongest && text.front() != '.' &&
+           std::all_of(text.begin(), text.end(),
+                       [](unsigned char c) { return c > ' ' && c < 0x7f && c != '/'; });
 }
 
 std::optional<std::uint64_t> kilobytesOf(const Element& root) {

@@ -1,6 +1,7 @@
 #include "package/Payload.h"
 
 #include "package/Archive.h"
+#include "package/Digest.h"
 #include "package/EntryReader.h"
 #include "package/Failure.h"
 #include "package/Text.h"
@@ -8,21 +9,22 @@
 #include <archive_entry.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <unordered_map>
-#include <utility>
 
 namespace package {
 
 namespace {
 
-// Both bound the memory that the names below take.
-constexpr std::size_t kMostEntries = 200'000;
-constexpr std::size_t kMostNameBytes = 16 << 20;
+// These limit the memory that a package takes, here and while it is unpacked and swapped in.
+constexpr std::size_t kMostEntries = 100'000;
+constexpr std::size_t kMostFolders = 20'000;
+constexpr std::size_t kMostNameBytes = 8 << 20;
 
-// Lets libarchive read from an EntryReader, whose exceptions must not fly through it.
+// Lets libarchive read from an EntryReader, whose exceptions must not pass through it.
 class Stream {
   public:
     explicit Stream(EntryReader& reader) : reader_(reader) {}
@@ -55,7 +57,7 @@ class Stream {
     std::string cause_;
 };
 
-// The rules that every entry obeys, whatever is done with it.
+/// The rules for every entry, whatever is done with it.
 class EntryRules {
   public:
     PayloadEntry check(archive_entry* entry) {
@@ -83,43 +85,63 @@ class EntryRules {
                 throw Failure("the package has a link that leads nowhere: " + inQuotes(checked.path));
             }
         }
-        for (std::size_t slash = checked.path.find('/'); slash != std::string::npos;
-             slash = checked.path.find('/', slash + 1)) {
-            Place& parent = place(checked.path.substr(0, slash));
-            parent.isParent = true;
-            if (parent.type != S_IFDIR) {
-                throw Failure("the package has a path through a link or file of its own: " +
-                              inQuotes(checked.path));
-            }
-        }
-        Place& own = place(checked.path);
-        if (own.isStated || (own.isParent && type != S_IFDIR)) {
-            throw Failure("the package has two entries of one name: " + inQuotes(checked.path));
-        }
-        own.type = type;
-        own.isStated = true;
+        addParents(checked.path);
+        add(checked.path, type == S_IFDIR ? Kind::Folder : Kind::Other);
         return checked;
     }
 
   private:
-    struct Place {
-        mode_t type = S_IFDIR;
-        bool isStated = false; // it has an entry of its own
-        bool isParent = false; // another entry's path goes through it
+    enum class Kind : std::uint8_t { ImpliedFolder, Folder, Other };
+    // Enough of a path's SHA-256 digest to identify it, in far less memory than the path takes.
+    using Key = std::array<std::uint64_t, 2>;
+    struct KeyHash {
+        std::size_t operator()(const Key& key) const noexcept { return key[0]; }
     };
 
-    Place& place(std::string path) {
-        const std::size_t size = path.size();
-        const auto [place, isNew] = places_.try_emplace(std::move(path));
-        nameBytes_ += isNew ? size : 0;
-        if (places_.size() > kMostEntries || nameBytes_ > kMostNameBytes) {
-            throw Failure("the package has too many entries");
-        }
-        return place->second;
+    static Key keyOf(std::string_view path) {
+        Digest digest(DigestKind::Sha256);
+        digest.update(path.data(), path.size());
+        Key key{};
+        std::memcpy(key.data(), digest.finish().data(), sizeof key);
+        return key;
     }
 
-    std::unordered_map<std::string, Place> places_;
+    void addParents(const std::string& path) {
+        for (std::size_t slash = path.rfind('/'); slash != std::string::npos && slash > 0;
+             slash = path.rfind('/', slash - 1)) {
+            const auto [parent, isNew] = kinds_.emplace(keyOf(path.substr(0, slash)), Kind::ImpliedFolder);
+            if (parent->second == Kind::Other) {
+                throw Failure("the package has a path through a link or file of its own: " + inQuotes(path));
+            }
+            if (!isNew) {
+                return; // so are its parents
+            }
+            count(slash, true);
+        }
+    }
+
+    void add(const std::string& path, Kind kind) {
+        const auto [place, isNew] = kinds_.emplace(keyOf(path), kind);
+        if (isNew) {
+            count(path.size(), kind == Kind::Folder);
+        } else if (kind == Kind::Folder && place->second == Kind::ImpliedFolder) {
+            place->second = kind;
+        } else {
+            throw Failure("the package has two entries of one name: " + inQuotes(path));
+        }
+    }
+
+    void count(std::size_t nameSize, bool isFolder) {
+        nameBytes_ += nameSize;
+        folders_ += isFolder ? 1 : 0;
+        if (kinds_.size() > kMostEntries || folders_ > kMostFolders || nameBytes_ > kMostNameBytes) {
+            throw Failure("the package has too many entries");
+        }
+    }
+
+    std::unordered_map<Key, Kind, KeyHash> kinds_;
     std::size_t nameBytes_ = 0;
+    std::size_t folders_ = 0;
 };
 
 ArchiveReader openPayload(Stream& stream) {

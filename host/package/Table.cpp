@@ -14,7 +14,9 @@ namespace package {
 
 namespace {
 
+constexpr char kWhat[] = "the package's table";
 constexpr std::size_t kMostCertificates = 10;
+constexpr std::size_t kMostNameBytes = 1 << 20; // of all entries, whose names repeat their folders'
 
 std::uint64_t bigEndian(std::string_view bytes) {
     std::uint64_t value = 0;
@@ -82,7 +84,11 @@ std::string fromBase64(std::string_view text, const char* what) {
                         static_cast<int>(packed.size())) < 0) {
         malformed(what);
     }
-    bytes.resize(bytes.size() - (packed.size() - packed.find_last_not_of('=') - 1));
+    const std::size_t padding = packed.size() - packed.find_last_not_of('=') - 1;
+    if (padding > 2) {
+        malformed(what);
+    }
+    bytes.resize(bytes.size() - padding);
     return bytes;
 }
 
@@ -134,6 +140,10 @@ class EntryList {
             throw Failure("the package has an entry without a name");
         }
         entry.path.insert(0, folder);
+        nameBytes_ += entry.path.size();
+        if (entry.path.size() > kLongestPath || nameBytes_ > kMostNameBytes) {
+            throw Failure("the package's table has names that are too long");
+        }
         if (!names_.insert(entry.path).second) {
             throw Failure("the package has two entries of one name: " + inQuotes(entry.path));
         }
@@ -167,7 +177,33 @@ class EntryList {
   private:
     Table& table_;
     std::unordered_set<std::string> names_;
+    std::size_t nameBytes_ = 0;
 };
+
+const Element& tableOfContents(const Element& root) {
+    const Element* toc = root.name == "xar" ? root.child("toc") : nullptr;
+    if (!toc) {
+        malformed("root");
+    }
+    return *toc;
+}
+
+Seal readSeal(const Element& toc) {
+    Seal seal;
+    const Element* digest = toc.child("checksum");
+    if (!digest) {
+        malformed("checksum");
+    }
+    seal.digestKind = digestStyle(*digest);
+    seal.digest = {number(*digest, "offset"), number(*digest, "size")};
+    if (const Element* signature = toc.child("signature")) {
+        if (signature->attribute("style") != "RSA") {
+            throw Failure("the package's signature is of an unknown kind");
+        }
+        seal.signature = readSignature(*signature);
+    }
+    return seal;
+}
 
 } // namespace
 
@@ -205,30 +241,20 @@ Header parseHeader(std::string_view bytes) {
     return header;
 }
 
+Seal parseSeal(std::string_view xml) {
+    return readSeal(tableOfContents(parseXml(xml, kWhat, "file")));
+}
+
 Table parseTable(std::string_view xml) {
-    const Element root = parseXml(xml, "the package's table");
-    const Element* toc = root.name == "xar" ? root.child("toc") : nullptr;
-    if (!toc) {
-        malformed("root");
-    }
+    const Element root = parseXml(xml, kWhat);
+    const Element& toc = tableOfContents(root);
     Table table;
-    const Element* digest = toc->child("checksum");
-    if (!digest) {
-        malformed("checksum");
-    }
-    table.digestKind = digestStyle(*digest);
-    table.digest = {number(*digest, "offset"), number(*digest, "size")};
-    if (const Element* signature = toc->child("signature")) {
-        if (signature->attribute("style") != "RSA") {
-            throw Failure("the package's signature is of an unknown kind");
-        }
-        table.signature = readSignature(*signature);
-    }
-    if (const Element* other = toc->child("x-signature")) {
+    table.seal = readSeal(toc);
+    if (const Element* other = toc.child("x-signature")) {
         table.ignored.push_back({number(*other, "offset"), number(*other, "size")});
     }
     EntryList list(table);
-    for (const Element& element : toc->children) {
+    for (const Element& element : toc.children) {
         if (element.name == "file") {
             list.add(element, "");
         }
@@ -238,9 +264,9 @@ Table parseTable(std::string_view xml) {
 
 bool accountsForAll(const Table& table, std::uint64_t heapSize) {
     std::vector<Extent> parts = table.ignored;
-    parts.push_back(table.digest);
-    if (table.signature) {
-        parts.push_back(table.signature->place);
+    parts.push_back(table.seal.digest);
+    if (table.seal.signature) {
+        parts.push_back(table.seal.signature->place);
     }
     for (const Entry& entry : table.entries) {
         if (entry.data) {

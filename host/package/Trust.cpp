@@ -1,8 +1,7 @@
 #include "package/Trust.h"
 
+#include "base/FileDescriptor.h"
 #include "package/Failure.h"
-#include "package/FileDescriptor.h"
-#include "package/Package.h"
 #include "package/Text.h"
 
 #include <fcntl.h>
@@ -17,6 +16,8 @@
 
 #include <cerrno>
 #include <new>
+#include <optional>
+#include <sstream>
 
 namespace fs = std::filesystem;
 
@@ -53,33 +54,42 @@ T present(T object) {
     return object;
 }
 
-// Its owner could give it any mode again, so it counts as well.
 void requireOursAlone(int file, const std::string& what) {
     struct stat status{};
     if (fstat(file, &status) != 0) {
         throw systemFailure(what + " cannot be examined");
     }
+    // An owner can change the mode, whatever it is now.
     if ((status.st_uid != 0 && status.st_uid != geteuid()) || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
         throw Failure(what + " can be changed by others than the administrator");
     }
 }
 
-std::string readTrusted(int folder, const fs::path& name) {
-    const std::string what = "the trusted certificate " + inQuotes(name.string());
+std::string readTrusted(int folder, const std::string& name) {
     const FileDescriptor file(openat(folder, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status{};
     if (!file.isOpen() || fstat(file.get(), &status) != 0) {
-        throw systemFailure(what + " cannot be read");
+        throw systemFailure("cannot be read");
     }
-    requireOursAlone(file.get(), what);
+    requireOursAlone(file.get(), "the file");
     if (!S_ISREG(status.st_mode) || status.st_size > kLargestPem) {
-        throw Failure(what + " is not a file of certificates");
+        throw Failure("is not a file of certificates");
     }
-    std::string pem(static_cast<std::size_t>(status.st_size), '\0');
-    if (read(file.get(), pem.data(), pem.size()) != status.st_size) {
-        throw Failure(what + " cannot be read");
+    std::string content(static_cast<std::size_t>(status.st_size), '\0');
+    if (read(file.get(), content.data(), content.size()) != status.st_size) {
+        throw Failure("cannot be read");
     }
-    return pem;
+    return content;
+}
+
+bool leadsThroughDanglingLink(const fs::path& path) {
+    std::error_code problem;
+    for (fs::path place = path; !place.empty() && place != place.root_path(); place = place.parent_path()) {
+        if (fs::is_symlink(fs::symlink_status(place, problem)) && !fs::exists(place, problem)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 Certificate parse(const std::string& der) {
@@ -175,6 +185,7 @@ void verifyChain(X509* signer, STACK_OF(X509) * chain, const TrustedCertificates
         throw Failure(chainFailure(X509_STORE_CTX_get_error(verification.get())));
     }
     requireMeantForSigning(X509_STORE_CTX_get0_chain(verification.get()));
+    trusted.requireAccepted(signer);
 }
 
 } // namespace
@@ -185,11 +196,11 @@ void TrustedCertificates::Free::operator()(x509_store_st* store) const {
 
 TrustedCertificates::TrustedCertificates() : store_(present(X509_STORE_new())) {}
 
-TrustedCertificates::TrustedCertificates(const fs::path& folder) : TrustedCertificates() {
+void TrustedCertificates::addFolder(const fs::path& folder) {
     const std::string what = "the folder of trusted certificates";
     const FileDescriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!opened.isOpen()) {
-        if (errno == ENOENT) {
+        if (errno == ENOENT && !leadsThroughDanglingLink(folder)) {
             return;
         }
         throw systemFailure(what + " cannot be read");
@@ -198,22 +209,15 @@ TrustedCertificates::TrustedCertificates(const fs::path& folder) : TrustedCertif
     std::error_code problem;
     for (fs::directory_iterator file(folder, problem), end; !problem && file != end;
          file.increment(problem)) {
-        const fs::path name = file->path().filename();
-        // Hidden files, and versions that the package manager set aside: maybe an old publisher's.
-        if (name.string().front() == '.' || name.string().find(".dpkg-") != std::string::npos) {
-            continue;
+        isDemanding_ = true;
+        const std::string name = file->path().filename().string();
+        if (name.front() == '.' || name.find(".dpkg-") != std::string::npos) {
+            continue; // may be a former publisher's
         }
-        const std::string pem = readTrusted(opened.get(), name);
-        const Input input(present(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()))));
-        const std::size_t before = count_;
-        while (const Certificate certificate{PEM_read_bio_X509(input.get(), nullptr, nullptr, nullptr)}) {
-            add(certificate.get());
-        }
-        // Anything but the end of the file would leave certificates out.
-        const bool atEnd = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
-        ERR_clear_error();
-        if (!atEnd || count_ == before) {
-            throw Failure("the trusted certificate " + inQuotes(name.string()) + " cannot be read");
+        try {
+            addFile(readTrusted(opened.get(), name), name.ends_with(".keys"));
+        } catch (const Failure& failure) {
+            throw Failure("the trusted certificate " + inQuotes(name) + " " + failure.what());
         }
     }
     if (problem) {
@@ -221,11 +225,56 @@ TrustedCertificates::TrustedCertificates(const fs::path& folder) : TrustedCertif
     }
 }
 
+void TrustedCertificates::addFile(const std::string& content, bool arePins) {
+    if (arePins) {
+        std::istringstream lines(content);
+        for (std::string line; std::getline(lines, line);) {
+            const std::optional<std::string> digest = fromHex(line);
+            if (!digest || digest->size() != 32) {
+                throw Failure("has a line that is not the SHA-256 digest of a key");
+            }
+            pin(toHex(*digest));
+        }
+        return;
+    }
+    const Input input(present(BIO_new_mem_buf(content.data(), static_cast<int>(content.size()))));
+    bool hasAny = false;
+    while (const Certificate certificate{PEM_read_bio_X509(input.get(), nullptr, nullptr, nullptr)}) {
+        add(certificate.get());
+        hasAny = true;
+    }
+    // Anything but the end of the file would leave certificates out.
+    const bool atEnd = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
+    ERR_clear_error();
+    if (!atEnd || !hasAny) {
+        throw Failure("cannot be read");
+    }
+}
+
 void TrustedCertificates::add(x509_st* certificate) {
     if (X509_STORE_add_cert(store_.get(), certificate) != 1) {
         throw std::bad_alloc();
     }
-    ++count_;
+    certificates_.insert(fingerprint(certificate));
+    isDemanding_ = true;
+}
+
+void TrustedCertificates::requireAccepted(x509_st* signer) const {
+    if (certificates_.count(fingerprint(signer)) == 0 && pins_.count(publicKeyDigest(signer)) == 0) {
+        throw Failure("the signer has a certificate of a trusted authority, but is not trusted itself");
+    }
+}
+
+std::string publicKeyDigest(x509_st* certificate) {
+    unsigned char* bytes = nullptr;
+    const int size = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(certificate), &bytes);
+    if (size <= 0) {
+        throw std::bad_alloc();
+    }
+    Digest digest(DigestKind::Sha256);
+    digest.update(bytes, static_cast<std::size_t>(size));
+    OPENSSL_free(bytes);
+    return toHex(digest.finish());
 }
 
 std::string verifySignature(const Signed& what, const TrustedCertificates& trusted) {
@@ -241,27 +290,14 @@ std::string verifySignature(const Signed& what, const TrustedCertificates& trust
         }
         (void)certificate.release();
     }
-    if (!trusted.isEmpty() && !isStrong(what.kind)) {
+    if (trusted.demandsSignature() && !isStrong(what.kind)) {
         throw Failure("the package's signature is over a digest that is too weak");
     }
     verifyWithKey(signer.get(), what);
-    if (!trusted.isEmpty()) {
+    if (trusted.demandsSignature()) {
         verifyChain(signer.get(), others.get(), trusted);
     }
     return fingerprint(signer.get());
-}
-
-std::optional<std::string> verifySigner(const Package& package, const TrustedCertificates& trusted) {
-    const Table& table = package.table();
-    if (!table.signature) {
-        if (trusted.isEmpty()) {
-            return {};
-        }
-        throw Failure("the package is not signed");
-    }
-    return verifySignature(
-        {table.digestKind, package.tableDigest(), package.signatureBytes(), table.signature->certificates},
-        trusted);
 }
 
 } // namespace package

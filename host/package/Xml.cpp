@@ -13,14 +13,16 @@ namespace package {
 
 namespace {
 
-constexpr std::size_t kMostElements = 200'000;
+constexpr std::size_t kMostItems = 20'000; // elements and attributes
 constexpr std::size_t kDeepest = 64;
 
 struct Reading {
     XML_Parser parser = nullptr;
     Element root;
     std::vector<Element*> open; // the elements whose end has not come yet
-    std::size_t elements = 0;
+    std::string_view skipped;
+    std::size_t skippedDepth = 0; // how many elements are open in a skipped one, itself included
+    std::size_t items = 0;
     const char* problem = nullptr;
 
     void stop(const char* cause) {
@@ -29,7 +31,7 @@ struct Reading {
     }
 };
 
-// Exceptions must not fly through the C library that calls these.
+// Exceptions must not pass through the C library that calls these.
 template <typename Step>
 void guarded(void* data, Step step) {
     auto& reading = *static_cast<Reading*>(data);
@@ -45,7 +47,15 @@ void guarded(void* data, Step step) {
 
 void onStart(void* data, const XML_Char* name, const XML_Char** attributes) {
     guarded(data, [&](Reading& reading) {
-        if (++reading.elements > kMostElements || reading.open.size() >= kDeepest) {
+        if (reading.skippedDepth > 0 || (!reading.skipped.empty() && name == reading.skipped)) {
+            ++reading.skippedDepth;
+            return;
+        }
+        ++reading.items;
+        for (const XML_Char** attribute = attributes; *attribute; attribute += 2) {
+            ++reading.items;
+        }
+        if (reading.items > kMostItems || reading.open.size() >= kDeepest) {
             reading.stop("is too large");
             return;
         }
@@ -63,12 +73,20 @@ void onStart(void* data, const XML_Char* name, const XML_Char** attributes) {
 }
 
 void onEnd(void* data, const XML_Char*) {
-    guarded(data, [](Reading& reading) { reading.open.pop_back(); });
+    guarded(data, [](Reading& reading) {
+        if (reading.skippedDepth > 0) {
+            --reading.skippedDepth;
+        } else {
+            reading.open.pop_back();
+        }
+    });
 }
 
 void onText(void* data, const XML_Char* text, int size) {
     guarded(data, [&](Reading& reading) {
-        reading.open.back()->text.append(text, static_cast<std::size_t>(size));
+        if (reading.skippedDepth == 0) {
+            reading.open.back()->text.append(text, static_cast<std::size_t>(size));
+        }
     });
 }
 
@@ -94,20 +112,21 @@ const Element* Element::child(std::string_view key) const {
             continue;
         }
         if (found) {
-            throw Failure("the package says twice what is said once: " + inQuotes(key));
+            throw Failure("the package has a duplicate XML element: " + inQuotes(key));
         }
         found = &candidate;
     }
     return found;
 }
 
-Element parseXml(std::string_view xml, const std::string& what) {
+Element parseXml(std::string_view xml, const std::string& what, std::string_view skipped) {
     const std::unique_ptr<std::remove_pointer_t<XML_Parser>, FreeParser> parser(XML_ParserCreate(nullptr));
     if (!parser) {
         throw std::bad_alloc();
     }
     Reading reading;
     reading.parser = parser.get();
+    reading.skipped = skipped;
     XML_SetUserData(parser.get(), &reading);
     XML_SetElementHandler(parser.get(), onStart, onEnd);
     XML_SetCharacterDataHandler(parser.get(), onText);

@@ -273,13 +273,13 @@ void requireChain(const Publisher& publisher) {
 
 // Reads what was written as an installer will: the package that it was made from may have changed meanwhile.
 std::string verifyOutput(int file, const Publisher& publisher) {
-    const Package package{FileDescriptor(fcntl(file, F_DUPFD_CLOEXEC, 0))};
     TrustedCertificates trusted;
     trusted.add(publisher.certificates.back().get());
-    std::string fingerprint = verifySigner(package, trusted).value();
-    package.verifyEntries(true);
+    trusted.pin(publicKeyDigest(publisher.certificates.front().get()));
+    const Package package(FileDescriptor(fcntl(file, F_DUPFD_CLOEXEC, 0)), trusted);
+    package.verifyEntries();
     checkContents(package);
-    return fingerprint;
+    return package.signer();
 }
 
 } // namespace
@@ -316,7 +316,7 @@ std::string signPackage(const std::string& in, const std::string& out, const Pub
         throw systemFailure("cannot open " + in);
     }
     const Package package(std::move(file));
-    package.verifyEntries(false);
+    package.verifyEntries();
     checkContents(package);
 
     EVP_PKEY* key = publisher.key.get();

@@ -12,6 +12,8 @@ from packages import Publisher
 
 BUILD = Path(sys.argv.pop(1)).resolve()
 INSTALLER, SIGNER = BUILD / "host/installer/installer", BUILD / "host/sign-package/sign-package"
+IS_SANITIZED = re.search(rb"lib[at]san", INSTALLER.read_bytes()) is not None
+RECEIPTS = "var/lib/pellomar-installer/receipts"
 
 
 def run(*command):
@@ -27,6 +29,12 @@ def snapshot(folder):
     return {str(path.relative_to(folder)): (oct(path.lstat().st_mode), content(path)) for path in folder.rglob("*")}
 
 
+def contents(folder):
+    """The files and links below, without the receipts."""
+    found = {name: content for name, (_, content) in snapshot(folder).items() if content is not None}
+    return {name: content for name, content in found.items() if not name.startswith("var/")}
+
+
 class HostTest(unittest.TestCase):
     """A target, and a place outside it: all that an installer could reach in a test."""
 
@@ -38,7 +46,7 @@ class HostTest(unittest.TestCase):
             folder.mkdir(parents=True)
         (self.outside / "kept").write_text("kept")
         self.path = self.scratch / "恐怖 terror invalid.pkg"
-        self.command = (INSTALLER, "-pkg", self.path, "-target", self.target, "-trusted", self.trusted)
+        self.command = [INSTALLER, "-pkg", self.path, "-target", self.target, "-trusted", self.trusted]
 
     def install(self, package, *before):
         self.path.write_bytes(package)

@@ -4,9 +4,10 @@ import os
 import shutil
 import stat
 import unittest
+from pathlib import Path
 
-from harness import BUILD, INSTALLER, HostTest, run, snapshot
-from packages import ENTRY_OWNER, ENTRY_TIME, INFO, file, folder, link, package, payload, xar
+from harness import BUILD, INSTALLER, IS_SANITIZED, RECEIPTS, HostTest, contents, run, snapshot
+from packages import ENTRY_TIME, INFO, archive, file, folder, link, package, payload, xar
 
 APP = "Applications/Pellomar.app"
 SUPPORT = "Library/Application Support/NorvikEmu"
@@ -20,9 +21,16 @@ TREE = (
     folder(f"./{APP}/Versions", 0o511),  # after what it holds
     file(f"./{SUPPORT}/VirtualBoxStartup.sh", "#!/bin/bash\n", 0o755),
     folder("./Applications", 0o700),
+    file("./shared/file", "", 0o666),  # what root installs is writable by root only
+    folder("./shared", 0o1777),
 )
+MODES = {"./shared/file": 0o644, "./shared": 0o755}
+
 UPDATE = (f"{APP}/run", "Applications/New.app/run", "Library/ours", "Library/added", "top")
 MOVES = 9  # that the update's swap takes
+MEASURE = """import os, resource, sys
+os.spawnv(os.P_WAIT, sys.argv[1], sys.argv[1:])
+print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss, file=sys.stderr)"""
 SUPERVISOR = "$(cut -d ' ' -f 4 /proc/$PPID/stat)"
 
 
@@ -44,8 +52,9 @@ class Install(HostTest):
         return snapshot(self.world)
 
     def assert_updated(self):
-        found = {name: content for name, (_, content) in snapshot(self.target).items() if content is not None}
-        self.assertEqual(found, dict.fromkeys(UPDATE, "new") | {"Library/theirs": "old", "Library/link": "ours"})
+        expected = dict.fromkeys(UPDATE, "new") | {"Library/theirs": "old", "Library/link": "ours"}
+        self.assertEqual(contents(self.target), expected)
+        self.assertTrue((self.target / RECEIPTS / "com.example.thing").exists())
         self.assertFalse((self.target / STAGING).exists())
 
     def assert_put_back(self, before):
@@ -59,15 +68,16 @@ class Install(HostTest):
         (self.target / "Applications").chmod(0o775)
         # An old copy under another name must not change along with the new one.
         os.link(self.outside / "kept", self.target / SUPPORT / "VirtualBoxStartup.sh")
-        tell = f"{{ stat -c %a .; cat helper; env; }} > '{self.scratch}/told'; echo Error; echo invalid >&2"
-        scripts = (script("postinstall", tell), file("helper", "helped\n"))
+        tell = f"{{ stat -c %a .; cat helper; env; }} > '{self.scratch}/told'; echo Error; echo invalid >&2; cat \"$1\" >'{self.scratch}/copy'"
+        scripts = (script("preinstall", f"echo >'{self.path}'"), script("postinstall", tell), file("helper", "helped\n"))
         good = package(*TREE, info=INFO.replace(b"com.example", b"error.invalid"), scripts=scripts)
         self.assert_installed(self.install(good, "env", "SECRET=leaked"))
         tree = snapshot(self.target)
-        for name, mode, content, _ in TREE[:-1]:
-            status = (self.target / name).lstat()
+        self.assertEqual((self.scratch / "copy").read_bytes(), good)
+        for name, mode, content, _ in (entry for entry in TREE if entry[0] != "./Applications"):
+            status, mode = (self.target / name).lstat(), stat.S_IFMT(mode) | MODES.get(name, stat.S_IMODE(mode))
             self.assertEqual(tree[os.path.normpath(name)], (oct(mode), None if stat.S_ISDIR(mode) else content))
-            self.assertEqual((status.st_mtime, status.st_uid), (ENTRY_TIME, os.geteuid() or ENTRY_OWNER), name)
+            self.assertEqual((status.st_mtime, status.st_uid), (ENTRY_TIME, 0), name)
         self.assertEqual(tree["Applications"][0], "0o40775")
         self.assertEqual((self.outside / "kept").read_text(), "kept")
         told = (self.scratch / "told").read_text()
@@ -116,7 +126,7 @@ class Install(HostTest):
             ("script that is no program", package(file("a"), scripts=[file("preinstall", "")]), "not a program"),
             ("script that is a link", package(file("a"), scripts=[link("preinstall", "/bin/true")]), "not a program"),
             ("scripts that climb", package(file("a"), scripts=[script("../preinstall", "")]), 'with ".."'),
-            ("in the way of the installer", holding(file(f"{STAGING}/new/x")), "where installs are prepared"),
+            ("in the way of the installer", holding(file(f"{STAGING}/new/x")), "the installer's own folder"),
             ("script that is a folder", package(file("a"), scripts=[file("preinstall/a")]), "not a program"),
             ("link to nowhere", holding(link("a", "")), "leads nowhere"),
             ("link longer than any path", holding(link("a", "b" * 4096)), "leads nowhere"),
@@ -162,6 +172,112 @@ class Install(HostTest):
                 else:
                     self.assertEqual(outcome.returncode, -9)
                 self.assert_put_back(before)
+
+    def test_scripts_end_with_all_they_started(self):
+        """And the lock on the target is free again, whether anybody reads the output or not."""
+        traced = ("strace", "-f", "-o/dev/null", "-EASAN_OPTIONS=detect_leaks=0")
+        orphan = f"(setsid sleep 999 & echo $! >'{self.scratch}/orphan')"
+        rows = (
+            ("succeeds", orphan, (), None),
+            ("fails", f"{orphan}; exit 3", (), "failed with status 3"),
+            ("takes too long", f"{orphan}; sleep 999", (*traced, "-einject=ppoll:retval=0"), "longer than 10 minutes"),
+            ("unread", orphan, (*traced, "-einject=poll:retval=0"), None),
+        )
+        for name, text, before, cause in rows:
+            with self.subTest(name):
+                outcome = self.install(update(script("postinstall", text)), *before)
+                self.assertEqual(outcome.returncode != 0, cause is not None, outcome.stdout)
+                self.assertIn(cause or "", outcome.stdout)
+                self.assertFalse(Path("/proc", (self.scratch / "orphan").read_text().strip()).exists())
+                self.assertFalse((self.target / STAGING).exists())
+
+    def test_package_by_descriptor(self):
+        """Nothing is read from the path; and from a descriptor, only a regular file is."""
+        good = self.scratch / "good"
+        good.write_bytes(package(file("a")))
+        rows = ((f"3<'{good}'", "3", ""), ("", "3", "not the number"), ("", "0", "not the number"),
+                ("", "3x", "not the number"), ("3</dev/zero", "3", "not a regular file"), ("3</", "3", "not a regular"))
+        for redirection, number, cause in rows:
+            with self.subTest(redirection, number=number):
+                command = ("bash", "-c", f'INSTALLER_PACKAGE_FD={number} exec "$@" {redirection}', "bash")
+                outcome = self.install(b"not a package", *command)
+                if cause:
+                    self.assert_refused(outcome, cause)
+                else:
+                    self.assert_installed(outcome)
+
+    def test_receipts(self):
+        """No older version, and no other product in the same place."""
+        def versioned(version, identifier="com.example.thing", names=("Applications/A.app/run", "Library/a%\n")):
+            info = f"<pkg-info identifier='{identifier}' version='{version}'/>"
+            return package(*(file(name, version) for name in names), info=info.encode())
+
+        rows = (
+            ("first", versioned("2.0.9"), ""),
+            ("higher", versioned("2.0.10"), ""),
+            ("lower", versioned("2.0.9"), "newer version is installed: 2.0.10"),
+            ("lower by a component", versioned("2"), "newer version"),
+            ("the same", versioned("2.0.10.0"), ""),
+            ("other product's bundle", versioned("9", "other", ["Applications/A.app/x"]), "another product"),
+            ("other product's file", versioned("9", "other", ["Library/a%\n"]), "another product"),
+            ("receipts", versioned("9", "other", [f"{RECEIPTS}/other"]), "installer's own folder"),
+            ("other place", versioned("1", "other", ["Library/b"]), ""),
+        )
+        for name, content, cause in rows:
+            with self.subTest(name):
+                before, outcome = snapshot(self.target), self.install(content)
+                if cause:
+                    self.assert_refused(outcome, cause)
+                    self.assertEqual(snapshot(self.target), before)
+                else:
+                    self.assert_installed(outcome)
+        listed = run(INSTALLER, "-receipts", "-target", self.target).stdout
+        time = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ"
+        self.assertRegex(listed, f"^com.example.thing 2.0.10.0 {time} none\nother 1 {time} none\n$")
+        (self.target / RECEIPTS / "other").write_text("damaged")
+        self.assert_refused(self.install(versioned("3")), "receipt is damaged")
+
+    @unittest.skipIf(IS_SANITIZED, "sanitizers take memory of their own")
+    def test_memory(self):
+        """Whatever a package of 64 MB holds; the first two took gigabytes where a signature was demanded."""
+        nested = "".join(f"<file><name>{'n' * 250}</name><type>directory</type>" for _ in range(60))
+        leaves = "".join(f"<file><name>{number}</name></file>" for number in range(20_000))
+        attributes = "".join(f" a{number}=''" for number in range(90_000))
+        many = [file(f"{number:05}/{'d' * 70}", "") for number in range(9_000)]
+        names = [file(f"{number:06}{'n' * 60}", "") for number in range(99_000)]
+        rows = (
+            ("nested names", archive(nested + leaves + "</file>" * 60, b""), False),
+            ("many entries", archive(leaves, b""), False),
+            ("many attributes", archive(f"<file{attributes}/>", b""), False),
+            ("junk", b"xar!" + bytes(64 << 20), False),
+            ("junk in the heap", package(file("a")) + bytes(64 << 20), True),
+            ("many folders", package(*many), True),
+            ("many files", package(*names), True),
+            ("large file", package(file("a", "\0" * (64 << 20))), True),
+        )
+        for name, content, succeeds in rows:
+            for trusts in (False, True):
+                with self.subTest(name, trusts=trusts):
+                    (self.trusted / ".any").unlink(missing_ok=True)
+                    if trusts:
+                        (self.trusted / ".any").touch()
+                    outcome = self.install(content, "/usr/bin/python3", "-Sc", MEASURE)
+                    self.assertEqual("successful" in outcome.stdout, succeeds and not trusts, outcome.stdout)
+                    self.assertLess(int(outcome.stderr.split()[-1]), 32 << 10)
+
+    def test_mount_in_what_is_replaced(self):
+        """Is not emptied, and what cannot be removed therefore is not in the way of the next install."""
+        self.make_old()
+        mount = self.target / APP / "Old"
+        self.assertEqual(run("mount", "-t", "tmpfs", "none", mount).returncode, 0)
+        (mount / "kept").write_text("kept")
+        for _ in range(2):
+            self.assert_installed(self.install(update()))
+        (left,) = (self.target / STAGING).glob("discarded.*/*/Old")
+        self.assertEqual((left / "kept").read_text(), "kept")
+        run("umount", left)
+        self.assert_installed(self.install(update()))
+        self.assert_updated()
 
     def test_fault_at_each_move_of_the_swap(self):
         before, tracing = self.make_old(), ("strace", "-f", "-o/dev/null", "-erenameat2")

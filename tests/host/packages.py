@@ -31,12 +31,12 @@ def link(name, to):
 
 def payload(*entries):
     """The gzip'd cpio of entries; files with several links are all one."""
-    archive = b""
+    archive = bytearray()
     for number, (name, mode, content, links) in enumerate((*entries, file("TRAILER!!!", ""))):
         name, content, node = name.encode() + b"\0", content.encode(), number if links == 1 else 0o777
         fields = (1, node, mode, ENTRY_OWNER, ENTRY_OWNER, links, 0, ENTRY_TIME, len(name), len(content))
         archive += b"070707%06o%06o%06o%06o%06o%06o%06o%011o%06o%011o" % fields + name + content
-    return gzip.compress(archive, mtime=0)
+    return gzip.compress(bytes(archive), 6, mtime=0)
 
 
 def entry(name, offset, stored, digest="sha256"):
@@ -82,6 +82,7 @@ class Publisher:
     """A key and its certificate, an authority's where it has no purpose. Times are in seconds from now."""
 
     def __init__(self, name, issuer=None, purpose="codeSigning", bits=2048, times=(-3600, 86400), digest="sha256"):
+        self.issuer = issuer
         self.place, self.bits = Path(tempfile.mkdtemp(dir=KEYS.name)), bits
         self.key, self.certificate = self.place / "key.pem", self.place / "certificate.pem"
         kind = f"FALSE\nextendedKeyUsage={purpose}" if purpose else "TRUE\nkeyUsage=critical,keyCertSign"
@@ -103,6 +104,10 @@ class Publisher:
 
     def base64(self):
         return re.search("-----\n(.*)-----E", self.certificate.read_text(), re.DOTALL)[1]
+
+    def key_digest(self):
+        key = self.openssl("pkey -in key.pem -pubout -outform DER")
+        return hashlib.sha256(key).hexdigest()
 
     def sign(self, text, digest):
         return self.openssl(f"dgst -{digest} -sign key.pem", text)

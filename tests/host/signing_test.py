@@ -1,5 +1,6 @@
 """Only what the publisher signed."""
 
+import itertools
 import os
 import re
 import shutil
@@ -9,7 +10,7 @@ import unittest
 import zlib
 from pathlib import Path
 
-from harness import SIGNER, HostTest, run, snapshot
+from harness import BUILD, SIGNER, HostTest, contents, run
 from packages import INFO, Publisher, archive, entry, file, pack, package, payload, xar
 
 PAYLOAD = payload(file("a", "words"))
@@ -25,6 +26,10 @@ done"""
 SWAPS = 100  # of each kind
 
 
+def remove(place):
+    place.unlink() if place.is_symlink() else shutil.rmtree(place, ignore_errors=True)
+
+
 class Signing(HostTest):
     @classmethod
     def setUpClass(cls):
@@ -34,6 +39,7 @@ class Signing(HostTest):
         super().setUp()
         both = (one.certificate.read_text() for one in (self.publisher, self.root))
         (self.trusted / "both").write_text("".join(both))
+        (self.trusted / ".hidden").write_text("not read")
 
     def by(self, *chain, name="signer", **wanted):
         return xar([Publisher(name, chain[0] if chain else None, **wanted), *chain], **CONTENTS)
@@ -46,7 +52,10 @@ class Signing(HostTest):
             self.assertFalse(signed.exists())
             self.assertIn(cause, run(SIGNER, key, self.publisher.certificate, unsigned, signed).stderr)
         self.assertEqual((self.outside / "kept").read_text(), "kept")
-        two_steps = self.by(Publisher("middle", self.root, purpose=None))
+        signer = Publisher("signer", Publisher("middle", self.root, purpose=None))
+        two_steps = xar([signer, signer.issuer, self.root], **CONTENTS)
+        self.assert_refused(self.install(two_steps), "but is not trusted itself")
+        (self.trusted / "publisher.keys").write_text(f"{'0' * 64}\n{signer.key_digest()}\n")
         for name, sound in (("by the tool", signed.read_bytes()), ("two steps", two_steps)):
             outcome = self.install(sound)
             self.assert_installed(outcome)
@@ -57,6 +66,11 @@ class Signing(HostTest):
         self.trusted.mkdir()
         self.assertIn("installer: The package is not signed.\n", self.install(xar(**CONTENTS)).stdout)
         self.assertIn("anybody could be the signer", self.install(sound).stdout)
+        demanding = (BUILD / "tests/host/demanding-installer", *self.command[1:])
+        self.path.write_bytes(xar(**CONTENTS))
+        self.assert_refused(run(*demanding), "is not signed")
+        self.path.write_bytes(sound)
+        self.assert_refused(run(*demanding), "not trusted")
         self.assert_refused(self.install(sound.replace(b"extra", b"Extra")), "does not match")
 
     def test_what_is_not_signed(self):
@@ -67,7 +81,7 @@ class Signing(HostTest):
 
         self.assert_none_signed((
             ("no payload", xar(PackageInfo=INFO), "no Payload"),
-            ("bad UTF-8", with_name("/w=="), "not plain UTF-8"),
+            ("bad UTF-8", with_name("/w=="), "not UTF-8"),
             ("control character", with_name("CQ=="), "not plain UTF-8"),
         ))
 
@@ -139,8 +153,46 @@ class Signing(HostTest):
             ("weak key", by(root, bits=1024), "too short"),
         )
         self.assert_all_refused(rows)
-        (self.trusted / "both").chmod(0o666)
-        self.assert_all_refused([("certificate that others can change", good, "can be changed by others")])
+        slip = re.sub("<X509Certificate>.*?<", "<X509Certificate>====<", table, flags=re.DOTALL)
+        self.assert_all_refused([("certificate that is not base64", pack(slip, good[heap + 32 :]), "malformed certificate")])
+
+    def test_what_is_in_the_folders_of_trusted_certificates(self):
+        """No state of the folders lets an unsigned package pass, but for two that are empty or do not exist."""
+        usual = [Path(place, "pellomar-installer/trusted") for place in ("/usr/lib", "/etc")]
+        del self.command[-2:]
+        certificate, expired = self.publisher.certificate.read_text(), "-----BEGIN CERTIFICATE-----\n????\n"
+        rows = (
+            ("hidden file", lambda place: (place / ".a").touch(), "is not signed"),
+            ("unpacked, not configured", lambda place: (place / "a.pem.dpkg-new").write_text(certificate), "is not signed"),
+            ("set aside", lambda place: (place / "a.pem.dpkg-old").write_text(certificate), "is not signed"),
+            ("empty file", lambda place: (place / "a").touch(), "cannot be read"),
+            ("damaged", lambda place: (place / "a").write_text(certificate + expired), "cannot be read"),
+            ("folder", lambda place: (place / "a").mkdir(), "not a file of certificates"),
+            ("pipe", lambda place: os.mkfifo(place / "a"), "not a file of certificates"),
+            ("link to nowhere", lambda place: (place / "a").symlink_to("absent"), "cannot be read"),
+            ("folder is a link to nowhere", lambda place: place.rmdir() or place.symlink_to("absent"), "cannot be read"),
+            ("parent is one", lambda place: shutil.rmtree(place.parent) or place.parent.symlink_to("x"), "cannot be read"),
+            ("folder is a file", lambda place: place.rmdir() or place.touch(), "cannot be read"),
+            ("others can change it", lambda place: place.chmod(0o777), "can be changed by others"),
+            ("or a file in it", lambda place: (place / "a").touch(0o666) or (place / "a").chmod(0o666), "changed by others"),
+            ("not the digest of a key", lambda place: (place / "a.keys").write_text("ab\n"), "not the SHA-256 digest"),
+            ("publisher's certificate", lambda place: (place / "a.pem").write_text(certificate), "is not signed"),
+            ("nothing", lambda place: None, ""),
+            ("no folder", lambda place: place.rmdir(), ""),
+        )
+        for (name, change, cause), place in itertools.product(rows, usual):
+            with self.subTest(name, place=place):
+                for folder in usual:
+                    remove(folder.parent)
+                    folder.mkdir(parents=True)
+                change(place)
+                outcome = self.install(xar(**CONTENTS))
+                if cause:
+                    self.assert_refused(outcome, cause)
+                else:
+                    self.assertIn("installer: The package is not signed.\n", outcome.stdout)
+                if name == "publisher's certificate":
+                    self.assert_installed(self.install(xar([self.publisher], **CONTENTS)))
 
     def test_whoever_swaps_the_file_gets_the_signed_package_or_nothing(self):
         padding = file("padding", os.urandom(150_000).hex())
@@ -157,7 +209,7 @@ class Signing(HostTest):
                 self.assert_installed(outcome)
             else:
                 self.assert_refused(outcome, "")
-            found = {content for _, content in snapshot(self.target).values()}
+            found = set(contents(self.target).values())
             self.assertEqual(found, set() if outcome.returncode else {"good", padding[2]})
             counts[outcome.returncode == 0] += 1
             shutil.rmtree(self.target)

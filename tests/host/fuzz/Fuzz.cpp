@@ -45,7 +45,7 @@ void fuzzPackage(std::string input) {
     FileDescriptor file(memfd_create("package", MFD_CLOEXEC));
     (void)!write(file.get(), input.data(), input.size());
     const Package package(std::move(file));
-    package.verifyEntries(false);
+    package.verifyEntries();
     if (const Entry* info = package.find("PackageInfo")) {
         parsePackageInfo(package.text(*info, 1 << 16));
     }

@@ -1,0 +1,57 @@
+#include "installer/Descendants.h"
+
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+namespace installer {
+
+namespace {
+
+// Of the children, not of their descendants: those become children when their parents end.
+void killChildren() {
+    std::error_code problem;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", problem)) {
+        const int process = std::atoi(entry.path().filename().c_str());
+        std::string status;
+        if (process <= 0 || !std::getline(std::ifstream(entry.path() / "stat"), status)) {
+            continue;
+        }
+        int parent = 0;
+        const std::size_t nameEnd = status.rfind(')'); // the name may hold anything
+        if (nameEnd != std::string::npos && std::sscanf(status.c_str() + nameEnd, ") %*c %d", &parent) == 1 &&
+            parent == getpid()) {
+            kill(process, SIGKILL);
+        }
+    }
+}
+
+} // namespace
+
+void adoptOrphans() {
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+}
+
+void endDescendants() {
+    for (;;) {
+        killChildren();
+        pid_t ended = 0;
+        while ((ended = waitpid(-1, nullptr, WNOHANG)) > 0) {
+        }
+        if (ended < 0) {
+            return;
+        }
+        constexpr timespec kInterval{0, 5'000'000};
+        ppoll(nullptr, 0, &kInterval, nullptr);
+    }
+}
+
+} // namespace installer

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace package {
+struct PackageInfo;
+}
+
+/// What is installed: one file for each package below var/lib/pellomar-installer/receipts of the target. It
+/// is written to the staging folder before the install is committed, and moved to its place after that,
+/// before anything else is done in the target; so the two agree whenever the run is interrupted. To have an
+/// older version or another product installed, root removes the receipt. Each call throws package::Failure.
+namespace installer {
+
+struct Receipt {
+    std::string identifier;
+    std::string version;
+    std::string time;   ///< of the install, ISO 8601 in UTC
+    std::string signer; ///< fingerprint of the certificate, or "none"
+    /// What was installed as a whole, relative to the target: lines, with control characters as %XX.
+    std::string places;
+};
+
+/// Reads a receipt's text. Throws Failure when it is not one.
+Receipt parseReceipt(std::string text);
+
+/// Calls `use` for each receipt of the target, by identifier; one at a time is in memory.
+void forEachReceipt(int target, const std::function<void(const Receipt&)>& use);
+
+/// Throws Failure when a higher version of the package is installed in the target.
+void requireNotOlder(int target, const package::PackageInfo& info);
+
+/// Throws Failure when the package would replace what another one has installed; `staging` holds what it
+/// brings.
+void requireOwnPlaces(int target, int staging, const package::PackageInfo& info);
+
+/// Writes the receipt for what is in `staging` to there, with its places instead of those in `receipt`.
+void writeReceipt(int staging, const Receipt& receipt);
+
+/// Moves the receipt from the staging folder to its place. Does nothing where it has been moved already.
+void commitReceipt(int target, int staging);
+
+} // namespace installer
