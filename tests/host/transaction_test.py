@@ -6,7 +6,8 @@ import shutil
 import unittest
 from pathlib import Path
 
-from harness import BUILD, run, snapshot
+from harness import BUILD, INSTALLER, run, snapshot
+from packages import file, package
 
 APP = "Applications/Pellomar.app"
 STAGING = ".pellomar-installer"
@@ -40,6 +41,7 @@ class Transaction(unittest.TestCase):
         for name in ("bin", "lib", "lib64"):
             (lower / name).symlink_to(f"usr/{name}")
         shutil.copy(TOOL, lower / "tool")
+        shutil.copy(INSTALLER, lower / "installer")
         if layered:
             for name in ("upper", "work", "root"):
                 (self.base / name).mkdir()
@@ -55,6 +57,10 @@ class Transaction(unittest.TestCase):
     def tool(self, verb, *before):
         return run(*before, "chroot", self.root, "/tool", verb)
 
+    def install(self, content, *before):
+        (self.root / "package").write_bytes(content)
+        return run(*before, "chroot", self.root, "/installer", "-pkg", "/package", "-target", "/")
+
     def assert_ends_with(self, expected):
         outcome = self.tool("end")
         self.assertEqual((outcome.returncode, outcome.stderr), (0, ""))
@@ -65,9 +71,8 @@ class Transaction(unittest.TestCase):
         if run("strace", "true").returncode != 0:
             self.skipTest("no permission to trace here")
         trace, faults = self.base.parent / "trace", 0
-        for layered, verb, call, fault in itertools.product(
-            (False, True), ("begin", "end"), CALLS, ("signal=KILL", "error=EIO")
-        ):
+        kinds = ((False, "signal=KILL"), (True, "signal=KILL"), (True, "error=EIO"))
+        for (layered, fault), verb, call in itertools.product(kinds, ("begin", "end"), CALLS):
             for number in itertools.count(1):
                 before = self.make_root(layered)
                 if verb == "end":
@@ -82,6 +87,53 @@ class Transaction(unittest.TestCase):
                 with self.subTest(verb, layered=layered, call=call, fault=fault, number=number):
                     self.assert_ends_with(before)
         print(faults, "faults")
+
+    def test_attempts(self):
+        """Each after `begin`: what is done, and what stands after `end`."""
+        new = package(file(f"{APP}/run", "new"))
+        script = package(file(f"{APP}/run", "new"), scripts=[file("postinstall", "#!/bin/sh\nkill -9 $PPID", 0o755)])
+        large = package(file(f"{APP}/run", "n" * 3_000_000))
+        rows = (
+            ("nothing", lambda: None, "old run"),
+            ("installed", lambda: self.install(new), "new"),
+            ("refused", lambda: self.install(b"not a package"), "old run"),
+            ("worker killed after the swap", lambda: self.install(script), "old run"),
+            ("never ended, begun again", lambda: self.tool("begin"), "old run"),
+            ("installed without it, begun again", lambda: (self.install(package(file("a"))), self.tool("begin")), None),
+            ("something put there", lambda: (self.root / APP).mkdir(), None),
+            ("no room for both", lambda: self.install_with(2_200_000, large, "removed first"), "n" * 3_000_000),
+            ("no room even without it", lambda: self.install_with(1_000_000, large, ""), "old run"),
+        )
+        for layered, (name, act, expected) in itertools.product((False, True), rows):
+            with self.subTest(name, layered=layered):
+                self.make_root(layered)
+                (self.root / APP / "z").write_text("z" * 1_500_000)
+                self.assertEqual(self.tool("begin").returncode, 0)
+                act()
+                self.tool("end")
+                found = self.root / APP / "run"
+                self.assertEqual(found.read_text() if found.exists() else None, expected)
+                self.assertFalse((self.root / STAGING).exists())
+
+    def install_with(self, left, content, told):
+        """With that many bytes free on the disk."""
+        free = os.statvfs(self.base)
+        (self.base / "filling").write_bytes(bytes(free.f_bavail * free.f_frsize - left))
+        self.assertIn(told, self.install(content).stderr)
+
+    def test_where_nothing_can_be_set_aside(self):
+        before = self.make_root()
+        for name, change, status in (
+            ("no application", lambda: shutil.rmtree(self.root / APP), 0),
+            ("a link to one", lambda: (self.root / APP).symlink_to("/usr"), 0),
+            ("folder of applications is a link", lambda: (self.root / "Applications").rename(self.root / "elsewhere")
+             and (self.root / "Applications").symlink_to("elsewhere"), 1),
+        ):
+            with self.subTest(name):
+                change()
+                before = snapshot(self.root / "Applications")
+                self.assertEqual(self.tool("begin").returncode, status)
+                self.assert_ends_with(before)
 
 
 if __name__ == "__main__":
