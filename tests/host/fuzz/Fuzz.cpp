@@ -1,9 +1,11 @@
-// The fuzz targets' ways in; each target is built for one of them.
+// The entry points of the fuzz targets; each target is built for one of them.
+#include "installer/Receipt.h"
 #include "package/Failure.h"
 #include "package/Package.h"
 #include "package/PackageInfo.h"
 #include "package/Payload.h"
 #include "package/Trust.h"
+#include "package/Version.h"
 
 #include <endian.h>
 #include <openssl/x509.h>
@@ -36,8 +38,8 @@ std::string assemble(const std::string& table, const std::string& heap) {
            std::string("\0\0\0\3", 4) + packed + digest.finish() + heap;
 }
 
-// A package's file, or a table's text, a NUL and the heap behind the table's digest: put together here, since
-// no chance change would get a digest right.
+// A package's file, or a table's text, a NUL and the heap behind the table's digest: assembled here, since no
+// random change would get a digest right.
 void fuzzPackage(std::string input) {
     if (const std::size_t end = input.find('\0'); !input.starts_with(kMagic) && end != std::string::npos) {
         input = assemble(input.substr(0, end), input.substr(end + 1));
@@ -55,9 +57,14 @@ void fuzzPackage(std::string input) {
     }
 }
 
-// A table's text.
+// A table's text. Both readings find the same seal.
 void fuzzTable(const std::string& input) {
+    const Seal seal = parseSeal(input);
     const Table table = parseTable(input);
+    if (seal.digest.offset != table.seal.digest.offset ||
+        bool(seal.signature) != bool(table.seal.signature)) {
+        __builtin_trap();
+    }
     for (const Entry& entry : table.entries) {
         if (("/" + entry.path + "/").find("/../") != std::string::npos) {
             __builtin_trap();
@@ -81,6 +88,31 @@ void fuzzSignature(const std::string& input) {
         X509_free(certificate);
     }
     verifySignature({DigestKind::Sha256, parts[0], parts[1], {parts.begin() + 2, parts.end()}}, trusted);
+}
+
+void fuzzReceipt(const std::string& input) {
+    const installer::Receipt receipt = installer::parseReceipt(input);
+    if (receipt.identifier.empty() || receipt.identifier.find('\n') != std::string::npos) {
+        __builtin_trap();
+    }
+}
+
+// Three versions between line feeds, which must be in one order.
+void fuzzVersion(const std::string& input) {
+    const std::size_t first = input.find('\n');
+    const std::size_t second = first == std::string::npos ? first : input.find('\n', first + 1);
+    if (second == std::string::npos) {
+        return;
+    }
+    const std::string a = input.substr(0, first);
+    const std::string b = input.substr(first + 1, second - first - 1);
+    const std::string c = input.substr(second + 1);
+    const bool isTransitive =
+        !(compareVersions(a, b) <= 0 && compareVersions(b, c) <= 0) || compareVersions(a, c) <= 0;
+    if (compareVersions(a, a) != 0 || (compareVersions(a, b) < 0) != (compareVersions(b, a) > 0) ||
+        !isTransitive) {
+        __builtin_trap();
+    }
 }
 
 } // namespace package
