@@ -5,7 +5,7 @@
 
 /// A modal question or message. Texts are UTF-8.
 struct Alert {
-    static constexpr int kFirstButton = 1000; ///< the second button answers 1001, and so on
+    static constexpr int kFirstButton = 1000; ///< the second button's is 1001, and so on
     static constexpr int kSecondButton = 1001;
     static constexpr int kClosed = 0; ///< closed without a choice, or ended by Alert::stopModal(0)
 
@@ -14,9 +14,10 @@ struct Alert {
     std::vector<std::string> buttons; ///< shown in this order on every desktop; the first is the default
     bool mustBeAnswered = false;      ///< Escape and the close button do nothing
 
-    /// Shows it over the program's window and returns the answer. Main thread; the window goes on painting.
+    /// Shows the dialog over the program's window and returns the answer. Main thread; events go on being
+    /// handled.
     [[nodiscard]] int runModal() const;
 
-    /// Ends every modal loop that is running; each answers `code`. Main thread.
+    /// Ends every running modal loop with the answer `code`. Main thread.
     static void stopModal(int code);
 };

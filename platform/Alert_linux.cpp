@@ -12,7 +12,8 @@
 
 namespace {
 
-// The toolkit's box presses a button of its own choice on Escape; closing must never count as an answer.
+/// A message box whose Escape key and close button never count as an answer; the toolkit's own presses a
+/// button of its choice.
 class AlertBox : public QMessageBox {
   public:
     AlertBox(bool mustBeAnswered, QWidget* parent) : QMessageBox(parent), mustBeAnswered_(mustBeAnswered) {}
@@ -40,7 +41,7 @@ class AlertBox : public QMessageBox {
     bool mustBeAnswered_;
 };
 
-/// Makes the box wide enough for its title and, above an explanation, the message a headline.
+/// Makes the box wide enough for its title, and a message above an explanation bold.
 void arrange(QMessageBox& box, bool hasExplanation) {
     constexpr int kLeastWidth = 320;
     if (auto* const grid = qobject_cast<QGridLayout*>(box.layout())) {
@@ -68,7 +69,7 @@ QWidget* programWindow() {
 int Alert::runModal() const {
     QWidget* const window = programWindow();
     AlertBox box(mustBeAnswered, window);
-    box.setStyleSheet("* { button-layout: 0 }"); // one order on every desktop
+    box.setStyleSheet("* { button-layout: 0 }"); // the same order on every desktop
     box.setWindowTitle(window == nullptr ? QString() : window->windowTitle());
     constexpr int kIconSize = 48;
     box.setIconPixmap(

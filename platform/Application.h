@@ -1,5 +1,5 @@
 #pragma once
 
-/// Ends the process at once with `status`: standard output and standard error are flushed, no destructor
-/// runs, no other thread is waited for. Any thread.
+/// Ends the process at once with `status`, after flushing standard output and standard error. No destructor
+/// runs and other threads are not joined. Any thread.
 [[noreturn]] void exitProcess(int status);

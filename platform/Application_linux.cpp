@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 void exitProcess(int status) {
-    // Destructors would take the toolkit apart under the feet of threads that still use it.
+    // Destructors would tear down the toolkit while other threads still use it.
     flushStandardStreams();
     _exit(status);
 }

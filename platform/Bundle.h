@@ -2,7 +2,7 @@
 
 #include <string>
 
-/// Where the running program and its resources lie. Paths are bytes as the system gives them, without a
+/// Where the running program and its resources are. Paths are bytes as the system gives them, without a
 /// trailing slash. Any thread; computed once.
 
 /// Full path of the running executable.

@@ -19,7 +19,7 @@ const std::string& executablePath() {
     static const std::string path = [] {
         std::error_code unreadable;
         std::string target = fs::read_symlink("/proc/self/exe", unreadable).string();
-        // The kernel marks the path of a program whose file was replaced while it runs.
+        // The kernel appends this when the program's file was replaced while it runs.
         constexpr std::string_view kReplaced = " (deleted)";
         if (target.ends_with(kReplaced)) {
             target.resize(target.size() - kReplaced.size());

@@ -1,4 +1,4 @@
 #pragma once
 
-/// Tells a leak checker, where one is built in, that `object` stays unreleased on purpose.
+/// Keeps LeakSanitizer, in builds that have it, from reporting `object`, which is leaked on purpose.
 void leftUnreleasedOnPurpose(const void* object);

@@ -1,6 +1,6 @@
 #pragma once
 
-/// The program's one log call, printf-like. Each call writes one line to standard error, headed by time
-/// stamp, process name, process id and thread id, in a single write, so that lines from several threads
-/// (and from child processes that share the stream) never mix. Callable from any thread; never fails.
+/// Logs one line, printf-like, to standard error: time stamp, process name, process id, thread id and the
+/// message, in a single write, so that lines from several threads and child processes never interleave. Any
+/// thread; errors are ignored and errno is kept.
 void NSLog(const char* format, ...) __attribute__((format(printf, 1, 2)));

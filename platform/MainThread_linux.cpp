@@ -15,33 +15,33 @@
 #include <memory>
 #include <thread>
 
-// Waking an idle event loop costs some 50 microseconds, a hand-over between two awake threads about one. A
-// transfer hands over once per block, so a main thread that has just finished one piece of work looks out for
-// the next for a moment before it goes back to its loop: only while pieces come that fast, and never long
-// enough for a person to notice.
+// Waking an idle event loop costs some 50 microseconds, a hand-over between two running threads about one. A
+// transfer hands over once per block, so after each piece of work the main thread spins briefly for the next
+// before it returns to its loop: only while pieces come that fast, and never long enough for a person to
+// notice.
 //
-// Looking out takes a processor, and there may be none to spare: behind another program's turn, a main thread
-// leaves the transfer standing for milliseconds. A poster that gets no answer fetches it to its own
-// processor, where the two take turns by yielding, some three to five microseconds a piece.
+// Spinning takes a CPU, and there may be none free: while the main thread waits to be scheduled, the transfer
+// stalls for milliseconds. A poster that gets no answer therefore migrates the main thread to its own CPU,
+// where the two alternate by sched_yield, three to five microseconds a piece.
 //
-// No lock: a piece of work lives on its poster's stack (the poster waits for it), pieces travel on an atomic
-// list, and the loop is woken through a descriptor.
+// There is no lock: a piece of work lives on its poster's stack (the poster blocks until it is done), pieces
+// are pushed onto an atomic list, and the loop is woken through an eventfd.
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr auto kFastPace = 200us; // between two pieces
-constexpr auto kLookOut = 200us;
-constexpr auto kUnanswered = 3us;
-constexpr auto kAwakeForResult = 200us;
-constexpr auto kLongestWithoutEvents = 6ms;
+constexpr auto kFastPace = 200us;           ///< the longest pause between two pieces that justifies spinning
+constexpr auto kSpinForWork = 200us;        ///< how long the main thread spins
+constexpr auto kUnanswered = 3us;           ///< how long a poster waits before it migrates the main thread
+constexpr auto kSpinForResult = 200us;      ///< how long a poster spins before it sleeps
+constexpr auto kLongestWithoutEvents = 6ms; ///< how long the main thread may keep events waiting
 
-/// Watches for `condition` until it holds or the time is over, giving way to whoever else wants the
-/// processor; tells whether it held.
+/// Polls `condition`, yielding the CPU in between, until it holds or `time` has passed. Returns whether it
+/// held.
 template <typename Condition>
-bool watch(std::chrono::microseconds time, Condition condition) {
+bool spinUntil(std::chrono::microseconds time, Condition condition) {
     const Clock::time_point end = Clock::now() + time;
     while (!condition()) {
         if (Clock::now() >= end) {
@@ -52,18 +52,17 @@ bool watch(std::chrono::microseconds time, Condition condition) {
     return true;
 }
 
-/// Moves a thread to another of the processors that it may run on; afterwards it may run on all of them
-/// again.
-class Mover {
+/// Migrates a thread to another of the CPUs that it may run on, without pinning it there.
+class Migration {
   public:
-    /// On the thread that is to be moved.
-    Mover() : thread_(gettid()) { sched_getaffinity(thread_, sizeof allowed_, &allowed_); }
+    /// On the thread that is to be migrated.
+    Migration() : thread_(gettid()) { sched_getaffinity(thread_, sizeof allowed_, &allowed_); }
 
-    void moveTo(int processor) const {
+    void to(int cpu) const {
         cpu_set_t only;
         CPU_ZERO(&only);
-        CPU_SET(processor, &only);
-        if (CPU_ISSET(processor, &allowed_) && sched_setaffinity(thread_, sizeof only, &only) == 0) {
+        CPU_SET(cpu, &only);
+        if (CPU_ISSET(cpu, &allowed_) && sched_setaffinity(thread_, sizeof only, &only) == 0) {
             sched_setaffinity(thread_, sizeof allowed_, &allowed_);
         }
     }
@@ -76,10 +75,11 @@ class Mover {
 struct Work {
     const std::function<void()>* function = nullptr;
     Work* next = nullptr;
-    int processor = sched_getcpu(); // the poster's
+    int cpu = sched_getcpu(); ///< the poster's
     std::atomic<bool> done{false};
 };
 
+/// The work that other threads have posted, and the main thread's side of the hand-over.
 class Mailbox {
   public:
     Mailbox() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
@@ -91,20 +91,20 @@ class Mailbox {
         });
     }
 
-    /// Any thread but the main one. Returns when the main thread has done the work.
+    /// Any thread but the main one. Returns when the main thread has run `work`.
     void perform(Work& work) {
         Work* head = arrived_.load();
         do {
             work.next = head;
         } while (!arrived_.compare_exchange_weak(head, &work));
         const auto done = [&work] { return work.done.load(); };
-        if (!lookingOut_) {
+        if (!isSpinning_) {
             wakeLoop();
-        } else if (!watch(kUnanswered, done) && processor_ != work.processor) {
-            mainThread_.moveTo(work.processor);
+        } else if (!spinUntil(kUnanswered, done) && cpu_ != work.cpu) {
+            mainThread_.to(work.cpu);
         }
         if (fastPace_) {
-            watch(kAwakeForResult, done);
+            spinUntil(kSpinForResult, done);
         }
         work.done.wait(false);
     }
@@ -119,37 +119,37 @@ class Mailbox {
         const Clock::time_point start = Clock::now();
         fastPace_ = start - lastServed_ < kFastPace;
         runPending();
-        // A piece that opened a dialog has kept us here for long; the loop comes first then.
+        // After a piece that took long (it may have opened a dialog), pending events come first.
         while (fastPace_ && Clock::now() - start < kLongestWithoutEvents &&
-               watch(kLookOut, [this] { return arrived_.load() != nullptr; })) {
+               spinUntil(kSpinForWork, [this] { return arrived_.load() != nullptr; })) {
             runPending();
         }
         lastServed_ = Clock::now();
-        lookingOut_ = false;
-        // Looked at again after the flag fell: what was posted in between had no wake-up written for it. And
-        // after a long look-out the loop is to come back here without a sleep once the events had their turn.
+        isSpinning_ = false;
+        // A piece posted just before the flag was cleared came without a wake-up. And after a long spin the
+        // loop must come back here without sleeping, once pending events have been handled.
         if (arrived_.load() != nullptr || (fastPace_ && lastServed_ - start >= kLongestWithoutEvents)) {
             wakeLoop();
         }
     }
 
     void runPending() {
-        lookingOut_ = false;
+        isSpinning_ = false;
         takeArrived();
         while (!pending_.empty()) {
             Work* const work = pending_.front();
             pending_.pop_front();
-            // The work may open a dialog, whose own loop must then be woken for the rest.
+            // The work may open a dialog; its nested event loop must be woken for the rest.
             if (!pending_.empty()) {
                 wakeLoop();
             }
             (*work->function)();
-            processor_ = sched_getcpu();
-            lookingOut_ = fastPace_.load();
+            cpu_ = sched_getcpu();
+            isSpinning_ = fastPace_.load();
             work->done = true;
             work->done.notify_one();
             if (!pending_.empty() || arrived_.load() != nullptr) {
-                lookingOut_ = false;
+                isSpinning_ = false;
                 takeArrived();
             }
         }
@@ -165,12 +165,12 @@ class Mailbox {
 
     FileDescriptor wake_;
     std::unique_ptr<QSocketNotifier> notifier_;
-    const Mover mainThread_;
+    const Migration mainThread_;
     std::atomic<Work*> arrived_{nullptr};
     std::atomic<bool> fastPace_{false};
-    std::atomic<bool> lookingOut_{false};
-    std::atomic<int> processor_{-1}; // where the main thread was last seen
-    std::deque<Work*> pending_;      // main thread only; a dialog opened by one piece serves the rest
+    std::atomic<bool> isSpinning_{false};
+    std::atomic<int> cpu_{-1};  ///< on which the main thread last ran
+    std::deque<Work*> pending_; ///< main thread only; a nested event loop runs the rest
     Clock::time_point lastServed_;
 };
 

@@ -3,8 +3,8 @@
 #include <atomic>
 #include <utility>
 
-// Observers are appended to a list that posts walk without a lock. An entry is never freed, since a post may
-// be looking at it; there are as many entries as there were registrations, one in the life of the program.
+/// An entry of a list that grows at its end, so that posts walk it without a lock. Entries are never freed,
+/// since a post may be reading them; the program registers one observer in its life.
 struct NotificationCenter::Observer {
     std::string name;
     Handler handler;

@@ -7,18 +7,18 @@
 /// order of registration; nothing is queued.
 class NotificationCenter {
   public:
-    /// Receives the object that was posted; it belongs to the poster and is gone when the handler returns.
+    /// Receives the posted object, which belongs to the poster and is valid until the handler returns.
     using Handler = std::function<void(const void* object)>;
     struct Observer;
 
     static NotificationCenter& defaultCenter();
 
-    /// Any thread. The registration stays until removed; the returned handle names it.
+    /// Any thread. The registration, which the result names, lasts until it is removed.
     Observer* addObserver(std::string name, Handler handler);
 
-    /// Ends a registration. The caller sees to it that no post to this observer is under way.
+    /// Ends a registration. No post to this observer may be in progress.
     void removeObserver(Observer* observer);
 
-    /// Any thread, and several at once. Returns when every observer of `name` has handled the object.
+    /// Any thread, concurrently too. Returns when every observer of `name` has handled the object.
     void postNotification(const std::string& name, const void* object);
 };

@@ -3,6 +3,6 @@
 #include <optional>
 #include <string>
 
-/// The text that the XML property list at `path` gives for `key` in its outermost dictionary; nothing where
-/// the file, the key or well-formed XML up to it is missing. Any thread.
+/// The string for `key` in the outermost dictionary of the XML property list at `path`; nothing when the file
+/// or the key is missing, or the XML before it is malformed. Any thread.
 std::optional<std::string> propertyListString(const std::string& path, const std::string& key);

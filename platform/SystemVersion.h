@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-/// The operating system's version as three numbers; a field that is not given counts 0.
+/// The operating system's version; missing fields are 0.
 struct SystemVersion {
     int major = 0;
     int minor = 0;
@@ -13,6 +13,6 @@ struct SystemVersion {
 /// character.
 SystemVersion parsedSystemVersion(std::string_view text);
 
-/// ProductVersion of /System/Library/CoreServices/SystemVersion.plist where there is one, else the kernel's
-/// release. Any thread; read anew on each call.
+/// ProductVersion of /System/Library/CoreServices/SystemVersion.plist if there is one, else the kernel's
+/// release. Any thread; read on each call.
 SystemVersion systemVersion();

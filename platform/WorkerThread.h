@@ -1,24 +1,19 @@
 #pragma once
 
-#include <atomic>
 #include <functional>
-#include <memory>
+#include <thread>
 
-/// A thread of its own, at default priority, that nobody joins: it may still be running when the process
-/// ends. Copies name the same thread; dropping them all does not stop it.
+/// A detached thread at default priority: it may still be running when the process ends. Copies name the same
+/// thread; destroying them does not stop it.
 class WorkerThread {
   public:
     WorkerThread() = default;
 
-    /// Starts `work`. Any thread. Ends the process where the system has no thread left to give.
+    /// Starts a thread that runs `work`. Any thread. Terminates the process when no thread can be created.
     static WorkerThread start(std::function<void()> work);
 
-    /// Whether the work has returned; true also where none was started. Any thread.
-    [[nodiscard]] bool isFinished() const { return finished_ == nullptr || *finished_; }
-
-    /// How many threads, of all that were started, have not finished their work. Any thread.
-    static int running();
-
   private:
-    std::shared_ptr<std::atomic<bool>> finished_;
+    explicit WorkerThread(std::thread::id id) : id_(id) {}
+
+    std::thread::id id_;
 };

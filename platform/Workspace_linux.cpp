@@ -6,7 +6,7 @@
 
 namespace {
 
-ChildProcess independent(const std::string& path) {
+ChildProcess detached(const std::string& path) {
     ChildProcess program;
     program.path = path;
     program.workingFolder = NSHomeDirectory();
@@ -18,7 +18,7 @@ ChildProcess independent(const std::string& path) {
 }
 
 void openWithDesktop(const std::string& target) {
-    ChildProcess opener = independent("xdg-open");
+    ChildProcess opener = detached("xdg-open");
     opener.arguments = {target};
     [[maybe_unused]] const std::error_code ignored = opener.startDetached();
 }
@@ -43,7 +43,7 @@ std::optional<std::string> launchApplication(const std::string& bundlePath) {
         return "The application " + bundlePath + " does not name its executable";
     }
     const std::string executable = bundlePath + "/Contents/MacOS/" + *name;
-    if (const std::error_code failure = independent(executable).startDetached()) {
+    if (const std::error_code failure = detached(executable).startDetached()) {
         return "The executable " + executable + " could not be started: " + failure.message();
     }
     return std::nullopt;
