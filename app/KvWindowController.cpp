@@ -17,7 +17,7 @@ class MainWindow : public QWidget {
 
   protected:
     void closeEvent(QCloseEvent* event) override {
-        // The window system relays a person's wish; everything else closes the window from within.
+        // Only the window system sends spontaneous events: the user asked to close.
         if (event->spontaneous()) {
             delegate_.windowShouldClose();
         }
@@ -53,7 +53,7 @@ void KvWindowController::windowShouldClose() {
 void KvWindowController::windowWillClose() {
     Alert::stopModal(0);
     NSLog("window closeEx");
-    sayLastWords();
+    shutDown();
 }
 
 void KvWindowController::showWindow() {

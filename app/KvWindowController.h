@@ -6,8 +6,8 @@
 
 class ViewController;
 
-/// Controls the one main window: titles it, sets the transfer library up, and ends the process when the user
-/// closes the window. Main thread.
+/// Controls the main window: sets its title, initialises the transfer library, and ends the process when the
+/// user closes the window. Main thread.
 class KvWindowController {
   public:
     KvWindowController();
@@ -15,10 +15,10 @@ class KvWindowController {
 
     void windowDidLoad();
 
-    /// The user asked to close the window: ends the process at once, whatever is under way.
+    /// The user asked to close the window: ends the process at once, without waiting for running threads.
     [[noreturn]] void windowShouldClose();
 
-    /// The window closes in another way: ends any modal loop and says the last words; the process goes on.
+    /// The window closes in another way: ends any modal loop and shuts down; the process goes on.
     void windowWillClose();
 
     void showWindow();

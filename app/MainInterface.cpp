@@ -20,7 +20,7 @@
 
 namespace {
 
-/// What a support person asks first. No name of the machine or of the user.
+/// Logs what support needs to know, without the names of the machine or the user.
 void logWhatRuns(qreal scale) {
     const SystemVersion version = systemVersion();
     NSLog("PellomarDownloader %s on %s, %s %s %s, which counts as %d.%d.%d", constants::kVersion,
@@ -34,9 +34,10 @@ void logWhatRuns(qreal scale) {
 } // namespace
 
 void setUpLook() {
-    // It needs no theme's plugin.
+    // Built in: it needs no theme plugin.
     QApplication::setStyle(QStyleFactory::create("Fusion"));
-    // Named, so that a desktop of another language does not show Chinese in another's letter forms or weight.
+    // By name, since a desktop in another language may choose a font with other letter forms or another
+    // weight.
     QFont font = QApplication::font();
     font.setFamilies({"Noto Sans CJK SC", "Source Han Sans SC", "WenQuanYi Micro Hei", font.family()});
     QApplication::setFont(font);
@@ -62,6 +63,6 @@ int NSApplicationMain(int& argc, char** argv) {
     logWhatRuns(controller.window()->devicePixelRatioF());
 
     const int result = QApplication::exec();
-    // Workers may be at work still.
+    // Workers may still be running, so nothing is destroyed.
     exitProcess(result);
 }

@@ -1,8 +1,8 @@
 #pragma once
 
-/// One look on every desktop: style, and a font for Chinese. After the application object is made.
+/// Sets the same style and Chinese font on every desktop. After the application object has been created.
 void setUpLook();
 
-/// The main interface: makes the application object, its delegate and the main window with its controller and
-/// content, and runs the event loop. Ends the process when the loop ends, with the loop's result.
+/// Creates the application object, its delegate and the main window, and runs the event loop. When the loop
+/// ends, ends the process with the loop's result.
 int NSApplicationMain(int& argc, char** argv);

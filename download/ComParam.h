@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-/// What one download worker is started with; the worker has its own copy.
+/// The parameters of one download worker, which has its own copy.
 struct ComParam {
     std::int64_t istartpos = 0; ///< byte offset to resume from
     std::string filepath;       ///< full path of the temporary file

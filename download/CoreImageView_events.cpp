@@ -45,7 +45,8 @@ void CoreImageView::dataReceived(const CurlMessage& message) {
     _iStartPos += message.iMessage();
     if (const std::int64_t total = _iTotalLength; total != 0) {
         _percent = percentOf(_iStartPos, total);
-        // The next block is taken when this one is on screen.
+        // The next block is taken when this one is recorded and the bar's value set; painting follows within
+        // a frame.
         MainThread::performAndWait([this] { updateProgress(); });
     }
     if (message.iMessage() == 0) {

@@ -9,7 +9,7 @@ std::string downloadUrl(const std::string& bundlePath, const std::string& fallba
     std::string path = bundlePath + "/../.config";
     if (!fileExists(path)) {
         path = fallbackPath;
-        // Names the path that is tried next.
+        // Logs the path that is tried next, not the missing one.
         NSLog("Config File does not exists!:%s", path.c_str());
     }
     const std::optional<std::string> content = readFile(path);

@@ -12,7 +12,7 @@ std::error_code makeFolder(const std::string& directory) {
     bool isDirectory = false;
     const bool exists = fileExists(directory, &isDirectory);
     if (isDirectory) {
-        // Nobody can do anything about a failure here that making the file would not meet again.
+        // A failure is ignored here, since creating the file will meet it again.
         static_cast<void>(removeItem(directory + kFileName));
         return {};
     }

@@ -2,12 +2,12 @@
 
 #include <string>
 
-/// The download's place under the user's home. Paths are formed anew on each call.
+/// Where the download is stored under the user's home, which is read on each call.
 std::string downloadDirectory();
 std::string temporaryFilePath();
 std::string packagePath();
 
-/// Makes the empty temporary file in `directory`: makes the folder where it is missing, clears a plain file
-/// out of its place, removes the last download's file. Returns "" on success, else the text for the user: the
-/// system's cause for the folder, or that the file can't be made. Any thread.
+/// Creates the empty temporary file in `directory`, replacing the last download's. Creates the folder if it
+/// is missing; a plain file in its place is removed. Returns "" on success, else the text for the user: the
+/// system's cause when the folder can't be created, or that the file can't be. Any thread.
 std::string createTemporaryFile(const std::string& directory);

@@ -14,7 +14,7 @@ std::string rewrittenField(std::string_view field, const std::string& version) {
     if (holds("Describe")) {
         return "Describe=B-" + version;
     }
-    // Before the key that is contained in it.
+    // Before the next key, which it contains.
     if (holds("OrgProductVersion")) {
         return "OrgProductVersion=" + version;
     }

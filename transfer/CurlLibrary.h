@@ -2,14 +2,14 @@
 
 #include <string>
 
-/// The transfer library's process-wide state. Main thread for the first; the second also when another thread
-/// ends the process.
+/// libcurl's process-wide state.
 
-/// Once, before any transfer: initialises all of libcurl's subsystems.
+/// Initialises all of libcurl's subsystems. Main thread, once, before any transfer.
 void initialiseCurlLibrary();
 
 /// The versions of libcurl and of the libraries that it uses. Any thread.
 std::string curlLibraryVersion();
 
-/// Once, when no new transfer will start.
+/// Releases libcurl's process-wide state. Once, on the thread that ends the process; transfers may still be
+/// running.
 void cleanUpCurlLibrary();

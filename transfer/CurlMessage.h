@@ -2,10 +2,10 @@
 
 #include <cstdint>
 
-/// The kinds of transfer events; the values are fixed and single-bit.
+/// The kinds of transfer events. Each value is a single bit.
 enum CurlMessageType : std::int32_t {
     CurlMessageTypeData = 1,         ///< bytes were written; or the transfer was stopped (0 bytes) or failed
-    CurlMessageTypeLength = 2,       ///< the probe learned the content length
+    CurlMessageTypeLength = 2,       ///< the probe succeeded; carries the content length
     CurlMessageTypeFinished = 4,     ///< the last byte was written
     CurlMessageTypeStop = 8,         ///< the user asks to stop
     CurlMessageTypeStarted = 16,     ///< the body transfer begins
@@ -15,7 +15,7 @@ enum CurlMessageType : std::int32_t {
 /// The name under which records are posted on the default notification center, as the notification's object.
 inline constexpr char kCurlCallbackMessage[] = "CurlCallbackMessage";
 
-/// One transfer event, on its way to the panel. Made, filled, posted and released by one thread; delivery is
+/// One transfer event for the panel. One thread creates, fills, posts and destroys it; delivery is
 /// synchronous on that thread, and the observer must not keep the record. Every field starts at zero.
 class CurlMessage {
   public:
@@ -23,11 +23,11 @@ class CurlMessage {
     [[nodiscard]] std::int64_t iMessage() const { return iMessage_; }
     void setIMessage(std::int64_t quantity) { iMessage_ = quantity; }
 
-    /// The transfer's token; -1 for records not tied to a transfer, 0 when not set.
+    /// The transfer's token; -1 for records that belong to no transfer, 0 when not set.
     [[nodiscard]] std::int64_t identifier() const { return identifier_; }
     void setIdentifier(std::int64_t token) { identifier_ = token; }
 
-    /// Seconds since 1970-01-01 00:00 UTC, read when the record was filled in.
+    /// When the record was posted, in seconds since 1970-01-01 00:00 UTC.
     [[nodiscard]] double timestamp() const { return timestamp_; }
     void setTimestamp(double seconds) { timestamp_ = seconds; }
 

@@ -26,12 +26,12 @@ EasyHandle makeHandle() {
     return {curl_easy_init(), curl_easy_cleanup};
 }
 
-/// A transfer is named by the address of its stream: never 0, never odd, unique while the stream is open.
+/// The token of a transfer is the address of its stream: not 0, even, and unique while the stream is open.
 std::int64_t tokenOf(FILE* stream) {
     return static_cast<std::int64_t>(reinterpret_cast<std::intptr_t>(stream));
 }
 
-/// A name for a transfer that never got a stream; odd, so that it can't be taken for another's.
+/// A token for a transfer whose file could not be opened; odd, so that it equals no stream's.
 std::int64_t tokenWithoutStream() {
     static std::atomic<std::int64_t> next{1};
     return next.fetch_add(2);
@@ -46,14 +46,14 @@ void post(CurlMessageType type, std::int32_t status, std::int64_t identifier, st
     postCurlMessage(message);
 }
 
-/// The probe's double as bytes; a claim beyond the counter's range counts as its end.
+/// The probed length in bytes; one beyond the range of the result becomes its maximum.
 std::int64_t truncatedLength(double length) {
     constexpr double kBeyond = 0x1p63;
     return length < kBeyond ? static_cast<std::int64_t>(length) : std::numeric_limits<std::int64_t>::max();
 }
 
-/// What became of a request, for the log. Never the library's own message about it: that can hold a proxy's
-/// address as the environment gives it, with a name and a password.
+/// The outcome of a request, for the log. It omits libcurl's own error message, which can quote the address
+/// of a proxy from the environment, with user name and password.
 std::string outcomeOf(CURL* handle, int result) {
     long answer = 0;
     long port = 0;
@@ -89,7 +89,7 @@ std::size_t OnDownLoadFile(char* data, std::size_t size, std::size_t count, void
         NSLog("Write of File failed:%s", std::generic_category().message(errno).c_str());
     }
     fflush(stream);
-    // A record of 0 bytes would tell the panel that the user stopped.
+    // To the panel, a record of 0 bytes means that the user stopped the transfer.
     if (written > 0) {
         post(CurlMessageTypeData, 0, tokenOf(stream), static_cast<std::int64_t>(written));
     }
@@ -113,7 +113,7 @@ int CurlWrapper::SyncHead(const std::string& url) {
         return probeFailed(result);
     }
     double length = 0.0;
-    // The replacement query gives an integer that can't hold what a server may claim.
+    // The integer query that replaces it fails for lengths beyond its range.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
     result = curl_easy_getinfo(handle.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD, &length);

@@ -53,8 +53,8 @@ int CoreImageView::pressed(const QMouseEvent& event) {
     if (event.button() != Qt::LeftButton) {
         return 0;
     }
-    // The toolkit knows only single and double clicks, and starts over when another button has appeared under
-    // the pointer: a double click on one button must not be a single click on the next.
+    // The toolkit counts no further than double clicks, and starts again when another button has appeared
+    // under the pointer. The second press of a double click must not count as a single click on that button.
     const QStyleHints& hints = *QGuiApplication::styleHints();
     const bool goesOn =
         _lastPress.count > 0 &&
@@ -113,7 +113,8 @@ void CoreImageView::buildSecondScreen() {
     const ButtonPictures resume{Image::named("continue_normal"), Image::named("continue_deep"), nullptr};
     const ButtonPictures retry{Image::named("retry_normal"), Image::named("retry_deep"),
                                Image::named("retry_gray")};
-    // All buttons have one spot, whose size is that of stop and, for the others, of continue.
+    // All buttons share one place; its size is that of the stop picture, or of the continue picture for the
+    // rest.
     const auto add = [this](const char* name, const char* accessibleName, const ButtonPictures& pictures,
                             const QSize& size) {
         const Frame spot = frameAt((width() - size.width()) * 0.5, size.height(), size);

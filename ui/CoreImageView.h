@@ -20,8 +20,8 @@ class CurlMessage;
 struct ComParam;
 struct InstallAttempt;
 
-/// The download panel: the one view that fills the window and carries both screens, and the hub where the
-/// buttons' messages and the transfer's records meet. Its methods live in the rooms they belong to:
+/// The download panel: the view that fills the window and shows both screens, receives the buttons' messages
+/// and handles the transfer's records. Its methods are defined in the folders they belong to:
 ///
 ///   view      ui/CoreImageView.cpp                 set-up, pictures, the second screen, the status line
 ///   download  download/CoreImageView_download.cpp  start, stop, continue, retry; source; version stamp
@@ -30,7 +30,7 @@ struct InstallAttempt;
 ///   dialogs   install/CoreImageView_dialogs.cpp    keep-data question and flag, guidance
 ///   product   install/CoreImageView_product.cpp    the installed application
 ///
-/// Main thread, where nothing else is said. The panel must outlive the workers that it starts.
+/// Main thread unless stated otherwise. The panel must outlive the workers that it starts.
 class CoreImageView : public QWidget, public ImageButtonTarget {
   public:
     // --- view -------------------------------------------------------------------------------------------
@@ -39,24 +39,24 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
     CoreImageView(const Frame& frame, QWidget* superview);
     ~CoreImageView() override;
 
-    /// Places `view`, made with this panel as its parent, on top of what the panel holds already.
+    /// Places `view`, a child of this panel, on top of the other subviews.
     void addSubview(QWidget* view, const Frame& frame, bool hidden = false);
 
-    /// Makes a button, which the panel owns, and places it on top of what the panel holds already. `type` is
-    /// one of ImageButtonView's, `accessibleName` what a screen reader says.
+    /// Creates a button, owned by the panel, on top of the other subviews. `type` is one of
+    /// ImageButtonView's; `accessibleName` is what a screen reader says.
     void addButton(std::int32_t type, const char* name, const char* accessibleName,
                    const ButtonPictures& pictures, const Frame& frame, bool hidden = false);
 
-    /// The view under `point`, the panel itself where there is none. Logged.
+    /// The view under `point`, or the panel itself when there is none. Logged.
     QWidget* hitTest(const QPoint& point);
 
-    /// Replaces the picture of every image view among the direct subviews, hidden ones and buttons included.
+    /// Sets the picture of every direct subview that is an image view, including hidden ones and buttons.
     void setImage(const Image::Ref& image);
 
-    /// Shows the start button normal or gray; it stays clickable.
+    /// Shows the start button's normal or gray picture; it stays clickable.
     void enableStart(bool enabled) override;
 
-    /// Shows `text` in the status line. Any thread; shown on return.
+    /// Sets the status line. Any thread; done on return.
     void updateStatus(const std::string& text);
 
     int pressed(const QMouseEvent& event) override;
@@ -68,13 +68,14 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
     void continueDownload() override;
     void retryDownload() override;
 
-    /// A download worker's whole work; on the worker.
+    /// What a download worker runs: the length probe, then the body.
     static void downloadThread(const ComParam& param);
 
-    /// The package's address, or "" where no configuration file could be read.
+    /// The package's address, or "" when no configuration file could be read.
     static std::string getDownloadUrl();
 
-    /// The reply's text, or nothing where none came within 10 seconds or it is not UTF-8. Blocks. Any thread.
+    /// The reply's text, or nothing when none arrived within 10 seconds or it is not UTF-8. Blocks. Any
+    /// thread.
     static std::optional<std::string> getRequest(const std::string& url);
 
     /// Asks the update server for the current version and rewrites the stamp file. Blocks. Any thread.
@@ -82,7 +83,7 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
 
     // --- events -----------------------------------------------------------------------------------------
 
-    /// Takes a transfer's record, on the thread that posted it.
+    /// Handles a transfer's record, on the thread that posted it.
     void onCallbackMessage(const CurlMessage& message);
     void updateProgress();
     void updateSpeed();
@@ -90,13 +91,13 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
 
     // --- install ----------------------------------------------------------------------------------------
 
-    /// The whole install pipeline, up to the queuing of its worker. On the download worker or the main
-    /// thread.
+    /// Starts the installation: closes running copies, obtains rights, asks whether games are kept, and
+    /// starts the install worker. On the download worker or the main thread.
     void downloadFinished() override;
 
     // --- dialogs ----------------------------------------------------------------------------------------
 
-    /// Asks whether games are to be kept and leaves the answer for the product.
+    /// Asks whether games are to be kept and writes the answer for the product.
     void isCoverInstall();
     static void removeCoverFile();
     static void installFaildGuide();
@@ -104,10 +105,10 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
 
     // --- product ----------------------------------------------------------------------------------------
 
-    /// Ends running copies of the product and waits for that. Any thread.
+    /// Ends running copies of the product and waits until they have ended. Any thread.
     static void killTovaniPlayer();
 
-    /// Launches the product and, when that worked, ends this process. Any thread.
+    /// Launches the product; on success, ends this process. Any thread.
     void startTovaniPlayer(const void* unused);
 
   protected:
@@ -121,7 +122,7 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
     TextField* addLabel(const Frame& frame, Qt::Alignment alignment, const char* text);
     [[nodiscard]] bool consentGiven() const;
 
-    /// Shows and hides what the state's row says. Any thread; done on return.
+    /// Shows and hides the controls as the state's row says. Any thread; done on return.
     void enterState(ScreenState state);
     void setButtonVisibility(const char* imageName, Visibility visibility);
 
@@ -138,11 +139,11 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
 
     // --- download ---------------------------------------------------------------------------------------
 
-    /// Makes the empty temporary file; on failure the status line tells why. Returns its path.
+    /// Creates the empty temporary file and returns its path; on failure, sets the status line to the cause.
     std::optional<std::string> prepareTemporaryFile();
     void startWorker(std::int64_t startPos, const std::string& filePath);
 
-    WorkerThread _downloadThread; ///< the latest; an older one may still run
+    WorkerThread _downloadThread; ///< the most recent; an older one may still run
     std::string _strDownloadUrl;
 
     // --- events: written by workers, read by the main thread ----------------------------------------------

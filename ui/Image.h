@@ -6,31 +6,31 @@
 #include <memory>
 #include <string>
 
-/// A picture of the bundle. Views compare pictures by identity: two loads of one name differ. Main thread.
+/// A picture of the bundle. Pictures are compared by identity: loading one name twice gives two. Main thread.
 class Image {
   public:
     using Ref = std::shared_ptr<const Image>;
 
-    /// Reads the PNG resource `name`; nothing where it is missing or unreadable.
+    /// Reads the PNG resource `name`; null when it is missing or unreadable.
     static Ref named(const std::string& name);
 
     explicit Image(std::string name, QPixmap pixmap);
 
-    /// Size in pixels, which is also its size in points: a double-resolution picture of the same name makes
-    /// the drawing crisper and changes no geometry.
+    /// Size in pixels, which is also the size in points: the double-resolution picture of the same name is
+    /// only sharper and changes no geometry.
     [[nodiscard]] QSize size() const { return single_.size(); }
 
-    /// The pixels to draw on a screen of this scale.
+    /// The picture for a screen of this scale.
     [[nodiscard]] const QPixmap& pixmap(qreal devicePixelRatio) const;
 
   private:
     std::string name_;
     QPixmap single_;
-    mutable QPixmap double_; // read when a screen first asks for it
+    mutable QPixmap double_; ///< read on first use
     mutable bool doubleWasRead_ = false;
 };
 
-/// A missing picture counts as having no size.
+/// The size of a picture; a missing one has size 0.
 inline QSize sizeOf(const Image::Ref& image) {
     return image == nullptr ? QSize(0, 0) : image->size();
 }

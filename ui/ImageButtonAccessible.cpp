@@ -42,7 +42,8 @@ QStringList ImageButtonAccessible::actionNames() const {
 
 void ImageButtonAccessible::doAction(const QString& actionName) {
     if (actionName == pressAction()) {
-        // The reader waits for this call's end, which must not be that of a dialog that the press opens.
+        // The screen reader blocks until this call returns, so a dialog that the press opens must not run in
+        // it.
         const auto press = [pressed = button()] { pressed->performClick(); };
         QMetaObject::invokeMethod(button(), press, Qt::QueuedConnection);
     } else {

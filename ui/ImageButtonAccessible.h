@@ -4,11 +4,11 @@
 
 class ImageButtonView;
 
-/// What a screen reader learns of an image button: a push button, or a check box with its state, that can be
+/// Presents an image button to screen readers as a push button, or a check box with its state, that can be
 /// pressed. Main thread.
 class ImageButtonAccessible : public QAccessibleWidget {
   public:
-    /// Makes the toolkit use this for every ImageButtonView from now on. Harmless to repeat.
+    /// Registers this class with the toolkit for every ImageButtonView. May be called repeatedly.
     static void install();
 
     explicit ImageButtonAccessible(ImageButtonView* button);

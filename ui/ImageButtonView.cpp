@@ -33,7 +33,7 @@ bool ImageButtonView::event(QEvent* event) {
 }
 
 void ImageButtonView::focusInEvent(QFocusEvent* event) {
-    // The key that moves the focus here went to whatever had it, which may be no button.
+    // The Tab key was sent to the widget that had the focus before, which may not be a button.
     if (event->reason() == Qt::TabFocusReason || event->reason() == Qt::BacktabFocusReason) {
         setKeyboardLeads(true);
     }
@@ -79,7 +79,8 @@ void ImageButtonView::mouseDoubleClickEvent(QMouseEvent* event) {
 }
 
 void ImageButtonView::mouseReleaseEvent(QMouseEvent* event) {
-    // A button that took no press can still be handed the release of one that hid itself meanwhile.
+    // The toolkit may send a release to a button that got no press, when the pressed one was hidden
+    // meanwhile.
     if (event->button() == Qt::LeftButton && pressClickCount_ != 0) {
         mouseUp(std::exchange(pressClickCount_, 0));
     }
@@ -149,7 +150,7 @@ void ImageButtonView::keyPressEvent(QKeyEvent* event) {
 }
 
 void ImageButtonView::hideEvent(QHideEvent* event) {
-    // Hidden while held down, it will not see the release; it must come back at rest.
+    // Hidden while pressed, it gets no release; it must not reappear pressed.
     if (std::exchange(pressClickCount_, 0) != 0 && iType_ == kPushButton && image() == deepImage_) {
         setImage(normalImage_);
     }
@@ -162,7 +163,7 @@ void ImageButtonView::paintEvent(QPaintEvent* event) {
         QPainter painter(this);
         painter.setRenderHint(QPainter::Antialiasing);
         painter.setPen(QPen(Qt::white, 2));
-        // Round the face of a push button, whose ends are half circles.
+        // Follows the outline of a push button, whose ends are half circles.
         const QRectF ring = QRectF(rect()).adjusted(2, 2, -2, -2);
         const double radius = iType_ == kPushButton ? ring.height() / 2 : 3;
         painter.drawRoundedRect(ring, radius, radius);

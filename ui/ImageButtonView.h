@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <string>
 
-/// What the view that contains image buttons offers them: the messages that a release sends, and the count
-/// of clicks, which runs on when one button has taken another's place.
+/// What the view that contains image buttons provides: the messages that a release sends, and a click count
+/// that continues when one button has replaced another.
 class ImageButtonTarget {
   public:
     virtual ~ImageButtonTarget() = default;
@@ -17,18 +17,18 @@ class ImageButtonTarget {
     virtual void retryDownload() = 0;
     virtual void enableStart(bool enabled) = 0;
 
-    /// Takes note of a mouse press over the view and tells its click count: 1 for a single click's press.
+    /// Records a mouse press over the view and returns its click count: 1 for a single click.
     virtual int pressed(const QMouseEvent& event) = 0;
 };
 
-/// The pictures of a button, as its properties of these names say. All but the first may be absent.
+/// The pictures of a button, by the names of its properties. All but the first may be null.
 struct ButtonPictures {
     Image::Ref normal;
     Image::Ref deep;
     Image::Ref gray;
 };
 
-/// A control that shows one of three pictures and, when released, sends a message chosen by its name to the
+/// A control that shows one of three pictures and, when released, sends a message, chosen by its name, to the
 /// view that contains it, an ImageButtonTarget. Main thread.
 class ImageButtonView : public ImageView {
   public:
@@ -37,11 +37,11 @@ class ImageButtonView : public ImageView {
 
     explicit ImageButtonView(QWidget* superview);
 
-    /// kPushButton or kCheckbox; any other value makes the view inert but for the press's log line.
+    /// kPushButton or kCheckbox; with any other value a press is only logged.
     [[nodiscard]] std::int32_t iType() const { return iType_; }
     void setIType(std::int32_t type);
 
-    /// The button's name: decides what a release does, and is how others find the button.
+    /// The button's name: decides what a release does, and identifies the button among the panel's subviews.
     [[nodiscard]] const std::string& imageName() const { return imageName_; }
     void setImageName(std::string name) { imageName_ = std::move(name); }
 
@@ -53,7 +53,8 @@ class ImageButtonView : public ImageView {
     [[nodiscard]] const Image::Ref& deepImage() const { return deepImage_; }
     void setDeepImage(Image::Ref image) { deepImage_ = std::move(image); }
 
-    /// Picture while disabled; may be absent. A gray button still sends its message: who must refuse, tests.
+    /// Picture while disabled; may be null. A gray button still sends its message; the receiver decides
+    /// whether to act on it.
     [[nodiscard]] const Image::Ref& grayImage() const { return grayImage_; }
     void setGrayImage(Image::Ref image) { grayImage_ = std::move(image); }
 
@@ -62,10 +63,10 @@ class ImageButtonView : public ImageView {
     /// True only for a ticked checkbox.
     [[nodiscard]] bool getStatus() const;
 
-    /// Whether the focus is shown: while the keyboard is used, not while the mouse is.
+    /// Sets whether the focused button shows a ring: while the keyboard is used, not while the mouse is.
     static void setKeyboardLeads(bool leads);
 
-    /// One whole single click, as the keyboard or a screen reader makes it.
+    /// A press and a release, as made by the keyboard or a screen reader.
     void performClick();
 
   protected:
@@ -91,5 +92,5 @@ class ImageButtonView : public ImageView {
     Image::Ref normalImage_;
     Image::Ref deepImage_;
     Image::Ref grayImage_;
-    int pressClickCount_ = 0; // of the press that awaits its release; 0: none does
+    int pressClickCount_ = 0; ///< of the press whose release is still to come; 0: there is none
 };

@@ -4,7 +4,8 @@
 
 #include <QWidget>
 
-/// Shows a picture, each axis stretched on its own to fill the frame; without one, nothing. Main thread.
+/// Shows a picture, each axis scaled independently to fill the frame; nothing when there is none. Main
+/// thread.
 class ImageView : public QWidget {
   public:
     explicit ImageView(QWidget* superview);

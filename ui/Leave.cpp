@@ -6,15 +6,15 @@
 
 #include <mutex>
 
-void sayLastWords() {
-    static std::once_flag said;
-    std::call_once(said, [] {
+void shutDown() {
+    static std::once_flag isDone;
+    std::call_once(isDone, [] {
         submitWebStatic();
         cleanUpCurlLibrary();
     });
 }
 
 void leave() {
-    sayLastWords();
+    shutDown();
     exitProcess(0);
 }

@@ -1,10 +1,10 @@
 #pragma once
 
-/// How the program ends. The last words are said once, whichever way out comes first; a second way out waits
-/// until they are said. Any thread.
+/// How the program ends. Any thread.
 
-/// Has the statistics submitted and cleans up the transfer library.
-void sayLastWords();
+/// Submits the statistics and cleans up the transfer library: once per process; a concurrent call blocks
+/// until that is done.
+void shutDown();
 
-/// The one way out: says the last words and ends the process with status 0, whatever still runs.
+/// Shuts down and ends the process with status 0, without waiting for running threads.
 [[noreturn]] void leave();

@@ -10,7 +10,7 @@ namespace {
 const QColor kTrack(255, 255, 255, 36);
 const QColor kFillStart(0x1f, 0xc8, 0xc2);
 const QColor kFillEnd(0x0d, 0x80, 0xba);
-constexpr int kFrame = 33; // milliseconds
+constexpr int kFrame = 33; ///< milliseconds
 } // namespace
 
 ProgressIndicator::ProgressIndicator(QWidget* superview) : QProgressBar(superview) {
@@ -25,7 +25,7 @@ double ProgressIndicator::filledWidth() const {
 
 void ProgressIndicator::setDoubleValue(double percent) {
     doubleValue_ = percent;
-    // Called for every block of a transfer: a change that follows at once is shown with the next frame.
+    // Called for every block of a transfer, far more often than the screen needs to change.
     if (!nextFrame_.isActive()) {
         showValue();
     }
@@ -33,7 +33,7 @@ void ProgressIndicator::setDoubleValue(double percent) {
 
 void ProgressIndicator::showValue() {
     shownValue_ = doubleValue_;
-    // The toolkit's bar would paint itself at once.
+    // QProgressBar::setValue would repaint synchronously.
     setUpdatesEnabled(false);
     setValue(static_cast<int>(std::clamp(shownValue_, 0.0, 100.0)));
     setUpdatesEnabled(true);

@@ -3,14 +3,15 @@
 #include <QBasicTimer>
 #include <QProgressBar>
 
-/// A determinate bar from 0 to 100 that shows fractions of a percent too. Main thread.
+/// A progress bar from 0 to 100 percent that shows fractions too. Main thread.
 class ProgressIndicator : public QProgressBar {
   public:
     explicit ProgressIndicator(QWidget* superview);
 
     [[nodiscard]] double doubleValue() const { return doubleValue_; }
 
-    /// Shown at once, or, where the last change is less than a frame old, with the next frame.
+    /// Sets the value. It is painted when the event loop next runs, at most about thirty times a second: a
+    /// change within 33 ms of the last one shown is shown when they have passed.
     void setDoubleValue(double percent);
 
   protected:

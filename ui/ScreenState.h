@@ -1,6 +1,6 @@
 #pragma once
 
-/// The names of the panel's buttons: how they are found and what a release of them does.
+/// The names of the panel's buttons, by which they are found and which decide what a release does.
 namespace button {
 inline constexpr char kStart[] = "start_button";
 inline constexpr char kCheckbox[] = "checkbox";
@@ -10,17 +10,16 @@ inline constexpr char kContinueInstall[] = "continueInsTall_button";
 inline constexpr char kRetryDownload[] = "retryDownload_button";
 } // namespace button
 
-/// The states of the second screen, as the user sees them. Which controls each shows and hides is one table,
-/// in ScreenState.cpp.
+/// The states of the second screen as the user sees them. The table of what each shows is in ScreenState.cpp.
 enum class ScreenState {
-    Downloading,    ///< the second screen as it is built
+    Downloading,    ///< the second screen when it is built
     Stopped,        ///< the user pressed stop
     Resumed,        ///< the user pressed continue
     NetworkFailure, ///< the body transfer failed; it can be continued
-    ProbeFailed,    ///< the package was not found or the transfer could not start: nothing left to press
+    ProbeFailed,    ///< the package was not found or the transfer could not start; no button is shown
     Installing,     ///< an install attempt runs
     InstallAgain,   ///< no rights, or the driver failed: the attempt can be repeated
-    DownloadAgain,  ///< the package did not install: it can be fetched anew
+    DownloadAgain,  ///< the package did not install; it can be downloaded again
     Retried,        ///< the user pressed retry
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 
-/// Every text that the status and speed labels show, but for the system's own causes of failure.
+/// The texts of the status and speed labels, except for the system's causes of failure.
 namespace status {
 
 inline constexpr char kNoSpeed[] = "0 KB/s";

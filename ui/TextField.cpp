@@ -6,7 +6,7 @@
 #include <QPainter>
 
 namespace {
-constexpr int kFontSize = 11; // pixels; the longest status text is 290 wide at this size
+constexpr int kFontSize = 11; ///< pixels; the longest status text is 290 wide
 constexpr int kSmallestFontSize = 8;
 } // namespace
 

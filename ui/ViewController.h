@@ -5,10 +5,11 @@
 #include <QWidget>
 
 /// Builds the first screen: the content view that fills the window, the panel in it, and on the panel the
-/// background, the start button and the agreement. Keeps no state; the views own each other. Main thread.
+/// background, the start button and the agreement. The window owns the views, of which this keeps pointers.
+/// Main thread.
 class ViewController {
   public:
-    /// `superview` is the window; it owns the views.
+    /// `superview` is the window.
     explicit ViewController(QWidget* superview);
 
     void viewDidLoad();
