@@ -16,7 +16,7 @@ namespace installer {
 
 namespace {
 
-// Of the children, not of their descendants: those become children when their parents end.
+// Only children: their own children become children of this process when they end.
 void killChildren() {
     std::error_code problem;
     for (const auto& entry : std::filesystem::directory_iterator("/proc", problem)) {

@@ -53,7 +53,7 @@ TrustedCertificates readTrusted(const Request& request) {
 }
 
 FileDescriptor openPackage(const Request& request) {
-    // Checked to be a regular file before anything is read; what else it could be must not block here.
+    // Opening must not block, whatever the file is; that it is a regular one is checked before it is read.
     FileDescriptor file(request.descriptor >= 0
                             ? fcntl(request.descriptor, F_DUPFD_CLOEXEC, 0)
                             : open(request.package.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
@@ -83,7 +83,7 @@ class UsageCount : public PayloadSink {
     DiskUsage usage;
 };
 
-// Where the disk has no room for the payload and for the application that is set aside, but for one of them.
+// Removes the application that is set aside if the payload fits on the disk only without it.
 void makeRoom(const Package& package, const Entry& payload, const PackageInfo& info, const Staging& staging) {
     const std::uint64_t available = freeBytes(staging);
     if (!isSetAside(staging.folder()) || (info.kilobytes && largestPayload(info) <= available)) {

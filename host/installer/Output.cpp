@@ -14,7 +14,7 @@ using namespace package;
 
 namespace {
 
-// False when the time is over.
+// False when the time is up.
 bool printWithin(std::string_view text, int milliseconds) {
     while (!text.empty()) {
         pollfd output{STDOUT_FILENO, POLLOUT, 0};

@@ -106,7 +106,7 @@ void Staging::swapIn() const {
     makeFolder(kOldFolder);
     const SwapPlan plan = makeSwapPlan(target(), folder());
     writeSwapPlan(folder(), plan);
-    sync(); // what moves in must be on disk before what moves out is gone
+    sync(); // the new must be on disk before the old is moved
     swap(target(), folder(), plan);
 }
 
@@ -127,8 +127,8 @@ void Staging::discardAside() const {
     removeDiscarded();
 }
 
-// Renaming first makes it certain that nothing partly removed is taken for the whole, and that nothing that
-// cannot be removed is in the way of the next install.
+// Renaming first ensures that nothing partly removed is taken for the whole, and that what cannot be removed
+// is not in the way of the next install.
 void Staging::discard(const std::string& name) const {
     std::string newName;
     for (int i = 0; newName.empty() || statusOf(folder(), newName); ++i) {

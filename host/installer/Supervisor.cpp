@@ -102,7 +102,7 @@ std::string causeOf(const std::function<void()>& work) {
     }
     adoptOrphans();
     const std::string cause = causeOf(work);
-    // A pipe takes this much at once.
+    // A pipe takes this much in one piece.
     (void)!write(causes, cause.data(), std::min<std::size_t>(cause.size(), 4096));
     _exit(cause.empty() ? EXIT_SUCCESS : EXIT_FAILURE);
 }

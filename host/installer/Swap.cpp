@@ -53,7 +53,7 @@ class Planner {
   public:
     explicit Planner(dev_t device) : device_(device) {}
 
-    // `path` names both folders, relative to where each side begins.
+    // `path` is that of both folders, relative to the staging folder's and the target's.
     void visit(int coming, int present, const std::string& path) {
         for (const std::string& name : namesIn(coming)) {
             std::string place = path.empty() ? path : path + '/';
@@ -118,7 +118,7 @@ void writeSwapPlan(int staging, const SwapPlan& plan) {
     std::string text;
     for (const std::string& place : plan) {
         text += place;
-        text += '\0'; // the one byte that no name has
+        text += '\0'; // the only byte that no name contains
     }
     const FileDescriptor file(
         openat(staging, kUnfinishedPlan, O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600));

@@ -22,7 +22,7 @@ using namespace package;
 
 namespace {
 
-// What moveTree makes until it has its mode and owner.
+// A folder that moveTree makes, until it has its mode and owner.
 constexpr char kUnfinishedFolder[] = ".pellomar-unfinished";
 
 struct CloseList {
@@ -54,7 +54,7 @@ FileDescriptor openOnSameMount(int folder, const std::string& name) {
     return opened;
 }
 
-// Makes a folder with the given mode and owner under its name, or under none.
+// Makes a folder that has its mode and owner as soon as it has its name.
 bool makeFolderLike(const struct stat& status, int parent, const std::string& name) {
     if (mkdirat(parent, kUnfinishedFolder, S_IRWXU) != 0 && errno != EEXIST) {
         return false;
@@ -74,7 +74,8 @@ bool renameWhole(int fromFolder, const std::string& fromName, int toFolder, cons
     if (errno != EINVAL && errno != ENOSYS) {
         return false;
     }
-    // A file system without that flag. The new place is in a folder of ours, or was seen to be free.
+    // A file system without that flag. The caller has seen that the new place is free, or nobody else can
+    // enter its folder.
     if (statusOf(toFolder, toName)) {
         errno = EEXIST;
         return false;
@@ -112,7 +113,7 @@ std::vector<std::string> namesIn(int folder) {
     if (!list) {
         throw systemFailure("cannot list a folder");
     }
-    (void)again.release(); // the list's by now
+    (void)again.release(); // owned by the list
     std::vector<std::string> names;
     errno = 0;
     while (const dirent* entry = readdir(list.get())) {

@@ -2,19 +2,18 @@
 // of an installation as root calls `begin` before the application is removed, and `end` when the attempt is
 // over, however it ended; a systemd unit calls `end` at boot when the folder /.pellomar-installer exists.
 //
-//   begin  does what `end` does, then moves /Applications/Pellomar.app, if it exists, into the installer's
-//   folder
-//          /.pellomar-installer/aside. Should that fail, the application is back in its place.
-//   end    undoes an install that was interrupted before it was committed, or completes one that was
-//   interrupted
-//          after that. Then, if an application is set aside: where something is at its place, the copy set
-//          aside is removed; otherwise it is moved back. Removes /.pellomar-installer when nothing is left in
-//          it.
+// `begin` does what `end` does, then moves /Applications/Pellomar.app, if it exists, into the folder
+// /.pellomar-installer/aside. Should that fail, the application is back in its place.
+//
+// `end` undoes an install that was interrupted before it was committed, or completes one that was interrupted
+// after that. Then, if an application is set aside: where something is at its place, the copy set aside is
+// removed; otherwise it is moved back. Last it removes /.pellomar-installer if nothing is left in it.
 //
 // An install that is committed removes the copy set aside itself. Both verbs can be killed at any point and
-// run again; both wait for a running installer to end. They print nothing on success. Exit status: 0 on
-// success, also where there is nothing to do; 1 on failure, with the cause on standard error, and what could
-// not be moved is kept for the next run; 2 for wrong use.
+// run again; both wait for a running installer to end, half an hour at most. They print nothing on success.
+// Exit status: 0 on success, also where there is nothing to do; 1 on failure, with the cause on standard
+// error, and what could not be moved is kept for the next run; 2 for wrong use.
+#include "base/StandardStreams.h"
 #include "installer/SetAside.h"
 #include "installer/Staging.h"
 #include "installer/StagingLayout.h"
@@ -79,6 +78,7 @@ void begin() {
 int main(int argc, char** argv) try {
     constexpr int kWrongUse = 2;
     const std::string_view verb = argc == 2 ? argv[1] : "";
+    occupyStandardStreams();
     std::signal(SIGXFSZ, SIG_IGN); // a write that fails is reported instead
     umask(S_IWGRP | S_IWOTH);
     if (verb == "begin") {

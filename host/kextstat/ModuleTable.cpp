@@ -22,7 +22,7 @@ std::vector<Module> readList(std::ifstream& list) {
         Module module;
         std::string users;
         std::string state;
-        // A driver that is still starting or already leaving does not serve anyone.
+        // Not while it is being loaded or unloaded.
         if (fields >> module.name >> module.bytes >> module.references >> users >> state && state == "Live") {
             modules.push_back(std::move(module));
         }

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-// The kernel's drivers as a table, asked for by the names that another platform gives them.
+/// The kernel's drivers as a table, looked up by the identifiers that another platform uses.
 namespace kextstat {
 
 struct Module {
@@ -16,22 +16,22 @@ struct Module {
     std::uint64_t references = 0;
 };
 
-// Where the kernel tells of its drivers.
+/// Where the kernel lists its drivers.
 struct Sources {
-    std::filesystem::path list = "/proc/modules"; // one line a loadable driver
-    std::filesystem::path folder = "/sys/module"; // one folder a driver; asked where there is no list
+    std::filesystem::path list = "/proc/modules"; ///< one line a loadable driver
+    std::filesystem::path folder = "/sys/module"; ///< one folder a driver; read where there is no list
 };
 
-// The drivers that are ready for use, in the kernel's order. Throws std::system_error when neither source can
-// be read, or the list breaks off.
+/// The drivers that are ready for use, in the kernel's order. Throws std::system_error when neither source
+/// can be read, or the list is cut short.
 std::vector<Module> loadedModules(const Sources& sources);
 
-// The kernel's name for a driver: the identifier's last component in lower case, with "_" for "-", as in
-// "vboxdrv" for one that ends in ".VBoxDrv". Empty when the last component is.
+/// The kernel's name for a driver: the identifier's last component in lower case, with "_" for "-", as in
+/// "vboxdrv" for one that ends in ".VBoxDrv". Empty when the last component is.
 std::string moduleName(std::string_view identifier);
 
-// The table's head and a row for each driver; with an identifier, only for the driver that it means, whose
-// row then carries the identifier exactly as given.
+/// The table's head and a row for each driver; with an identifier, only for the driver that it means, whose
+/// row then carries the identifier exactly as given.
 std::string table(const std::vector<Module>& modules, const std::optional<std::string>& identifier);
 
 } // namespace kextstat

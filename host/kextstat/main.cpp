@@ -1,5 +1,5 @@
-// Shows which of the kernel's drivers are loaded. Whoever asks for one looks for its identifier in the
-// output, so it is printed in the row of a loaded driver and nowhere else.
+// Shows which of the kernel's drivers are loaded. Callers search the output for a driver's identifier, so it
+// is printed in the row of a loaded driver only.
 #include "kextstat/ModuleTable.h"
 
 #include <cstdio>

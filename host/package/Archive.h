@@ -13,7 +13,7 @@ struct FreeWriter {
     void operator()(archive* handle) const { archive_write_free(handle); }
 };
 
-// Owners of libarchive handles.
+/// Owners of libarchive handles.
 using ArchiveReader = std::unique_ptr<archive, FreeReader>;
 using ArchiveWriter = std::unique_ptr<archive, FreeWriter>;
 

@@ -85,7 +85,7 @@ PackageInfo readPackageInfo(const Package& package) {
 
 std::uint64_t largestPayload(const PackageInfo& info) {
     constexpr std::uint64_t kTolerance = 1 << 20;
-    // Some count in blocks, some in bytes.
+    // Some tools count in blocks, some in bytes.
     return info.kilobytes ? 2 * (*info.kilobytes * 1024) + kTolerance
                           : std::numeric_limits<std::uint64_t>::max();
 }

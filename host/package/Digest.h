@@ -11,22 +11,22 @@ struct evp_md_ctx_st;
 
 namespace package {
 
-// The message digests that an archive may use. The first two only tell damage, not ill will.
+/// The message digests that an archive may use. The first two only detect corruption, not tampering.
 enum class DigestKind { Md5, Sha1, Sha256, Sha512 };
 
-// By the name that an archive's table gives it; empty for one that we do not know.
+/// By its name in an archive's table; empty for an unknown one.
 std::optional<DigestKind> digestKind(std::string_view name);
 const char* digestName(DigestKind kind);
 bool isStrong(DigestKind kind);
 const evp_md_st* digestMethod(DigestKind kind);
 
-// A running digest. Throws Failure when the machine's OpenSSL refuses the kind.
+/// A running digest. Throws Failure when the machine's OpenSSL refuses the kind.
 class Digest {
   public:
     explicit Digest(DigestKind kind);
 
     void update(const void* bytes, std::size_t size);
-    std::string finish(); // the digest's bytes; the object is then used up
+    std::string finish(); ///< the digest's bytes; to be called once, last
 
   private:
     struct Free {
@@ -37,7 +37,7 @@ class Digest {
 
 std::string toHex(std::string_view bytes);
 
-// Empty when the text is not pairs of hexadecimal digits.
+/// Empty when the text is not pairs of hexadecimal digits.
 std::optional<std::string> fromHex(std::string_view text);
 
 } // namespace package

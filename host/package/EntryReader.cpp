@@ -180,7 +180,7 @@ std::unique_ptr<EntryReader::Decoder> makeDecoder(int file, const Extent& extent
     if (encoding == kPlainEncoding) {
         return std::make_unique<EntryReader::Decoder>(file, extent);
     }
-    if (encoding == "application/x-gzip") { // despite its name
+    if (encoding == "application/x-gzip") { // a zlib stream, despite the name
         return std::make_unique<ZlibDecoder>(file, extent);
     }
     if (encoding == "application/x-bzip2") {

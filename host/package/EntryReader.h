@@ -8,24 +8,24 @@
 
 namespace package {
 
-// Reads a part of a file, undoing the encoding in which the archive stores it. Not thread-safe.
+/// Reads a part of a file and decodes it. Not thread-safe.
 class EntryReader {
   public:
-    // `file` stays the caller's and must outlive the reader; `start` is where the part begins in it.
-    // Throws Failure when the encoding is not known.
+    /// `file` stays the caller's and must outlive the reader; `start` is where the part begins in it. Throws
+    /// Failure when the encoding is unknown.
     EntryReader(int file, std::uint64_t start, const Data& data);
     EntryReader(const EntryReader&) = delete;
     EntryReader& operator=(const EntryReader&) = delete;
     ~EntryReader();
 
-    // The next decoded bytes, which stay where they are until the next call; empty at the end. Throws Failure
-    // when the part is damaged: by its encoding, its size, or its checksum, which is compared at the end.
+    /// The next decoded bytes, valid until the next call; empty at the end. Throws Failure when the part is
+    /// damaged: in its encoding, its size, or its checksum, which is compared at the end.
     std::string_view next();
 
-    // How many of the stored bytes have been read.
+    /// How many of the stored bytes have been read.
     std::uint64_t consumed() const;
 
-    class Decoder; // gives decoded bytes, knowing nothing of sizes and checksums
+    class Decoder; ///< decodes, without regard to size and checksum
 
   private:
     std::unique_ptr<Decoder> decoder_;
@@ -35,7 +35,7 @@ class EntryReader {
     bool ended_ = false;
 };
 
-// All of a zlib stream that is known to be `size` bytes when unpacked. Throws Failure when it is not.
+/// All of a zlib stream that is known to be `size` bytes when unpacked. Throws Failure when it is not.
 std::string inflated(std::string_view packed, std::size_t size, const std::string& what);
 
 } // namespace package

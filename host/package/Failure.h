@@ -7,14 +7,14 @@
 
 namespace package {
 
-// The one way in which an install ends badly. what() is the cause in one short English line, ready to be
-// shown; it may quote names from the package, made printable.
+/// Every failure of an install. what() is the cause in one short English line, fit to be shown; it may quote
+/// names from the package, made printable.
 class Failure : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-// The Failure that a system call has just told of in errno.
+/// The Failure for the system call that has just set errno.
 inline Failure systemFailure(const std::string& what) {
     return Failure(what + ": " + std::generic_category().message(errno));
 }

@@ -46,7 +46,7 @@ class Stream {
         throw Failure(cause_.empty() ? "the package's payload is damaged: " + lastError(payload) : cause_);
     }
 
-    // What follows the archive's end is under the checksum too.
+    // What follows the archive's end counts for the checksum, too.
     void drain() {
         while (!reader_.next().empty()) {
         }
@@ -57,7 +57,7 @@ class Stream {
     std::string cause_;
 };
 
-/// The rules for every entry, whatever is done with it.
+// The rules for every entry, whatever is done with it.
 class EntryRules {
   public:
     PayloadEntry check(archive_entry* entry) {
@@ -171,7 +171,7 @@ void readPayload(EntryReader& reader, PayloadSink& sink) {
         if (result != ARCHIVE_OK) {
             stream.fail(payload.get());
         }
-        // The checksums of this variant are read over, so a damaged file would pass.
+        // libarchive ignores the checksums of this variant, so a damaged file would pass.
         if (archive_format(payload.get()) == ARCHIVE_FORMAT_CPIO_SVR4_CRC) {
             throw Failure("the package's payload is of a cpio variant that is not supported");
         }

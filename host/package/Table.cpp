@@ -16,7 +16,7 @@ namespace {
 
 constexpr char kWhat[] = "the package's table";
 constexpr std::size_t kMostCertificates = 10;
-constexpr std::size_t kMostNameBytes = 1 << 20; // of all entries, whose names repeat their folders'
+constexpr std::size_t kMostNameBytes = 1 << 20; // of all entries' paths
 
 std::uint64_t bigEndian(std::string_view bytes) {
     std::uint64_t value = 0;
@@ -220,7 +220,7 @@ Header parseHeader(std::string_view bytes) {
     }
     if (header.tableLength == 0 || header.tableLength > kLargestTable || header.tableUnpacked == 0 ||
         header.tableUnpacked > kLargestTable) {
-        throw Failure("not a package: its header gives the table an absurd size");
+        throw Failure("not a package: its header states an implausible size of the table");
     }
     switch (bigEndian(bytes.substr(24, 4))) {
     case 1:

@@ -179,7 +179,7 @@ void verifyChain(X509* signer, STACK_OF(X509) * chain, const TrustedCertificates
     }
     X509_VERIFY_PARAM* rules = X509_STORE_CTX_get0_param(verification.get());
     X509_VERIFY_PARAM_set_auth_level(rules, kStrength);
-    // A publisher's own certificate may be trusted without whoever issued it.
+    // A publisher's own certificate may be trusted without its issuer's.
     X509_VERIFY_PARAM_set_flags(rules, X509_V_FLAG_PARTIAL_CHAIN);
     if (X509_verify_cert(verification.get()) != 1) {
         throw Failure(chainFailure(X509_STORE_CTX_get_error(verification.get())));

@@ -21,10 +21,9 @@ namespace package {
 /// alone accepts nobody.
 ///
 /// A folder of trusted certificates holds files in PEM form, with one or more certificates each, and files
-/// named
-/// *.keys: a pin on each line, the SHA-256 digest of a public key (its SubjectPublicKeyInfo in DER form) in
-/// 64 hexadecimal digits. Hidden files and those that dpkg set aside (*.dpkg-*) are not read; but where a
-/// folder is not empty, whatever it holds, a signature is demanded.
+/// named *.keys: a pin on each line, the SHA-256 digest of a public key (its SubjectPublicKeyInfo in DER
+/// form) in 64 hexadecimal digits. Hidden files and those that dpkg set aside (*.dpkg-*) are not read; but
+/// where a folder is not empty, whatever it holds, a signature is demanded.
 class TrustedCertificates {
   public:
     /// Nothing is trusted.

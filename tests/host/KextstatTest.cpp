@@ -21,5 +21,5 @@ TEST(Kextstat, NamesOnlyALoadedDriver) {
         EXPECT_EQ(text.find(identifier) != std::string::npos, isLoaded) << list << text;
     }
     std::filesystem::remove(sources.list);
-    EXPECT_THROW(loadedModules(sources), std::system_error); // and knowing nothing is not an answer
+    EXPECT_THROW(loadedModules(sources), std::system_error); // not an empty table
 }
