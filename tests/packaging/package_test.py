@@ -48,7 +48,7 @@ def run(*command, **options):
 
 
 def dpkg(*arguments):
-    run("dpkg", "--force-unsafe-io", "--force-confdef", "--force-confold", *arguments,
+    run("dpkg", "--no-triggers", "--force-unsafe-io", "--force-confdef", "--force-confold", *arguments,
         env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"})  # fmt: skip
 
 
@@ -143,7 +143,7 @@ class PackagingTest(unittest.TestCase):
             self.assertTrue(any(re.fullmatch(pattern, one) for one in depends), (pattern, depends))
 
     def test_hardening(self):
-        programs = [path for path in self.unpacked.rglob("*") if path.is_file() and path.open("rb").read(4) == b"\x7fELF"]
+        programs = [path for path in self.unpacked.rglob("*") if path.is_file() and path.read_bytes()[:4] == b"\x7fELF"]
         elf = {path.name: run("readelf", "-W", "-h", "-l", "-d", "--dyn-syms", path, env={"LC_ALL": "C"}) for path in programs}
         self.assertGreaterEqual(elf.keys(), PROGRAMS)
         for name, text in elf.items():
