@@ -28,6 +28,7 @@ PROGRAM = f"{VOLUME}.app/Contents/MacOS/PellomarDownloader"
 HOUSE = Path("/usr/lib/pellomar-downloader")
 CONFIG = Path("/etc/pellomar-downloader/config")
 PROGRAMS = {"PellomarDownloader", "installer", "kextstat", "pellomar-downloader-rights", "pellomar-installer-transaction"}
+TRUSTED = Path("/usr/lib/pellomar-installer/trusted")
 UNITS = Path("/usr/lib/systemd/system")
 SCRATCH = Path("/tmp/packaging-test")
 DEPENDS = ("psmisc", "xdg-utils", r"polkitd \|.*", r"fonts-noto-cjk \|.*", "libqt6widgets6 .*", "libcurl4(t64)? .*",
@@ -45,6 +46,11 @@ def run(*command, **options):
     if done.returncode != 0:
         raise AssertionError(f"{command} ended with {done.returncode}:\n{done.stdout}")
     return done.stdout
+
+
+def configure(build, certificates, keys):
+    run("cmake", build, f"-DPELLOMAR_PUBLISHER_CERTIFICATE={';'.join(map(str, certificates))}",
+        f"-DPELLOMAR_PUBLISHER_KEYS={';'.join(keys)}")  # fmt: skip
 
 
 def dpkg(*arguments):
@@ -98,9 +104,17 @@ class PackagingTest(unittest.TestCase):
             done = subprocess.run([*command, name], capture_output=True, check=False)
             if done.returncode == 0 or cls.image.exists():
                 raise AssertionError(f"an image was made for {name!r}")
-        cache = (cls.build / "CMakeCache.txt").read_text()
-        was_named = re.search(r"^PELLOMAR_PACKAGE_NAME:STRING=(.*)$", cache, re.MULTILINE)[1]
-        cls.addClassCleanup(run, "cmake", f"-DPELLOMAR_PACKAGE_NAME={was_named}", cls.build)
+        cache = cls.build / "CMakeCache.txt"
+        cls.addClassCleanup(run, "cmake", cls.build)
+        cls.addClassCleanup(cache.write_text, cache.read_text())
+        cls.certificates, key, keys = [SCRATCH / "1.pem", SCRATCH / "2.pem"], SCRATCH / "key.pem", ["01" * 32, "ab" * 32]
+        for path in cls.certificates:
+            run(PROJECT / "sample/make-certificate", "openssl", "Publisher", key, path)
+        for certificates, pins in (([key], keys), (["/missing"], keys), ([], keys), (cls.certificates, ["0123"])):
+            with contextlib.suppress(AssertionError):
+                configure(cls.build, certificates, pins)
+                raise SystemExit(f"configured with {certificates} and {pins}")
+        configure(cls.build, cls.certificates, keys)
         run(*command, NAME, umask=0o077)
         (cls.package,) = cls.build.glob("pellomar-downloader_*.deb")
         cls.unpacked = SCRATCH / "unpacked"
@@ -156,6 +170,7 @@ class PackagingTest(unittest.TestCase):
         before = files_of_the_machine()
         dpkg("-i", self.package)
         self.check_installation()
+        self.check_trust()
         self.check_start("/usr/bin/pellomar-downloader", is_counted=False)
         for version, local, kept in (("9.0-1", None, "newer.pkg"), ("9.1-1", "local.pkg", "local.pkg")):
             if local is not None:
@@ -186,6 +201,18 @@ class PackagingTest(unittest.TestCase):
         self.assertEqual(enabled.parent, UNITS)
         if shutil.which("systemd-analyze"):
             self.assertEqual(run("systemd-analyze", "verify", UNITS / unit, enabled), "")
+
+    def check_trust(self):
+        """The publisher's certificates are plain files, and without them the installer still demands a signature."""
+        shipped = sorted(TRUSTED.iterdir())
+        self.assertEqual([path.name for path in shipped], ["publisher-1.pem", "publisher-2.pem", "publisher.keys"])
+        self.assertEqual([path.read_text() for path in shipped[:2]], [path.read_text() for path in self.certificates])
+        self.assertEqual(run("dpkg-query", "-W", "-f", "${Conffiles}", "pellomar-downloader").split()[::2], [str(CONFIG)])
+        for path in shipped:
+            path.unlink()
+        unsigned = self.build / "sample/signing/unsigned.pkg"
+        self.assertRegex(run("/bin/sh", "-c", f"installer -pkg '{unsigned}' -target /; true"), "rror.*sign")
+        self.assertFalse(Path("/Applications/Pellomar.app").exists())
 
 
 if __name__ == "__main__":
