@@ -28,6 +28,7 @@ TOOLS = ("/usr/bin/killall", "/bin/rm", "/usr/sbin/installer", "/usr/sbin/kextst
 REAL = Path("/opt/real")  # the tools that scripts stand in for
 SAMPLE = "sample/soft/Pellomar-sample.pkg"
 ADDRESS = ("127.0.0.1", 18080)
+START = "log start_button has been clicked"
 ERRORS = Path("/run/standard-error")  # of the window; its log, where it can have no other
 RECORD = Path("/run/record")  # of the tools' calls, where it is there, so that the log stays as it is
 
@@ -189,7 +190,7 @@ class Machine:
 
 
 def story(home, names=()):
-    """What happened, as the log tells it: in the order of the log what the window did and the commands that it waited
+    """What happened since start was pressed, as the log tells it: in the order of the log what the window did and the commands that it waited
     for, and in the order of their processes those commands and the programs that it did not wait for. NAMES is a dict of
     texts and what stands for them."""
     log = next((home / "Documents").glob("LOG-*"), ERRORS)
@@ -208,4 +209,6 @@ def story(home, names=()):
             seen.append(f"log {logged}")
         elif process is None or " runs " in text:
             seen.append(text)
-    return seen, [started[process] for process in sorted(started)]
+    # A newer toolkit tells of the first screen, too, where there is no log but standard error.
+    start = seen.index(START) if START in seen else 0
+    return seen[start:], [started[process] for process in sorted(started)]
