@@ -104,18 +104,22 @@ def kills(machine):
     machine.trust_sample()
     draw, document = random.Random(NUMBER), (machine.build / SAMPLE).read_bytes()
     for number in range(round(5 * TIMES)):
-        moment = 1.2 * draw.random()
+        line, pause = draw.randrange(12, 35), draw.choice((0, 0.2)) * draw.random()
         with opened(machine, document=document, rights="YES", old=True, tools={}) as (window, _):
             window.invoke("开始")
-            begin = time.monotonic()
-            while time.monotonic() < begin + moment and window.process.poll() is None:
-                if window.showing(ALERT):
+
+            def is_there():
+                if window.process.poll() is None and window.showing(ALERT):
                     xdotool("key", "Return")
+                return window.process.poll() is not None or len(story(machine.home)[0]) >= line
+
+            wait_for(f"line {line}", is_there)
+            time.sleep(pause)
             window.close()
             wait_for("the end of the installer", lambda: not processes(REAL / "installer"))
             for path in (machine.home / "Downloads").rglob("Pellomar.*"):
                 assert document.startswith(path.read_bytes()), path
-        print(f"kill {number} after {moment:.3f} s, PELLOMAR_TEST_NUMBER={NUMBER}: {installed(machine)}", flush=True)
+        print(f"kill {number} at line {line}, PELLOMAR_TEST_NUMBER={NUMBER}: {installed(machine)}", flush=True)
         assert installed(machine) != "half"
 
 
