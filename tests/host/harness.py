@@ -65,6 +65,10 @@ class HostTest(unittest.TestCase):
         self.assertIn(cause, lines[0])
         self.assertNotIn("successful", outcome.stdout)
 
+    def assert_outcome(self, outcome, cause):
+        """A success where no cause of a failure is expected."""
+        self.assert_refused(outcome, cause) if cause else self.assert_installed(outcome)
+
     def assert_all_refused(self, rows):
         """Rows of a name, a package and the cause; the target stays as it is."""
         for name, package, cause in rows:

@@ -1,6 +1,7 @@
 """A sound package is installed whole; a hostile or broken one, or an interrupted run, changes nothing."""
 
 import os
+import re
 import shutil
 import stat
 import unittest
@@ -25,7 +26,6 @@ TREE = (
     folder("./shared", 0o1777),
 )
 MODES = {"./shared/file": 0o644, "./shared": 0o755}
-
 UPDATE = (f"{APP}/run", "Applications/New.app/run", "Library/ours", "Library/added", "top")
 MOVES = 9  # that the update's swap takes
 MEASURE = """import os, resource, sys
@@ -68,8 +68,10 @@ class Install(HostTest):
         (self.target / "Applications").chmod(0o775)
         # An old copy under another name must not change along with the new one.
         os.link(self.outside / "kept", self.target / SUPPORT / "VirtualBoxStartup.sh")
-        tell = f"{{ stat -c %a .; cat helper; env; }} > '{self.scratch}/told'; echo Error; echo invalid >&2; cat \"$1\" >'{self.scratch}/copy'"
-        scripts = (script("preinstall", f"echo >'{self.path}'"), script("postinstall", tell), file("helper", "helped\n"))
+        tell = "{ stat -c %a .; cat helper; env; } >told; echo Error; echo invalid >&2; cat \"$1\" >copy"
+        tell = re.sub("(?<=>)[a-z]+", lambda name: f"'{self.scratch}/{name[0]}'", tell)
+        overwrite = script("preinstall", f"echo >'{self.path}'")
+        scripts = (overwrite, script("postinstall", tell), file("helper", "helped\n"))
         good = package(*TREE, info=INFO.replace(b"com.example", b"error.invalid"), scripts=scripts)
         self.assert_installed(self.install(good, "env", "SECRET=leaked"))
         tree = snapshot(self.target)
@@ -167,10 +169,7 @@ class Install(HostTest):
             with self.subTest(name, text=text):
                 # The script lets go of what is captured here: nobody waits for an orphan.
                 outcome = self.install(update(script(name, f"exec >&- 2>&-; {text}")))
-                if cause:
-                    self.assert_refused(outcome, cause)
-                else:
-                    self.assertEqual(outcome.returncode, -9)
+                self.assert_refused(outcome, cause) if cause else self.assertEqual(outcome.returncode, -9)
                 self.assert_put_back(before)
 
     def test_scripts_end_with_all_they_started(self):
@@ -195,19 +194,19 @@ class Install(HostTest):
         """Nothing is read from the path; and from a descriptor, only a regular file is."""
         good = self.scratch / "good"
         good.write_bytes(package(file("a")))
-        rows = ((f"3<'{good}'", "3", ""), ("", "3", "not the number"), ("", "0", "not the number"),
-                ("", "3x", "not the number"), ("3</dev/zero", "3", "not a regular file"), ("3</", "3", "not a regular"))
+        rows = (
+            *((f"3<'{good}'", "3", ""), ("3</dev/zero", "3", "not a regular file"), ("3</", "3", "not a regular file")),
+            *(("", number, "not the number") for number in ("3", "0", "3x")),
+        )
         for redirection, number, cause in rows:
             with self.subTest(redirection, number=number):
                 command = ("bash", "-c", f'INSTALLER_PACKAGE_FD={number} exec "$@" {redirection}', "bash")
                 outcome = self.install(b"not a package", *command)
-                if cause:
-                    self.assert_refused(outcome, cause)
-                else:
-                    self.assert_installed(outcome)
+                self.assert_outcome(outcome, cause)
 
     def test_receipts(self):
         """No older version, and no other product in the same place."""
+
         def versioned(version, identifier="com.example.thing", names=("Applications/A.app/run", "Library/a%\n")):
             info = f"<pkg-info identifier='{identifier}' version='{version}'/>"
             return package(*(file(name, version) for name in names), info=info.encode())
@@ -226,11 +225,8 @@ class Install(HostTest):
         for name, content, cause in rows:
             with self.subTest(name):
                 before, outcome = snapshot(self.target), self.install(content)
-                if cause:
-                    self.assert_refused(outcome, cause)
-                    self.assertEqual(snapshot(self.target), before)
-                else:
-                    self.assert_installed(outcome)
+                self.assert_outcome(outcome, cause)
+                self.assertEqual(snapshot(self.target) == before, bool(cause))
         listed = run(INSTALLER, "-receipts", "-target", self.target).stdout
         time = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ"
         self.assertRegex(listed, f"^com.example.thing 2.0.10.0 {time} none\nother 1 {time} none\n$")
@@ -258,9 +254,7 @@ class Install(HostTest):
         for name, content, succeeds in rows:
             for trusts in (False, True):
                 with self.subTest(name, trusts=trusts):
-                    (self.trusted / ".any").unlink(missing_ok=True)
-                    if trusts:
-                        (self.trusted / ".any").touch()
+                    (self.trusted / ".any").touch() if trusts else (self.trusted / ".any").unlink(missing_ok=True)
                     outcome = self.install(content, "/usr/bin/python3", "-Sc", MEASURE)
                     self.assertEqual("successful" in outcome.stdout, succeeds and not trusts, outcome.stdout)
                     self.assertLess(int(outcome.stderr.split()[-1]), 32 << 10)
@@ -291,10 +285,7 @@ class Install(HostTest):
                 # Where a folder cannot be renamed, as in an overlay, it goes piece by piece.
                 goes_on = move > MOVES or (fault == "error=EXDEV" and move <= 3)
                 self.assertEqual(outcome.returncode == 0, goes_on, outcome.stdout)
-                if goes_on:
-                    self.assert_updated()
-                else:
-                    self.assert_put_back(before)
+                self.assert_updated() if goes_on else self.assert_put_back(before)
 
 
 if __name__ == "__main__":

@@ -29,9 +29,9 @@ class Transaction(unittest.TestCase):
         self.base.mkdir(exist_ok=True)
         self.mount("-t", "tmpfs", "-o", f"size={size}", "none", self.base)
         lower = self.base / "lower" if layered else self.root
-        for folder, mode in ((lower / APP / "b/empty", 0o711), (lower / APP / "a", 0o750), (lower / "Applications", 0o775)):
-            folder.mkdir(parents=True, exist_ok=True)
-            folder.chmod(mode)
+        for name, mode in ((f"{APP}/b/empty", 0o711), (f"{APP}/a", 0o750), ("Applications", 0o775)):
+            (lower / name).mkdir(parents=True, exist_ok=True)
+            (lower / name).chmod(mode)
         for name in ("run", "a/data", "b/data", "z"):
             (lower / APP / name).write_text("old " + name)
             (lower / APP / name).chmod(0o640)
@@ -78,7 +78,8 @@ class Transaction(unittest.TestCase):
                 if verb == "end":
                     self.assertEqual(self.tool("begin").returncode, 0)
                     self.assertFalse((self.root / APP).exists())
-                tracing = ("strace", "-f", "-o", trace, "-e", f"trace={call}", "-e", f"inject={call}:{fault}:when={number}")
+                tracing = ("strace", "-f", "-EASAN_OPTIONS=detect_leaks=0", "-o", trace, "-e", f"trace={call}",
+                           "-e", f"inject={call}:{fault}:when={number}")
                 outcome = self.tool(verb, *tracing)
                 if not any(word in trace.read_text() for word in ("INJECTED", "killed by")):
                     self.assertEqual(outcome.returncode, 0)
@@ -121,19 +122,17 @@ class Transaction(unittest.TestCase):
         (self.base / "filling").write_bytes(bytes(free.f_bavail * free.f_frsize - left))
         self.assertIn(told, self.install(content).stderr)
 
-    def test_where_nothing_can_be_set_aside(self):
-        before = self.make_root()
-        for name, change, status in (
-            ("no application", lambda: shutil.rmtree(self.root / APP), 0),
-            ("a link to one", lambda: (self.root / APP).symlink_to("/usr"), 0),
-            ("folder of applications is a link", lambda: (self.root / "Applications").rename(self.root / "elsewhere")
-             and (self.root / "Applications").symlink_to("elsewhere"), 1),
-        ):
-            with self.subTest(name):
-                change()
-                before = snapshot(self.root / "Applications")
-                self.assertEqual(self.tool("begin").returncode, status)
-                self.assert_ends_with(before)
+    def test_links(self):
+        """The application may be one. Its folder may not: what is removed would be elsewhere."""
+        self.make_root()
+        shutil.rmtree(self.root / APP)
+        for link, status in ((APP, 0), ("Applications", 1)):
+            shutil.rmtree(self.root / "elsewhere", ignore_errors=True)
+            shutil.move(self.root / link, self.root / "elsewhere") if status else None
+            (self.root / link).symlink_to("elsewhere")
+            before = snapshot(self.root / "Applications")
+            self.assertEqual(self.tool("begin").returncode, status)
+            self.assert_ends_with(before)
 
 
 if __name__ == "__main__":
