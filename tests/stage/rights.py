@@ -1,20 +1,20 @@
-"""Administrator rights inside the throw-away view: the system bus, polkit, the rights mechanism with the
-files that its package installs, an ordinary user, an administrator with a password, and somebody who
-answers the password dialog.
+"""Administrator rights inside the throw-away view: the system bus, polkit, the rights service with the files that its
+package installs, an ordinary user, an administrator with a password, and an agent that answers the password dialog."""
 
-Every wait is for a condition and has a deadline.
-"""
-
+import contextlib
 import os
 import pwd
 import shutil
 import subprocess
 from pathlib import Path
 
-from waiting import processes, wait_for as wait_until
+from gi.repository import Gio, GLib
+from waiting import processes
+from waiting import wait_for as wait_until
 
 ACTION = "com.norvik.PellomarDownloader"
 MECHANISM = Path("/usr/libexec/pellomar-downloader-rights")
+TRANSACTION = Path("/usr/libexec/pellomar-installer-transaction")
 BUS_SERVICE = Path(f"/usr/share/dbus-1/system-services/{ACTION}.service")
 RULE = Path("/etc/polkit-1/rules.d/10-pellomar-downloader.rules")
 USER = "pellomar-visitor"
@@ -32,11 +32,9 @@ KEPT = (
 def as_user(name):
     """What subprocess needs to start something as this user, with that user's home."""
     user = pwd.getpwnam(name)
-    environment = {"PATH": os.environ["PATH"], "HOME": user.pw_dir, "USER": name, "LANG": "C.UTF-8"}
-    environment["QT_LINUX_ACCESSIBILITY_ALWAYS_ON"] = "1"
-    for kept in KEPT:
-        if kept in os.environ:
-            environment[kept] = os.environ[kept]
+    environment = {"PATH": os.environ["PATH"], "HOME": user.pw_dir, "USER": name, "LANG": "C.UTF-8",
+                   "QT_LINUX_ACCESSIBILITY_ALWAYS_ON": "1"}  # fmt: skip
+    environment |= {name: os.environ[name] for name in KEPT if name in os.environ}
     return {"user": user.pw_uid, "group": user.pw_gid, "extra_groups": [], "env": environment}
 
 
@@ -48,46 +46,48 @@ def add_users(*options, password=PASSWORD):
     subprocess.run(["chpasswd"], input=f"{ADMINISTRATOR}:{password}\n", text=True, check=True)
 
 
-class RightsStage:
-    """Installs the mechanism from a build and runs the system's side of the rights. LOG is a path that
-    receives what the bus and all that it starts print, the mechanism's journal lines among them. RECORDER is
-    the beginning of a command that records what the bus starts, if anybody wants to know."""
+def ask_bus(method, *arguments):
+    """Asks the system bus, by a connection of its own: the bus may be another one the next time."""
+    flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
+    bus = Gio.DBusConnection.new_for_address_sync("unix:path=/run/dbus/system_bus_socket", flags, None, None)
+    given, name = GLib.Variant("(s)", arguments) if arguments else None, "org.freedesktop.DBus"
+    try:
+        return bus.call_sync(name, "/org/freedesktop/DBus", name, method, given, None, 0, -1).unpack()[0]
+    finally:
+        bus.close_sync()
 
-    def __init__(self, project, build, log, recorder=()):
-        self.log = Path(log)
-        self.recorder = recorder
-        self.bus = None
-        self.polkit = None
+
+class RightsStage:
+    """Installs the rights service from a build and runs the system's side of the rights. LOG is a path that receives
+    what the bus and all that it starts print, the service's journal lines among them."""
+
+    def __init__(self, project, build, log):
+        self.log, self.bus, self.polkit = Path(log), None, None
         packaging = Path(project) / "packaging"
-        shutil.copy(Path(build) / "host/rights" / MECHANISM.name, MECHANISM)
-        MECHANISM.chmod(0o755)
-        for source, target in (
-            (packaging / f"{ACTION}.service", BUS_SERVICE),
-            (packaging / f"{ACTION}.conf", Path(f"/usr/share/dbus-1/system.d/{ACTION}.conf")),
-            (packaging / f"{ACTION}.policy", Path(f"/usr/share/polkit-1/actions/{ACTION}.policy")),
+        for source, target, mode in (
+            (Path(build) / "host/rights" / MECHANISM.name, MECHANISM, 0o755),
+            (Path(build) / "host/installer" / TRANSACTION.name, TRANSACTION, 0o755),
+            (packaging / f"{ACTION}.service", BUS_SERVICE, 0o644),
+            (packaging / f"{ACTION}.conf", f"/usr/share/dbus-1/system.d/{ACTION}.conf", 0o644),
+            (packaging / f"{ACTION}.policy", f"/usr/share/polkit-1/actions/{ACTION}.policy", 0o644),
+            (Path(project) / "tests/stage/agent.py", AGENT, 0o755),
         ):
             shutil.copyfile(source, target)
-            target.chmod(0o644)
-        shutil.copyfile(Path(project) / "tests/stage/agent.py", AGENT)
-        AGENT.chmod(0o755)
+            Path(target).chmod(mode)
+
+    def run(self, name, *command):
+        """Starts what owns this NAME on the bus, and waits until it does."""
+        with self.log.open("ab") as log:
+            process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+        wait_until(name, lambda: self.has_owner(name))
+        return process
 
     def start_bus(self):
         Path("/run/dbus").mkdir(exist_ok=True)
-        with self.log.open("ab") as log:
-            self.bus = subprocess.Popen(
-                [*self.recorder, "dbus-daemon", "--system", "--nofork", "--nopidfile"],
-                stdin=subprocess.DEVNULL,
-                stdout=log,
-                stderr=log,
-            )
-        wait_until("the system bus", lambda: self.has_owner("org.freedesktop.DBus"))
+        self.bus = self.run("org.freedesktop.DBus", "dbus-daemon", "--system", "--nofork", "--nopidfile")
 
     def start_polkit(self):
-        with self.log.open("ab") as log:
-            self.polkit = subprocess.Popen(
-                ["/usr/lib/polkit-1/polkitd", "--no-debug"], stdin=subprocess.DEVNULL, stdout=log, stderr=log
-            )
-        wait_until("polkit", lambda: self.has_owner("org.freedesktop.PolicyKit1"))
+        self.polkit = self.run("org.freedesktop.PolicyKit1", "/usr/lib/polkit-1/polkitd", "--no-debug")
 
     def start(self, rule=None):
         """RULE is what polkit says without asking anybody: YES, NO, or None for the password dialog."""
@@ -117,32 +117,24 @@ class RightsStage:
         """Kills the processes of a program, and tells which there were."""
         found = processes(program)
         for process in found:
-            try:
+            with contextlib.suppress(ProcessLookupError):
                 os.kill(process, 9)
-            except ProcessLookupError:
-                pass
         return found
 
     @staticmethod
     def has_owner(name):
-        done = subprocess.run(
-            ["dbus-send", "--system", "--print-reply=literal", "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
-             "org.freedesktop.DBus.NameHasOwner", f"string:{name}"],
-            capture_output=True, text=True, check=False,
-        )  # fmt: skip
-        return "boolean true" in done.stdout
+        with contextlib.suppress(GLib.Error):
+            return ask_bus("NameHasOwner", name)
+        return False
 
     @staticmethod
     def connections():
-        """The process id of each connection to the system bus."""
-        from gi.repository import Gio, GLib
-
-        bus = Gio.bus_get_sync(Gio.BusType.SYSTEM)
-        def ask(method, *arguments):
-            given = GLib.Variant("(s)", arguments) if arguments else None
-            name = "org.freedesktop.DBus"
-            return bus.call_sync(name, "/org/freedesktop/DBus", name, method, given, None, 0, -1).unpack()[0]
-        return [ask("GetConnectionUnixProcessID", name) for name in ask("ListNames") if name.startswith(":")]
+        """The process id of each connection to the system bus, but for our own."""
+        found = []
+        for name in ask_bus("ListNames"):
+            with contextlib.suppress(GLib.Error):  # it is gone
+                found.append(ask_bus("GetConnectionUnixProcessID", name))
+        return found
 
     def mechanism(self):
         """The process id of the running mechanism, or None."""
