@@ -149,7 +149,8 @@ class Demonstration:
         self.camera.take("launched")
         Camera.take_window(self.results / "launched.png", "Pellomar")
         codes = ["14 814", "14 815", "14 817", "14 818", "14 826", "13"]
-        wait_for(f"the events {codes}", lambda: sorted(line.split(" ", 1)[1] for line in self.events()) == sorted(codes))
+        told = lambda: sorted(line.split(" ", 1)[1] for line in self.events())  # noqa: E731
+        wait_for(f"the events {codes}", lambda: told() == sorted(codes))
         package = self.machine.file("pkg")
         must_be = [f"/bin/rm -rf {APPLICATION}", f"{INSTALLER} -pkg {package} -target /",
                    "/usr/sbin/kextstat -b com.norvik.emu.kext.VBoxDrv"]  # fmt: skip
@@ -174,6 +175,7 @@ class Demonstration:
 
 def main(build, results, *options):
     is_watched = "--watched" in options
+    Path(results).mkdir(exist_ok=True)
     # A display is the user's who asked for this: whoever shows a window there has that user's number.
     number = os.environ.get("SUDO_UID") if is_watched else None
     machine = Machine(Path(build), (lambda: None) if is_watched else Display, number)

@@ -49,7 +49,7 @@ DOWNLOAD_ROADS = {
         "redirect": road(COMPLETE, {"redirect": "http://127.0.0.1:1/"}, asked=[PROBE, None]),
     },
     "answers to a fresh download": {
-        "in two breaths": fresh({"cut": HALF}, [*BROKEN_OFF, *TRIES_AGAIN, *COMPLETE], asked=[PROBE, None, PROBE, HALF]),
+        "cut": fresh({"cut": HALF}, [*BROKEN_OFF, *TRIES_AGAIN, *COMPLETE], asked=[PROBE, None, PROBE, HALF]),
         "breaks each time": road([*BROKEN_OFF, *[*TRIES_AGAIN, *BROKEN_OFF] * 3, *TRIES_AGAIN, *not_started(52)],
                                  {}, {"cut": 1}, {}, {"cut": 0}, {}, {"cut": HALF}, {}, {"cut": -1}, {"head": 0},
                                  holds=ALL - 1, asked=[PROBE, None, PROBE, 1, PROBE, 1, PROBE, 1 + HALF, PROBE]),
@@ -69,7 +69,8 @@ DOWNLOAD_ROADS = {
         "redirect": resumed({"redirect": "http://127.0.0.1:1/"}),
         # Taken for the end; the installer is what refuses it.
         "nothing left": resumed({"status": 416, "body": ""}, lines=COMPLETE, then=()),
-        "refuse": road([*BROKEN_OFF, *TRIES_AGAIN, *not_started(7)], {}, {"cut": HALF}, {"arrival": "refuse"}, holds=HALF),
+        "refuse": road([*BROKEN_OFF, *TRIES_AGAIN, *not_started(7)], {}, {"cut": HALF}, {"arrival": "refuse"},
+                       holds=HALF),
     },
     "a second attempt at the rights does not download again": road([*COMPLETE, *CLICKED_AGAIN, *REFUSED], {},
                                                                   asked=[PROBE, None], holds=ALL),

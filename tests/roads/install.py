@@ -12,7 +12,8 @@ echo 'installer: The install was successful.'"""
 LOADED = "echo 'Index Refs Name'; echo '120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)'"
 NOT_LOADED = "echo 'No such driver'"
 DRIVER_FAILS = "echo 'VirtualBox Error: no VBoxDrv'"
-TOOLS = {"/bin/rm": [REMOVES], "/usr/sbin/installer": [INSTALLS], "/usr/sbin/kextstat": [LOADED], STARTUP: ["echo Started."]}
+TOOLS = {"/bin/rm": [REMOVES], "/usr/sbin/installer": [INSTALLS], "/usr/sbin/kextstat": [LOADED],
+         STARTUP: ["echo Started."]}
 MISSING = []
 
 START = ["> 开始", "log start_button has been clicked", f"log CoreImageView startDownload url:{URL}", "hide 开始",
@@ -79,7 +80,8 @@ INSTALL_ROADS = {
     "removal cannot start": Road(
         [*DOWNLOADED, *KEPT, REMOVAL[0], f"log /bin/rm {UNSTARTED}"], {"/bin/rm": MISSING}, old=True),
     "file in the product's place is no old copy": Road(
-        [*DOWNLOADED, *INSTALLED, *LOADED_AND_LAUNCHED], {"/usr/sbin/installer": [f"{REAL}/rm {APPLICATION}\n{INSTALLS}"]},
+        [*DOWNLOADED, *INSTALLED, *LOADED_AND_LAUNCHED],
+        {"/usr/sbin/installer": [f"{REAL}/rm {APPLICATION}\n{INSTALLS}"]},
         prepare=lambda _: write(APPLICATION, "")),
     "installer says error, the second download breaks off, goes on at its own byte and installs": Road(
         [*DOWNLOADED, *INSTALLATION, "log Install Pellomar failed:installer: Error - damaged", *INSTALL_FAILED,
@@ -89,7 +91,8 @@ INSTALL_ROADS = {
         {"/usr/sbin/installer": ["echo 'installer: Error - damaged'", INSTALLS]}, held=1,
         answers=({}, {}, {}, {"cut": 40_000}, {}), asked=["HEAD", None, "HEAD", None, "HEAD", 40_000]),
     "installer's status and error stream do not count": Road(
-        [*DOWNLOADED, *INSTALLED, *LOADED_AND_LAUNCHED], {"/usr/sbin/installer": [f"{INSTALLS}; echo Error >&2; exit 1"]}),
+        [*DOWNLOADED, *INSTALLED, *LOADED_AND_LAUNCHED],
+        {"/usr/sbin/installer": [f"{INSTALLS}; echo Error >&2; exit 1"]}),
     "installer says error, and the rights stay": Road(
         [*DOWNLOADED, *INSTALLATION, "log Install Pellomar failed:INVALID", *INSTALL_FAILED],
         {"/usr/sbin/installer": ["echo INVALID"]}, held=1),
@@ -126,7 +129,8 @@ INSTALL_ROADS = {
         {"/usr/sbin/installer": [f"{INSTALLS}; chmod -x /Applications/Pellomar.app/Contents/MacOS/*"]}),
     "rights refused twice before anything is asked": Road(
         [*BEFORE_RIGHTS, *REFUSED, *CLICKED_AGAIN, *REFUSED], old=True, rights="none"),
-    "a rule refuses": Road([*BEFORE_RIGHTS, *DENIED, "> no rule", *ALLOWED_AT_LAST], old=True, rights="NO", agent="right"),
+    "a rule refuses": Road(
+        [*BEFORE_RIGHTS, *DENIED, "> no rule", *ALLOWED_AT_LAST], old=True, rights="NO", agent="right"),
     "nobody can be asked": Road([*BEFORE_RIGHTS, *DENIED, *ALLOWED_AT_LAST], old=True, rights="ask"),
     "wrong password": Road([*BEFORE_RIGHTS, *DENIED, *ALLOWED_AT_LAST], old=True, rights="ask", agent="wrong"),
     "password dialog closed": Road(

@@ -10,9 +10,8 @@ import time
 from pathlib import Path
 
 from desktop import is_painted, xdotool
-from install import INSTALLS, TOOLS
+from install import TOOLS
 from machine import ADDRESS, OLD, PRODUCT, SAMPLE, STATISTICS, story, write
-from rights import USER, as_user
 from road import DOCUMENT, Road
 from server import FaultServer
 from waiting import processes, wait_for
@@ -33,7 +32,8 @@ SILENT = {"head": 0, "ending": "stall"}
 def opened(machine, *before, answers=({},), document=DOCUMENT, home="user", prepare=None, **road):
     """A window on its first screen, without rights unless the ROAD says otherwise, and its server."""
     machine.begin(Road([], home=home, prepare=prepare, **{"rights": "none", "tools": TOOLS} | road))
-    with FaultServer(answers, ADDRESS, document=document) as server, contextlib.closing(machine.open(*before)) as window:
+    server = FaultServer(answers, ADDRESS, document=document)
+    with server, contextlib.closing(machine.open(*before)) as window:
         try:
             yield window, server
         except Exception:
@@ -229,7 +229,8 @@ def log(machine):
         assert re.fullmatch(r"LOG-\d{14}\.txt", path.name)
         assert re.search(rf"\] {path}\n", machine.errors()) and str(path) not in window.log()
         lines = [line for line in window.lines() if not line.startswith("@")]
-        assert re.match(r"PellomarDownloader \d+\.\d+\.\d+ on ", lines[0]) and lines[2] == "start_button has been clicked"
+        assert re.match(r"PellomarDownloader \d+\.\d+\.\d+ on ", lines[0]), lines
+        assert lines[2] == "start_button has been clicked"
         assert "secret" not in window.log()
         assert path.stat().st_mode & 0o777 == 0o600
 

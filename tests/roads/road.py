@@ -10,14 +10,14 @@ from pathlib import Path
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "stage"))
 from desktop import xdotool  # noqa: E402
 from machine import ADDRESS, story  # noqa: E402
-from rights import USER  # noqa: E402
 from server import FaultServer  # noqa: E402
 from waiting import Blocked, wait_for  # noqa: E402
 from window import ALERT, Atspi  # noqa: E402
 
 FLAG = "Library/Application Support/PellomarData/CoverInstallFlag"
 # The download worker may log these when the install worker is under way already.
-UNTOLD = tuple(f"log {text}" for text in ("SyncHead", "SyncDownload", "CoreImageView hitTest", "PellomarDownloader ", "Qt ", "~/Documents/"))
+UNTOLD = ("SyncHead", "SyncDownload", "CoreImageView hitTest", "PellomarDownloader ", "Qt ", "~/Documents/")
+UNTOLD = tuple(f"log {text}" for text in UNTOLD)  # the last three open the log
 DOCUMENT = random.Random(0).randbytes(100_000)  # any cut, shift or repetition shows
 
 
@@ -51,7 +51,8 @@ def is_started(line):
 
 def act(machine, window, server, action):
     if action in ("Escape", "Return"):
-        window.wait_for("the dialog's focus", lambda: any(item.has(Atspi.StateType.FOCUSED) for item in window.showing()))
+        focused = Atspi.StateType.FOCUSED
+        window.wait_for("the dialog's focus", lambda: any(item.has(focused) for item in window.showing()))
         xdotool("key", action)
     elif action == "close":
         window.refuses_to_close()

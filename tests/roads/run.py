@@ -7,7 +7,7 @@ import re
 import sys
 from pathlib import Path
 
-from road import Road, follow  # first: it finds the stage
+from road import follow  # first: it finds the stage
 from download import DOWNLOAD_ROADS
 from install import INSTALL_ROADS, TOOLS, prepare
 from desktop import Compositor, Display

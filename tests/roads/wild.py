@@ -3,6 +3,7 @@ the threads' pace; there are TIMES as many as usual."""
 
 import os
 import random
+import re
 import time
 
 from desktop import output, xdotool
@@ -31,7 +32,8 @@ def any_clicks(draw, window):
     words = ["mousemove", "--window", window, 400, 290, "click", 1]  # on start; the other buttons share a place
     for kind in draw.choices([*kinds], kinds.values(), k=draw.randrange(3, 12)):
         there = ("mousemove", "--window", window, 400 + draw.randrange(-9, 9), 440, "click", "--repeat")
-        words += ["sleep", draw.choice(pauses), *(("key", kind) if kind[0] in "sTR" else (*there, 1 + (kind == "double"), 1))]
+        action = (*there, 1 + (kind == "double"), 1) if kind in ("click", "double") else ("key", kind)
+        words += ["sleep", draw.choice(pauses), *action]
     return words
 
 
@@ -49,7 +51,7 @@ def judge(lines):
         elif rest.startswith(("_strDownloadUrl:", "CoreImageView continueDownload")):
             two = two or working > 0
             working += 1
-        elif rest.startswith(("Error Code", "Target File does not", "SyncDownload Return Code")) and rest[-6:] != "Code:0":
+        elif re.match("SyncDownload Return Code:[^0]|Error Code|Target File does not", rest):
             working -= 1  # a whole file's worker goes on with the installation
         is_changing = word in ("show", "hide")  # one shows, and then the other hides
         assert is_changing or len(visible) < 2 or (two and not {STOP, CONTINUE} <= visible), (line, visible)

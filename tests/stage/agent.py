@@ -17,7 +17,8 @@ gi.require_version("Polkit", "1.0")
 gi.require_version("PolkitAgent", "1.0")
 from gi.repository import Gio, GLib, Polkit, PolkitAgent  # noqa: E402
 
-AUTHORITY = ("org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority", "org.freedesktop.PolicyKit1.Authority")
+POLKIT = "org.freedesktop.PolicyKit1"
+AUTHORITY = (POLKIT, "/org/freedesktop/PolicyKit1/Authority", f"{POLKIT}.Authority")
 PATH = "/com/norvik/PellomarDownloader/Agent"
 INTERFACE = Gio.DBusNodeInfo.new_for_xml(
     """

@@ -190,9 +190,9 @@ class Machine:
 
 
 def story(home, names=()):
-    """What happened since start was pressed, as the log tells it: in the order of the log what the window did and the commands that it waited
-    for, and in the order of their processes those commands and the programs that it did not wait for. NAMES is a dict of
-    texts and what stands for them."""
+    """What happened since start was pressed, as the log tells it: in the order of the log what the window did and the
+    commands that it waited for, and in the order of their processes those commands and the programs that it did not wait
+    for. NAMES is a dict of texts and what stands for them."""
     log = next((home / "Documents").glob("LOG-*"), ERRORS)
     seen, started = [], {}
     text = log.read_text(errors="replace")
