@@ -130,6 +130,9 @@ class Demonstration:
             if texts and texts != told:
                 told = texts
                 step(f"on screen: {', '.join(texts)}")
+                if window_called(WINDOW_TITLE) is not None:  # only the window: a user's desktop is private
+                    self.camera.count += 1
+                    Camera.take_window(self.results / f"{self.camera.count:02d}-on-screen.png", WINDOW_TITLE, False)
             if time.monotonic() > deadline:
                 raise Blocked(f"nothing came of it within {PATIENCE} s")
             time.sleep(0.1)
