@@ -101,7 +101,12 @@ class Mailbox {
         if (!isSpinning_) {
             wakeLoop();
         } else if (!spinUntil(kUnanswered, done) && cpu_ != work.cpu) {
-            mainThread_.to(work.cpu);
+            // Counted before the flag is read, so that stopSpinning() waits for whoever saw it set.
+            ++migrating_;
+            if (isSpinning_) {
+                mainThread_.to(work.cpu);
+            }
+            --migrating_;
         }
         if (fastPace_) {
             spinUntil(kSpinForResult, done);
@@ -125,7 +130,7 @@ class Mailbox {
             runPending();
         }
         lastServed_ = Clock::now();
-        isSpinning_ = false;
+        stopSpinning();
         // A piece posted just before the flag was cleared came without a wake-up. And after a long spin the
         // loop must come back here without sleeping, once pending events have been handled.
         if (arrived_.load() != nullptr || (fastPace_ && lastServed_ - start >= kLongestWithoutEvents)) {
@@ -133,8 +138,17 @@ class Mailbox {
         }
     }
 
-    void runPending() {
+    /// Waits for a migration under way: what the main thread starts would inherit its narrowed CPU mask for
+    /// life.
+    void stopSpinning() {
         isSpinning_ = false;
+        while (migrating_ != 0) {
+            sched_yield();
+        }
+    }
+
+    void runPending() {
+        stopSpinning();
         takeArrived();
         while (!pending_.empty()) {
             Work* const work = pending_.front();
@@ -149,7 +163,7 @@ class Mailbox {
             work->done = true;
             work->done.notify_one();
             if (!pending_.empty() || arrived_.load() != nullptr) {
-                isSpinning_ = false;
+                stopSpinning();
                 takeArrived();
             }
         }
@@ -169,6 +183,7 @@ class Mailbox {
     std::atomic<Work*> arrived_{nullptr};
     std::atomic<bool> fastPace_{false};
     std::atomic<bool> isSpinning_{false};
+    std::atomic<int> migrating_{0}; ///< posters that are moving the main thread
     std::atomic<int> cpu_{-1};  ///< on which the main thread last ran
     std::deque<Work*> pending_; ///< main thread only; a nested event loop runs the rest
     Clock::time_point lastServed_;

@@ -66,8 +66,15 @@ TEST(HandOver, ADialogServesWhatWaitsBehindThePieceThatOpenedIt) {
     EXPECT_TRUE(serveUntil([&] { return state->finished == 2; }));
 }
 
+cpu_set_t processors() {
+    cpu_set_t allowed;
+    sched_getaffinity(0, sizeof allowed, &allowed);
+    return allowed;
+}
+
 TEST(HandOver, LosesNothingOfSeveralPosters) {
     struct State {
+        cpu_set_t allowed = processors();
         std::array<int, 3> last{};
         std::atomic<int> unfinished{3};
     };
@@ -75,7 +82,11 @@ TEST(HandOver, LosesNothingOfSeveralPosters) {
     for (int& last : state->last) {
         startPoster<State>(state, [&last](State& shared) {
             for (int i = 1; i <= 1000; ++i) {
-                MainThread::performAndWait([&] { EXPECT_EQ(std::exchange(last, i), i - 1); });
+                MainThread::performAndWait([&] {
+                    EXPECT_EQ(std::exchange(last, i), i - 1);
+                    const cpu_set_t now = processors(); // a thread started here would keep them for life
+                    EXPECT_TRUE(CPU_EQUAL(&now, &shared.allowed));
+                });
                 EXPECT_EQ(last, i) << "it returns when the work is done";
             }
             --shared.unfinished;
@@ -94,8 +105,7 @@ void pin(pid_t thread, int processor) {
 
 TEST(HandOver, ForgetsNoPieceThatIsPostedAsTheMainThreadStopsWaiting) {
     constexpr int kPieces = 15'000;
-    cpu_set_t allowed;
-    sched_getaffinity(0, sizeof allowed, &allowed);
+    const cpu_set_t allowed = processors();
     const auto done = std::make_shared<std::atomic<int>>(0);
     startPoster<std::atomic<int>>(done, [](std::atomic<int>& finished) {
         using namespace std::chrono;
