@@ -34,6 +34,7 @@ class Launch {
         argumentTexts_.insert(argumentTexts_.begin(), child.path);
         arguments_ = pointers(argumentTexts_);
         environment_ = pointers(environmentTexts_);
+        passedOn_ = child.passedOn;
     }
 
     pid_t run(bool detached, std::error_code& failure) {
@@ -76,7 +77,31 @@ class Launch {
         }
     }
 
-    [[noreturn]] void becomeProgram() const {
+    // The numbers that the child is to have may be in use here, by a descriptor that is passed on or reported
+    // to.
+    void moveOutOfTheWay(int& descriptor) const {
+        const int firstFree = STDERR_FILENO + 1 + static_cast<int>(passedOn_.size());
+        descriptor = fcntl(descriptor, F_DUPFD_CLOEXEC, firstFree);
+    }
+
+    bool passDescriptorsOn() {
+        if (passedOn_.empty()) {
+            return true;
+        }
+        moveOutOfTheWay(reportTo_);
+        for (int& descriptor : passedOn_) {
+            moveOutOfTheWay(descriptor);
+        }
+        int number = STDERR_FILENO;
+        for (const int descriptor : passedOn_) {
+            if (dup2(descriptor, ++number) < 0) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    [[noreturn]] void becomeProgram() {
         if (child_.ownSession) {
             setsid();
         }
@@ -88,7 +113,8 @@ class Launch {
         connect(child_.standardOutput, STDOUT_FILENO);
         connect(child_.standardError, STDERR_FILENO);
         close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC);
-        if (child_.workingFolder.empty() || chdir(child_.workingFolder.c_str()) == 0) {
+        if (passDescriptorsOn() &&
+            (child_.workingFolder.empty() || chdir(child_.workingFolder.c_str()) == 0)) {
             execvpe(child_.path.c_str(), arguments_.data(),
                     child_.environment ? environment_.data() : environ);
         }
@@ -98,7 +124,7 @@ class Launch {
 
     void reportFailure() const {
         const int cause = errno;
-        writeAll(report_.writeEnd.get(), {reinterpret_cast<const char*>(&cause), sizeof cause});
+        writeAll(reportTo_, {reinterpret_cast<const char*>(&cause), sizeof cause});
     }
 
     // The pipe closes when the program is executed; a cause arrives on it when that failed.
@@ -117,7 +143,9 @@ class Launch {
     std::vector<std::string> environmentTexts_;
     std::vector<char*> arguments_;
     std::vector<char*> environment_;
+    std::vector<int> passedOn_;
     Pipe report_; // open until the program is executed
+    int reportTo_ = report_.writeEnd.get();
 };
 
 } // namespace

@@ -7,8 +7,8 @@
 #include <system_error>
 #include <vector>
 
-/// What a child process is to be started with. Descriptors other than the three standard ones never reach
-/// the child.
+/// How a child process is started. It inherits the three standard descriptors and those of `passedOn`, no
+/// others.
 struct ChildProcess {
     static constexpr int kInherit = -1;
     static constexpr int kNull = -2; ///< the null device
@@ -22,13 +22,14 @@ struct ChildProcess {
     int standardInput = kInherit; ///< a descriptor of ours, kInherit or kNull; likewise below
     int standardOutput = kInherit;
     int standardError = kInherit;
+    std::vector<int> passedOn; ///< descriptors of ours that the child has as 3, 4, …
 
     /// Starts it as our child: the caller reaps it. Returns its process id, or -1 with the cause in `failure`
     /// when the program could not be executed. Returns as soon as the program runs. Any thread.
     pid_t start(std::error_code& failure) const;
 
-    /// Starts it so that it is nobody's child to wait for: it leaves no zombie, and reaping every child of
-    /// ours never waits for it. Returns the cause when it could not be executed. Any thread.
+    /// Starts it as an orphan, which the system reaps: it leaves no zombie, and reapEveryChild does not wait
+    /// for it. Returns the cause when it could not be executed. Any thread.
     [[nodiscard]] std::error_code startDetached() const;
 };
 

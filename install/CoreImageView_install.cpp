@@ -52,7 +52,7 @@ void CoreImageView::installWorker(InstallAttempt& attempt) {
         return;
     }
     executeWebStatic(isRetry ? "825" : "826");
-    AuthorizationFree(attempt.authRef, kAuthorizationFlagDestroyRights);
+    attempt.authRef.reset();
     startTovaniPlayer(nullptr);
 }
 
@@ -61,7 +61,7 @@ bool CoreImageView::removeOldApplication(InstallAttempt& attempt) {
     ToolPipe pipe = runPrivilegedCommand(attempt, PrivilegedCommand::RemoveApplication);
     if (pipe == nullptr) {
         // The panel stays silent here, with every button hidden.
-        giveUpRights(attempt);
+        attempt.authRef.reset();
         return false;
     }
     readAndReap(attempt, std::move(pipe));
@@ -82,7 +82,7 @@ bool CoreImageView::installPackage(InstallAttempt& attempt) {
     if (attempt.authStatus != errAuthorizationSuccess) {
         updateStatus(status::kInstallerDidNotStart);
         executeWebStatic("822");
-        giveUpRights(attempt);
+        attempt.authRef.reset();
         return false;
     }
     // Appended to what the removal printed: the words of either count against the installation.
@@ -97,8 +97,8 @@ bool CoreImageView::installPackage(InstallAttempt& attempt) {
     executeWebStatic("822");
     updateStatus(status::kInstallFailed);
     enterState(ScreenState::DownloadAgain);
-    // The rights are not given up on this path.
-    leftUnreleasedOnPurpose(attempt.authRef);
+    // The authorization is not freed on this path. The rights are gone: an installer that fails ends them.
+    leftUnreleasedOnPurpose(attempt.authRef.release());
     return false;
 }
 
@@ -129,7 +129,7 @@ bool CoreImageView::startDriver(InstallAttempt& attempt) {
 bool CoreImageView::runDriverTool(InstallAttempt& attempt, PrivilegedCommand command) {
     ToolPipe pipe = runPrivilegedCommand(attempt, command);
     if (pipe == nullptr) {
-        giveUpRights(attempt);
+        attempt.authRef.reset();
         _retryInstallVbox = true;
         updateStatus(status::kDriverFailed);
         enterState(ScreenState::InstallAgain);
@@ -155,7 +155,7 @@ void CoreImageView::driverFailed(InstallAttempt& attempt, DriverPass pass) {
     if (isOlderThan10_14_5(systemVersion())) {
         _retryInstallVbox = true;
         NSLog("install vbox drive faild");
-        giveUpRights(attempt);
+        attempt.authRef.reset();
         updateStatus(status::kDriverFailed);
         enterState(ScreenState::InstallAgain);
         report("823");
@@ -164,7 +164,7 @@ void CoreImageView::driverFailed(InstallAttempt& attempt, DriverPass pass) {
         report("824");
         updateStatus(status::kSeeForum);
         NSLog("10.14.5以上系统没有关闭sip");
-        giveUpRights(attempt);
+        attempt.authRef.reset();
         MainThread::performAndWait(installFaildDueToSip);
     }
 }

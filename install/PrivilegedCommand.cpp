@@ -8,12 +8,15 @@
 bool obtainRights(InstallAttempt& attempt) {
     constexpr char kRight[] = "com.norvik.PellomarDownloader";
     NSLog("asking for administrator rights");
-    if (AuthorizationCreate(&attempt.authRef) != errAuthorizationSuccess) {
+    AuthorizationRef created = nullptr;
+    const OSStatus creation = AuthorizationCreate(&created);
+    attempt.authRef.reset(created);
+    if (creation != errAuthorizationSuccess) {
         NSLog("Could not create authorization reference object.");
         attempt.authStatus = errAuthorizationBadAddress;
     } else {
         attempt.authStatus =
-            AuthorizationCopyRights(attempt.authRef, kRight,
+            AuthorizationCopyRights(created, kRight,
                                     kAuthorizationFlagInteractionAllowed | kAuthorizationFlagExtendRights |
                                         kAuthorizationFlagPreAuthorize);
     }
@@ -21,16 +24,11 @@ bool obtainRights(InstallAttempt& attempt) {
         NSLog("administrator rights obtained");
         return true;
     }
-    giveUpRights(attempt);
+    attempt.authRef.reset();
     if (attempt.authStatus != errAuthorizationCanceled) {
         NSLog("Pre-auth failed");
     }
     return false;
-}
-
-void giveUpRights(InstallAttempt& attempt) {
-    AuthorizationFree(attempt.authRef, kAuthorizationFlagDestroyRights);
-    attempt.authRef = nullptr;
 }
 
 ToolPipe runPrivilegedCommand(InstallAttempt& attempt, PrivilegedCommand command,
@@ -39,7 +37,7 @@ ToolPipe runPrivilegedCommand(InstallAttempt& attempt, PrivilegedCommand command
     const std::string& toolPath = line.front();
     FILE* pipe = nullptr;
     attempt.authStatus = AuthorizationExecuteWithPrivileges(
-        attempt.authRef, toolPath, kAuthorizationFlagDefaults, {line.begin() + 1, line.end()}, &pipe);
+        attempt.authRef.get(), toolPath, kAuthorizationFlagDefaults, {line.begin() + 1, line.end()}, &pipe);
     if (attempt.authStatus != errAuthorizationSuccess) {
         NSLog("%s could not be started as root:%d", toolPath.c_str(), static_cast<int>(attempt.authStatus));
     }

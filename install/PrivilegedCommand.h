@@ -7,23 +7,20 @@
 #include <memory>
 #include <string>
 
-/// One install attempt, shared by its set-up and its worker, one after the other.
+/// One install attempt, used by its set-up and then by its worker.
 struct InstallAttempt {
-    AuthorizationRef authRef = nullptr;
+    AuthorizationOwner authRef;
     OSStatus authStatus = errAuthorizationSuccess; ///< result of the last authorization call
     bool existingAppIsDir = false;                 ///< an old copy was there when the attempt began
     std::string output;                            ///< what the tools printed, as bytes
 };
 
-/// A tool's standard output; null where the tool did not start. Closing it is its owner's business.
+/// A tool's standard output; null where the tool did not start.
 using ToolPipe = std::unique_ptr<FILE, int (*)(FILE*)>;
 
-/// Asks for administrator rights, which takes as long as a person does. False on refusal, with `authStatus`
-/// telling why and nothing left to free; everything but the user's own cancelling is logged. Any thread.
+/// Asks for administrator rights and blocks until a person has answered. False on refusal, with the reason in
+/// `authStatus` and `authRef` null; a refusal is logged unless the user cancelled. Any thread.
 bool obtainRights(InstallAttempt& attempt);
-
-/// Gives the rights up, unless that was done already.
-void giveUpRights(InstallAttempt& attempt);
 
 /// Starts the command as root and stores the result in `authStatus`. `package` is what InstallPackage
 /// installs.

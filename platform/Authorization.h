@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -46,3 +47,11 @@ OSStatus AuthorizationExecuteWithPrivileges(AuthorizationRef authorization, cons
 
 /// Gives up the rights and frees the authorization. A null authorization is an error and changes nothing.
 OSStatus AuthorizationFree(AuthorizationRef authorization, unsigned flags);
+
+/// Owns an authorization and gives up its rights.
+struct FreeAuthorization {
+    void operator()(AuthorizationRef authorization) const {
+        AuthorizationFree(authorization, kAuthorizationFlagDestroyRights);
+    }
+};
+using AuthorizationOwner = std::unique_ptr<AuthorizationOpaque, FreeAuthorization>;

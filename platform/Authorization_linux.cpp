@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 OSStatus AuthorizationCreate(AuthorizationRef* authorization) {
-    *authorization = geteuid() == 0 ? makeRootAuthorization() : makePolkitAuthorization();
+    *authorization = (geteuid() == 0 ? makeRootAuthorization() : makePolkitAuthorization()).release();
     return *authorization == nullptr ? errAuthorizationBadAddress : errAuthorizationSuccess;
 }
 

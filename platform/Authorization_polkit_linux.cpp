@@ -1,5 +1,6 @@
 #include "platform/Authorization_polkit_linux.h"
 
+#include "base/BusObjects.h"
 #include "base/FileDescriptor.h"
 #include "base/Pipe.h"
 #include "base/RightsProtocol.h"
@@ -10,6 +11,7 @@
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -17,6 +19,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -25,34 +28,54 @@ namespace {
 
 constexpr std::uint64_t kNoTimeOut = UINT64_MAX; // a person may be typing a password
 
-template <auto unref>
-struct Unref {
-    template <typename Object>
-    void operator()(Object* object) const {
-        unref(object);
+/// Keeps the process from being traced by its user's other programs, for the time that any of these exists.
+class Undumpable {
+  public:
+    Undumpable() {
+        const std::lock_guard guard(mutex);
+        if (count++ == 0) {
+            before = prctl(PR_GET_DUMPABLE);
+            prctl(PR_SET_DUMPABLE, 0);
+        }
     }
+    Undumpable(const Undumpable&) = delete;
+    Undumpable& operator=(const Undumpable&) = delete;
+    ~Undumpable() {
+        const std::lock_guard guard(mutex);
+        if (--count == 0) {
+            prctl(PR_SET_DUMPABLE, before);
+        }
+    }
+
+  private:
+    static inline std::mutex mutex;
+    static inline int count = 0;
+    static inline int before = 1;
 };
-using Bus = std::unique_ptr<sd_bus, Unref<sd_bus_flush_close_unref>>;
-using Message = std::unique_ptr<sd_bus_message, Unref<sd_bus_message_unref>>;
 
 class PolkitAuthorization : public AuthorizationOpaque {
   public:
-    explicit PolkitAuthorization(Bus bus) : bus_(std::move(bus)) {}
+    PolkitAuthorization() = default;
     PolkitAuthorization(const PolkitAuthorization&) = delete;
     PolkitAuthorization& operator=(const PolkitAuthorization&) = delete;
 
     ~PolkitAuthorization() override {
-        // Where nobody is there to hear it, nobody is started for it.
-        if (const Message message = newCall("Release"); message != nullptr) {
+        // The service is not to be started just for this.
+        if (const BusMessage message = bus_ ? newCall("Release") : nullptr; message != nullptr) {
             sd_bus_message_set_auto_start(message.get(), 0);
             sd_bus_send(bus_.get(), message.get(), nullptr);
         }
     }
 
-    bool reachesServices() { return reaches(rights::kBusName) && reaches("org.freedesktop.PolicyKit1"); }
+    bool connect() {
+        sd_bus* bus = nullptr;
+        const bool isConnected = sd_bus_open_system(&bus) >= 0;
+        bus_.reset(bus);
+        return isConnected && reaches(rights::kBusName) && reaches("org.freedesktop.PolicyKit1");
+    }
 
     OSStatus copyRights(const std::string& right, unsigned flags) override {
-        const Message message = newCall("Authorize");
+        const BusMessage message = newCall("Authorize");
         if (right != rights::kBusName || message == nullptr) {
             return errAuthorizationDenied;
         }
@@ -64,7 +87,7 @@ class PolkitAuthorization : public AuthorizationOpaque {
     OSStatus execute(const std::string& toolPath, const std::vector<std::string>& arguments,
                      FILE** pipe) override {
         Pipe output;
-        Message message = newCall("Execute");
+        BusMessage message = newCall("Execute");
         int result = message == nullptr ? -1 : sd_bus_message_append(message.get(), "s", toolPath.c_str());
         if (result >= 0) {
             result = sd_bus_message_open_container(message.get(), 'a', "s");
@@ -77,7 +100,7 @@ class PolkitAuthorization : public AuthorizationOpaque {
             return errAuthorizationToolExecuteFailure;
         }
         const OSStatus status = call(message);
-        // The tool's end of file is seen once its own end is the only one; the message holds another.
+        // The end of file is seen once the tool has the only write end; the message holds another.
         message.reset();
         output.writeEnd.reset();
         if (status != errAuthorizationSuccess) {
@@ -88,7 +111,7 @@ class PolkitAuthorization : public AuthorizationOpaque {
     }
 
   private:
-    // Starts a service that does not run yet, so that one installed wrongly counts as missing.
+    // Starts a service that does not run yet, so that one that cannot start counts as missing.
     bool reaches(const char* service) {
         const auto askBus = [&](const char* member, const char* types, auto... arguments) {
             int result = -1;
@@ -102,14 +125,14 @@ class PolkitAuthorization : public AuthorizationOpaque {
         return askBus("GetNameOwner", "s", service) || askBus("StartServiceByName", "su", service, 0);
     }
 
-    Message newCall(const char* member) {
+    BusMessage newCall(const char* member) {
         sd_bus_message* message = nullptr;
         sd_bus_message_new_method_call(bus_.get(), &message, rights::kBusName, rights::kObjectPath,
                                        rights::kBusName, member);
-        return Message(message);
+        return BusMessage(message);
     }
 
-    OSStatus call(const Message& message) {
+    OSStatus call(const BusMessage& message) {
         sd_bus_error error = SD_BUS_ERROR_NULL;
         int result = -1;
         waitAside([&] { result = sd_bus_call(bus_.get(), message.get(), kNoTimeOut, &error, nullptr); });
@@ -126,8 +149,8 @@ class PolkitAuthorization : public AuthorizationOpaque {
         return status;
     }
 
-    // The main thread goes on serving its events until `exchange`, on a thread of its own, is through. A
-    // program that is being quit waits no longer: the connection is cut, which ends the exchange.
+    // The main thread serves its events until `exchange`, on a thread of its own, is done. When the program
+    // is quit, the connection is shut down, which ends the exchange.
     void waitAside(const std::function<void()>& exchange) {
         const FileDescriptor through(MainThread::isCurrent() ? eventfd(0, EFD_CLOEXEC) : -1);
         if (!through.isOpen()) {
@@ -153,16 +176,13 @@ class PolkitAuthorization : public AuthorizationOpaque {
         aside.join();
     }
 
-    Bus bus_;
+    const Undumpable undumpable_; // before the connection, and after it
+    BusConnection bus_;
 };
 
 } // namespace
 
-AuthorizationRef makePolkitAuthorization() {
-    sd_bus* bus = nullptr;
-    if (sd_bus_open_system(&bus) < 0) {
-        return nullptr;
-    }
-    auto authorization = std::make_unique<PolkitAuthorization>(Bus(bus));
-    return authorization->reachesServices() ? authorization.release() : nullptr;
+std::unique_ptr<AuthorizationOpaque> makePolkitAuthorization() {
+    auto authorization = std::make_unique<PolkitAuthorization>();
+    return authorization->connect() ? std::move(authorization) : nullptr;
 }

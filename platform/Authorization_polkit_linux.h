@@ -2,9 +2,15 @@
 
 #include "platform/Authorization.h"
 
-/// Rights for a process that is not root: asks the rights mechanism on the system bus, which asks polkit.
-/// Each authorization has a connection of its own, so that each is asked for anew. Null where there is no
-/// system bus, no mechanism or no polkit. Any thread; one authorization is used by one thread at a time.
+#include <memory>
+
+/// Rights for a process that is not root: asks the rights service on the system bus, which asks polkit. Each
+/// authorization has a connection of its own, so that each is asked for anew. Null where there is no system
+/// bus, no rights service or no polkit. Any thread; one authorization is used by one thread at a time.
 ///
-/// On the main thread the calls run the event loop while they wait: the window lives on, and may be closed.
-AuthorizationRef makePolkitAuthorization();
+/// On the main thread the calls run the event loop while they wait: the window stays responsive and can be
+/// closed.
+///
+/// While there is an authorization, the process is not dumpable: no program of the same user can trace it or
+/// take its connection.
+std::unique_ptr<AuthorizationOpaque> makePolkitAuthorization();

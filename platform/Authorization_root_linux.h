@@ -2,5 +2,8 @@
 
 #include "platform/Authorization.h"
 
-/// Rights for a process that is root already: nobody is asked, tools become children of this process.
-AuthorizationRef makeRootAuthorization();
+#include <memory>
+
+/// Rights for a process that is root already: nobody is asked, and tools are children of this process. The
+/// same commands are run under the same conditions as by the rights service.
+std::unique_ptr<AuthorizationOpaque> makeRootAuthorization();

@@ -1,5 +1,5 @@
-// Keeps the installed application until another version has replaced it. The service that runs the commands
-// of an installation as root calls `begin` before the application is removed, and `end` when the attempt is
+// Keeps the installed application until another version has replaced it. What runs the commands of an
+// installation as root calls `hold` before the application is removed, and ends its input when the attempt is
 // over, however it ended; a systemd unit calls `end` at boot when the folder /.pellomar-installer exists.
 //
 // `begin` does what `end` does, then moves /Applications/Pellomar.app, if it exists, into the folder
@@ -9,16 +9,23 @@
 // after that. Then, if an application is set aside: where something is at its place, the copy set aside is
 // removed; otherwise it is moved back. Last it removes /.pellomar-installer if nothing is left in it.
 //
-// An install that is committed removes the copy set aside itself. Both verbs can be killed at any point and
-// run again; both wait for a running installer to end, half an hour at most. They print nothing on success.
-// Exit status: 0 on success, also where there is nothing to do; 1 on failure, with the cause on standard
-// error, and what could not be moved is kept for the next run; 2 for wrong use.
+// `hold` does what `begin` does, writes one byte to standard output, waits for the end of standard input and
+// does what `end` does.
+//
+// An install that is committed removes the copy set aside itself. Each verb waits until every `hold` that
+// began earlier has ended, and for a running installer to end, half an hour at most; each can be killed at
+// any point and run again. They print nothing else on success. Exit status: 0 on success, also where there is
+// nothing to do; 1 on failure, with the cause on standard error, and what could not be moved is kept for the
+// next run; 2 for wrong use.
+#include "base/ReadWrite.h"
 #include "base/StandardStreams.h"
 #include "installer/SetAside.h"
 #include "installer/Staging.h"
 #include "installer/StagingLayout.h"
+#include "package/Failure.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,10 +43,11 @@ using installer::Staging;
 
 constexpr char kTarget[] = "/";
 constexpr char kUsage[] =
-    "Usage: pellomar-installer-transaction begin|end\n"
+    "Usage: pellomar-installer-transaction begin|end|hold\n"
     "\n"
     "  begin   set /Applications/Pellomar.app aside before it is replaced\n"
     "  end     put it back unless another version is installed; finish or undo an interrupted install\n"
+    "  hold    begin, and at the end of standard input end\n"
     "  --help  show this text\n";
 
 // Longer than an installer with two scripts at their time limits takes.
@@ -73,6 +81,24 @@ void begin() {
     staging.close();
 }
 
+void hold() {
+    begin();
+    if (!writeAll(STDOUT_FILENO, "\n") || !readAll(STDIN_FILENO)) {
+        std::fputs("pellomar-installer-transaction: the caller cannot be reached\n", stderr);
+    }
+    end();
+}
+
+// One attempt is over before the next one begins. The lock is released with the process.
+void takeTurn() {
+    const int lock = open("/run/pellomar-installer.lock", O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    while (flock(lock, LOCK_EX) != 0) {
+        if (errno != EINTR) {
+            throw package::systemFailure("cannot take turns with other installs");
+        }
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv) try {
@@ -81,14 +107,14 @@ int main(int argc, char** argv) try {
     occupyStandardStreams();
     std::signal(SIGXFSZ, SIG_IGN); // a write that fails is reported instead
     umask(S_IWGRP | S_IWOTH);
-    if (verb == "begin") {
-        begin();
-    } else if (verb == "end") {
-        end();
-    } else {
+    std::signal(SIGPIPE, SIG_IGN);
+    void (*const work)() = verb == "begin" ? begin : verb == "end" ? end : verb == "hold" ? hold : nullptr;
+    if (work == nullptr) {
         std::fputs(kUsage, verb == "--help" ? stdout : stderr);
         return verb == "--help" ? EXIT_SUCCESS : kWrongUse;
     }
+    takeTurn();
+    work();
     return EXIT_SUCCESS;
 } catch (const std::exception& problem) {
     std::fprintf(stderr, "pellomar-installer-transaction: %s\n", problem.what());

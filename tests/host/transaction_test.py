@@ -36,7 +36,7 @@ class Transaction(unittest.TestCase):
             (lower / APP / name).write_text("old " + name)
             (lower / APP / name).chmod(0o640)
         (lower / APP / "a/link").symlink_to("../run")
-        for name in ("usr", "proc", "dev"):
+        for name in ("usr", "proc", "dev", "run"):
             (lower / name).mkdir()
         for name in ("bin", "lib", "lib64"):
             (lower / name).symlink_to(f"usr/{name}")

@@ -1,0 +1,126 @@
+#include "base/RootTools.h"
+
+#include "base/ChildProcess.h"
+#include "base/Pipe.h"
+#include "base/RootEnvironment.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace {
+
+ChildProcess rootProgram(const std::string& path, std::vector<std::string> arguments) {
+    ChildProcess program;
+    program.path = path;
+    program.arguments = std::move(arguments);
+    // Outcomes are judged by English words.
+    program.environment = {kRootPath, "LC_ALL=C", kRootHome};
+    program.workingFolder = "/";
+    return program;
+}
+
+std::error_code whyNotRun(const std::string& path) {
+    if (access(path.c_str(), F_OK) != 0) {
+        return {errno, std::generic_category()};
+    }
+    return isRootsAlone(path) ? std::error_code() : std::make_error_code(std::errc::operation_not_permitted);
+}
+
+Transaction runTransactionProgram(const char* verb, std::error_code& failure) {
+    Pipe hold;
+    Pipe state;
+    ChildProcess program = rootProgram("/usr/libexec/pellomar-installer-transaction", {verb});
+    program.ownSession = true;
+    program.standardInput = hold.readEnd.get();
+    program.standardOutput = state.writeEnd.get();
+    failure = whyNotRun(program.path);
+    if (!failure) {
+        failure = program.startDetached();
+    }
+    return {std::move(state.readEnd), std::move(hold.writeEnd)};
+}
+
+} // namespace
+
+bool isRootsAlone(const std::filesystem::path& file) {
+    std::error_code failure;
+    const std::filesystem::path place = std::filesystem::canonical(file, failure);
+    struct stat status{};
+    return !failure && lstat(place.c_str(), &status) == 0 && status.st_uid == 0 &&
+           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
+           (place == place.root_path() || isRootsAlone(place.parent_path()));
+}
+
+FileDescriptor openPackage(const std::filesystem::path& path) {
+    if (!path.is_absolute() || std::ranges::find(path, "..") != path.end() ||
+        path.filename() != "Pellomar.pkg") {
+        errno = EINVAL;
+        return {};
+    }
+    return FileDescriptor(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+}
+
+bool isPackageOf(int descriptor, uid_t owner) {
+    struct stat status{};
+    return fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
+           (owner == 0 || status.st_uid == owner);
+}
+
+Transaction Transaction::begin(std::error_code& failure) {
+    return runTransactionProgram("hold", failure);
+}
+
+Transaction Transaction::endLeftOver(std::error_code& failure) {
+    Transaction ending = runTransactionProgram("end", failure);
+    ending.hold.reset();
+    return ending;
+}
+
+std::optional<PrivilegedCommand> GrantedCommands::take(const std::vector<std::string>& line,
+                                                       std::string& refusal) {
+    const auto command = findCommand(line);
+    if (!command) {
+        refusal = "not a command of an installation";
+    } else if (std::ranges::find(taken_, *command) != taken_.end()) {
+        refusal = "the command is used up in this attempt";
+    } else {
+        taken_.push_back(*command);
+        return command;
+    }
+    return std::nullopt;
+}
+
+void GrantedCommands::endInstallation() {
+    taken_.insert(taken_.end(), {PrivilegedCommand::RemoveApplication, PrivilegedCommand::InstallPackage,
+                                 PrivilegedCommand::StartDriver});
+}
+
+pid_t GrantedCommands::start(PrivilegedCommand command, const std::vector<std::string>& line, int output,
+                             std::error_code& failure) {
+    failure = whyNotRun(line.front());
+    if (failure) {
+        return -1;
+    }
+    ChildProcess tool = rootProgram(line.front(), {line.begin() + 1, line.end()});
+    tool.standardInput = ChildProcess::kNull;
+    tool.standardOutput = output;
+    const bool isInstaller = command == PrivilegedCommand::InstallPackage;
+    if (isInstaller && package.isOpen()) {
+        tool.environment->emplace_back("INSTALLER_PACKAGE_FD=3");
+        tool.passedOn.push_back(package.get());
+    }
+    if ((isInstaller || command == PrivilegedCommand::RemoveApplication) && hold.isOpen()) {
+        tool.passedOn.push_back(hold.get());
+    }
+    const pid_t process = tool.start(failure);
+    if (isInstaller && process > 0) {
+        package.reset();
+        hold.reset();
+    }
+    return process;
+}

@@ -1,0 +1,156 @@
+// How a command is run: its request waits for the caller's previous tool, then for what the command needs
+// (the application set aside, the package opened), then the tool is started and the request answered.
+#include "base/RightsProtocol.h"
+#include "rights/Service.h"
+#include "rights/UserFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <utility>
+
+namespace rights {
+
+namespace {
+
+// Nothing else: root's writes have effects on other files and sockets that the caller's would not have.
+bool isPipeToWriteTo(int descriptor) {
+    struct stat status{};
+    return fstat(descriptor, &status) == 0 && S_ISFIFO(status.st_mode) &&
+           (fcntl(descriptor, F_GETFL) & O_ACCMODE) == O_WRONLY;
+}
+
+} // namespace
+
+int Service::onExecute(sd_bus_message* message) {
+    const auto place = callers_.find(sd_bus_message_get_sender(message));
+    if (place == callers_.end() || !place->second.isAuthorized) {
+        return refuse(message, kErrorNotAuthorized, "not authorized");
+    }
+    auto& [name, caller] = *place;
+    const char* word = "";
+    int output = -1;
+    sd_bus_message_read(message, "s", &word);
+    std::vector<std::string> line{word};
+    sd_bus_message_enter_container(message, 'a', "s");
+    while (sd_bus_message_read(message, "s", &word) > 0) {
+        line.emplace_back(word);
+    }
+    sd_bus_message_exit_container(message);
+    sd_bus_message_read(message, "h", &output);
+    if (caller.request != nullptr) {
+        return refuse(message, kErrorNotAllowed, "another command is being started");
+    }
+    if (!isPipeToWriteTo(output)) {
+        return refuse(message, kErrorNotAllowed, "the output is not a pipe");
+    }
+    caller.line = std::move(line);
+    caller.output = output;
+    caller.request.reset(sd_bus_message_ref(message));
+    proceed(std::string(name));
+    return 1;
+}
+
+void Service::proceed(const std::string& name) {
+    const auto place = callers_.find(name);
+    if (place == callers_.end() || place->second.request == nullptr || place->second.tool != 0) {
+        return;
+    }
+    Caller& caller = place->second;
+    if (std::string refusal; !caller.command) {
+        caller.command = caller.commands.take(caller.line, refusal);
+        if (!caller.command) {
+            refuse(std::exchange(caller.request, nullptr).get(), kErrorNotAllowed, refusal);
+            return;
+        }
+    }
+    if (caller.command == PrivilegedCommand::InstallPackage && !caller.commands.package.isOpen()) {
+        caller.package =
+            std::make_unique<Watch>(loop_.get(), openPackageAs(caller.user, caller.line[kPackageArgument]),
+                                    [this, name](int socket) { onPackage(name, socket); });
+    } else if (caller.command == PrivilegedCommand::RemoveApplication && !caller.isSetAside) {
+        beginTransaction(name, caller);
+    } else {
+        startTool(name, caller);
+    }
+}
+
+void Service::onPackage(const std::string& name, int socket) {
+    Caller& caller = callers_.at(name);
+    FileDescriptor package = receiveDescriptor(socket);
+    caller.package.reset();
+    if (package.isOpen() && isPackageOf(package.get(), caller.user)) {
+        caller.commands.package = std::move(package);
+        proceed(name);
+        return;
+    }
+    // The same words for each cause: none tells about files that the caller cannot see.
+    caller.command.reset();
+    refuse(std::exchange(caller.request, nullptr).get(), kErrorNotAllowed,
+           "the package is not a regular file of the caller's own");
+}
+
+void Service::beginTransaction(const std::string& name, Caller& caller) {
+    std::error_code failure;
+    Transaction transaction = Transaction::begin(failure);
+    caller.commands.hold = std::move(transaction.hold);
+    if (failure) {
+        fprintf(stderr,
+                "pellomar-downloader-rights: the application is not set aside while it is replaced: %s\n",
+                failure.message().c_str());
+    }
+    transactions_[name] = std::make_unique<Watch>(loop_.get(), std::move(transaction.state),
+                                                  [this, name](int state) { onTransaction(name, state); });
+}
+
+void Service::onTransaction(const std::string& name, int state) {
+    char byte = 0;
+    if (read(state, &byte, 1) != 1) {
+        transactions_.erase(name);
+        startIdleTime();
+    }
+    if (const auto place = callers_.find(name); place != callers_.end() && !place->second.isSetAside) {
+        place->second.isSetAside = true;
+        proceed(name);
+    }
+}
+
+void Service::startTool(const std::string& name, Caller& caller) {
+    const BusMessage request = std::move(caller.request);
+    std::error_code failure;
+    caller.tool = caller.commands.start(*caller.command, caller.line, caller.output, failure);
+    if (caller.tool < 0) {
+        caller.tool = 0;
+        caller.command.reset();
+        refuse(request.get(), kErrorNotStarted, caller.line.front() + ": " + failure.message());
+        return;
+    }
+    FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, caller.tool, 0)));
+    tools_[caller.tool] = std::make_unique<Watch>(
+        loop_.get(), std::move(process), [this, name, pid = caller.tool](int) { onToolExit(name, pid); });
+    sd_bus_reply_method_return(request.get(), nullptr);
+}
+
+void Service::onToolExit(const std::string& name, pid_t process) {
+    siginfo_t end{};
+    waitid(P_PID, static_cast<id_t>(process), &end, WEXITED);
+    tools_.erase(process);
+    startIdleTime();
+    const auto place = callers_.find(name);
+    if (place == callers_.end() || place->second.tool != process) {
+        return;
+    }
+    Caller& caller = place->second;
+    caller.tool = 0;
+    const auto command = std::exchange(caller.command, std::nullopt);
+    if (command == PrivilegedCommand::InstallPackage && (end.si_code != CLD_EXITED || end.si_status != 0)) {
+        caller.commands.endInstallation();
+    }
+    proceed(name);
+}
+
+} // namespace rights

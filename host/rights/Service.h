@@ -1,0 +1,80 @@
+#pragma once
+
+#include "base/BusObjects.h"
+#include "base/RootTools.h"
+#include "rights/Watch.h"
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace rights {
+
+class Service;
+
+/// One connection that has asked for rights. Its grant ends when it is removed.
+struct Caller {
+    Service* service = nullptr;
+    uid_t user = 0;
+    bool isAuthorized = false;
+    BusSlot question;                // to polkit
+    BusMessage waiting;              // its Authorize call, until it is answered
+    std::unique_ptr<Watch> leftOver; // of earlier attempts, being ended
+    GrantedCommands commands;
+
+    // The Execute call under way, until its tool has been started, and then until the tool has ended.
+    BusMessage request;
+    std::vector<std::string> line;
+    std::optional<PrivilegedCommand> command; // once it is taken
+    int output = -1;                          // belongs to the request
+    bool isSetAside = false;                  // or the attempt at it is over
+    std::unique_ptr<Watch> package;           // being opened
+    pid_t tool = 0;
+};
+
+/// Runs the commands of an installation as root for callers that polkit allows it. Who calls is what the bus
+/// says; a grant belongs to one connection. One thread, one event loop, which never waits for a person, a
+/// tool or a user's file system.
+class Service {
+  public:
+    explicit Service(std::chrono::seconds idleTime) : idleTime_(idleTime) {}
+
+    /// Serves until nobody has needed it for the idle time. Returns 0, or a negative error number.
+    int run();
+
+    int onAuthorize(sd_bus_message* call);
+    int onExecute(sd_bus_message* call);
+    int onRelease(sd_bus_message* call);
+    int onNameLost(sd_bus_message* signal);
+
+  private:
+    using Callers = std::map<std::string, Caller, std::less<>>; // by the connection's unique name
+
+    static int onPolkitAnswer(sd_bus_message* answer, void* data, sd_bus_error* error);
+    int onIdle();
+    bool isIdle() const { return callers_.empty() && tools_.empty() && transactions_.empty(); }
+    void startIdleTime();
+    void answerAuthorized(const std::string& name);
+    void endGrant(const std::string& name, const char* error, const std::string& reason);
+
+    void beginTransaction(const std::string& name, Caller& caller);
+    void proceed(const std::string& name);
+    void onPackage(const std::string& name, int socket);
+    void onTransaction(const std::string& name, int state);
+    void startTool(const std::string& name, Caller& caller);
+    void onToolExit(const std::string& name, pid_t process);
+    int refuse(sd_bus_message* call, const char* error, const std::string& reason);
+
+    std::chrono::microseconds idleTime_;
+    std::unique_ptr<sd_event, Unref<sd_event_unref>> loop_;
+    BusConnection bus_;
+    sd_event_source* idleTimer_ = nullptr; // the loop's
+    Callers callers_;
+    std::map<pid_t, std::unique_ptr<Watch>> tools_;
+    std::map<std::string, std::unique_ptr<Watch>, std::less<>> transactions_; // by the caller's name
+};
+
+} // namespace rights

@@ -1,0 +1,160 @@
+"""What both sides of the rights are tested with: tools for root to run, a package, and raw calls of the service.
+
+Runs as root inside the throw-away view.
+"""
+
+import os
+import pwd
+import sys
+import threading
+import unittest
+from pathlib import Path
+
+if os.environ.get("PELLOMAR_VIEW") != "1":
+    sys.exit("adds users and runs tools as root: runs only in the throw-away view")
+PROJECT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(PROJECT / "tests/stage"))
+from gi.repository import Gio, GLib  # noqa: E402
+import rights  # noqa: E402
+from rights import BUS_SERVICE, MECHANISM, TRANSACTION, USER, Agent, RightsStage, as_user  # noqa: E402, F401
+from waiting import wait_for  # noqa: E402, F401
+
+APPLICATION = Path("/Applications/Pellomar.app")
+stage = owner = None  # set by main()
+STAGING = Path("/.pellomar-installer")
+SCRIPT = Path("/Library/Application Support/NorvikEmu/VirtualBoxStartup.sh")
+INSTALLER, KEXTSTAT = Path("/usr/sbin/installer"), Path("/usr/sbin/kextstat")
+PACKAGE = Path(f"/home/{USER}/Downloads/NVInst/Pellomar.pkg")
+GO, STARTED = Path("/run/go"), Path("/run/started")
+REMOVE = ("/bin/rm", "-rf", str(APPLICATION))
+QUERY = (str(KEXTSTAT), "-b", "com.norvik.emu.kext.VBoxDrv")
+RESTART = (str(SCRIPT), "restart")
+NAME, PATH = rights.ACTION, "/com/norvik/PellomarDownloader"
+HOLD = "touch /run/started; while [ ! -e /run/go ]; do sleep 0.02; done; echo done"
+REPLACE = f"mkdir {APPLICATION} && echo new >{APPLICATION}/version"
+
+
+def install(package=PACKAGE):
+    return (str(INSTALLER), "-pkg", str(package), "-target", "/")
+
+
+def make_tool(path, text="true"):
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.unlink(missing_ok=True)
+    path.write_text(f"#!/bin/bash\n{text}\n")
+    path.chmod(0o755)
+    os.chown(path, 0, 0)
+
+
+def version():
+    """What the installed application says it is, or None."""
+    file = APPLICATION / "version"
+    return file.read_text().strip() if file.exists() else None
+
+
+class Caller:
+    """A connection of its own to the system bus, as the user NAME, that calls the service."""
+
+    def __init__(self, user=USER):
+        os.seteuid(pwd.getpwnam(user).pw_uid)
+        try:
+            flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
+            self.bus = Gio.DBusConnection.new_for_address_sync("unix:path=/run/dbus/system_bus_socket", flags, None, None)
+        finally:
+            os.seteuid(0)
+        self.name = self.bus.get_unique_name()
+
+    def call(self, method, arguments=None, descriptor=None):
+        """The last part of the error's name, or "" for success; the error's text is in self.reason."""
+        descriptors = Gio.UnixFDList() if descriptor is not None else None
+        if descriptors is not None:
+            descriptors.append(descriptor)
+        try:
+            self.bus.call_with_unix_fd_list_sync(NAME, PATH, NAME, method, arguments, None, 0, 120000, descriptors, None)
+            return ""
+        except GLib.Error as error:
+            self.reason = error.message
+            return (Gio.DBusError.get_remote_error(error) or error.message).rsplit(".")[-1]
+
+    def authorize(self):
+        assert self.call("Authorize") == "", self.reason
+        return self
+
+    def execute(self, line, output):
+        return self.call("Execute", GLib.Variant("(sash)", (line[0], line[1:], 0)), output)
+
+    def start(self, line):
+        """Starts a command; its output is read by self.output()."""
+        self.reader, writer = os.pipe()
+        error = self.execute(line, writer)
+        os.close(writer)
+        return error
+
+    def output(self):
+        with os.fdopen(self.reader) as reader:
+            return reader.read()
+
+    def run(self, line):
+        """The error, or what the command printed."""
+        return self.start(line) or self.output()
+
+    def later(self, method):
+        """Calls aside; the answer's thread ends when it is there."""
+        thread = threading.Thread(target=lambda: setattr(self, "answer", self.call(method)), daemon=True)
+        thread.start()
+        return thread
+
+    def close(self):
+        if not self.bus.is_closed():
+            self.bus.close_sync(None)
+
+
+class RightsTest(unittest.TestCase):
+    """Begins with the system's services running and an old application installed; RULE is what polkit decides without
+    asking anybody."""
+
+    rule = "YES"
+
+    def setUp(self):
+        for path in (GO, STARTED):
+            path.unlink(missing_ok=True)
+        for tool in (INSTALLER, KEXTSTAT, SCRIPT):
+            make_tool(tool)
+        PACKAGE.unlink(missing_ok=True)
+        PACKAGE.write_text("the user's package")
+        os.chown(PACKAGE, *owner)
+        self.make_application()
+        stage.start(self.rule)
+        self.addCleanup(stage.stop)
+
+    def make_application(self):
+        APPLICATION.mkdir(parents=True, exist_ok=True)
+        (APPLICATION / "version").write_text("old\n")
+
+    def caller(self):
+        caller = Caller()
+        self.addCleanup(caller.close)
+        return caller
+
+    def kill(self, program):
+        wait_for(f"a process of {program}", lambda: stage.kill(program))
+        wait_for(f"the end of {program}", lambda: not rights.processes(program))
+
+
+def main():
+    """Prepares the machine for the build that the first argument names, and runs the calling module's tests."""
+    global stage, owner
+    log = Path("/run/system.log")
+    rights.add_users()
+    stage = RightsStage(PROJECT, Path(sys.argv[1]), log)
+    owner = pwd.getpwnam(USER).pw_uid, pwd.getpwnam(USER).pw_gid
+    PACKAGE.parent.mkdir(parents=True)
+    for folder in list(PACKAGE.parents)[:2]:
+        os.chown(folder, *owner)
+    program = unittest.main(argv=[sys.argv[0], *sys.argv[2:]], exit=False, verbosity=2)
+    text = log.read_text(errors="replace")
+    is_good = program.result.wasSuccessful() and "Sanitizer" not in text
+    if not is_good:
+        print(text)
+    sys.exit(not is_good)
+
