@@ -184,8 +184,8 @@ class Mailbox {
     std::atomic<bool> fastPace_{false};
     std::atomic<bool> isSpinning_{false};
     std::atomic<int> migrating_{0}; ///< posters that are moving the main thread
-    std::atomic<int> cpu_{-1};  ///< on which the main thread last ran
-    std::deque<Work*> pending_; ///< main thread only; a nested event loop runs the rest
+    std::atomic<int> cpu_{-1};      ///< on which the main thread last ran
+    std::deque<Work*> pending_;     ///< main thread only; a nested event loop runs the rest
     Clock::time_point lastServed_;
 };
 
@@ -196,7 +196,7 @@ std::atomic<Mailbox*> mailbox{nullptr};
 
 void MainThread::attach() {
     mainThreadId = std::this_thread::get_id();
-    // Never freed: workers may post while the process is on its way out.
+    // Never freed: workers may post while the process ends.
     static Mailbox* const box = new Mailbox;
     mailbox = box;
 }

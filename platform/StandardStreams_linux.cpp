@@ -10,8 +10,8 @@
 namespace {
 
 void reopen(const std::string& path, FILE* stream) {
-    // A failed reopening closes the stream, and the download's file could then get its descriptor's number
-    // and receive the log. The null device keeps the number taken.
+    // A failed freopen closes the stream. Its descriptor's number could then be reused for the download's
+    // file, which would receive the log; /dev/null keeps the number in use.
     if (freopen(path.c_str(), "a+", stream) == nullptr) {
         [[maybe_unused]] FILE* const placeholder = freopen("/dev/null", "a+", stream);
     }
@@ -23,19 +23,19 @@ bool canBeWritten(const std::string& path) {
 }
 
 ssize_t takeAll(void* /*cookie*/, const char* data, std::size_t size) {
-    writeAll(STDOUT_FILENO, {data, size}); // what does not fit is lost
+    writeAll(STDOUT_FILENO, {data, size}); // what can't be written is lost
     return static_cast<ssize_t>(size);
 }
 
-// The transfer library prints a probe's headers and gives the probe up when that fails, for one on a full
-// disk.
-void letNoOutputFail() {
+/// Makes writing to standard output always succeed: libcurl prints a probe's headers there and fails the
+/// probe when that fails, as it does on a full disk.
+void ignoreOutputErrors() {
     fflush(stdout);
     cookie_io_functions_t functions{};
     functions.write = takeAll;
     if (FILE* const output = fopencookie(nullptr, "w", functions)) {
         setvbuf(output, nullptr, _IOLBF, BUFSIZ);
-        stdout = output; // a variable like any other here
+        stdout = output; // in glibc, stdout is a variable
     }
 }
 
@@ -46,7 +46,7 @@ void redirectStandardStreams(const std::string& path) {
         reopen(path, stdout);
         reopen(path, stderr);
     }
-    letNoOutputFail();
+    ignoreOutputErrors();
 }
 
 void flushStandardStreams() {

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-/// Collects what is written to a standard stream, the log's where none is named, while it lives.
+/// Captures what is written to a standard stream, by default standard error, where the log is.
 class CapturedLog {
   public:
     explicit CapturedLog(int descriptor = STDERR_FILENO) : descriptor_(descriptor) {
@@ -30,7 +30,7 @@ class CapturedLog {
         return text;
     }
 
-    /// How often `words` stand in it.
+    /// How often `words` occur in it.
     [[nodiscard]] int count(const std::string& words) const {
         const std::string all = text();
         int found = 0;

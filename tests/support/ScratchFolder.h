@@ -8,8 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-/// A folder of a test's own, removed with all it holds when the test has passed; kept, and its path printed,
-/// when it has failed.
+/// A temporary folder, removed when the test has passed; kept, and its path printed, when it has failed.
 class ScratchFolder {
   public:
     ScratchFolder() {
@@ -21,7 +20,7 @@ class ScratchFolder {
     ScratchFolder& operator=(const ScratchFolder&) = delete;
     ~ScratchFolder() {
         if (testing::Test::HasFailure()) {
-            std::cerr << "Kept for a look: " << path_ << '\n';
+            std::cerr << "Kept: " << path_ << '\n';
         } else {
             std::error_code ignored;
             std::filesystem::remove_all(path_, ignored);

@@ -4,8 +4,8 @@
 #include <functional>
 #include <thread>
 
-/// Looks at `condition` every few milliseconds until it holds. False when it does not within `deadline`,
-/// which is long enough for a busy machine under a sanitizer.
+/// Polls `condition` until it holds. False when it does not within `deadline`, which is long enough for a
+/// busy machine under a sanitizer.
 inline bool waitUntil(const std::function<bool()>& condition,
                       std::chrono::seconds deadline = std::chrono::seconds(30)) {
     const auto end = std::chrono::steady_clock::now() + deadline;

@@ -7,7 +7,8 @@
 #include <fstream>
 #include <string>
 
-/// tests/stage/server.py, which says what an answer is, serving `document`. Used by the thread that made it.
+/// Runs tests/stage/server.py, which documents the answers, with `document`. Used by the thread that created
+/// it.
 class Server {
   public:
     explicit Server(const std::string& document, const QStringList& answers = {""}) {
@@ -26,10 +27,10 @@ class Server {
     [[nodiscard]] const std::string& port() const { return port_; }
     [[nodiscard]] std::string url() const { return "http://127.0.0.1:" + port_ + "/soft/Pellomar.pkg"; }
 
-    /// The next request: method, path and the first byte that is asked for, "-" where no range is.
+    /// The next request: method, path, and the first byte of the range or "-". Blocks until there is one.
     std::string request() { return line(); }
 
-    /// Ends every stall, and lets in whoever was not.
+    /// Ends every stall, and accepts connections that were held back.
     void release() {
         process_.write("\n");
         process_.waitForBytesWritten();

@@ -26,16 +26,16 @@ constexpr std::int64_t kAll = 100'000, kHalf = 40'000;
 /// Kind, status and quantity.
 using Fields = std::tuple<int, int, std::int64_t>;
 
-/// What one operation answered, posted and logged.
+/// What one operation returned, posted and logged.
 struct Outcome {
     int result = 0;
     std::vector<Fields> records;
     std::int64_t token = 0;
-    std::int64_t bytes = 0; ///< that the data records count
+    std::int64_t bytes = 0; ///< the sum of the data records
     std::string log;
 };
 
-/// Sees the outcome so far at each record, as the panel would.
+/// Called at each record with the outcome so far.
 using Reaction = std::function<void(const Outcome&)>;
 
 double now() {
@@ -81,7 +81,7 @@ Outcome download(const std::string& url, const std::string& path, std::int64_t o
 const Fields kStarted{CurlMessageTypeStarted, 0, -1}, kFinished{CurlMessageTypeFinished, 0, 0},
     kStopped{CurlMessageTypeData, 0, 0}, kFailed{CurlMessageTypeData, -1, 0};
 
-/// Checks what holds for every body transfer: it starts, tells each block that reached the file, and ends.
+/// Checks the records of a body transfer: started, a data record for each block written, and the ending.
 void expectBodyTransfer(const Outcome& outcome, const Fields& ending, int result) {
     EXPECT_EQ(outcome.result, result);
     EXPECT_TRUE(outcome.token != 0 && outcome.token != -1) << outcome.token;
@@ -98,7 +98,7 @@ void expectBodyTransfer(const Outcome& outcome, const Fields& ending, int result
 class Transfer : public testing::Test {
   protected:
     Transfer() {
-        setenv("no_proxy", "*", 1); // whatever the machine is set up for
+        setenv("no_proxy", "*", 1); // ignores proxies that the machine is set up for
         CurlWrapper::SyncStop(0);
         std::generate(document_.begin(), document_.end(), std::mt19937()); // so that any cut or shift shows
     }
@@ -150,7 +150,7 @@ TEST_F(Transfer, ProbeTellsTheLengthOrWhatIsWrong) {
                 EXPECT_EQ(output.count("Content-Length: "), 1) << "the headers go to standard output";
             }
         }
-        // The handle, with what it holds open, is left where the length is unknown and only there.
+        // The handle, and its connection, is left unreleased when the length is unknown, and only then.
         EXPECT_EQ(openFiles() > before, record == missing);
     }
     EXPECT_EQ(probe("").records, std::vector{error(CURLE_URL_MALFORMAT)});
@@ -161,7 +161,7 @@ TEST_F(Transfer, BodyIsAppendedFromTheOffset) {
     const struct {
         const char* answer;
         std::int64_t offset;
-        std::int64_t bytes; ///< that are added
+        std::int64_t bytes; ///< added to the file
         int result;
     } rows[] = {{"", 0, kAll, CURLE_OK},
                 {"", kHalf, kAll - kHalf, CURLE_OK},
@@ -184,7 +184,7 @@ TEST_F(Transfer, BodyIsAppendedFromTheOffset) {
         EXPECT_EQ(server.request(),
                   "GET /soft/Pellomar.pkg " + (row.offset == 0 ? "-" : std::to_string(row.offset)));
     }
-    // The offset is the caller's, whatever the file holds.
+    // The offset is the caller's, not the file's size.
     Server server(document_);
     holdBytes(kHalf);
     expectBodyTransfer(download(server.url(), path_, 0), kFinished, CURLE_OK);
@@ -225,7 +225,7 @@ TEST_F(Transfer, StopByAnyIdentifierHidesAFailureAndNeverASuccess) {
         CurlWrapper::SyncStop(identifier);
         expectBodyTransfer(download(server.url(), path_, 0), kStopped, CURLE_GOT_NOTHING);
 
-        // A stall ends by the next block, not by the stop.
+        // A stalled transfer ends with the next block, not with the stop.
         CurlWrapper::SyncStop(0);
         holdBytes(0);
         const auto stopInTheStall = [&](const Outcome& soFar) {
@@ -247,7 +247,7 @@ TEST_F(Transfer, StopByAnyIdentifierHidesAFailureAndNeverASuccess) {
 
 TEST_F(Transfer, CountsWhatReachedTheDiskAndNothingElse) {
     std::signal(SIGXFSZ, SIG_IGN);
-    constexpr std::int64_t kRoom = 1501; // less than a buffer would hold back
+    constexpr std::int64_t kRoom = 1501; // less than the size of a stream's buffer
     rlimit before{};
     const rlimit small{kRoom, RLIM_INFINITY};
     for (const std::int64_t held : {std::int64_t{0}, kRoom}) {
@@ -284,7 +284,7 @@ TEST_F(Transfer, LogsNoPasswordOfAProxy) {
 using ConnectTimeout = Transfer;
 
 TEST_F(ConnectTimeout, IsThirtySeconds) {
-    // The clock that libfaketime reads, so that nothing takes thirty seconds.
+    // The clock that libfaketime shows, so that the test need not wait for thirty seconds.
     const char* const clock = std::getenv("FAKETIME_TIMESTAMP_FILE");
     ASSERT_NE(clock, nullptr) << "run by ctest";
     std::ofstream(clock) << "+0s";

@@ -17,13 +17,11 @@
 #include <memory>
 #include <random>
 
-// How work reaches the main thread.
-
 namespace {
 
 /// Runs the main thread's event loop until the condition holds.
 bool serveUntil(const std::function<bool()>& condition) {
-    QTimer tick; // the condition is looked at between sleeps
+    QTimer tick; // ends the sleep, so that the condition is checked
     tick.start(10);
     const QDeadlineTimer deadline(std::chrono::seconds(30));
     while (!condition() && !deadline.hasExpired()) {
@@ -37,13 +35,13 @@ bool sleeps(pid_t thread) {
     return stat[stat.rfind(')') + 2] == 'S';
 }
 
-/// Starts a thread that shares what it uses with the test, and so can outlive a test that fails.
+/// Starts a thread that shares `state` with the test, since it outlives a test that fails.
 template <typename State>
 void startPoster(const std::shared_ptr<State>& state, const std::function<void(State&)>& work) {
     WorkerThread::start([state, work] { work(*state); });
 }
 
-TEST(HandOver, ADialogServesWhatWaitsBehindThePieceThatOpenedIt) {
+TEST(HandOver, RunsInADialogWhatWasQueuedBehindIt) {
     struct State {
         std::atomic<pid_t> poster{0};
         std::atomic<int> finished{0};
@@ -57,7 +55,7 @@ TEST(HandOver, ADialogServesWhatWaitsBehindThePieceThatOpenedIt) {
             MainThread::performAndWait([&] {
                 EXPECT_TRUE(MainThread::isCurrent());
                 shared.isServed = !opensDialog;
-                EXPECT_TRUE(serveUntil([&] { return shared.isServed; })) << "left behind the dialog";
+                EXPECT_TRUE(serveUntil([&] { return shared.isServed; })) << "not run in the dialog's loop";
             });
             ++shared.finished;
         });
@@ -66,15 +64,15 @@ TEST(HandOver, ADialogServesWhatWaitsBehindThePieceThatOpenedIt) {
     EXPECT_TRUE(serveUntil([&] { return state->finished == 2; }));
 }
 
-cpu_set_t processors() {
+cpu_set_t allowedCpus() {
     cpu_set_t allowed;
     sched_getaffinity(0, sizeof allowed, &allowed);
     return allowed;
 }
 
-TEST(HandOver, LosesNothingOfSeveralPosters) {
+TEST(HandOver, RunsEachPieceOnceAndInOrder) {
     struct State {
-        cpu_set_t allowed = processors();
+        cpu_set_t allowed = allowedCpus();
         std::array<int, 3> last{};
         std::atomic<int> unfinished{3};
     };
@@ -84,7 +82,7 @@ TEST(HandOver, LosesNothingOfSeveralPosters) {
             for (int i = 1; i <= 1000; ++i) {
                 MainThread::performAndWait([&] {
                     EXPECT_EQ(std::exchange(last, i), i - 1);
-                    const cpu_set_t now = processors(); // a thread started here would keep them for life
+                    const cpu_set_t now = allowedCpus(); // a thread started here would inherit them
                     EXPECT_TRUE(CPU_EQUAL(&now, &shared.allowed));
                 });
                 EXPECT_EQ(last, i) << "it returns when the work is done";
@@ -95,39 +93,45 @@ TEST(HandOver, LosesNothingOfSeveralPosters) {
     EXPECT_TRUE(serveUntil([&] { return state->unfinished == 0; }));
 }
 
-/// Where the processor may not be used, the thread runs where it likes.
-void pin(pid_t thread, int processor) {
+/// Has no effect when the thread may not run on that CPU.
+void pin(pid_t thread, int cpu) {
     cpu_set_t one;
     CPU_ZERO(&one);
-    CPU_SET(processor, &one);
+    CPU_SET(cpu, &one);
     sched_setaffinity(thread, sizeof one, &one);
 }
 
-TEST(HandOver, ForgetsNoPieceThatIsPostedAsTheMainThreadStopsWaiting) {
-    constexpr int kPieces = 15'000;
-    const cpu_set_t allowed = processors();
-    const auto done = std::make_shared<std::atomic<int>>(0);
-    startPoster<std::atomic<int>>(done, [](std::atomic<int>& finished) {
+TEST(HandOver, RunsAPiecePostedWhenTheMainThreadStopsSpinning) {
+    const cpu_set_t allowed = allowedCpus();
+    const auto isOver = std::make_shared<std::atomic<bool>>(false);
+    startPoster<std::atomic<bool>>(isOver, [](std::atomic<bool>& over) {
         using namespace std::chrono;
         pin(0, 1);
         std::mt19937 random;
         std::uniform_real_distribution<double> spread(-2, 2);
-        const auto post = [&] {
+        const auto post = [] {
             const auto start = steady_clock::now();
-            MainThread::performAndWait([&] { ++finished; });
+            MainThread::performAndWait([] {});
             return steady_clock::now() - start;
         };
-        // Where the main thread was still awake, the answer comes fast: from that the pause is steered to the
-        // moment at which it goes to sleep.
-        for (double pause = 0; finished < kPieces; pause += post() < 10us ? 0.5 : -0.5) {
-            post(); // two in a row make the main thread wait for a third
+        // The main thread answers fast while it spins. The pause is adjusted by that to end when it stops
+        // spinning.
+        double pause = 0;
+        const auto end = steady_clock::now() + 20s; // for a busy machine
+        for (int turn = 0; turn < 7500 && steady_clock::now() < end; ++turn) {
+            post(); // two in a row make the main thread spin for a third
             pin(getpid(), 0);
             const duration<double, std::micro> thisPause(pause + spread(random));
             for (const auto start = steady_clock::now(); steady_clock::now() - start < thisPause;) {
             }
+            const auto answered = post();
+            pause += answered < 10us    ? 0.5
+                     : answered < 200us ? -0.5
+                                        : 0; // longer: one of them was not running
         }
+        over = true;
     });
-    EXPECT_TRUE(serveUntil([&] { return *done >= kPieces; })) << *done;
+    EXPECT_TRUE(serveUntil([&] { return isOver->load(); })) << "a piece was not run";
     sched_setaffinity(0, sizeof allowed, &allowed);
 }
 

@@ -23,7 +23,7 @@ std::string script(const ScratchFolder& folder, const std::string& body) {
     return path;
 }
 
-TEST(Child, DetachedIsNeverOursToReap) {
+TEST(Child, DetachedIsNotReaped) {
     const ScratchFolder folder;
     const std::string number = folder.path() + "/pid";
     ChildProcess tool;
@@ -67,7 +67,7 @@ TEST(Log, LinesOfManyThreadsNeverMix) {
             }
         });
     }
-    threads.clear(); // waits for them
+    threads.clear(); // joins them
     EXPECT_EQ(log.count("] begin" + body + "end\n"), 800);
 }
 

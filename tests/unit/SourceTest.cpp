@@ -43,7 +43,7 @@ TEST(Source, TakesTheConfigurationAsItIs) {
         EXPECT_EQ(downloadUrl(bundle, fallback), base + name);
     }
 
-    // What exists but can't be read is not made up for by the fallback.
+    // The fallback is not used when the file exists but can't be read.
     std::filesystem::remove(folder.path() + "/.config");
     std::filesystem::create_directory(folder.path() + "/.config");
     EXPECT_EQ(downloadUrl(bundle, fallback), "");

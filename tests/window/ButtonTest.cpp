@@ -5,8 +5,8 @@
 
 namespace {
 
-/// Presses and releases as the window system reports them: `presses` quick ones at one place, each handed to
-/// whichever view is there by then.
+/// Sends `presses` quick presses and releases as the window system does, each to the view that is at `place`
+/// then.
 void click(CoreImageView& panel, const QPoint& place, int presses, Qt::MouseButton mouseButton) {
     static quint64 now = 0;
     now += 10'000;
@@ -98,7 +98,7 @@ TEST_F(Window, AButtonShowsItsPressAndActsOnRelease) {
     EXPECT_EQ(stop.image(), stop.deepImage());
     EXPECT_EQ(log_.count("CoreImageView stopDownload"), 0);
 
-    // Hidden while held down: back at rest when it is shown again, and the release acts on no button.
+    // Hidden while pressed: not pressed when it is shown again, and the release acts on no button.
     stop.hide();
     QTest::mouseRelease(&button("continue_button"), Qt::LeftButton);
     stop.show();

@@ -73,7 +73,7 @@ TEST_F(Records, MoveBarAndSpeed) {
         post(message);
         EXPECT_DOUBLE_EQ(bar().doubleValue(), row.percent) << row.what;
         EXPECT_EQ(speed().text().toStdString(), row.speed) << row.what;
-        // Painted, and told to screen readers, with the next frame.
+        // The bar is painted, and its new value told to screen readers, with the next frame.
         const auto whole = static_cast<int>(row.percent);
         EXPECT_TRUE(QTest::qWaitFor([&] { return bar().value() == whole; })) << row.what;
         const std::vector<QRgb> line = barLine();

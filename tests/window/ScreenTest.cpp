@@ -12,7 +12,7 @@
 
 namespace {
 
-/// A view's frame with the origin at the lower left, as the screens are laid out.
+/// A view's frame with the origin at the lower left.
 std::vector<int> frameOf(const QWidget& view) {
     const QRect place = view.geometry();
     return {place.x(), view.parentWidget()->height() - place.y() - place.height(), place.width(),
@@ -48,7 +48,8 @@ TEST_F(Window, BuildsTheSecondScreenOnce) {
     EXPECT_EQ(button("continueInsTall_button").normalImage(), button("retryDownload_button").normalImage());
     EXPECT_FALSE(button("start_button").isVisible());
 
-    // The hidden check box wears the background now, so a later start stops at the gate.
+    // The hidden check box now shows the background, so it counts as not ticked and a later start does
+    // nothing.
     EXPECT_FALSE(button("checkbox").getStatus());
     const std::size_t views = subviews<ImageButtonView>().size();
     panel().startDownload();
@@ -57,7 +58,7 @@ TEST_F(Window, BuildsTheSecondScreenOnce) {
     EXPECT_EQ(log_.count("WebStatic:Download Start"), 1);
 }
 
-/// Every text of the header, and every cause of the system's.
+/// The texts of StatusTexts.h, and the text for each error number.
 std::vector<std::string> statusTexts() {
     const std::string header = readFile(STATUS_TEXTS).value();
     const std::regex literal("= \"(.*)\";");
@@ -134,7 +135,7 @@ TEST_F(Window, DrawsDialogsWithRoomForTheirWords) {
         }
         QTest::keyClick(&box, Qt::Key_Escape);
         if (box.isVisible()) {
-            box.findChild<QPushButton*>()->click(); // one question must be answered
+            box.findChild<QPushButton*>()->click(); // Escape does not close the question
         }
     };
     QTimer::singleShot(0, look);

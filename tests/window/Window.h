@@ -10,8 +10,7 @@
 #include <string>
 #include <vector>
 
-/// A test with the program's window on screen and a home folder of its own. There is no configuration file,
-/// so a start ends with the probe's failure; tests post further records themselves.
+/// A test with the program's window on screen and a home folder of its own.
 class Window : public testing::Test {
   protected:
     Window();
@@ -38,11 +37,11 @@ class Window : public testing::Test {
     /// The names of the image buttons that are shown, in their order.
     [[nodiscard]] std::vector<std::string> visibleButtons();
 
-    /// What the panel would paint, pixel by pixel, at the scale that the environment sets.
+    /// What the panel paints, at the scale that the environment sets.
     QImage drawn() { return panel().grab().toImage().convertToFormat(QImage::Format_RGB32); }
 
-    /// As a press of start does, but no download begins, since the home has no place for it; tests post the
-    /// records of one themselves.
+    /// Starts a download that fails before its worker, since its folder can't be made. Tests post the records
+    /// of a transfer themselves.
     void openSecondScreen();
 
     ScratchFolder home_;
