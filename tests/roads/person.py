@@ -316,17 +316,20 @@ def wayland(machine):
 
 
 def half_package(machine):
-    """Is refused where the server calls it whole, and fetched anew."""
+    """Is refused where the server calls it whole, which costs nobody the product they had, and fetched anew."""
     machine.trust_sample()
     document = (machine.build / SAMPLE).read_bytes()
     answers = [{}, {"cut": 6 << 20}, {}, {"status": 416, "body": ""}, {}]
-    with opened(machine, answers=answers, document=document, rights="YES", tools={}) as (window, _):
+    with opened(machine, answers=answers, document=document, rights="YES", old=True, tools={}) as (window, _):
         window.invoke("开始")
         window.wait_for_screen(*NETWORK_FAILURE)
         window.invoke("继续")
+        window.invoke("确定")
         window.wait_for_screen("安装Pellomar失败，请尝试重新下载安装!", "重试下载", BAR)
-        assert machine.file("pkg").stat().st_size == 6 << 20 and not PRODUCT.exists()
+        assert machine.file("pkg").stat().st_size == 6 << 20
+        wait_for("the old copy", OLD.exists)
         window.invoke("重试下载")
+        window.invoke("确定")
         expect_launched(machine, window)
         codes = (814, 821, 814, 815, 817, 822, 814, 815, 817, 818, 826)
         events = [line for line in story(machine.home)[1] if line.startswith("event")]
