@@ -156,7 +156,7 @@ void addPlaces(int folder, const std::string& path, Writer& writer) {
     for (const std::string& name : namesIn(folder)) {
         std::string place = path.empty() ? path : path + '/';
         place += name;
-        if (S_ISDIR(statusOf(folder, name).value().st_mode) && !isBundle(name)) {
+        if (isFolder(folder, name) && !isBundle(name)) {
             addPlaces(openFolder(folder, name).get(), place, writer);
         } else {
             writer.add(escaped(place));

@@ -59,12 +59,12 @@ class Planner {
             std::string place = path.empty() ? path : path + '/';
             place += name;
             const auto there = statusOf(present, name);
-            const bool isFolder = S_ISDIR(statusOf(coming, name).value().st_mode);
+            const bool comesAsFolder = isFolder(coming, name);
             if (!there) {
                 plan.push_back(place);
                 continue;
             }
-            if (!isFolder) {
+            if (!comesAsFolder) {
                 if (S_ISDIR(there->st_mode)) {
                     throw Failure("the target has a folder in place of a file: " + inQuotes(place));
                 }

@@ -107,6 +107,14 @@ std::optional<struct stat> statusOf(int folder, const std::string& name) {
     return {};
 }
 
+bool isFolder(int folder, const std::string& name) {
+    const auto status = statusOf(folder, name);
+    if (!status) {
+        throw systemFailure("cannot examine " + inQuotes(name));
+    }
+    return S_ISDIR(status->st_mode);
+}
+
 std::vector<std::string> namesIn(int folder) {
     FileDescriptor again = openChild(folder, ".");
     const std::unique_ptr<DIR, CloseList> list(again.isOpen() ? fdopendir(again.get()) : nullptr);
@@ -136,8 +144,12 @@ void removeTree(int folder, const std::string& name) {
     }
     const FileDescriptor opened = openOnSameMount(folder, name);
     if (!opened.isOpen()) {
-        throw errno == EXDEV ? Failure("cannot remove " + inQuotes(name) + ": something is mounted there")
-                             : systemFailure("cannot remove " + inQuotes(name));
+        const int cause = errno;
+        if (cause == EXDEV) {
+            throw Failure("cannot remove " + inQuotes(name) + ": something is mounted there");
+        }
+        errno = cause;
+        throw systemFailure("cannot remove " + inQuotes(name));
     }
     if (geteuid() != 0) {
         (void)fchmod(opened.get(), S_IRWXU);

@@ -18,6 +18,9 @@ FileDescriptor openFolder(int folder, const std::string& path);
 /// The entry's own status (of a link, not of its target); empty where there is no such entry.
 std::optional<struct stat> statusOf(int folder, const std::string& name);
 
+/// Whether the entry, which must exist, is a folder and no link to one.
+bool isFolder(int folder, const std::string& name);
+
 /// The names in a folder, sorted.
 std::vector<std::string> namesIn(int folder);
 

@@ -199,7 +199,10 @@ std::unique_ptr<EntryReader> Package::open(const Entry& entry) const {
 }
 
 std::unique_ptr<EntryReader> Package::openAsStored(const Entry& entry) const {
-    const Data& data = entry.data.value();
+    if (!entry.data) {
+        throw Failure("the package is damaged: it has an empty " + inQuotes(entry.path));
+    }
+    const Data& data = *entry.data;
     return std::make_unique<EntryReader>(
         file_.get(), heap() + data.stored.offset,
         Data{data.stored, data.stored.length, kPlainEncoding, {}, data.storedChecksum});

@@ -288,7 +288,7 @@ std::string verifySignature(const Signed& what, const TrustedCertificates& trust
         if (sk_X509_push(others.get(), certificate.get()) <= 0) {
             throw std::bad_alloc();
         }
-        (void)certificate.release();
+        [[maybe_unused]] const X509* const owned = certificate.release(); // by the stack
     }
     if (trusted.demandsSignature() && !isStrong(what.kind)) {
         throw Failure("the package's signature is over a digest that is too weak");
