@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <string>
 
@@ -50,4 +51,9 @@ void NSLog(const char* format, ...) {
     line += '\n';
     writeAll(STDERR_FILENO, line); // a log that cannot be written is nothing to stop for
     errno = savedErrno;
+}
+
+const char* systemErrorText(int number) {
+    const char* const text = strerrordesc_np(number);
+    return text == nullptr ? "unknown error" : text;
 }

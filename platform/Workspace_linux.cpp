@@ -1,6 +1,7 @@
 #include "base/ChildProcess.h"
 #include "platform/FileManager.h"
 #include "platform/Folders.h"
+#include "platform/Log.h"
 #include "platform/PropertyList.h"
 #include "platform/Workspace.h"
 
@@ -44,7 +45,7 @@ std::optional<std::string> launchApplication(const std::string& bundlePath) {
     }
     const std::string executable = bundlePath + "/Contents/MacOS/" + *name;
     if (const std::error_code failure = detached(executable).startDetached()) {
-        return "The executable " + executable + " could not be started: " + failure.message();
+        return "The executable " + executable + " could not be started: " + systemErrorText(failure.value());
     }
     return std::nullopt;
 }

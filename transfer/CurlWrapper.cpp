@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <limits>
 #include <memory>
-#include <system_error>
 
 namespace {
 
@@ -68,8 +67,9 @@ std::string outcomeOf(CURL* handle, int result) {
         text += std::string(" from ") + address + " port " + std::to_string(port);
     }
     text += std::string(", ") + curl_easy_strerror(static_cast<CURLcode>(result));
-    if (result != CURLE_OK && systemError != 0) {
-        text += std::string(", ") + std::generic_category().message(static_cast<int>(systemError));
+    // In any other failure it may be left from an address that was tried before the one that answered.
+    if (result == CURLE_COULDNT_CONNECT && systemError != 0) {
+        text += std::string(", ") + systemErrorText(static_cast<int>(systemError));
     }
     return text;
 }
@@ -86,7 +86,7 @@ std::size_t OnDownLoadFile(char* data, std::size_t size, std::size_t count, void
     auto* const stream = static_cast<FILE*>(userData);
     const std::size_t written = fwrite(data, size, count, stream);
     if (written < count) {
-        NSLog("Write of File failed:%s", std::generic_category().message(errno).c_str());
+        NSLog("Write of File failed:%s", systemErrorText(errno));
     }
     fflush(stream);
     // To the panel, a record of 0 bytes means that the user stopped the transfer.
