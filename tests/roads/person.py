@@ -11,7 +11,7 @@ from pathlib import Path
 
 from desktop import is_painted, xdotool
 from install import TOOLS
-from machine import ADDRESS, OLD, PRODUCT, SAMPLE, STATISTICS, story, write
+from machine import ADDRESS, OLD, PRODUCT, SAMPLE, STATISTICS, trace, write
 from road import DOCUMENT, Road
 from server import FaultServer
 from waiting import processes, wait_for
@@ -45,8 +45,8 @@ def expect_left(machine, window):
     """That it has ended well, and told that once."""
     wait_for("the window's end", lambda: window.process.poll() is not None)
     assert window.process.returncode == 0, window.process.returncode
-    wait_for("the last event", lambda: "events submitted" in story(machine.home)[1])
-    assert story(machine.home)[1].count("events submitted") == 1
+    wait_for("the last event", lambda: "events submitted" in trace(machine.home)[1])
+    assert trace(machine.home)[1].count("events submitted") == 1
 
 
 def expect_closed(machine, window):
@@ -109,7 +109,7 @@ def statistics_tool(machine):
             window.invoke("开始")
             wait_for("the window's end", lambda: window.process.poll() is not None)
             assert window.process.returncode == 0
-            wait_for("the product", lambda: any("opens" in line for line in story(machine.home)[1]))
+            wait_for("the product", lambda: any("opens" in line for line in trace(machine.home)[1]))
 
 
 def double_clicks(machine):
@@ -332,7 +332,7 @@ def half_package(machine):
         window.invoke("确定")
         expect_launched(machine, window)
         codes = (814, 821, 814, 815, 817, 822, 814, 815, 817, 818, 826)
-        events = [line for line in story(machine.home)[1] if line.startswith("event")]
+        events = [line for line in trace(machine.home)[1] if line.startswith("event")]
         assert events == [f"event {code}" for code in codes] + ["events submitted"], events
 
 

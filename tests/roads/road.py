@@ -9,7 +9,7 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "stage"))
 from desktop import xdotool  # noqa: E402
-from machine import ADDRESS, story  # noqa: E402
+from machine import ADDRESS, trace  # noqa: E402
 from server import FaultServer  # noqa: E402
 from waiting import Blocked, wait_for  # noqa: E402
 from window import ALERT, Atspi  # noqa: E402
@@ -78,7 +78,7 @@ def differences(road, machine, window, server, status):
     """All that is not as it must be."""
     lines = [line.replace("user ", f"{machine.owner} ") for line in road.lines if not line.startswith("> ")]
     names = {machine.setting("PELLOMAR_HELP_URL"): "the help page"}
-    told = [[line for line in part if not line.startswith(UNTOLD)] for part in story(machine.home, names)]
+    told = [[line for line in part if not line.startswith(UNTOLD)] for part in trace(machine.home, names)]
     seen = [line for line in lines if not is_started(line)]
     started = [line for line in lines if is_started(line) or " runs " in line]
     for must_be, is_so in zip((seen, started), told):
@@ -101,7 +101,7 @@ def play(road, machine, window, server):
         count = sum(not line.startswith("> ") and not is_started(line) for line in lines)
 
         def is_told():
-            return sum(not line.startswith(UNTOLD) for line in story(machine.home)[0]) >= count
+            return sum(not line.startswith(UNTOLD) for line in trace(machine.home)[0]) >= count
 
         window.wait_for(f"all before {road.lines[len(lines) :][:1] or 'the end'}", is_told)
 
@@ -119,7 +119,7 @@ def play(road, machine, window, server):
         window.ask_to_close()
     wait_for("the end of the window", lambda: window.process.poll() is not None)
     count = sum(is_started(line) or " runs " in line for line in road.lines)
-    wait_for("all that was started", lambda: len(story(machine.home)[1]) >= count)
+    wait_for("all that was started", lambda: len(trace(machine.home)[1]) >= count)
 
 
 def follow(road, machine):

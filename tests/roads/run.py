@@ -13,11 +13,11 @@ from install import INSTALL_ROADS, TOOLS, prepare
 from desktop import Compositor, Display
 from machine import Machine
 from person import PERSON_ROADS
-from wild import WILD_ROADS
+from stress import STRESS_ROADS
 from waiting import step
 
 ROADS = {re.sub("[,']", "", name).replace(" ", "-"): road for name, road in (INSTALL_ROADS | DOWNLOAD_ROADS).items()}
-ROADS |= {road.__name__.replace("_", "-"): road for road in PERSON_ROADS + WILD_ROADS}
+ROADS |= {road.__name__.replace("_", "-"): road for road in PERSON_ROADS + STRESS_ROADS}
 
 
 def main(build, *names):

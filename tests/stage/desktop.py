@@ -1,5 +1,5 @@
-"""A desktop without a screen: a session bus, an X server with a window manager or a Wayland compositor, and a hand
-on the mouse and the keyboard."""
+"""A desktop without a screen: a session bus, an X server with a window manager or a Wayland compositor, mouse
+and keyboard."""
 
 import os
 import re

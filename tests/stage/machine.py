@@ -162,7 +162,7 @@ class Machine:
         start["env"] |= self.environment
         write(ERRORS, "", 0o666)
         if tells and self.plugins.exists():
-            start["env"] |= {"QT_QPA_GENERIC_PLUGINS": "story", "QT_PLUGIN_PATH": str(self.plugins)}
+            start["env"] |= {"QT_QPA_GENERIC_PLUGINS": "trace", "QT_PLUGIN_PATH": str(self.plugins)}
         with ERRORS.open("ab") as errors:
             window = Window(PROGRAM, self.home, *before, stdout=errors, stderr=errors, **start)
         window.wait_until_open()
@@ -189,7 +189,7 @@ class Machine:
         return wait_for("the product", lambda: processes(PRODUCT))
 
 
-def story(home, names=()):
+def trace(home, names=()):
     """What happened since start was pressed, as the log tells it: in the order of the log what the window did and the
     commands that it waited for, and in the order of their processes those commands and the programs that it did not wait
     for. NAMES is a dict of texts and what stands for them."""

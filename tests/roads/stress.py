@@ -8,7 +8,7 @@ import time
 
 from desktop import output, xdotool
 from install import INSTALLS, MISSING, STARTUP, TOOLS
-from machine import APPLICATION, OLD, PRODUCT, REAL, SAMPLE, story
+from machine import APPLICATION, OLD, PRODUCT, REAL, SAMPLE, trace
 from person import BAR, NUMBER, TIMES, expect_launched, opened
 from road import DOCUMENT
 from waiting import processes, wait_for
@@ -80,8 +80,8 @@ def random_clicks(machine):
 
             wait_for("the window's end", has_left)
             assert window.process.returncode == 0, window.process.returncode
-            wait_for("the last event", lambda: "events submitted" in story(machine.home)[1])
-            lines, started = story(machine.home)
+            wait_for("the last event", lambda: "events submitted" in trace(machine.home)[1])
+            lines, started = trace(machine.home)
             assert started.count("events submitted") == 1, started
             if not judge(lines):
                 for path in (machine.home / "Downloads").rglob("Pellomar.*"):
@@ -113,7 +113,7 @@ def kills(machine):
             def is_there():
                 if window.process.poll() is None and window.showing(ALERT):
                     xdotool("key", "Return")
-                return window.process.poll() is not None or len(story(machine.home)[0]) >= line
+                return window.process.poll() is not None or len(trace(machine.home)[0]) >= line
 
             wait_for(f"line {line}", is_there)
             time.sleep(pause)
@@ -140,7 +140,7 @@ def two_workers(machine):
         server.release()
 
         def events():
-            return [line for line in story(machine.home)[1] if line.startswith("event ")]
+            return [line for line in trace(machine.home)[1] if line.startswith("event ")]
 
         window.wait_for("both refusals", lambda: events().count("event 822") == 2)
         assert (events().count("event 815"), events().count("event 818")) == (2, 0), events()
@@ -148,4 +148,4 @@ def two_workers(machine):
         expect_launched(machine, window)
 
 
-WILD_ROADS = (random_clicks, kills, two_workers)
+STRESS_ROADS = (random_clicks, kills, two_workers)

@@ -65,9 +65,9 @@ void onUpdate(QAccessibleEvent* event) {
 
 } // namespace
 
-class Story : public QGenericPlugin {
+class Trace : public QGenericPlugin {
     Q_OBJECT
-    Q_PLUGIN_METADATA(IID QGenericPluginFactoryInterface_iid FILE "Story.json")
+    Q_PLUGIN_METADATA(IID QGenericPluginFactoryInterface_iid FILE "Trace.json")
 
   public:
     QObject* create(const QString& /*name*/, const QString& /*specification*/) override {
@@ -76,4 +76,4 @@ class Story : public QGenericPlugin {
     }
 };
 
-#include "Story.moc"
+#include "Trace.moc"
