@@ -6,11 +6,10 @@ import re
 import shutil
 import subprocess
 import time
-import unittest
 import zlib
 from pathlib import Path
 
-from harness import BUILD, SIGNER, HostTest, contents, run
+from harness import BUILD, SIGNER, HostTest, contents, main, run
 from packages import INFO, Publisher, archive, entry, file, pack, package, payload, xar
 
 PAYLOAD = payload(file("a", "words"))
@@ -218,4 +217,4 @@ class Signing(HostTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

@@ -6,7 +6,7 @@ import shutil
 import unittest
 from pathlib import Path
 
-from harness import BUILD, INSTALLER, run, snapshot
+from harness import BUILD, INSTALLER, main, run, snapshot
 from packages import file, package
 
 APP = "Applications/Pellomar.app"
@@ -136,4 +136,4 @@ class Transaction(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()
