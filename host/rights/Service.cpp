@@ -99,7 +99,7 @@ int Service::onPolkitAnswer(sd_bus_message* answer, void* data, sd_bus_error* /*
         std::error_code ignored;
         caller.leftOver = std::make_unique<Watch>(
             caller.service->loop_.get(), Transaction::endLeftOver(ignored).state,
-            [service = caller.service, name](int) { service->answerAuthorized(name); });
+            [service = caller.service, id = name](int) { service->answerAuthorized(id); });
     } else {
         caller.service->endGrant(name, isDismissed ? kErrorCanceled : kErrorRefused,
                                  "polkit does not allow it");
