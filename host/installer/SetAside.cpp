@@ -92,11 +92,11 @@ void setAside(int target, int staging) {
     const FileDescriptor aside = openFolder(staging, kAside);
     try {
         moveBundle(applications.get(), aside.get(), aside.get());
+        sync(staging);
     } catch (const Failure&) {
         putBack(target, staging);
         throw;
     }
-    sync(staging);
 }
 
 void putBack(int target, int staging) {

@@ -77,8 +77,11 @@ void end() {
 void begin() {
     const Staging staging(kTarget, kPatience);
     settleAside(staging);
-    installer::setAside(staging.target(), staging.folder());
-    staging.close();
+    if (installer::isApplicationPresent(staging.target())) {
+        installer::setAside(staging.target(), staging.folder());
+    } else {
+        staging.close();
+    }
 }
 
 void hold() {

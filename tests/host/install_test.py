@@ -178,12 +178,14 @@ class Install(HostTest):
         rows = (
             ("succeeds", orphan, (), None),
             ("fails", f"{orphan}; exit 3", (), "failed with status 3"),
+            ("before the next script", f"kill -0 $(cat '{self.scratch}/orphan') || exit 3", (), "failed with status 3"),
             ("takes too long", f"{orphan}; sleep 999", (*traced, "-einject=ppoll:retval=0"), "longer than 10 minutes"),
             ("unread", orphan, (*traced, "-einject=poll:retval=0"), None),
         )
         for name, text, before, cause in rows:
             with self.subTest(name):
-                outcome = self.install(update(script("postinstall", text)), *before)
+                outcome = self.install(update(script("preinstall", orphan), script("postinstall", text)), *before)
+                self.assertEqual(outcome.stdout == "", name == "unread")
                 self.assertEqual(outcome.returncode != 0, cause is not None, outcome.stdout)
                 self.assertIn(cause or "", outcome.stdout)
                 self.assertFalse(Path("/proc", (self.scratch / "orphan").read_text().strip()).exists())
@@ -238,17 +240,19 @@ class Install(HostTest):
             """Whatever a package of 64 MB holds; the first two took gigabytes where a signature was demanded."""
             nested = "".join(f"<file><name>{'n' * 250}</name><type>directory</type>" for _ in range(60))
             leaves = "".join(f"<file><name>{number}</name></file>" for number in range(20_000))
+            few = "".join(f"<file><name>{number}</name></file>" for number in range(5_000))
             attributes = "".join(f" a{number}=''" for number in range(90_000))
             many = [file(f"{number:05}/{'d' * 70}", "") for number in range(9_000)]
-            names = [file(f"{number:06}{'n' * 60}", "") for number in range(99_000)]
+            names = [file(f"{number:06}{'n' * 60}", "") for number in range(100_001)]
             rows = (
-                ("nested names", archive(nested + leaves + "</file>" * 60, b""), False),
+                ("nested names", archive(nested + few + "</file>" * 60, b""), False),
                 ("many entries", archive(leaves, b""), False),
                 ("many attributes", archive(f"<file{attributes}/>", b""), False),
                 ("junk", b"xar!" + bytes(64 << 20), False),
                 ("junk in the heap", package(file("a")) + bytes(64 << 20), True),
                 ("many folders", package(*many), True),
-                ("many files", package(*names), True),
+                ("many files", package(*names[:99_000]), True),
+                ("too many files", package(*names), False),
                 ("large file", package(file("a", "\0" * (64 << 20))), True),
             )
             for name, content, succeeds in rows:

@@ -86,6 +86,8 @@ class Transaction(unittest.TestCase):
                     break
                 faults += 1
                 with self.subTest(verb, layered=layered, call=call, fault=fault, number=number):
+                    if verb == "begin" and outcome.returncode == 1:
+                        self.assertEqual(snapshot(self.root / "Applications"), before)
                     self.assert_ends_with(before)
         print(faults, "faults")
 
