@@ -81,7 +81,7 @@ void serve() {
         std::istringstream line(text);
         std::string verb;
         std::getline(line, verb, ' ');
-        std::cout << answer(verb, line) << std::endl;
+        std::cout << answer(verb, line) << "\n" << std::flush;
     }
     AuthorizationFree(authorization, 8);
     for (auto* const each : forgotten) {
