@@ -185,7 +185,7 @@ def main(build, results, *options):
     try:
         Demonstration(machine, Path(results), is_watched).follow()
     finally:
-        machine.stop_product()
+        machine.stop_programs()
         if "SUDO_UID" in os.environ:
             for path in Path(results).iterdir():
                 os.chown(path, int(os.environ["SUDO_UID"]), int(os.environ["SUDO_GID"]))

@@ -73,7 +73,7 @@ def closing(machine):
         window.invoke("开始")
         window.wait_for_screen("正在检测网络", "停止", BAR)
         expect_closed(machine, window)
-    with opened(machine, rights="root", tools=TOOLS | {"/usr/sbin/installer": ["sleep 600"]}) as (window, _):
+    with opened(machine, rights="root", tools=TOOLS | {"/usr/sbin/installer": ["exec sleep 600"]}) as (window, _):
         window.invoke("开始")
         window.wait_for_screen("正在安装Pellomar", BAR)
         expect_closed(machine, window)

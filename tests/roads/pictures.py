@@ -16,7 +16,7 @@ from window import WINDOW_TITLE
 
 DOCUMENT = random.Random(0).randbytes(8 << 20)
 SLOW = {"rate": 2_000_000}
-HELD = ["sleep 600"]
+HELD = ["exec sleep 600"]
 NO_DRIVER = {"/usr/sbin/kextstat": [NOT_LOADED]}
 # Who reads a fifo waits until somebody writes.
 INSTALLS_FIFO = f"{INSTALLS}; cd /Applications/Pellomar.app/Contents; mv Info.plist plist; mkfifo Info.plist"

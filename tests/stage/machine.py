@@ -10,7 +10,7 @@ import subprocess
 from pathlib import Path
 
 import desktop
-from rights import USER, Agent, RightsStage, add_users, as_user
+from rights import TRANSACTION, USER, Agent, RightsStage, add_users, as_user
 from waiting import processes, wait_for
 from window import Window
 
@@ -133,6 +133,9 @@ class Machine:
 
     def begin(self, road):
         """Afresh, as a row of the tests' table says."""
+        self.stop_programs()
+        self.rights.stop()
+        wait_for("the end of the last attempt", lambda: not processes(TRANSACTION))
         self.make_home(road.home, "root" if road.rights == "root" else USER)
         for name in road.stale:
             write(self.home / name, "stale")
@@ -141,8 +144,6 @@ class Machine:
         self.place_product(road.old)
         self.set_system_version(road.system)
         write(self.config, "package")
-        self.stop_product()
-        self.rights.stop()
         if road.rights not in ("root", "none"):
             self.rights.start(None if road.rights == "ask" else road.rights)
         if road.prepare is not None:
@@ -179,10 +180,12 @@ class Machine:
         return sum(pid == window.process.pid for pid in self.rights.connections()) if self.rights.bus else 0
 
     @staticmethod
-    def stop_product():
-        for process in processes(PRODUCT):
-            os.kill(process, signal.SIGKILL)
-        wait_for("the end of the product", lambda: not processes(PRODUCT))
+    def stop_programs():
+        """Ends the product, and tools that sleep: an attempt waits for the tools of the one before it."""
+        for program in (PRODUCT, "/usr/bin/sleep"):
+            for process in processes(program):
+                os.kill(process, signal.SIGKILL)
+            wait_for(f"the end of {program}", lambda: not processes(program))
 
     @staticmethod
     def wait_for_product():
