@@ -68,14 +68,15 @@ void Service::proceed(const std::string& name) {
             return;
         }
     }
-    if (caller.command == PrivilegedCommand::InstallPackage && !caller.commands.package.isOpen()) {
+    const PrivilegedCommand command = *caller.command;
+    if (command == PrivilegedCommand::InstallPackage && !caller.commands.package.isOpen()) {
         caller.package =
             std::make_unique<Watch>(loop_.get(), openPackageAs(caller.user, caller.line[kPackageArgument]),
                                     [this, name](int socket) { onPackage(name, socket); });
-    } else if (caller.command == PrivilegedCommand::RemoveApplication && !caller.isSetAside) {
+    } else if (command == PrivilegedCommand::RemoveApplication && !caller.isSetAside) {
         beginTransaction(name, caller);
     } else {
-        startTool(name, caller);
+        startTool(name, caller, command);
     }
 }
 
@@ -119,10 +120,10 @@ void Service::onTransaction(const std::string& name, int state) {
     }
 }
 
-void Service::startTool(const std::string& name, Caller& caller) {
+void Service::startTool(const std::string& name, Caller& caller, PrivilegedCommand command) {
     const BusMessage request = std::move(caller.request);
     std::error_code failure;
-    caller.tool = caller.commands.start(*caller.command, caller.line, caller.output, failure);
+    caller.tool = caller.commands.start(command, caller.line, caller.output, failure);
     if (caller.tool < 0) {
         caller.tool = 0;
         caller.command.reset();

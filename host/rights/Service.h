@@ -64,7 +64,7 @@ class Service {
     void proceed(const std::string& name);
     void onPackage(const std::string& name, int socket);
     void onTransaction(const std::string& name, int state);
-    void startTool(const std::string& name, Caller& caller);
+    void startTool(const std::string& name, Caller& caller, PrivilegedCommand command);
     void onToolExit(const std::string& name, pid_t process);
     int refuse(sd_bus_message* call, const char* error, const std::string& reason);
 

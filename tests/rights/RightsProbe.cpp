@@ -1,92 +1,73 @@
 // Makes the authorization calls that its standard input names, one a line, and prints each result: create,
-// copy FLAGS, execute TOOL<tab>ARGUMENT..., read, free, forget (keeps the authorization unfreed), dumpable.
-// Its one argument says which thread makes the calls: main or worker.
+// ask, TOOL<tab>ARGUMENT... (prints what the tool printed, too), keep (leaves the authorization unfreed),
+// free. Its one argument says which thread makes the calls: main or worker.
 #include "platform/Authorization.h"
 #include "platform/MainThread.h"
 
 #include <QCoreApplication>
+#include <QStringList>
 #include <QTimer>
 
-#include <sys/prctl.h>
-
 #include <iostream>
-#include <sstream>
 #include <thread>
-#include <utility>
 
 namespace {
 
-AuthorizationRef authorization = nullptr;
-std::vector<AuthorizationRef> forgotten;
-FILE* output = nullptr;
+AuthorizationOwner owner;
+std::vector<AuthorizationOwner> kept;
+
+std::string run(const QStringList& words) {
+    std::vector<std::string> arguments;
+    for (const QString& word : words) {
+        arguments.push_back(word.toStdString());
+    }
+    FILE* output = nullptr;
+    std::string text = std::to_string(AuthorizationExecuteWithPrivileges(
+        owner.get(), arguments.front(), 0, {arguments.begin() + 1, arguments.end()}, &output));
+    if (output != nullptr) {
+        for (int character = 0; (character = fgetc(output)) != EOF;) {
+            text += character == '\n' ? '\t' : static_cast<char>(character);
+        }
+        fclose(output);
+    }
+    return text;
+}
 
 // Tells whether the main thread served its events meanwhile, where the call was made there.
-std::string copy(unsigned flags) {
+std::string ask() {
     int turns = 0;
     QTimer timer;
     if (MainThread::isCurrent()) {
         QObject::connect(&timer, &QTimer::timeout, [&turns] { ++turns; });
         timer.start(10);
     }
-    const OSStatus status = AuthorizationCopyRights(authorization, "com.norvik.PellomarDownloader", flags);
+    const OSStatus status = AuthorizationCopyRights(owner.get(), "com.norvik.PellomarDownloader", 19);
     return std::to_string(status) + (turns > 0 ? " alive" : "");
 }
 
-std::string execute(std::istringstream& line) {
-    std::vector<std::string> words;
-    for (std::string word; std::getline(line, word, '\t');) {
-        words.push_back(word);
+std::string answer(const std::string& line) {
+    if (line == "create") {
+        AuthorizationRef created = nullptr;
+        const OSStatus status = AuthorizationCreate(&created);
+        owner.reset(created);
+        return std::to_string(status);
     }
-    const OSStatus status = AuthorizationExecuteWithPrivileges(authorization, words.at(0), 0,
-                                                               {words.begin() + 1, words.end()}, &output);
-    return std::to_string(status) + (output == nullptr ? " no pipe" : "");
-}
-
-std::string readOutput() {
-    std::string text;
-    for (int character = 0; (character = fgetc(output)) != EOF;) {
-        text += character == '\n' ? '\t' : static_cast<char>(character);
+    if (line == "keep") {
+        kept.push_back(std::move(owner));
+    } else if (line == "free") {
+        owner.reset();
+    } else {
+        return line == "ask" ? ask() : run(QString::fromStdString(line).split('\t'));
     }
-    fclose(std::exchange(output, nullptr));
-    return text;
-}
-
-std::string answer(const std::string& verb, std::istringstream& line) {
-    if (verb == "create") {
-        return std::to_string(AuthorizationCreate(&authorization));
-    }
-    if (verb == "copy") {
-        unsigned flags = 0;
-        line >> flags;
-        return copy(flags);
-    }
-    if (verb == "execute") {
-        return execute(line);
-    }
-    if (verb == "read") {
-        return readOutput();
-    }
-    if (verb == "free") {
-        return std::to_string(AuthorizationFree(std::exchange(authorization, nullptr), 8));
-    }
-    if (verb == "forget") {
-        forgotten.push_back(std::exchange(authorization, nullptr));
-        return "0";
-    }
-    return std::to_string(prctl(PR_GET_DUMPABLE));
+    return line;
 }
 
 void serve() {
-    for (std::string text; std::getline(std::cin, text);) {
-        std::istringstream line(text);
-        std::string verb;
-        std::getline(line, verb, ' ');
-        std::cout << answer(verb, line) << "\n" << std::flush;
+    for (std::string line; std::getline(std::cin, line);) {
+        std::cout << answer(line) << "\n" << std::flush;
     }
-    AuthorizationFree(authorization, 8);
-    for (auto* const each : forgotten) {
-        AuthorizationFree(each, 8);
-    }
+    owner.reset();
+    kept.clear();
 }
 
 } // namespace

@@ -6,7 +6,6 @@ Runs as root inside the throw-away view.
 import os
 import pwd
 import sys
-import threading
 import unittest
 from pathlib import Path
 
@@ -20,7 +19,6 @@ from rights import BUS_SERVICE, MECHANISM, TRANSACTION, USER, Agent, RightsStage
 from waiting import wait_for  # noqa: E402, F401
 
 APPLICATION = Path("/Applications/Pellomar.app")
-stage = owner = None  # set by main()
 STAGING = Path("/.pellomar-installer")
 SCRIPT = Path("/Library/Application Support/NorvikEmu/VirtualBoxStartup.sh")
 INSTALLER, KEXTSTAT = Path("/usr/sbin/installer"), Path("/usr/sbin/kextstat")
@@ -32,6 +30,9 @@ RESTART = (str(SCRIPT), "restart")
 NAME, PATH = rights.ACTION, "/com/norvik/PellomarDownloader"
 HOLD = "touch /run/started; while [ ! -e /run/go ]; do sleep 0.02; done; echo done"
 REPLACE = f"mkdir {APPLICATION} && echo new >{APPLICATION}/version"
+
+
+stage = owner = None  # set by main()
 
 
 def install(package=PACKAGE):
@@ -53,10 +54,10 @@ def version():
 
 
 class Caller:
-    """A connection of its own to the system bus, as the user NAME, that calls the service."""
+    """A connection of its own to the system bus, as an ordinary user, that calls the service."""
 
-    def __init__(self, user=USER):
-        os.seteuid(pwd.getpwnam(user).pw_uid)
+    def __init__(self):
+        os.seteuid(owner[0])
         try:
             flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
             self.bus = Gio.DBusConnection.new_for_address_sync("unix:path=/run/dbus/system_bus_socket", flags, None, None)
@@ -66,11 +67,11 @@ class Caller:
 
     def call(self, method, arguments=None, descriptor=None):
         """The last part of the error's name, or "" for success; the error's text is in self.reason."""
-        descriptors = Gio.UnixFDList() if descriptor is not None else None
-        if descriptors is not None:
+        descriptors = Gio.UnixFDList()
+        if descriptor is not None:
             descriptors.append(descriptor)
         try:
-            self.bus.call_with_unix_fd_list_sync(NAME, PATH, NAME, method, arguments, None, 0, 120000, descriptors, None)
+            self.bus.call_with_unix_fd_list_sync(NAME, PATH, NAME, method, arguments, None, 0, -1, descriptors, None)
             return ""
         except GLib.Error as error:
             self.reason = error.message
@@ -98,12 +99,6 @@ class Caller:
         """The error, or what the command printed."""
         return self.start(line) or self.output()
 
-    def later(self, method):
-        """Calls aside; the answer's thread ends when it is there."""
-        thread = threading.Thread(target=lambda: setattr(self, "answer", self.call(method)), daemon=True)
-        thread.start()
-        return thread
-
     def close(self):
         if not self.bus.is_closed():
             self.bus.close_sync(None)
@@ -127,7 +122,8 @@ class RightsTest(unittest.TestCase):
         stage.start(self.rule)
         self.addCleanup(stage.stop)
 
-    def make_application(self):
+    @staticmethod
+    def make_application():
         APPLICATION.mkdir(parents=True, exist_ok=True)
         (APPLICATION / "version").write_text("old\n")
 

@@ -152,23 +152,20 @@ class Application(RightsTest):
         self.make_application()
 
     def test_each_ending_of_an_attempt(self):
-        def install_with(text):
-            make_tool(INSTALLER, text)
-            caller.run(install())
-
-        for expected, name, end in (
-            ("old", "released", lambda: caller.call("Release")), ("old", "connection ended", lambda: caller.close()),
-            ("old", "installer fails", lambda: install_with("exit 1")), ("old", "killed", lambda: install_with("kill -9 $$")),
-            ("old", "nothing installed", lambda: install_with("true")), ("new", "installed", lambda: install_with(REPLACE)),
-            ("old", "service killed", lambda: self.kill(MECHANISM)),
-            ("old", "all killed", lambda: (self.kill(TRANSACTION), self.kill(MECHANISM))),
-            ("old", "keeper killed", lambda: (self.kill(TRANSACTION), caller.call("Release"))),
-        ):  # fmt: skip
-            with self.subTest(name):
+        killed_service = lambda _: self.kill(MECHANISM)  # noqa: E731
+        killed_keeper = lambda caller: (self.kill(TRANSACTION), caller.call("Release"))  # noqa: E731
+        both_killed = lambda _: (self.kill(TRANSACTION), self.kill(MECHANISM))  # noqa: E731
+        for end in ("exit 1", "kill -9 $$", "true", REPLACE, lambda caller: caller.call("Release"),
+                    harness.Caller.close, killed_service, killed_keeper, both_killed):  # fmt: skip
+            with self.subTest(end):
                 caller = self.caller().authorize()
                 self.assertEqual((caller.run(REMOVE), version()), ("", None))
-                end()
-                self.ends_with(expected)
+                if isinstance(end, str):
+                    make_tool(INSTALLER, end)
+                    self.assertEqual(caller.run(install()), "")
+                else:
+                    end(caller)
+                self.ends_with("new" if end == REPLACE else "old")
 
     def test_an_installer_that_outlives_its_caller_or_the_service(self):
         for outcome, kill in product(("new", "old"), (False, True)):
@@ -193,18 +190,19 @@ class Application(RightsTest):
                 subprocess.run(["sleep", str(step / 1000)], check=True)  # the moments differ, none is waited for
                 for program in programs:
                     harness.stage.kill(program)
+                    wait_for("its end", lambda name=program: not harness.rights.processes(name))
             with self.subTest(milliseconds=step, programs=programs):
                 self.ends_with("old")
 
     def test_attempts_take_turns(self):
         first, second = self.caller().authorize(), self.caller()
         self.assertEqual(first.run(REMOVE), "")
-        asking = second.later("Authorize")
-        wait_for("polkit's answer", lambda: second.run(QUERY) == "")
-        self.assertTrue(asking.is_alive(), "another attempt is not over")
-        first.call("Release")
-        asking.join()
-        self.assertEqual((second.answer, version()), ("", "old"))
+        with ThreadPoolExecutor() as aside:
+            asking = aside.submit(second.call, "Authorize")
+            wait_for("polkit's answer", lambda: second.run(QUERY) == "")
+            self.assertFalse(asking.done(), "another attempt is not over")
+            first.call("Release")
+            self.assertEqual((asking.result(), version()), ("", "old"))
 
     def test_without_the_program_that_sets_it_aside(self):
         hidden = TRANSACTION.rename("/usr/libexec/hidden")
