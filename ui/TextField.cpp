@@ -2,7 +2,6 @@
 
 #include "platform/Text.h"
 
-#include <QAccessible>
 #include <QPainter>
 
 namespace {
@@ -18,9 +17,7 @@ TextField::TextField(QWidget* superview) : QLabel(superview) {
 }
 
 void TextField::setStringValue(std::string_view text) {
-    setText(viewText(text));
-    QAccessibleEvent event(this, QAccessible::NameChanged);
-    QAccessible::updateAccessibility(&event);
+    setText(viewText(text)); // which tells screen readers too
 }
 
 QFont TextField::fittingFont() const {
