@@ -2,6 +2,7 @@
 
 #include "platform/Text.h"
 
+#include <QAccessible>
 #include <QPainter>
 
 namespace {
@@ -17,7 +18,9 @@ TextField::TextField(QWidget* superview) : QLabel(superview) {
 }
 
 void TextField::setStringValue(std::string_view text) {
-    setText(viewText(text)); // which tells screen readers too
+    setText(viewText(text));
+    QAccessibleEvent event(this, QAccessible::NameChanged);
+    QAccessible::updateAccessibility(&event);
 }
 
 QFont TextField::fittingFont() const {
