@@ -76,6 +76,7 @@ int Service::onAuthorize(sd_bus_message* message) {
             &*place, "(sa{sv})sa{ss}us", "system-bus-name", 1, "name", "s", name.c_str(), kBusName, 0,
             sd_bus_message_get_allow_interactive_authorization(message), name.c_str()) < 0) {
         endGrant(name, kErrorRefused, "polkit cannot be asked");
+        return 1;
     }
     caller.question.reset(question);
     return 1;

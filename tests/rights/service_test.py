@@ -46,6 +46,7 @@ class Refusals(RightsTest):
         shutil.rmtree(secret.parent, ignore_errors=True)
         secret.parent.mkdir(mode=0o700)
         secret.write_text("secret")
+        os.chown(secret, *harness.owner)  # the folder above it is what the caller cannot enter
 
         def own_link(target):
             odd.symlink_to(target)
