@@ -44,7 +44,9 @@ int Service::run() {
     const auto onTimer = [](sd_event_source*, std::uint64_t, void* service) {
         return static_cast<Service*>(service)->onIdle();
     };
-    then(sd_event_add_time_relative, loop, &idleTimer_, CLOCK_MONOTONIC, idleTime_.count(), 0, onTimer, this);
+    sd_event_source* timer = nullptr;
+    then(sd_event_add_time_relative, loop, &timer, CLOCK_MONOTONIC, idleTime_.count(), 0, onTimer, this);
+    idleTimer_.reset(timer);
     then(sd_bus_set_method_call_timeout, bus, UINT64_MAX); // polkit's answer takes as long as a person does
     then(sd_bus_set_exit_on_disconnect, bus, 1);
     then(sd_bus_attach_event, bus, loop, SD_EVENT_PRIORITY_NORMAL);
@@ -148,8 +150,8 @@ int Service::onNameLost(sd_bus_message* signal) {
 }
 
 void Service::startIdleTime() {
-    sd_event_source_set_time_relative(idleTimer_, static_cast<std::uint64_t>(idleTime_.count()));
-    sd_event_source_set_enabled(idleTimer_, SD_EVENT_ONESHOT);
+    sd_event_source_set_time_relative(idleTimer_.get(), static_cast<std::uint64_t>(idleTime_.count()));
+    sd_event_source_set_enabled(idleTimer_.get(), SD_EVENT_ONESHOT);
 }
 
 int Service::onIdle() {

@@ -147,6 +147,9 @@ class Application(RightsTest):
     """The installed application while it is replaced."""
 
     def ends_with(self, expected):
+        # A call to a service that was killed would be answered with the end of its connection.
+        wait_for("what the bus knows of the service",
+                 lambda: harness.stage.has_owner(harness.NAME) == (harness.stage.mechanism() is not None))  # fmt: skip
         self.caller().authorize()  # is answered when the attempt before is over
         self.assertEqual((version(), STAGING.exists()), (expected, False))
         shutil.rmtree(APPLICATION, ignore_errors=True)
