@@ -14,12 +14,15 @@
 
 namespace {
 
-ChildProcess rootProgram(const std::string& path, std::vector<std::string> arguments) {
+ChildProcess rootProgram(const std::string& path, std::vector<std::string> arguments,
+                         const std::vector<std::string>& settings = {}) {
     ChildProcess program;
     program.path = path;
     program.arguments = std::move(arguments);
     // Outcomes are judged by English words.
-    program.environment = {kRootPath, "LC_ALL=C", kRootHome};
+    std::vector<std::string> environment{kRootPath, "LC_ALL=C", kRootHome};
+    environment.insert(environment.end(), settings.begin(), settings.end());
+    program.environment = std::move(environment);
     program.workingFolder = "/";
     return program;
 }
@@ -106,12 +109,13 @@ pid_t GrantedCommands::start(PrivilegedCommand command, const std::vector<std::s
     if (failure) {
         return -1;
     }
-    ChildProcess tool = rootProgram(line.front(), {line.begin() + 1, line.end()});
+    const bool isInstaller = command == PrivilegedCommand::InstallPackage;
+    const bool hasPackage = isInstaller && package.isOpen();
+    const std::vector<std::string> settings(hasPackage ? 1 : 0, "INSTALLER_PACKAGE_FD=3");
+    ChildProcess tool = rootProgram(line.front(), {line.begin() + 1, line.end()}, settings);
     tool.standardInput = ChildProcess::kNull;
     tool.standardOutput = output;
-    const bool isInstaller = command == PrivilegedCommand::InstallPackage;
-    if (isInstaller && package.isOpen()) {
-        tool.environment->emplace_back("INSTALLER_PACKAGE_FD=3");
+    if (hasPackage) {
         tool.passedOn.push_back(package.get());
     }
     if ((isInstaller || command == PrivilegedCommand::RemoveApplication) && hold.isOpen()) {

@@ -34,6 +34,7 @@ constexpr sd_bus_vtable kCalls[] = {
 int Service::run() {
     sd_event* loop = nullptr;
     sd_bus* bus = nullptr;
+    sd_event_source* timer = nullptr;
     int result = sd_event_new(&loop);
     loop_.reset(loop);
     const auto then = [&](auto function, auto... arguments) {
@@ -44,7 +45,6 @@ int Service::run() {
     const auto onTimer = [](sd_event_source*, std::uint64_t, void* service) {
         return static_cast<Service*>(service)->onIdle();
     };
-    sd_event_source* timer = nullptr;
     then(sd_event_add_time_relative, loop, &timer, CLOCK_MONOTONIC, idleTime_.count(), 0, onTimer, this);
     idleTimer_.reset(timer);
     then(sd_bus_set_method_call_timeout, bus, UINT64_MAX); // polkit's answer takes as long as a person does

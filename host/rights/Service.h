@@ -71,7 +71,7 @@ class Service {
     std::chrono::microseconds idleTime_;
     std::unique_ptr<sd_event, Unref<sd_event_unref>> loop_;
     BusConnection bus_;
-    std::unique_ptr<sd_event_source, Unref<sd_event_source_unref>> idleTimer_;
+    EventSource idleTimer_;
     Callers callers_;
     std::map<pid_t, std::unique_ptr<Watch>> tools_;
     std::map<std::string, std::unique_ptr<Watch>, std::less<>> transactions_; // by the caller's name

@@ -147,9 +147,6 @@ class Application(RightsTest):
     """The installed application while it is replaced."""
 
     def ends_with(self, expected):
-        # A call to a service that was killed would be answered with the end of its connection.
-        wait_for("what the bus knows of the service",
-                 lambda: harness.stage.has_owner(harness.NAME) == (harness.stage.mechanism() is not None))  # fmt: skip
         self.caller().authorize()  # is answered when the attempt before is over
         self.assertEqual((version(), STAGING.exists()), (expected, False))
         shutil.rmtree(APPLICATION, ignore_errors=True)
@@ -193,8 +190,7 @@ class Application(RightsTest):
                 wait_for("a moment", lambda: removal.done() or harness.rights.processes(TRANSACTION))
                 subprocess.run(["sleep", str(step / 1000)], check=True)  # the moments differ, none is waited for
                 for program in programs:
-                    harness.stage.kill(program)
-                    wait_for("its end", lambda name=program: not harness.rights.processes(name))
+                    self.kill(program, is_running=False)
             with self.subTest(milliseconds=step, programs=programs):
                 self.ends_with("old")
 
