@@ -23,7 +23,7 @@ std::string NSHomeDirectory() {
 std::string documentsDirectory() {
     std::string path = NSHomeDirectory() + "/Documents";
     if (!fileExists(path)) {
-        createDirectory(path);
+        static_cast<void>(createDirectory(path)); // a log that cannot be opened is dealt with later
     }
     return path;
 }

@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <fstream>
 #include <thread>
 
@@ -59,15 +60,17 @@ TEST(Child, GetsTheStandardStreamsAndNoOtherDescriptor) {
 TEST(Log, LinesOfManyThreadsNeverMix) {
     const CapturedLog log;
     const std::string body(300, 'x');
-    std::vector<std::jthread> threads;
-    for (int thread = 0; thread < 4; ++thread) {
-        threads.emplace_back([&body] {
+    std::array<std::jthread, 4> threads;
+    for (std::jthread& thread : threads) {
+        thread = std::jthread([&body] {
             for (int line = 0; line < 200; ++line) {
                 NSLog("begin%send", body.c_str());
             }
         });
     }
-    threads.clear(); // joins them
+    for (std::jthread& thread : threads) {
+        thread.join();
+    }
     EXPECT_EQ(log.count("] begin" + body + "end\n"), 800);
 }
 
