@@ -38,10 +38,14 @@ class Launch {
     }
 
     pid_t run(bool detached, std::error_code& failure) {
+        if (noReport_ != 0) {
+            failure = {noReport_, std::system_category()};
+            return -1;
+        }
         const pid_t pid = fork();
         if (pid == 0) {
             if (detached) {
-                const pid_t second = fork();
+                const pid_t second = _Fork(); // fork() runs handlers, which may wait for other threads' locks
                 if (second != 0) {
                     if (second < 0) {
                         reportFailure();
@@ -145,6 +149,7 @@ class Launch {
     std::vector<char*> environment_;
     std::vector<int> passedOn_;
     Pipe report_; // open until the program is executed
+    int noReport_ = report_.writeEnd.isOpen() ? 0 : errno;
     int reportTo_ = report_.writeEnd.get();
 };
 

@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -35,6 +36,18 @@ TEST(Child, DetachedIsNotReaped) {
     reapEveryChild(); // would wait ten minutes for a child
     EXPECT_EQ(wait(nullptr), -1);
     EXPECT_EQ(kill(std::stoi(*readFile(number)), SIGKILL), 0);
+}
+
+TEST(Child, IsNotStartedWithoutADescriptorToReportOn) {
+    ChildProcess tool;
+    tool.path = "/nonexistent";
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const std::error_code failure = tool.startDetached();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(failure, std::errc::too_many_files_open);
 }
 
 TEST(Child, GetsTheStandardStreamsAndNoOtherDescriptor) {
