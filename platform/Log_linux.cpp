@@ -1,4 +1,5 @@
 #include "base/ReadWrite.h"
+#include "platform/Bundle.h"
 #include "platform/Log.h"
 
 #include <sys/time.h>
@@ -9,9 +10,16 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <string>
 
 namespace {
+
+// The executable's own, also where it was started by a link of another name.
+const char* programName() {
+    static const std::string name = std::filesystem::path(executablePath()).filename().string();
+    return name.c_str();
+}
 
 std::string lineHead() {
     timeval now{};
@@ -22,7 +30,7 @@ std::string lineHead() {
     strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
     char head[128];
     snprintf(head, sizeof head, "%s.%03d %s[%d:%d] ", stamp, static_cast<int>(now.tv_usec / 1000),
-             program_invocation_short_name, getpid(), gettid());
+             programName(), getpid(), gettid());
     return head;
 }
 

@@ -129,7 +129,8 @@ class PackagingTest(unittest.TestCase):
         self.addCleanup(window.close)
         window.invoke("开始")
         window.wait_for_status("下载失败，请直接双击镜像中的APP开始下载")
-        self.assertIn(f"startDownload url:http://{self.server}/soft/{NAME}\n", window.log())
+        address = re.escape(f"http://{self.server}/soft/{NAME}\n")
+        self.assertRegex(window.log(), rf" PellomarDownloader\[.*startDownload url:{address}")
         if is_counted:
             events = Path("/home", USER, "Library/Logs/Pellomar/WebStatistics.log")
             window.wait_for("the event of the start", lambda: events.exists() and "14 814" in events.read_text())
