@@ -8,6 +8,7 @@
 #include "platform/Bundle.h"
 #include "platform/Log.h"
 #include "platform/MainThread.h"
+#include "platform/StandardStreams.h"
 #include "platform/SystemVersion.h"
 #include "platform/Text.h"
 #include "transfer/CurlLibrary.h"
@@ -45,6 +46,7 @@ void setUpLook() {
 
 int NSApplicationMain(int& argc, char** argv) {
     occupyStandardStreams();
+    ignoreBrokenPipes();
     QApplication application(argc, argv);
     QApplication::setApplicationName("PellomarDownloader");
     QGuiApplication::setDesktopFileName("pellomar-downloader");

@@ -74,11 +74,9 @@ std::optional<std::string> CoreImageView::prepareTemporaryFile() {
     const std::string directory = downloadDirectory();
     const std::string problem = createTemporaryFile(directory);
     if (!problem.empty()) {
-        NSLog("create temp file failed:%s", problem.c_str());
         updateStatus(problem);
         return std::nullopt;
     }
-    NSLog("create temp file successful");
     return temporaryFilePath();
 }
 

@@ -2,7 +2,10 @@
 
 #include "platform/FileManager.h"
 #include "platform/Folders.h"
+#include "platform/Log.h"
 #include "ui/StatusTexts.h"
+
+#include <cerrno>
 
 namespace {
 
@@ -40,7 +43,13 @@ std::string packagePath() {
 
 std::string createTemporaryFile(const std::string& directory) {
     if (const std::error_code failure = makeFolder(directory)) {
+        NSLog("create temp file failed:%s", systemErrorText(failure.value()));
         return localizedDescription(failure);
     }
-    return createFile(directory + kFileName) ? "" : status::kCannotCreateTemporaryFile;
+    if (!createFile(directory + kFileName)) {
+        NSLog("create temp file failed:%s", systemErrorText(errno));
+        return status::kCannotCreateTemporaryFile;
+    }
+    NSLog("create temp file successful");
+    return "";
 }

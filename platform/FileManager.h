@@ -20,7 +20,7 @@ std::error_code removeItem(const std::string& path);
 /// Moves a file or folder within a file system; an existing target is an error.
 std::error_code moveItem(const std::string& from, const std::string& to);
 
-/// Creates an empty file, or truncates an existing one. Returns whether that worked.
+/// Creates an empty file, or truncates an existing one. Returns whether that worked; else errno says why not.
 bool createFile(const std::string& path);
 
 /// The whole content of a file, or nothing when it cannot be opened or read.

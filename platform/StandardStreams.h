@@ -2,6 +2,10 @@
 
 #include <string>
 
+/// Makes writing to a pipe that nobody reads fail instead of ending the program.
+/// Child processes start with the default again. Before any output.
+void ignoreBrokenPipes();
+
 /// Sends standard output and standard error to the file at `path`, each by an appending opening of its own
 /// (the file is made when missing, for its owner's eyes only). Where the file cannot be opened, or `path` is
 /// empty, both streams keep their destination. Standard output then writes line by line, so that its lines

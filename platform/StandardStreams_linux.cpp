@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 
 namespace {
@@ -40,6 +41,10 @@ void ignoreOutputErrors() {
 }
 
 } // namespace
+
+void ignoreBrokenPipes() {
+    std::signal(SIGPIPE, SIG_IGN);
+}
 
 void redirectStandardStreams(const std::string& path) {
     if (!path.empty() && canBeWritten(path)) {

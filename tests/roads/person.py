@@ -184,7 +184,9 @@ def full_disk(machine):
 
 def unwritable_homes(machine):
     mount(READ_ONLY, "-o", "ro")
-    for folder, reason in ((None, "没有写入权限，请检查文件夹权限"), (READ_ONLY, "磁盘是只读的，无法写入")):
+    rows = ((None, "没有写入权限，请检查文件夹权限", "Permission denied"),
+            (READ_ONLY, "磁盘是只读的，无法写入", "Read-only file system"))  # fmt: skip
+    for folder, reason, cause in rows:
 
         def prepare(machine):
             machine.home.chmod(0o555)
@@ -193,6 +195,7 @@ def unwritable_homes(machine):
         with opened(machine, prepare=prepare) as (window, server):
             window.invoke("开始")
             window.wait_for_screen(reason, "停止", BAR)
+            assert f"create temp file failed:{cause}\n" in machine.errors()
             window.invoke("停止")
             assert server.requests == []
             window.invoke("继续")
@@ -236,9 +239,10 @@ def log(machine):
 
 
 def no_log(machine):
-    """Where there can be none, the streams stay; they may be closed, too."""
-    closed = ("sh", "-c", 'exec "$0" <&- >&- 2>&-')
-    for home, mode, before in (("用 户", 0o755, ()), ("用 户", 0o755, closed), ("user", 0o555, ())):
+    """Where there can be none, the streams stay; they may be closed or unread, too."""
+    closed, unread = ("sh", "-c", 'exec "$0" <&- >&- 2>&-'), ("bash", "-c", 'exec "$0" 2> >(true)')
+    rows = (("用 户", 0o755, ()), ("用 户", 0o755, closed), ("用 户", 0o755, unread), ("user", 0o555, ()))
+    for home, mode, before in rows:
 
         def prepare(machine):
             (machine.home / "Documents").mkdir(mode)
