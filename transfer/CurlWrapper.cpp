@@ -68,7 +68,9 @@ std::string outcomeOf(CURL* handle, int result) {
     }
     text += std::string(", ") + curl_easy_strerror(static_cast<CURLcode>(result));
     // In any other failure it may be left from an address that was tried before the one that answered.
-    if (result == CURLE_COULDNT_CONNECT && systemError != 0) {
+    const bool isCause =
+        result == CURLE_COULDNT_CONNECT || result == CURLE_SEND_ERROR || result == CURLE_RECV_ERROR;
+    if (isCause && systemError != 0) {
         text += std::string(", ") + systemErrorText(static_cast<int>(systemError));
     }
     return text;

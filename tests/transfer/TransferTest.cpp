@@ -1,5 +1,6 @@
 #include "platform/FileManager.h"
 #include "platform/NotificationCenter.h"
+#include "platform/UrlRequest.h"
 #include "support/CapturedLog.h"
 #include "support/ScratchFolder.h"
 #include "support/WaitUntil.h"
@@ -168,6 +169,7 @@ TEST_F(Transfer, BodyIsAppendedFromTheOffset) {
                 {"length=None", 0, kAll, CURLE_OK},
                 {"status=404 body=8", 0, 8, CURLE_OK},
                 {"head=0", 0, 0, CURLE_GOT_NOTHING},
+                {"head=0 ending=reset", 0, 0, CURLE_RECV_ERROR},
                 {"cut=40000", 0, kHalf, CURLE_PARTIAL_FILE},
                 {"cut=-1", kHalf, kAll - kHalf - 1, CURLE_PARTIAL_FILE},
                 {"range=ignore", kHalf, 0, CURLE_RANGE_ERROR},
@@ -183,6 +185,8 @@ TEST_F(Transfer, BodyIsAppendedFromTheOffset) {
         EXPECT_TRUE(file() == document_.substr(0, row.offset + row.bytes));
         EXPECT_EQ(server.request(),
                   "GET /soft/Pellomar.pkg " + (row.offset == 0 ? "-" : std::to_string(row.offset)));
+        EXPECT_EQ(outcome.log.find(", Connection reset") != std::string::npos,
+                  row.result == CURLE_RECV_ERROR);
     }
     // The offset is the caller's, not the file's size.
     Server server(document_);
@@ -280,25 +284,47 @@ TEST_F(Transfer, LogsNoPasswordOfAProxy) {
 
 using ConnectTimeout = Transfer;
 
-TEST_F(ConnectTimeout, IsThirtySeconds) {
-    // The clock that libfaketime shows, so that the test need not wait for thirty seconds.
+/// Sets the clock that libfaketime shows, so that no test need wait for so many seconds.
+void setClock(int seconds) {
     const char* const clock = std::getenv("FAKETIME_TIMESTAMP_FILE");
     ASSERT_NE(clock, nullptr) << "run by ctest";
-    std::ofstream(clock) << "+0s";
+    std::ofstream(clock) << "+" << seconds << "s";
+}
+
+bool becomesConnecting(const Server& server) {
+    char remote[32];
+    snprintf(remote, sizeof remote, "0100007F:%04X 02", std::stoi(server.port())); // SYN sent
+    return waitUntil([&] { return readFile("/proc/net/tcp").value().find(remote) != std::string::npos; });
+}
+
+TEST_F(ConnectTimeout, IsThirtySeconds) {
+    setClock(0);
     Server server(document_, {"arrival=hole"});
     std::atomic<int> result{-1};
     std::thread worker([&] { result = download(server.url(), path_, 0).result; });
-    char remote[32];
-    snprintf(remote, sizeof remote, "0100007F:%04X 02", std::stoi(server.port())); // SYN sent
-    const auto isConnecting = [&] {
-        return readFile("/proc/net/tcp").value().find(remote) != std::string::npos;
-    };
-    EXPECT_TRUE(waitUntil(isConnecting));
-    std::ofstream(clock) << "+31s";
+    EXPECT_TRUE(becomesConnecting(server));
+    setClock(31);
     EXPECT_TRUE(waitUntil([&] { return result != -1; }));
     server.release();
     worker.join();
     EXPECT_EQ(result, CURLE_OPERATION_TIMEDOUT);
+}
+
+TEST_F(ConnectTimeout, IsNotPartOfTheTimeForAReply) {
+    setClock(0);
+    Server slow(document_, {"arrival=hole"}), silent(document_, {"head=0 ending=stall"});
+    std::optional<std::string> reply;
+    std::thread first([&] { reply = synchronousGet(slow.url(), 10); });
+    EXPECT_TRUE(becomesConnecting(slow));
+    setClock(11);
+    slow.release();
+    first.join();
+    EXPECT_EQ(reply, document_);
+    std::thread second([&] { reply = synchronousGet(silent.url(), 10); });
+    silent.request();
+    setClock(22);
+    second.join();
+    EXPECT_EQ(reply, std::nullopt);
 }
 
 } // namespace
