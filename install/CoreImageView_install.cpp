@@ -13,6 +13,20 @@
 
 #include <cstdio>
 
+namespace {
+
+/// Whether the tool started. Its output is appended to the attempt's.
+bool run(InstallAttempt& attempt, PrivilegedCommand command, const std::string& package = {},
+         void (*afterReading)(const std::string& output) = nullptr) {
+    const std::vector<std::string> line = commandLine(command, package);
+    const CommandStart start = runPrivilegedCommand(line.front(), {line.begin() + 1, line.end()},
+                                                    attempt.authRef.get(), attempt.output, afterReading);
+    attempt.authStatus = start.authStatus;
+    return start.pipe != nullptr;
+}
+
+} // namespace
+
 void CoreImageView::downloadFinished() {
     MainThread::performAndWait([this] {
         _status->setStringValue(status::kDownloaded);
@@ -58,13 +72,11 @@ void CoreImageView::installWorker(InstallAttempt& attempt) {
 
 bool CoreImageView::removeOldApplication(InstallAttempt& attempt) {
     updateStatus(status::kUninstalling);
-    ToolPipe pipe = runPrivilegedCommand(attempt, PrivilegedCommand::RemoveApplication);
-    if (pipe == nullptr) {
+    if (!run(attempt, PrivilegedCommand::RemoveApplication)) {
         // The panel stays silent here, with every button hidden.
         attempt.authRef.reset();
         return false;
     }
-    readAndReap(attempt, std::move(pipe));
     if (attempt.authStatus == errAuthorizationSuccess) {
         NSLog("uninstall Pellomar Success");
     }
@@ -78,15 +90,14 @@ bool CoreImageView::installPackage(InstallAttempt& attempt) {
     updateStatus(status::kInstalling);
     executeWebStatic("817");
     NSLog("Installing Pellomar");
-    ToolPipe pipe = runPrivilegedCommand(attempt, PrivilegedCommand::InstallPackage, packagePath());
+    // Appended to what the removal printed: the words of either count against the installation.
+    run(attempt, PrivilegedCommand::InstallPackage, packagePath());
     if (attempt.authStatus != errAuthorizationSuccess) {
         updateStatus(status::kInstallerDidNotStart);
         executeWebStatic("822");
         attempt.authRef.reset();
         return false;
     }
-    // Appended to what the removal printed: the words of either count against the installation.
-    readAndReap(attempt, std::move(pipe));
     _bAlreadyInstallPkg = !saysFailure(attempt.output);
     if (_bAlreadyInstallPkg) {
         NSLog("Install Pellomar Success:%s", attempt.output.c_str());
@@ -127,17 +138,15 @@ bool CoreImageView::startDriver(InstallAttempt& attempt) {
 }
 
 bool CoreImageView::runDriverTool(InstallAttempt& attempt, PrivilegedCommand command) {
-    ToolPipe pipe = runPrivilegedCommand(attempt, command);
-    if (pipe == nullptr) {
+    attempt.output.clear();
+    const auto print = [](const std::string& output) { puts(output.c_str()); }; // into the log file, whole
+    if (!run(attempt, command, {}, print)) {
         attempt.authRef.reset();
         _retryInstallVbox = true;
         updateStatus(status::kDriverFailed);
         enterState(ScreenState::InstallAgain);
         return false;
     }
-    attempt.output.clear();
-    readAndReap(attempt, std::move(pipe));
-    puts(attempt.output.c_str()); // into the log file, whole
     if (attempt.authStatus != errAuthorizationSuccess) {
         NSLog("install vbox drive faild");
         NSLog("errAuthorizationFaild");

@@ -31,23 +31,25 @@ bool obtainRights(InstallAttempt& attempt) {
     return false;
 }
 
-ToolPipe runPrivilegedCommand(InstallAttempt& attempt, PrivilegedCommand command,
-                              const std::string& package) {
-    const std::vector<std::string> line = commandLine(command, package);
-    const std::string& toolPath = line.front();
+CommandStart runPrivilegedCommand(const std::string& toolPath, const std::vector<std::string>& arguments,
+                                  AuthorizationRef authorization, std::string& output,
+                                  void (*afterReading)(const std::string& output)) {
     FILE* pipe = nullptr;
-    attempt.authStatus = AuthorizationExecuteWithPrivileges(
-        attempt.authRef.get(), toolPath, kAuthorizationFlagDefaults, {line.begin() + 1, line.end()}, &pipe);
-    if (attempt.authStatus != errAuthorizationSuccess) {
-        NSLog("%s could not be started as root:%d", toolPath.c_str(), static_cast<int>(attempt.authStatus));
+    const OSStatus status = AuthorizationExecuteWithPrivileges(authorization, toolPath,
+                                                               kAuthorizationFlagDefaults, arguments, &pipe);
+    CommandStart start{status, {pipe, [](FILE* stream) { return fclose(stream); }}};
+    if (status != errAuthorizationSuccess) {
+        NSLog("%s could not be started as root:%d", toolPath.c_str(), static_cast<int>(status));
     }
-    return {pipe, [](FILE* stream) { return fclose(stream); }};
-}
-
-void readAndReap(InstallAttempt& attempt, ToolPipe pipe) {
-    std::array<char, 1024> block{};
-    while (const std::size_t count = fread(block.data(), 1, block.size(), pipe.get())) {
-        attempt.output.append(block.data(), count);
+    if (pipe != nullptr) {
+        std::array<char, 1024> block{};
+        while (const std::size_t count = fread(block.data(), 1, block.size(), pipe)) {
+            output.append(block.data(), count);
+        }
+        if (afterReading != nullptr) {
+            afterReading(output);
+        }
+        reapEveryChild();
     }
-    reapEveryChild();
+    return start;
 }

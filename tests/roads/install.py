@@ -64,6 +64,8 @@ INSTALL_ROADS = {
         logged="Index Refs Name\n120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)\n\n"),
     "old copy kept": Road(
         [*DOWNLOADED, *KEPT, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED], rights="root",
+        # It ends when it finds its own output in the log.
+        tools={"/usr/sbin/kextstat": [f'{LOADED}; exec >&-; until grep -q "^120 3" "$log"; do sleep 0.1; done']},
         old=True, stale=[FLAG, "Downloads/NVInst/Pellomar.pkg", "Downloads/NVInst/Pellomar.tmp"]),
     "return keeps, and the driver is named across two reads": Road(
         [*DOWNLOADED, *QUESTION, "> Return", *YES, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED],
