@@ -193,6 +193,8 @@ class PackagingTest(unittest.TestCase):
             is_run = path.is_dir() or "bin" in str(path.parent) or path.parent.name in ("libexec", "MacOS")
             mode = 0o777 if path.is_symlink() else 0o755 if is_run else 0o644
             self.assertEqual((status.st_uid, status.st_gid, status.st_mode & 0o7777), (0, 0, mode), path)
+        pane = "/System/Library/PreferencePanes/Security.prefPane"
+        self.assertEqual(run("xdg-mime", "query", "filetype", pane), "text/html\n")
         # What the bus starts, itself or through systemd, and what systemd starts at boot.
         (service,) = Path("/usr/share/dbus-1/system-services").glob("com.norvik.*.service")
         program, unit = re.search(r"^Exec=(\S+).*^SystemdService=(\S+)", service.read_text(), re.M | re.S).groups()
