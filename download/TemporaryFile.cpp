@@ -15,7 +15,7 @@ std::error_code makeFolder(const std::string& directory) {
     bool isDirectory = false;
     const bool exists = fileExists(directory, &isDirectory);
     if (isDirectory) {
-        // A failure is ignored here, since creating the file will meet it again.
+        // A failure is ignored: creating the file then fails for the same reason.
         static_cast<void>(removeItem(directory + kFileName));
         return {};
     }

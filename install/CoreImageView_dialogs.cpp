@@ -12,7 +12,7 @@ std::string flagFolder() {
     return NSHomeDirectory() + "/Library/Application Support/PellomarData";
 }
 
-// Its existence tells the product to overwrite what was installed in it.
+// While it exists, the product overwrites what was installed in it.
 std::string flagFile() {
     return flagFolder() + "/CoverInstallFlag";
 }
@@ -24,7 +24,7 @@ void CoreImageView::isCoverInstall() {
     question.messageText = "安装向导";
     question.informativeText = "是否保留已安装游戏和应用";
     question.buttons = {"确定", "取消"};
-    // Closing the question must never come to mean that the games may go.
+    // Closing the dialog must not count as consent to remove the games.
     question.mustBeAnswered = true;
     const int answer = question.runModal();
     if (answer == Alert::kFirstButton) {

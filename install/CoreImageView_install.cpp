@@ -73,7 +73,7 @@ void CoreImageView::installWorker(InstallAttempt& attempt) {
 bool CoreImageView::removeOldApplication(InstallAttempt& attempt) {
     updateStatus(status::kUninstalling);
     if (!run(attempt, PrivilegedCommand::RemoveApplication)) {
-        // The panel stays silent here, with every button hidden.
+        // No status text says so, and every button stays hidden, on purpose.
         attempt.authRef.reset();
         return false;
     }
@@ -108,7 +108,8 @@ bool CoreImageView::installPackage(InstallAttempt& attempt) {
     executeWebStatic("822");
     updateStatus(status::kInstallFailed);
     enterState(ScreenState::DownloadAgain);
-    // The authorization is not freed on this path. The rights are gone: an installer that fails ends them.
+    // Not freed on this path, on purpose. Of its rights, the rights service leaves only the driver's query
+    // when the installer exits with a failure.
     leftUnreleasedOnPurpose(attempt.authRef.release());
     return false;
 }

@@ -8,7 +8,7 @@
 #include "ui/StatusTexts.h"
 
 void CoreImageView::killTovaniPlayer() {
-    // Three pipes that this side never uses.
+    // Never read from or written to.
     const Pipe input;
     const Pipe output;
     const Pipe errors;
@@ -18,7 +18,7 @@ void CoreImageView::killTovaniPlayer() {
     killall.standardInput = input.readEnd.get();
     killall.standardOutput = output.writeEnd.get();
     killall.standardError = errors.writeEnd.get();
-    // No running copy and no killall are no errors.
+    // It is no error when no copy runs or killall is missing.
     std::error_code ignored;
     if (const pid_t pid = killall.start(ignored); pid > 0) {
         waitUntilExit(pid);

@@ -105,7 +105,7 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
 
     // --- product ----------------------------------------------------------------------------------------
 
-    /// Ends running copies of the product and waits until they have ended. Any thread.
+    /// Sends running copies of the product the signal to end, and does not wait until they have. Any thread.
     static void killTovaniPlayer();
 
     /// Launches the product; on success, ends this process. Any thread.
