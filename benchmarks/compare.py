@@ -167,10 +167,16 @@ class Comparison:
         return results
 
 
+def machine():
+    model = re.search(r"model name\s*: (.*)", Path("/proc/cpuinfo").read_text())
+    return f"Linux {os.uname().release}, {os.cpu_count()} CPUs ({model[1] if model else os.uname().machine})"
+
+
 def versions():
     first_lines = {program: subprocess.run([program, "--version"], stdout=subprocess.PIPE, text=True,
                                            check=True).stdout.splitlines()[0] for program in PROGRAMS[2:]}
-    return "; ".join(re.search(r"(?:curl|Wget|aria2).*?\d[\d.]+", line)[0] for line in first_lines.values())
+    programs = "; ".join(re.search(r"(?:curl|Wget|aria2).*?\d[\d.]+", line)[0] for line in first_lines.values())
+    return f"{machine()}; {programs}"
 
 
 def main():

@@ -53,30 +53,26 @@ bool spinUntil(std::chrono::microseconds time, Condition condition) {
 }
 
 /// Migrates a thread to another of the CPUs that it may run on, without pinning it there.
-class Migration {
-  public:
-    /// On the thread that is to be migrated.
-    Migration() : thread_(gettid()) { sched_getaffinity(thread_, sizeof allowed_, &allowed_); }
-
-    void to(int cpu) const {
-        cpu_set_t only;
-        CPU_ZERO(&only);
-        CPU_SET(cpu, &only);
-        if (CPU_ISSET(cpu, &allowed_) && sched_setaffinity(thread_, sizeof only, &only) == 0) {
-            sched_setaffinity(thread_, sizeof allowed_, &allowed_);
-        }
+void migrate(pid_t thread, int cpu) {
+    cpu_set_t allowed;
+    cpu_set_t only;
+    cpu_set_t now;
+    CPU_ZERO(&only);
+    CPU_SET(cpu, &only);
+    if (sched_getaffinity(thread, sizeof allowed, &allowed) == 0 && CPU_ISSET(cpu, &allowed) &&
+        sched_setaffinity(thread, sizeof only, &only) == 0 &&
+        // A mask that somebody else has set in the meantime stays.
+        sched_getaffinity(thread, sizeof now, &now) == 0 && CPU_EQUAL(&now, &only)) {
+        sched_setaffinity(thread, sizeof allowed, &allowed);
     }
-
-  private:
-    pid_t thread_;
-    cpu_set_t allowed_{};
-};
+}
 
 struct Work {
     const std::function<void()>* function = nullptr;
     Work* next = nullptr;
-    int cpu = sched_getcpu(); ///< the poster's
-    std::atomic<bool> done{false};
+    int cpu = sched_getcpu();       ///< the poster's
+    std::atomic<bool> taken{false}; ///< by the main thread
+    std::atomic<bool> done{false};  ///< the last that the main thread writes: the poster may return then
 };
 
 /// The work that other threads have posted, and the main thread's side of the hand-over.
@@ -100,18 +96,20 @@ class Mailbox {
         const auto done = [&work] { return work.done.load(); };
         if (!isSpinning_) {
             wakeLoop();
-        } else if (!spinUntil(kUnanswered, done) && cpu_ != work.cpu) {
-            // Counted before the flag is read, so that stopSpinning() waits for whoever saw it set.
-            ++migrating_;
-            if (isSpinning_) {
-                mainThread_.to(work.cpu);
+        } else if (!spinUntil(kUnanswered, done) && cpu_ != work.cpu && !isMigrating_.exchange(true)) {
+            // Set before the flags are read, so that stopSpinning() waits for whoever saw them unchanged.
+            if (isSpinning_ && !work.taken) {
+                migrate(mainThread_, work.cpu);
             }
-            --migrating_;
+            isMigrating_ = false;
         }
         if (fastPace_) {
             spinUntil(kSpinForResult, done);
         }
-        work.done.wait(false);
+        // Not a wait for `done` itself: the main thread must not touch the piece once that is set.
+        for (unsigned seen = finished_; !done(); seen = finished_) {
+            finished_.wait(seen);
+        }
     }
 
   private:
@@ -123,17 +121,18 @@ class Mailbox {
     void serve() {
         const Clock::time_point start = Clock::now();
         fastPace_ = start - lastServed_ < kFastPace;
-        runPending();
-        // After a piece that took long (it may have opened a dialog), pending events come first.
-        while (fastPace_ && Clock::now() - start < kLongestWithoutEvents &&
-               spinUntil(kSpinForWork, [this] { return arrived_.load() != nullptr; })) {
-            runPending();
-        }
+        bool inTime = true;
+        do {
+            runNext();
+            // After a piece that took long (it may have opened a dialog), pending events come first.
+            inTime = Clock::now() - start < kLongestWithoutEvents;
+        } while (inTime && (!pending_.empty() || spinUntil(fastPace_ ? kSpinForWork : 0us,
+                                                           [this] { return arrived_.load() != nullptr; })));
         lastServed_ = Clock::now();
         stopSpinning();
         // A piece posted just before the flag was cleared came without a wake-up. And after a long spin the
         // loop must come back here without sleeping, once pending events have been handled.
-        if (arrived_.load() != nullptr || (fastPace_ && lastServed_ - start >= kLongestWithoutEvents)) {
+        if (!pending_.empty() || arrived_.load() != nullptr || (fastPace_ && !inTime)) {
             wakeLoop();
         }
     }
@@ -142,50 +141,50 @@ class Mailbox {
     /// life.
     void stopSpinning() {
         isSpinning_ = false;
-        while (migrating_ != 0) {
+        while (isMigrating_) {
             sched_yield();
         }
     }
 
-    void runPending() {
+    void runNext() {
         stopSpinning();
         takeArrived();
-        while (!pending_.empty()) {
-            Work* const work = pending_.front();
-            pending_.pop_front();
-            // The work may open a dialog; its nested event loop must be woken for the rest.
-            if (!pending_.empty()) {
-                wakeLoop();
-            }
-            (*work->function)();
-            cpu_ = sched_getcpu();
-            isSpinning_ = fastPace_.load();
-            work->done = true;
-            work->done.notify_one();
-            if (!pending_.empty() || arrived_.load() != nullptr) {
-                stopSpinning();
-                takeArrived();
-            }
+        if (pending_.empty()) {
+            return;
         }
+        Work* const work = pending_.front();
+        pending_.pop_front();
+        // The work may open a dialog; its nested event loop must be woken for the rest.
+        if (!pending_.empty()) {
+            wakeLoop();
+        }
+        (*work->function)();
+        cpu_ = sched_getcpu();
+        isSpinning_ = fastPace_.load();
+        work->done = true;
+        ++finished_;
+        finished_.notify_all();
     }
 
     void takeArrived() {
         // The list is newest first.
         const auto end = pending_.size();
         for (Work* work = arrived_.exchange(nullptr); work != nullptr; work = work->next) {
+            work->taken = true;
             pending_.insert(pending_.begin() + static_cast<std::ptrdiff_t>(end), work);
         }
     }
 
     FileDescriptor wake_;
     std::unique_ptr<QSocketNotifier> notifier_;
-    const Migration mainThread_;
+    const pid_t mainThread_ = gettid();
     std::atomic<Work*> arrived_{nullptr};
     std::atomic<bool> fastPace_{false};
     std::atomic<bool> isSpinning_{false};
-    std::atomic<int> migrating_{0}; ///< posters that are moving the main thread
-    std::atomic<int> cpu_{-1};      ///< on which the main thread last ran
-    std::deque<Work*> pending_;     ///< main thread only; a nested event loop runs the rest
+    std::atomic<bool> isMigrating_{false}; ///< a poster is moving the main thread
+    std::atomic<int> cpu_{-1};             ///< on which the main thread last ran
+    std::atomic<unsigned> finished_{0};    ///< pieces; what posters sleep on
+    std::deque<Work*> pending_;            ///< main thread only; a nested event loop runs the rest
     Clock::time_point lastServed_;
 };
 
