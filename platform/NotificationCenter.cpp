@@ -36,7 +36,7 @@ void NotificationCenter::removeObserver(Observer* observer) {
     observer->active = false;
 }
 
-void NotificationCenter::postNotification(const std::string& name, const void* object) {
+void NotificationCenter::postNotification(std::string_view name, const void* object) {
     for (Observer* observer = firstObserver; observer != nullptr; observer = observer->next) {
         if (observer->active && observer->name == name) {
             observer->handler(object);

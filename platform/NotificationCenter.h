@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 /// A process-wide list of observers, keyed by name. Delivery is synchronous, on the posting thread, in the
 /// order of registration; nothing is queued.
@@ -20,5 +21,5 @@ class NotificationCenter {
     void removeObserver(Observer* observer);
 
     /// Any thread, concurrently too. Returns when every observer of `name` has handled the object.
-    void postNotification(const std::string& name, const void* object);
+    void postNotification(std::string_view name, const void* object);
 };
