@@ -8,6 +8,9 @@
 #include "ui/ViewController.h"
 
 #include <QCloseEvent>
+#include <QCursor>
+#include <QGuiApplication>
+#include <QScreen>
 
 namespace {
 
@@ -57,5 +60,10 @@ void KvWindowController::windowWillClose() {
 }
 
 void KvWindowController::showWindow() {
+    const QScreen* const pointed = QGuiApplication::screenAt(QCursor::pos());
+    const QScreen& screen = pointed == nullptr ? *QGuiApplication::primaryScreen() : *pointed;
+    QRect place(QPoint(), window_->size());
+    place.moveCenter(screen.availableGeometry().center());
+    window_->setGeometry(place);
     window_->show();
 }

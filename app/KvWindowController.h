@@ -21,6 +21,8 @@ class KvWindowController {
     /// The window closes in another way: ends any modal loop and shuts down; the process goes on.
     void windowWillClose();
 
+    /// Shows the window in the middle of the screen with the pointer, where the window system lets programs
+    /// place windows.
     void showWindow();
     [[nodiscard]] QWidget* window() const { return window_.get(); }
     [[nodiscard]] ViewController& contentViewController() const { return *content_; }

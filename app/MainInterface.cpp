@@ -16,6 +16,7 @@
 
 #include <QApplication>
 #include <QIcon>
+#include <QSessionManager>
 #include <QStyleFactory>
 #include <QSysInfo>
 
@@ -57,6 +58,11 @@ int NSApplicationMain(int& argc, char** argv) {
     AppDelegate delegate;
     QObject::connect(&application, &QCoreApplication::aboutToQuit,
                      [&delegate] { delegate.applicationWillTerminate(); });
+    const auto neverRestart = [](QSessionManager& session) {
+        session.setRestartHint(QSessionManager::RestartNever);
+    };
+    QObject::connect(&application, &QGuiApplication::commitDataRequest, neverRestart);
+    QObject::connect(&application, &QGuiApplication::saveStateRequest, neverRestart);
 
     KvWindowController controller;
     controller.windowDidLoad();

@@ -56,7 +56,7 @@ void ImageButtonView::setImage(Image::Ref image) {
 }
 
 bool ImageButtonView::getStatus() const {
-    return iType_ == kCheckbox && normalImage_ != nullptr && image() == normalImage_;
+    return iType_ == kCheckbox && image() == normalImage_;
 }
 
 ImageButtonTarget& ImageButtonView::superview() const {
@@ -133,7 +133,7 @@ void ImageButtonView::toggle() {
 }
 
 void ImageButtonView::performClick() {
-    if (isVisible()) {
+    if (isVisible() && QApplication::activeModalWidget() == nullptr) {
         mouseDown();
         mouseUp(1);
     }
@@ -153,6 +153,10 @@ void ImageButtonView::hideEvent(QHideEvent* event) {
     // Hidden while pressed, it gets no release; it must not reappear pressed.
     if (std::exchange(pressClickCount_, 0) != 0 && iType_ == kPushButton && image() == deepImage_) {
         setImage(normalImage_);
+    }
+    // The toolkit would move the focus on to the button that takes this one's place.
+    if (window()->focusWidget() == this) {
+        parentWidget()->setFocus();
     }
     ImageView::hideEvent(event);
 }

@@ -18,9 +18,11 @@ TextField::TextField(QWidget* superview) : QLabel(superview) {
 }
 
 void TextField::setStringValue(std::string_view text) {
-    setText(viewText(text));
-    QAccessibleEvent event(this, QAccessible::NameChanged);
-    QAccessible::updateAccessibility(&event);
+    const QString shown = viewText(text);
+    if (shown == this->text()) {
+        return;
+    }
+    setText(shown);
 }
 
 QFont TextField::fittingFont() const {

@@ -15,6 +15,7 @@ void ViewController::viewDidLoad() {
 
     addStartButton();
     addAgreement();
+    panel_->setFocus(); // where the toolkit would choose a button
 }
 
 void ViewController::addStartButton() {

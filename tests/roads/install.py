@@ -25,7 +25,7 @@ FINISHED = [*STOP_HIDDEN[:3], "hide 停止", STOP_HIDDEN[3]]
 RIGHTS = ["log asking for administrator rights", "log administrator rights obtained"]
 BEFORE_RIGHTS = [*START, *DOWNLOADING, *FINISHED]
 DOWNLOADED = [*BEFORE_RIGHTS, *RIGHTS]
-CLICKED_AGAIN = ["> 重试安装", "log continueInsTall_button has been clicked", "status 已完成下载", "no speed",
+CLICKED_AGAIN = ["> 重试安装", "log continueInsTall_button has been clicked", "status 已完成下载",
                  "hide 重试安装", "user runs /usr/bin/killall|Pellomar"]
 AGAIN = [*CLICKED_AGAIN, *RIGHTS]
 QUESTION = ["dialog 安装向导|是否保留已安装游戏和应用|确定|取消"]
@@ -47,7 +47,7 @@ DRIVER_FAILED = ["status 安装vbox驱动失败，请重试", "show 重试安装
 OLD_SYSTEM = ["log install vbox drive faild", *DRIVER_FAILED]
 GUIDE = ["dialog 检测到您的电脑未能成功安装驱动程序，请前往系统偏好设置允许系统安装驱动程序。 "
          "待设置完成后请点击重试。||立即前往设置"]
-SETTINGS = [*GUIDE, "> 立即前往设置", "opens /System/Library/PreferencePanes/Security.prefPane", "dialog closed"]
+SETTINGS = [*GUIDE, "> behind 重试安装", "> 立即前往设置", "opens /System/Library/PreferencePanes/Security.prefPane", "dialog closed"]
 NEW_SYSTEM = ["status 安装Pellomar失败，请前往论坛查看安装教程", "log 10.14.5以上系统没有关闭sip",
               "dialog 安装失败，检测到您的系统与驱动签名不兼容。点击“立即前往”查看解决方案。||立即前往"]
 LAUNCHED = ["status 正在启动Pellomar", "log launch Pellomar.app successful", "opens new Pellomar, user in ~",

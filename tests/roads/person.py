@@ -137,12 +137,15 @@ def double_clicks(machine):
 
 def keys(machine):
     with opened(machine, answers=[{}, {"rate": 20_000}]) as (window, _):
-        xdotool("windowactivate", "--sync", *window.windows())
-        for name, key, after in (("开始", "space", "停止"), ("停止", "Return", "继续"), ("继续", "KP_Enter", "停止")):
+        (number,) = window.windows()
+        xdotool("windowactivate", "--sync", number, "key", "space")  # while no button has the focus
+        rows = ("开始", "space", "停止"), ("停止", "Return", "继续"), ("继续", "KP_Enter", "停止")
+        for row, (name, key, after) in enumerate(rows, 1):
             window.wait_for(f"the drawn button {name}", lambda: window.white(name) > 0)
             assert not window.has_ring(name)
             window.wait_for(f"the focus on {name}", lambda: xdotool("key", "Tab") or window.has_ring(name))
-            xdotool("key", key)
+            xdotool("key", key, key, "mousemove", "--window", number, 4, 4, "click", 3)
+            window.wait_for("the click", lambda: window.lines().count("CoreImageView hitTest") == row)
             window.wait_for(f"the button {after}", lambda: window.button(after))
         assert sum(line.endswith("has been clicked") for line in window.lines()) == 3
 

@@ -24,7 +24,7 @@ DOCUMENT = random.Random(0).randbytes(100_000)  # any cut, shift or repetition s
 @dataclasses.dataclass
 class Road:
     """LINES tell what is seen, one after the other, and, after "> ", what the person does: presses the button of that
-    name, or the key; waits for so many percent ("20%") or for the server's "stall", and has it "release" that; has the
+    name, or the one "behind" a dialog, or the key; waits for so many percent ("20%") or for the server's "stall", and has it "release" that; has the
     password dialogs answered from now on ("agent right", see Agent); takes polkit's rule away ("no rule")."""
 
     lines: list
@@ -54,6 +54,8 @@ def act(machine, window, server, action):
         focused = Atspi.StateType.FOCUSED
         window.wait_for("the dialog's focus", lambda: any(item.has(focused) for item in window.showing()))
         xdotool("key", action)
+    elif action.startswith("behind "):
+        window.invoke(action[7:])
     elif action == "close":
         window.refuses_to_close()
     elif action.endswith("%"):

@@ -16,11 +16,8 @@
 namespace {
 
 void tell(const QString& line) {
-    static QString last;
-    if (std::exchange(last, line) != line) {
-        const QByteArray bytes = ("@" + line + "\n").toUtf8();
-        [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, bytes.data(), bytes.size());
-    }
+    const QByteArray bytes = ("@" + line + "\n").toUtf8();
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, bytes.data(), bytes.size());
 }
 
 /// The message, the explanation, and the buttons from left to right.
