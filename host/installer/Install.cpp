@@ -6,6 +6,7 @@
 #include "installer/SetAside.h"
 #include "installer/Staging.h"
 #include "installer/StagingLayout.h"
+#include "installer/Tree.h"
 #include "installer/Unpacker.h"
 #include "package/Contents.h"
 #include "package/Failure.h"
@@ -24,6 +25,8 @@ namespace installer {
 using namespace package;
 
 namespace {
+
+constexpr char kPostinstall[] = "postinstall";
 
 std::uint64_t freeBytes(const Staging& staging) {
     struct statvfs fileSystem{};
@@ -168,8 +171,11 @@ void install(const Request& request, const Staging& staging) {
     const std::string slash = request.target.ends_with('/') ? "" : "/";
     const ScriptArguments arguments{package.file(), request.target + slash + info.location, request.target};
     runScript(scripts.get(), "preinstall", arguments);
+    if (!statusOf(scripts.get(), kPostinstall)) {
+        package.discardCopy(); // while its pages are dirty: a sync would write them
+    }
     staging.swapIn();
-    runScript(scripts.get(), "postinstall", arguments);
+    runScript(scripts.get(), kPostinstall, arguments);
     staging.markDone();
 }
 

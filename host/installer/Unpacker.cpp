@@ -1,10 +1,12 @@
 #include "installer/Unpacker.h"
 
+#include "base/FileDescriptor.h"
 #include "package/Contents.h"
 #include "package/Failure.h"
 #include "package/Text.h"
 
 #include <archive_entry.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <new>
@@ -17,6 +19,9 @@ using namespace package;
 namespace {
 
 constexpr mode_t kAllowedMode = 0755;
+// Smaller files are left to the kernel, which writes many at once.
+constexpr std::uint64_t kLargeFile = 128 << 10;
+constexpr std::uint64_t kLargePiece = 8 << 20;
 
 } // namespace
 
@@ -43,6 +48,17 @@ void Unpacker::checkAllowance() const {
     }
 }
 
+// Lets the disk write while the next bytes are decompressed, rather than during the sync at the end, which
+// reports what cannot be written.
+void Unpacker::startWriting(std::uint64_t least) {
+    if (unwritten_ < least) {
+        return;
+    }
+    unwritten_ = 0;
+    const FileDescriptor file(open(current_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    (void)sync_file_range(file.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+}
+
 void Unpacker::expect(int result, const char* doing) {
     if (result != ARCHIVE_OK) {
         throw Failure(std::string("cannot ") + doing + " " + inQuotes(current_) + ": " +
@@ -56,6 +72,7 @@ void Unpacker::begin(const PayloadEntry& entry) {
     checkAllowance();
     current_ = location_.empty() ? entry.path : location_ + "/" + entry.path;
     requireNotReserved(current_);
+    unwritten_ = 0;
     archive_entry_copy_pathname(entry.entry, current_.c_str());
     archive_entry_set_perm(entry.entry, archive_entry_perm(entry.entry) & kAllowedMode);
     expect(archive_write_header(disk_.get(), entry.entry), "create");
@@ -65,11 +82,14 @@ void Unpacker::data(const void* bytes, std::size_t size, std::int64_t offset) {
     usage_.addData(size);
     checkAllowance();
     expect(static_cast<int>(archive_write_data_block(disk_.get(), bytes, size, offset)), "write");
+    unwritten_ += size;
+    startWriting(kLargePiece);
     onProgress_();
 }
 
 void Unpacker::end() {
     expect(archive_write_finish_entry(disk_.get()), "complete");
+    startWriting(kLargeFile);
 }
 
 void Unpacker::finish() {

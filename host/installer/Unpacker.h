@@ -54,6 +54,7 @@ class Unpacker : public package::PayloadSink {
 
   private:
     void checkAllowance() const;
+    void startWriting(std::uint64_t least);
     void expect(int result, const char* doing);
 
     package::ArchiveWriter disk_;
@@ -63,6 +64,7 @@ class Unpacker : public package::PayloadSink {
     std::string current_; // path being written
     DiskUsage usage_;
     std::uint64_t entries_ = 0;
+    std::uint64_t unwritten_ = 0; // bytes of the current file that startWriting has not seen
 };
 
 } // namespace installer

@@ -30,6 +30,9 @@ class Package {
     /// Throws Failure when it would be larger than `room` bytes.
     void makePrivate(int folder, std::uint64_t room);
 
+    /// Gives up the private copy: nothing can be read from then on.
+    void discardCopy() { file_.reset(); }
+
     /// Open for reading and writing; stays the package's.
     int file() const { return file_.get(); }
 
@@ -46,7 +49,8 @@ class Package {
     /// The file of that path, or null. A folder of the name counts as none.
     const Entry* find(std::string_view path) const;
 
-    /// A reader of the file's contents. The package must outlive it. Throws Failure when the file is empty.
+    /// A reader of the file's contents, which verifyEntries should have seen. The package must outlive it.
+    /// Throws Failure when the file is empty.
     std::unique_ptr<EntryReader> open(const Entry& entry) const;
 
     /// The same for the bytes as they are stored, compared with their checksum if there is one.

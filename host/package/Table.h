@@ -32,6 +32,8 @@ struct Extent {
 struct Checksum {
     DigestKind kind = DigestKind::Sha256;
     std::string bytes;
+
+    bool operator==(const Checksum&) const = default;
 };
 
 struct Data {
