@@ -14,7 +14,7 @@ import sys
 from pathlib import Path
 
 from measure import environment, measured, measured_window
-from report import markdown, plot
+from report import markdown, plot, publish
 
 HERE = Path(__file__).resolve().parent
 PROGRAMS = ("window", "bare loop", "curl", "wget", "aria2c")
@@ -198,9 +198,7 @@ def main():
     print(table)
     if options.publish:
         document = options.publish / "performance.md"
-        text = document.read_text()
-        between = re.compile(r"(?<=<!-- figures -->\n).*(?=<!-- end of figures -->)", re.S)
-        document.write_text(between.sub(lambda _: table, text))
+        publish(document, "figures", table)
         (options.publish / "performance.svg").write_text(plot(results, titles))
         say(f"{document} and performance.svg are new")
 

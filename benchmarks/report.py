@@ -1,4 +1,5 @@
 """The results of a comparison as Markdown tables and as a plot."""
+import re
 import statistics
 from html import escape
 
@@ -10,6 +11,12 @@ def spread(values, digits=2):
 def table(head, rows):
     lines = [head, ["---"] + ["---:"] * (len(head) - 1), *rows]
     return "".join("| " + " | ".join(row) + " |\n" for row in lines) + "\n"
+
+
+def publish(document, figures, text):
+    """Puts TEXT between the document's comments that name these FIGURES."""
+    between = re.compile(f"(?<=<!-- {figures} -->\n).*(?=<!-- end of {figures} -->)", re.S)
+    document.write_text(between.sub(lambda _: text, document.read_text()))
 
 
 def median(results, key):

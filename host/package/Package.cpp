@@ -118,13 +118,11 @@ void Package::makePrivate(int folder, std::uint64_t room) {
         throw Failure("not enough free space on the target");
     }
     FileDescriptor copy = namelessFile(folder);
-    std::uint64_t at = heap();
-    if (pwrite(copy.get(), front_.data(), front_.size(), 0) != static_cast<ssize_t>(front_.size()) ||
-        lseek(copy.get(), static_cast<off_t>(at), SEEK_SET) < 0 ||
-        lseek(file_.get(), static_cast<off_t>(at), SEEK_SET) < 0) {
+    if (lseek(file_.get(), 0, SEEK_SET) < 0) {
         throw systemFailure("the package cannot be copied to the target");
     }
-    // The kernel copies, and on some file systems shares; where it cannot, the bytes go through a buffer.
+    // The kernel copies or, from the first byte on, shares; where it cannot, the bytes go through a buffer.
+    std::uint64_t at = 0;
     while (at < size_) {
         const ssize_t got = copy_file_range(file_.get(), nullptr, copy.get(), nullptr,
                                             static_cast<std::size_t>(size_ - at), 0);
@@ -134,6 +132,9 @@ void Package::makePrivate(int folder, std::uint64_t room) {
         at += static_cast<std::uint64_t>(got);
     }
     copyBytes(file_.get(), copy.get(), size_ - at);
+    if (pwrite(copy.get(), front_.data(), front_.size(), 0) != static_cast<ssize_t>(front_.size())) {
+        throw systemFailure("the package cannot be copied to the target");
+    }
     file_ = std::move(copy);
 }
 

@@ -1,0 +1,115 @@
+#!/usr/bin/python3
+"""Installs a signed package of 0.9 GB with installer, and unpacks its payload with bsdtar and sync -f, in turn. Prints
+medians, spread and ratios. All targets stay until the end: ext4 makes new files slowly just after others were removed."""
+import argparse
+import os
+import platform
+import random
+import re
+import shutil
+import subprocess
+import time
+from pathlib import Path
+
+from report import median, publish, spread, table
+
+FILES = 1500
+FILE_BYTES = 600_000  # every second file is text, the others are noise
+WORDS = 4000
+
+
+def make_tree(root):
+    """Text that compresses as a natural language does, by words of unequal frequency; the same in each run."""
+    chance = random.Random(1)
+    words = ["".join(chance.choices("etaoinshrdlucmfw", k=chance.randint(2, 9))) for _ in range(WORDS)]
+    weights = [1 / rank for rank in range(1, WORDS + 1)]
+    for number in range(FILES):
+        path = root / f"Applications/Bench.app/{number // 100:02}/{number:04}"
+        path.parent.mkdir(parents=True, exist_ok=True)
+        text = " ".join(chance.choices(words, weights, k=FILE_BYTES // 4)).encode()
+        path.write_bytes(text[:FILE_BYTES] if number % 2 else chance.randbytes(FILE_BYTES))
+
+
+def prepare(build, folder):
+    """The signed package, its payload alone, and the folder of its certificate."""
+    package, payload, trusted = (folder / name for name in ("signed.pkg", "payload", "trusted"))
+    if not package.exists():
+        tree, unsigned = folder / "tree", folder / "unsigned.pkg"
+        shutil.rmtree(folder, ignore_errors=True)
+        trusted.mkdir(parents=True)
+        make_tree(tree)
+        key, certificate = folder / "key.pem", trusted / "certificate.pem"
+        make = Path(__file__).resolve().parent.parent / "sample/make-certificate"
+        for command in (
+            [make, "openssl", "Benchmark", key, certificate],
+            [build / "sample/make-package", "--identifier", "com.example.bench", "--version", "1", tree, unsigned],
+            [build / "host/sign-package/sign-package", key, certificate, unsigned, package],
+        ):
+            subprocess.run(command, stdout=subprocess.DEVNULL, check=True)
+        with payload.open("wb") as out:
+            subprocess.run(["bsdtar", "-xOf", unsigned, "Payload"], stdout=out, check=True)
+        shutil.rmtree(tree)
+        unsigned.unlink()
+    return package, payload, trusted
+
+
+def measured(command, target):
+    """Seconds of wall and of processor time, with nothing of an earlier run left to be written."""
+    target.mkdir()
+    os.sync()
+    start = time.monotonic()
+    process = subprocess.Popen(command, stdout=subprocess.DEVNULL)
+    _, status, usage = os.wait4(process.pid, 0)
+    seconds = time.monotonic() - start
+    process.returncode = os.waitstatus_to_exitcode(status)
+    if process.returncode != 0:
+        raise SystemExit(f"{command[0]} ended with {process.returncode}")
+    return {"seconds": seconds, "processor": usage.ru_utime + usage.ru_stime}
+
+
+def compared(build, folder, rounds):
+    package, payload, trusted = prepare(build, folder)
+    targets = folder / "targets"
+    shutil.rmtree(targets, ignore_errors=True)
+    targets.mkdir()
+    results = {"installer": [], "bsdtar": []}
+    for number in range(rounds):
+        for name, runs in results.items():
+            target = targets / f"{name}-{number}"
+            installer = [build / "host/installer/installer", "-pkg", package, "-target", target, "-trusted", trusted]
+            bsdtar = ["sh", "-c", 'bsdtar -xf "$0" -C "$1" && sync -f "$1"', payload, target]
+            runs.append(measured(installer if name == "installer" else bsdtar, target))
+    if subprocess.run(["diff", "-rq", targets / "installer-0/Applications", targets / "bsdtar-0/Applications"],
+                      check=False).returncode != 0:
+        raise SystemExit("the two have not unpacked the same")
+    shutil.rmtree(targets)
+    return results
+
+
+def markdown(results, rounds):
+    def ratio(runs, key):
+        return f"{median(runs, key) / median(results['bsdtar'], key):.2f}"
+
+    rows = [[name, spread([run["seconds"] for run in runs]), ratio(runs, "seconds"),
+             spread([run["processor"] for run in runs]), ratio(runs, "processor")] for name, runs in results.items()]
+    processor = re.search(r"model name\s*: (.*)", Path("/proc/cpuinfo").read_text())
+    where = f"{os.cpu_count()} × {processor[1] if processor else platform.machine()}, Linux {platform.release()}"
+    return (f"Medians of {rounds} rounds, with minimum and maximum in brackets. {where}.\n\n" +
+            table(["", "seconds", "÷ bsdtar", "processor seconds", "÷ bsdtar"], rows))
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--build", type=Path, required=True)
+    parser.add_argument("--folder", type=Path, required=True, help="for the package and the targets")
+    parser.add_argument("--rounds", type=int, default=7)
+    parser.add_argument("--publish", type=Path, metavar="DOCS", help="put the table there")
+    options = parser.parse_args()
+    figures = markdown(compared(options.build.resolve(), options.folder.resolve(), options.rounds), options.rounds)
+    print(figures)
+    if options.publish:
+        publish(options.publish / "performance.md", "figures of installing", figures)
+
+
+if __name__ == "__main__":
+    main()
