@@ -239,6 +239,11 @@ def log(machine):
         assert lines[2] == "start_button has been clicked"
         assert "secret" not in window.log()
         assert path.stat().st_mode & 0o777 == 0o600
+        assert "Content-Length: " in window.log()
+    with opened(machine, "env", "http_proxy=http://visitor:secret/@127.0.0.1:1", "no_proxy=") as (window, _):
+        window.invoke("开始")
+        window.wait_for_screen("下载失败，请直接双击镜像中的APP开始下载")
+        assert "secret" not in window.log()
 
 
 def no_log(machine):

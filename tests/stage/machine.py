@@ -62,7 +62,10 @@ def note(text):
 
 
 def plist(key, value):
-    return f'<?xml version="1.0"?><plist version="1.0"><dict><key>{key}</key><string>{value}</string></dict></plist>\n'
+    """With the same key in a dictionary within, which does not count."""
+    pair = f"<key>{key}</key><string>{{}}</string>"
+    inner = f"<key>Inner</key><dict>{pair.format('wrong')}</dict>"
+    return f'<?xml version="1.0"?><plist version="1.0"><dict>{inner}{pair.format(value)}</dict></plist>\n'
 
 
 def remove(path):

@@ -5,13 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <clocale>
-#include <map>
-
 namespace {
 
 TEST(Words, AreFoundLeftmostAndInAsciiCaseOnly) {
-    std::setlocale(LC_ALL, "C.UTF-8"); // must make no difference
     EXPECT_EQ(ci_find_substr("eleven____:ERROR error", "error"), 11);
     EXPECT_EQ(ci_find_substr("errerror", "error"), 3);
     EXPECT_EQ(ci_find_substr("erro", "error"), -1);
@@ -25,10 +21,9 @@ TEST(Words, JudgeTheTools) {
     EXPECT_FALSE(saysFailure("installer: The install was successful. err or in valid"));
     EXPECT_FALSE(saysDriverLoaded("  1 0 com.norvik.emu.kext.vboxdrv (1)"));
     EXPECT_TRUE(saysDriverStartFailed("VirtualBox: VBoxDrv did not load. Error 71"));
-    for (const char* success :
-         {"Error: VBoxDrv", "error: VBoxDrv of VirtualBox", "Error: VirtualBox vboxdrv"}) {
-        EXPECT_FALSE(saysDriverStartFailed(success)) << success;
-    }
+    EXPECT_FALSE(saysDriverStartFailed("Error: VBoxDrv"));
+    EXPECT_FALSE(saysDriverStartFailed("error: VBoxDrv of VirtualBox"));
+    EXPECT_FALSE(saysDriverStartFailed("Error: VirtualBox vboxdrv"));
 }
 
 TEST(Speed, IsWholeKilobytesOncePerSecond) {
@@ -38,18 +33,16 @@ TEST(Speed, IsWholeKilobytesOncePerSecond) {
     EXPECT_EQ(speedText(INT64_MAX, 1.5), "2147483647 KB/s");
     EXPECT_EQ(speedText(1 << 20, 1.0), std::nullopt);
     EXPECT_EQ(speedText(1 << 20, -3600), std::nullopt); // the clock went back
-    constexpr std::int64_t kTerabyte = std::int64_t{1} << 40;
-    EXPECT_DOUBLE_EQ(percentOf(kTerabyte * 400'000, kTerabyte * 800'000), 50.0);
+    EXPECT_DOUBLE_EQ(percentOf(INT64_MAX / 4, INT64_MAX / 2), 50.0);
 }
 
 TEST(SystemVersionRule, TestsEachNumberOnItsOwn) {
-    const std::map<const char*, bool> isOlder = {
-        {"10.14.5", false},       {"10.15.7", false},     {"10.15.0", true}, {"10.14.4", true},
-        {"11.0", true},           {"11.14.5", false},     {"9.99.99", true}, {"12.20", true},
-        {"6.1.0-13-amd64", true}, {"10.14.5-rc1", false}, {"10.15.", true},  {"", true},
-        {"x.14.5", true}};
-    for (const auto& [text, older] : isOlder) {
-        EXPECT_EQ(isOlderThan10_14_5(parsedSystemVersion(text)), older) << text;
+    for (const char* older :
+         {"10.15.0", "10.14.4", "11.0", "9.99.99", "12.20", "6.1.0-13-amd64", "10.15.", "", "x.14.5"}) {
+        EXPECT_TRUE(isOlderThan10_14_5(parsedSystemVersion(older))) << older;
+    }
+    for (const char* newer : {"10.14.5", "10.15.7", "11.14.5", "10.14.5-rc1"}) {
+        EXPECT_FALSE(isOlderThan10_14_5(parsedSystemVersion(newer))) << newer;
     }
 }
 

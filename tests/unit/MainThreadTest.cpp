@@ -6,19 +6,18 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
-#include <QEventLoop>
 #include <QTimer>
 
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
-#include <memory>
 #include <random>
 
 namespace {
+
+// What the posting threads use is static, since they outlive a test that fails.
 
 /// Runs the main thread's event loop until the condition holds.
 bool serveUntil(const std::function<bool()>& condition) {
@@ -36,106 +35,74 @@ bool sleeps(pid_t thread) {
     return stat[stat.rfind(')') + 2] == 'S';
 }
 
-/// Starts a thread that shares `state` with the test, since it outlives a test that fails.
-template <typename State>
-void startPoster(const std::shared_ptr<State>& state, const std::function<void(State&)>& work) {
-    WorkerThread::start([state, work] { work(*state); });
-}
-
 TEST(HandOver, RunsInADialogWhatWasQueuedBehindIt) {
-    struct State {
-        std::atomic<pid_t> poster{0};
-        std::atomic<int> finished{0};
-        bool isServed = false;
-    };
-    const auto state = std::make_shared<State>();
+    static std::atomic<pid_t> poster;
+    static std::atomic<int> finished;
+    static bool isServed = false;
     for (const bool opensDialog : {true, false}) {
-        state->poster = 0;
-        startPoster<State>(state, [opensDialog](State& shared) {
-            shared.poster = gettid();
-            MainThread::performAndWait([&] {
-                EXPECT_TRUE(MainThread::isCurrent());
-                shared.isServed = !opensDialog;
-                EXPECT_TRUE(serveUntil([&] { return shared.isServed; })) << "not run in the dialog's loop";
+        poster = 0;
+        WorkerThread::start([opensDialog] {
+            poster = gettid();
+            MainThread::performAndWait([opensDialog] {
+                isServed = !opensDialog;
+                EXPECT_TRUE(serveUntil([] { return isServed; })) << "not run in the dialog's loop";
             });
-            ++shared.finished;
+            ++finished;
         });
-        ASSERT_TRUE(waitUntil([&] { return state->poster != 0 && sleeps(state->poster); }));
+        ASSERT_TRUE(waitUntil([] { return poster != 0 && sleeps(poster); }));
     }
-    EXPECT_TRUE(serveUntil([&] { return state->finished == 2; }));
+    EXPECT_TRUE(serveUntil([] { return finished == 2; }));
 }
 
-cpu_set_t allowedCpus() {
+/// Checks, on the main thread, which CPUs it may run on: a thread started there would inherit them.
+void expectAllowed(const cpu_set_t& expected) {
     cpu_set_t allowed;
     sched_getaffinity(0, sizeof allowed, &allowed);
-    return allowed;
+    EXPECT_TRUE(CPU_EQUAL(&allowed, &expected));
 }
 
 TEST(HandOver, RunsEachPieceOnceAndInOrder) {
-    struct State {
-        cpu_set_t allowed = allowedCpus();
-        std::array<int, 3> last{};
-        std::atomic<int> unfinished{3};
-    };
-    const auto state = std::make_shared<State>();
-    for (int& last : state->last) {
-        startPoster<State>(state, [&last](State& shared) {
+    static cpu_set_t allowed;
+    static std::array<int, 3> last;
+    static std::atomic<int> unfinished(last.size());
+    sched_getaffinity(0, sizeof allowed, &allowed);
+    for (int& mine : last) {
+        WorkerThread::start([&mine] {
             for (int i = 1; i <= 1000; ++i) {
                 MainThread::performAndWait([&] {
-                    EXPECT_EQ(std::exchange(last, i), i - 1);
-                    const cpu_set_t now = allowedCpus(); // a thread started here would inherit them
-                    EXPECT_TRUE(CPU_EQUAL(&now, &shared.allowed));
+                    EXPECT_EQ(std::exchange(mine, i), i - 1);
+                    expectAllowed(allowed);
                 });
-                EXPECT_EQ(last, i) << "it returns when the work is done";
+                EXPECT_EQ(mine, i) << "it returns when the work is done";
             }
-            --shared.unfinished;
+            --unfinished;
         });
     }
-    EXPECT_TRUE(serveUntil([&] { return state->unfinished == 0; }));
-}
-
-/// Has a thread run on one CPU, before other programs where root runs the test.
-void pin(pid_t thread, int cpu) {
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(cpu, &one);
-    sched_setaffinity(thread, sizeof one, &one);
-    setpriority(PRIO_PROCESS, static_cast<id_t>(thread), -20);
+    EXPECT_TRUE(serveUntil([] { return unfinished == 0; }));
 }
 
 TEST(HandOver, RunsAPiecePostedWhenTheMainThreadStopsSpinning) {
-    const cpu_set_t allowed = allowedCpus();
-    const auto isOver = std::make_shared<std::atomic<bool>>(false);
-    startPoster<std::atomic<bool>>(isOver, [](std::atomic<bool>& over) {
-        using namespace std::chrono;
-        pin(0, 1);
+    static cpu_set_t first, second;
+    static std::atomic<bool> isOver;
+    CPU_SET(0, &first);
+    CPU_SET(1, &second);
+    WorkerThread::start([] {
+        sched_setaffinity(0, sizeof second, &second);
         std::mt19937 random;
-        std::uniform_real_distribution<double> spread(-2, 2);
-        const auto post = [] {
-            const auto start = steady_clock::now();
-            MainThread::performAndWait([] {});
-            return steady_clock::now() - start;
-        };
-        // The main thread answers fast while it spins. The pause is adjusted by that to end when it stops
-        // spinning.
-        double pause = 0;
-        const auto end = steady_clock::now() + 10s; // on a busy machine
-        for (int turn = 0; turn < 7500 && steady_clock::now() < end; ++turn) {
-            post(); // two in a row make the main thread spin for a third
-            pin(getpid(), 0);
-            const duration<double, std::micro> thisPause(pause + spread(random));
-            for (const auto start = steady_clock::now(); steady_clock::now() - start < thisPause;) {
+        std::uniform_real_distribution<double> microseconds(195, 210); // for which it spins
+        const QDeadlineTimer end(std::chrono::seconds(10));            // on a busy machine
+        for (int turn = 0; turn < 7500 && !end.hasExpired(); ++turn) {
+            // Two in a row make the main thread spin for a third. A mask set by others stays.
+            MainThread::performAndWait([] { sched_setaffinity(0, sizeof first, &first); });
+            MainThread::performAndWait([] { expectAllowed(first); });
+            const std::chrono::duration<double, std::micro> pause(microseconds(random));
+            for (const auto start = std::chrono::steady_clock::now();
+                 std::chrono::steady_clock::now() - start < pause;) {
             }
-            const auto answered = post();
-            pause += answered < 10us    ? 0.5
-                     : answered < 200us ? -0.5
-                                        : 0; // longer: one of them was not running
         }
-        over = true;
+        isOver = true;
     });
-    EXPECT_TRUE(serveUntil([&] { return isOver->load(); })) << "a piece was not run";
-    sched_setaffinity(0, sizeof allowed, &allowed);
-    setpriority(PRIO_PROCESS, 0, 0);
+    EXPECT_TRUE(serveUntil([] { return isOver.load(); })) << "a piece was not run";
 }
 
 } // namespace
