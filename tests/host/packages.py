@@ -2,12 +2,12 @@
 
 import gzip
 import hashlib
+import os
 import re
 import stat
 import struct
 import subprocess
 import tempfile
-import time
 import zlib
 from pathlib import Path
 
@@ -79,28 +79,22 @@ def package(*entries, info=INFO, scripts=(), chain=()):
 
 
 class Publisher:
-    """A key and its certificate, an authority's where it has no purpose. Times are in seconds from now."""
+    """A key and its certificate for one day, an authority's where it has no purpose. SINCE is when the day began."""
 
-    def __init__(self, name, issuer=None, purpose="codeSigning", bits=2048, times=(-3600, 86400), digest="sha256"):
-        self.issuer = issuer
-        self.place, self.bits = Path(tempfile.mkdtemp(dir=KEYS.name)), bits
+    def __init__(self, name, issuer=None, purpose="codeSigning", bits=2048, since="-1h", digest="sha256"):
+        self.issuer, self.bits, self.place = issuer, bits, Path(tempfile.mkdtemp(dir=KEYS.name))
         self.key, self.certificate = self.place / "key.pem", self.place / "certificate.pem"
-        kind = f"FALSE\nextendedKeyUsage={purpose}" if purpose else "TRUE\nkeyUsage=critical,keyCertSign"
-        (self.place / "index").touch()
-        (self.place / "settings").write_text(
-            "[ca]\ndefault_ca=one\n[one]\ndatabase=index\nnew_certs_dir=.\nrand_serial=1\npolicy=any\n"
-            "x509_extensions=kind\n[any]\ncommonName=supplied\n[kind]\nauthorityKeyIdentifier=none\n"
-            f"basicConstraints=critical,CA:{kind}\n"
+        kind = f"CA:FALSE -addext extendedKeyUsage={purpose}" if purpose else "CA:TRUE -addext keyUsage=keyCertSign"
+        self.openssl(
+            f"req -x509 -newkey rsa:{bits} -nodes -keyout key.pem -out certificate.pem -subj /CN={name} -days 1 -{digest} "
+            f"-addext authorityKeyIdentifier=none -addext basicConstraints=critical,{kind} "
+            + (f"-CA {issuer.certificate} -CAkey {issuer.key}" if issuer else ""),
+            LD_PRELOAD=next(Path("/usr/lib").glob("*/faketime/libfaketime.so.1")), FAKETIME=since,
         )
-        by = f"-cert {issuer.certificate} -keyfile {issuer.key}" if issuer else "-selfsign -keyfile key.pem"
-        begin, end = (time.strftime("%Y%m%d%H%M%SZ", time.gmtime(time.time() + after)) for after in times)
-        self.openssl(f"req -newkey rsa:{bits} -nodes -keyout key.pem -subj /CN={name} -out request")
-        period = f"-startdate {begin} -enddate {end}"
-        self.openssl(f"ca -config settings -batch -notext -in request -out certificate.pem -md {digest} {by} {period}")
 
-    def openssl(self, arguments, text=b""):
-        command = ("openssl", *arguments.split())
-        return subprocess.run(command, cwd=self.place, input=text, capture_output=True, check=True).stdout
+    def openssl(self, arguments, text=b"", **environment):
+        return subprocess.run(("openssl", *arguments.split()), cwd=self.place, input=text, capture_output=True, check=True,
+                              env=os.environ | environment).stdout
 
     def base64(self):
         return re.search("-----\n(.*)-----E", self.certificate.read_text(), re.DOTALL)[1]

@@ -71,17 +71,13 @@ class Signing(HostTest):
             self.assert_refused(run(*demanding), cause)
         self.assert_refused(self.install(sound.replace(b"extra", b"Extra")), "does not match")
 
-    def test_what_is_not_signed(self):
+    def test_names_that_are_not_signed(self):
         sound = entry("PackageInfo", 32, INFO) + entry("Payload", 32 + len(INFO), PAYLOAD)
-
-        def with_name(base64):
-            return archive(f"{sound}<file><name enctype='base64'>{base64}</name></file>", INFO + PAYLOAD)
-
-        self.assert_none_signed((
-            ("no payload", xar(PackageInfo=INFO), "no Payload"),
-            ("bad UTF-8", with_name("/w=="), "not UTF-8"),
-            ("control character", with_name("CQ=="), "not plain UTF-8"),
-        ))
+        rows = (("bad UTF-8", "/w==", "not UTF-8"), ("control character", "CQ==", "not plain UTF-8"))
+        self.assert_none_signed(
+            (name, archive(f"{sound}<file><name enctype='base64'>{base64}</name></file>", INFO + PAYLOAD), cause)
+            for name, base64, cause in rows
+        )
 
     def test_key_with_a_passphrase(self):
         key, signer = self.scratch / "key.pem", shutil.copy(SIGNER, self.scratch)
@@ -125,11 +121,9 @@ class Signing(HostTest):
             ("table", flipped(heap // 2), "package"),
             ("digest", flipped(heap + 5), "does not match its digest"),
             ("signature", flipped(heap + 32), "signature does not match"),
-            ("PackageInfo", flipped(heap + 288), '"PackageInfo" does not match'),
             ("Scripts", flipped(good.index(SCRIPTS) + 20), '"Scripts" does not match'),
             ("an entry that is not used", flipped(good.index(b"extra")), '"Extra" does not match'),
             ("Payload's last byte", flipped(len(good) - 1), '"Payload" does not match'),
-            ("cut by one byte", good[:-1], "breaks off"),
             ("trailing byte", good + b"x", "does not account for"),
             ("not signed", xar(**CONTENTS), "is not signed"),
             ("stripped of its signature", changed(signature, ""), "is not signed"),
@@ -146,8 +140,8 @@ class Signing(HostTest):
             ("issued by no authority", by(Publisher("m", root)), "does not hold"),
             ("weakly signed on the way", by(Publisher("m", root, purpose=None, digest="sha1")), "too weak a digest"),
             ("for web servers", by(root, purpose="serverAuth"), "not meant for signing code"),
-            ("expired", by(root, times=(-7200, -3600)), "expired"),
-            ("not yet valid", by(root, times=(3600, 7200)), "not valid yet"),
+            ("expired", by(root, since="-2d"), "expired"),
+            ("not yet valid", by(root, since="+1d"), "not valid yet"),
             ("weak key", by(root, bits=1024), "too short"),
         )
         self.assert_all_refused(rows)
@@ -165,9 +159,6 @@ class Signing(HostTest):
 
         rows = (
             ("hidden file", put(".a"), "is not signed"),
-            ("unpacked, not configured", put("a.pem.dpkg-new", certificate), "is not signed"),
-            ("set aside", put("a.pem.dpkg-old", certificate), "is not signed"),
-            ("empty file", put("a"), "cannot be read"),
             ("damaged", put("a", certificate + cut), "cannot be read"),
             ("folder", lambda place: (place / "a").mkdir(), "not a file of certificates"),
             ("pipe", lambda place: os.mkfifo(place / "a"), "not a file of certificates"),

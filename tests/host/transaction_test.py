@@ -2,11 +2,10 @@
 
 import itertools
 import os
-import shutil
 import unittest
 from pathlib import Path
 
-from harness import BUILD, INSTALLER, main, run, snapshot
+from harness import BUILD, INSTALLER, contents, main, run, snapshot
 from packages import file, package
 
 APP = "Applications/Pellomar.app"
@@ -15,47 +14,36 @@ CALLS = "mkdirat renameat2 renameat fchownat fchmodat utimensat unlinkat openat2
 TOOL = BUILD / "host/installer/pellomar-installer-transaction"
 
 
+# A root on one file system or, where the first argument is True, an overlay in which no folder can be renamed.
+MAKE_ROOT = """cd /tmp
+[[ -e model ]] || {
+    mkdir -p model/{usr,proc,dev,run,Applications/Pellomar.app/{a,b/empty}}; cp $1 $2 model; ln -s usr/{bin,lib,lib64} model
+    cd model/Applications; chmod 775 .; cd Pellomar.app; chmod 750 a; chmod 711 b/empty; ln -s ../run a/link
+    for name in run a/data b/data z; do echo -n "old $name" >$name; done; chmod 640 run a/data b/data z; cd /tmp
+}
+mkdir -p roots; mount -t tmpfs -o size=64m none roots; cp -a model roots/root; cd roots
+if [[ $0 == True ]]; then
+    mv root lower; mkdir upper work root
+    mount -t overlay -o lowerdir=$PWD/lower,upperdir=$PWD/upper,workdir=$PWD/work,redirect_dir=off none root
+fi
+for name in usr proc dev; do mount --rbind /$name root/$name; done"""
+
+
 class Transaction(unittest.TestCase):
     """Runs the tool in a root of its own, since it knows no other place than /."""
 
     def setUp(self):
-        self.base = Path("/tmp/roots")
-        self.root = self.base / "root"
+        self.base, self.root = Path("/tmp/roots"), Path("/tmp/roots/root")
         self.addCleanup(run, "umount", "-R", self.base)
 
-    def make_root(self, layered=False, size="64m"):
-        """On one file system or, as in an overlay without redirects, where a folder cannot be renamed."""
+    def make_root(self, layered=False):
         run("umount", "-R", self.base)
-        self.base.mkdir(exist_ok=True)
-        self.mount("-t", "tmpfs", "-o", f"size={size}", "none", self.base)
-        lower = self.base / "lower" if layered else self.root
-        for name, mode in ((f"{APP}/b/empty", 0o711), (f"{APP}/a", 0o750), ("Applications", 0o775)):
-            (lower / name).mkdir(parents=True, exist_ok=True)
-            (lower / name).chmod(mode)
-        for name in ("run", "a/data", "b/data", "z"):
-            (lower / APP / name).write_text("old " + name)
-            (lower / APP / name).chmod(0o640)
-        (lower / APP / "a/link").symlink_to("../run")
-        for name in ("usr", "proc", "dev", "run"):
-            (lower / name).mkdir()
-        for name in ("bin", "lib", "lib64"):
-            (lower / name).symlink_to(f"usr/{name}")
-        shutil.copy(TOOL, lower / "tool")
-        shutil.copy(INSTALLER, lower / "installer")
-        if layered:
-            for name in ("upper", "work", "root"):
-                (self.base / name).mkdir()
-            layers = f"lowerdir={lower},upperdir={self.base}/upper,workdir={self.base}/work,redirect_dir=off"
-            self.mount("-t", "overlay", "-o", layers, "none", self.root)
-        for name in ("usr", "proc", "dev"):
-            self.mount("--rbind", f"/{name}", self.root / name)
+        made = run("bash", "-euc", MAKE_ROOT, str(layered), TOOL, INSTALLER)
+        self.assertEqual(made.returncode, 0, made.stderr)
         return snapshot(self.root / "Applications")
 
-    def mount(self, *arguments):
-        self.assertEqual(run("mount", *arguments).returncode, 0, arguments)
-
     def tool(self, verb, *before):
-        return run(*before, "chroot", self.root, "/tool", verb)
+        return run(*before, "chroot", self.root, f"/{TOOL.name}", verb)
 
     def install(self, content, *before):
         (self.root / "package").write_bytes(content)
@@ -114,9 +102,8 @@ class Transaction(unittest.TestCase):
                 self.assertEqual(self.tool("begin").returncode, 0)
                 act()
                 self.tool("end")
-                found = self.root / APP / "run"
-                self.assertEqual(found.read_text() if found.exists() else None, expected)
-                self.assertFalse((self.root / STAGING).exists())
+                found = contents(self.root / "Applications").get("Pellomar.app/run")
+                self.assertEqual((found, (self.root / STAGING).exists()), (expected, False))
 
     def install_with(self, left, content, told):
         """With that many bytes free on the disk."""
@@ -126,12 +113,10 @@ class Transaction(unittest.TestCase):
 
     def test_links(self):
         """The application may be one. Its folder may not: what is removed would be elsewhere."""
-        self.make_root()
-        shutil.rmtree(self.root / APP)
-        for link, status in ((APP, 0), ("Applications", 1)):
-            shutil.rmtree(self.root / "elsewhere", ignore_errors=True)
-            shutil.move(self.root / link, self.root / "elsewhere") if status else None
-            (self.root / link).symlink_to("elsewhere")
+        for link, to, status in ((APP, "../elsewhere", 0), ("Applications", "elsewhere", 1)):
+            self.make_root()
+            (self.root / link).rename(self.root / "elsewhere")
+            (self.root / link).symlink_to(to)
             before = snapshot(self.root / "Applications")
             self.assertEqual(self.tool("begin").returncode, status)
             self.assert_ends_with(before)

@@ -18,9 +18,9 @@ PROBE = Path("/usr/local/bin/rights_probe")
 
 
 class Probe:
-    """A process that makes the authorization calls it is told to make."""
+    """A process that makes the authorization calls it is asked to make, on the main THREAD or a worker."""
 
-    def __init__(self, thread="worker", user=USER):
+    def __init__(self, thread, user):
         if not PROBE.exists():
             subprocess.run(["install", Path(sys.argv[1]) / "tests/rights/rights_probe", PROBE], check=True)
         pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "text": True}
@@ -56,22 +56,20 @@ class Probe:
 
 
 class AuthorizationTest(RightsTest):
-    def probe(self, *arguments):
-        probe = Probe(*arguments)
+    def probe(self, thread="worker", user=USER):
+        probe = Probe(thread, user)
         self.addCleanup(probe.close)
         return probe
 
 
 class AllowedByRule(AuthorizationTest):
     def test_nothing_is_created_where_something_is_missing(self):
-        for path, thread in (
-            (Path("/usr/share/dbus-1/system-services/org.freedesktop.PolicyKit1.service"), "worker"),
-            (BUS_SERVICE, "worker"), (MECHANISM, "main"),
-        ):  # fmt: skip
+        polkit = Path("/usr/share/dbus-1/system-services/org.freedesktop.PolicyKit1.service")
+        for path, thread in (polkit, "worker"), (BUS_SERVICE, "worker"), (MECHANISM, "main"):
             harness.stage.stop()
             hidden = path.rename(path.with_suffix(".hidden"))
             harness.stage.start_bus()
-            if path in (BUS_SERVICE, MECHANISM):
+            if path != polkit:
                 harness.stage.start_polkit()
             with self.subTest(path):
                 self.assertEqual(self.probe(thread).tell("create"), NOT_CREATED)

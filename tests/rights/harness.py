@@ -30,8 +30,6 @@ RESTART = (str(SCRIPT), "restart")
 NAME, PATH = rights.ACTION, "/com/norvik/PellomarDownloader"
 HOLD = "touch /run/started; while [ ! -e /run/go ]; do sleep 0.02; done; echo done"
 REPLACE = f"mkdir {APPLICATION} && echo new >{APPLICATION}/version"
-
-
 stage = owner = None  # set by main()
 
 
@@ -133,13 +131,10 @@ class RightsTest(unittest.TestCase):
         return caller
 
     @staticmethod
-    def kill(program, is_running=True):
-        if is_running:
-            wait_for(f"a process of {program}", lambda: stage.kill(program))
-        stage.kill(program)
+    def kill(program):
+        wait_for(f"a process of {program}", lambda: stage.kill(program))
         # The bus drops its name some time after its program is gone.
         wait_for("its end", lambda: not rights.processes(program) and not (program == MECHANISM and stage.has_owner(NAME)))
-
 
 
 def main():
