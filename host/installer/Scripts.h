@@ -4,7 +4,7 @@
 
 namespace installer {
 
-/// What a script is told about the install, besides its own path.
+/// A script's arguments, besides its own path.
 struct ScriptArguments {
     int package = -1;     ///< the private copy, open; the script finds it at /dev/fd/3
     std::string location; ///< folder that the payload goes to

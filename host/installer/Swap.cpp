@@ -38,7 +38,7 @@ struct Place {
     std::string name;
 };
 
-// The three places of the plan's entry of that index. Which of them are taken tells how far it has come.
+// The three places of the plan's entry of that index. Which of them are taken shows how far it has come.
 struct Places {
     Places(int target, int staging, const SwapPlan& plan, std::size_t index)
         : coming(staging, std::string(kNewFolder) + "/" + plan[index]), proper(target, plan[index]),

@@ -42,7 +42,8 @@ FileDescriptor openOnSameMount(int folder, const std::string& name) {
     if (opened.isOpen() || (errno != ENOSYS && errno != EPERM)) {
         return opened;
     }
-    // An old kernel, or a container that does not know the call. A device cannot tell bind mounts apart.
+    // An old kernel, or a container that does not know the call. Device numbers do not distinguish bind
+    // mounts.
     struct stat above{};
     struct stat below{};
     opened = openChild(folder, name);

@@ -31,7 +31,7 @@ class DiskUsage {
 };
 
 /// Writes a payload into an empty folder that nobody else can enter, with the modes and times that it states.
-/// What it installs belongs to whoever runs this program, root, and is writable by nobody else, whatever it
+/// What it installs belongs to the user of this program, root, and is writable by root only, whatever it
 /// states: it cannot know this machine's users. Makes the folder the process's working folder. Not
 /// thread-safe.
 class Unpacker : public package::PayloadSink {

@@ -55,7 +55,7 @@ struct Signature {
     std::vector<std::string> certificates; ///< DER, the signer's first
 };
 
-/// The part of the table that says who vouches for it.
+/// The part of the table that says who signed it.
 struct Seal {
     DigestKind digestKind = DigestKind::Sha256;
     Extent digest;                      ///< where the table's own digest is stored

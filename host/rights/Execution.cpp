@@ -89,7 +89,7 @@ void Service::onPackage(const std::string& name, int socket) {
         proceed(name);
         return;
     }
-    // The same words for each cause: none tells about files that the caller cannot see.
+    // The same words for each cause: none reveals files that the caller cannot see.
     caller.command.reset();
     refuse(std::exchange(caller.request, nullptr).get(), kErrorNotAllowed,
            "the package is not a regular file of the caller's own");

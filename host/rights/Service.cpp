@@ -98,7 +98,7 @@ int Service::onPolkitAnswer(sd_bus_message* answer, void* data, sd_bus_error* /*
     }
     caller.isAuthorized = isAuthorized != 0;
     if (caller.isAuthorized) {
-        // Whether the application is installed can be told only once no attempt is replacing it.
+        // Whether the application is installed is known only once no attempt is replacing it.
         std::error_code ignored;
         caller.leftOver = std::make_unique<Watch>(
             caller.service->loop_.get(), Transaction::endLeftOver(ignored).state,

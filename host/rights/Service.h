@@ -42,7 +42,7 @@ class Service {
   public:
     explicit Service(std::chrono::seconds idleTime) : idleTime_(idleTime) {}
 
-    /// Serves until nobody has needed it for the idle time. Returns 0, or a negative error number.
+    /// Serves until it was not used for the idle time. Returns 0, or a negative error number.
     int run();
 
     int onAuthorize(sd_bus_message* call);

@@ -57,7 +57,7 @@ FileDescriptor openPackageAs(uid_t user, const std::string& path) {
     const FileDescriptor theirs(ends[1]);
     const pid_t process = fork();
     if (process == 0) {
-        // An orphan, which nobody has to wait for: its user may stop it.
+        // An orphan, not to be waited for: its user may stop it.
         if (fork() == 0 && becomeUser(user)) {
             const FileDescriptor package = openPackage(path);
             if (package.isOpen()) {

@@ -258,7 +258,7 @@ Key readKey(const std::string& path) {
     return key;
 }
 
-// Each of these would be refused at the end, in words that are meant for whoever installs.
+// Each of these would be refused at the end, in words that are meant for the person who installs.
 void requireChain(const Publisher& publisher) {
     const std::vector<Certificate>& chain = publisher.certificates;
     if (X509_check_private_key(chain.front().get(), publisher.key.get()) != 1) {

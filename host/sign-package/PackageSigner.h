@@ -19,7 +19,7 @@ using Certificate = std::unique_ptr<x509_st, FreeCertificate>;
 // Who signs.
 struct Publisher {
     Key key;                               // RSA
-    std::vector<Certificate> certificates; // the key's own first, then those that vouch for it
+    std::vector<Certificate> certificates; // the key's own first, then those of its issuers
 };
 
 // Reads the key from a PEM file, and asks at the terminal for its passphrase if it has one, and the

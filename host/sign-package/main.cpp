@@ -1,4 +1,4 @@
-// Signs a flat package, for whoever publishes it. Keys are read from files, so that none is ever seen on a
+// Signs a flat package, for its publisher. Keys are read from files, so that none is ever seen on a
 // command line.
 #include "PackageSigner.h"
 

@@ -68,10 +68,10 @@ class Install(HostTest):
         (self.target / "Applications").chmod(0o775)
         # An old copy under another name must not change along with the new one.
         os.link(self.outside / "kept", self.target / SUPPORT / "VirtualBoxStartup.sh")
-        tell = "{ stat -c %a .; cat helper; env; } >told; echo Error; echo invalid >&2; cat \"$1\" >copy"
-        tell = re.sub("(?<=>)[a-z]+", lambda name: f"'{self.scratch}/{name[0]}'", tell)
+        report = "{ stat -c %a .; cat helper; env; } >seen; echo Error; echo invalid >&2; cat \"$1\" >copy"
+        report = re.sub("(?<=>)[a-z]+", lambda name: f"'{self.scratch}/{name[0]}'", report)
         overwrite = script("preinstall", f"echo >'{self.path}'")
-        scripts = (overwrite, script("postinstall", tell), file("helper", "helped\n"))
+        scripts = (overwrite, script("postinstall", report), file("helper", "helped\n"))
         good = package(*TREE, info=INFO.replace(b"com.example", b"error.invalid"), scripts=scripts)
         self.assert_installed(self.install(good, "env", "SECRET=leaked"))
         tree = snapshot(self.target)
@@ -82,9 +82,9 @@ class Install(HostTest):
             self.assertEqual((status.st_mtime, status.st_uid), (ENTRY_TIME, 0), name)
         self.assertEqual(tree["Applications"][0], "0o40775")
         self.assertEqual((self.outside / "kept").read_text(), "kept")
-        told = (self.scratch / "told").read_text()
-        self.assertRegex(told, "(?s)^700\nhelped\n.*PATH=/usr/sbin:/usr/bin:/sbin:/bin\n")
-        self.assertNotIn("leaked", told)
+        seen = (self.scratch / "seen").read_text()
+        self.assertRegex(seen, "(?s)^700\nhelped\n.*PATH=/usr/sbin:/usr/bin:/sbin:/bin\n")
+        self.assertNotIn("leaked", seen)
 
     def test_sample_package(self):
         shutil.copy(BUILD / "sample/signing/certificate.pem", self.trusted)
@@ -161,7 +161,7 @@ class Install(HostTest):
         )
         for name, text, cause in rows:
             with self.subTest(name, text=text):
-                # The script lets go of what is captured here: nobody waits for an orphan.
+                # The script closes its output, which is captured here: an orphan is not waited for.
                 outcome = self.install(update(script(name, f"exec >&- 2>&-; {text}")))
                 self.assert_refused(outcome, cause) if cause else self.assertEqual(outcome.returncode, -9)
                 self.assert_put_back(before)
@@ -173,6 +173,7 @@ class Install(HostTest):
         rows = (
             ("succeeds", orphan, (), None),
             ("before the next script", f"kill -0 $(cat '{self.scratch}/orphan') || exit 3", (), "failed with status 3"),
+            ("the worker is killed", f"{orphan}; kill -9 $PPID; sleep 999", (), "ended by signal 9"),
             ("takes too long", f"{orphan}; sleep 999", (*traced, "-einject=ppoll:retval=0"), "longer than 10 minutes"),
             ("unread", orphan, (*traced, "-einject=poll:retval=0"), None),
         )

@@ -105,11 +105,11 @@ class Transaction(unittest.TestCase):
                 found = contents(self.root / "Applications").get("Pellomar.app/run")
                 self.assertEqual((found, (self.root / STAGING).exists()), (expected, False))
 
-    def install_with(self, left, content, told):
+    def install_with(self, left, content, reported):
         """With that many bytes free on the disk."""
         free = os.statvfs(self.base)
         (self.base / "filling").write_bytes(bytes(free.f_bavail * free.f_frsize - left))
-        self.assertIn(told, self.install(content).stderr)
+        self.assertIn(reported, self.install(content).stderr)
 
     def test_links(self):
         """The application may be one. Its folder may not: what is removed would be elsewhere."""

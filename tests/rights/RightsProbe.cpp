@@ -33,7 +33,7 @@ std::string run(const QStringList& words) {
     return text;
 }
 
-// Tells whether the main thread served its events meanwhile, where the call was made there.
+// Reports whether the main thread served its events meanwhile, where the call was made there.
 std::string ask() {
     int turns = 0;
     QTimer timer;

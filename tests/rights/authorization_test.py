@@ -35,12 +35,12 @@ class Probe:
             self.process.kill()
         return self.process.stdout.readline().rstrip("\n")
 
-    def tell(self, *words):
+    def ask(self, *words):
         self.begin(*words)
         return self.answer()
 
     def authorized(self):
-        answers = self.tell("create"), self.tell("ask").split()[0]
+        answers = self.ask("create"), self.ask("ask").split()[0]
         assert answers == (SUCCESS, SUCCESS), answers
         return self
 
@@ -72,29 +72,29 @@ class AllowedByRule(AuthorizationTest):
             if path != polkit:
                 harness.stage.start_polkit()
             with self.subTest(path):
-                self.assertEqual(self.probe(thread).tell("create"), NOT_CREATED)
+                self.assertEqual(self.probe(thread).ask("create"), NOT_CREATED)
             hidden.rename(path)
         harness.stage.stop()
-        self.assertEqual(self.probe("main").tell("create"), NOT_CREATED, "no bus")
+        self.assertEqual(self.probe("main").ask("create"), NOT_CREATED, "no bus")
 
     def test_rights_and_what_they_change(self):
         probe = self.probe()
         self.assertTrue(probe.is_traceable())
         probe.authorized()
         KEXTSTAT.unlink()
-        self.assertEqual((probe.is_traceable(), probe.tell(*QUERY)), (False, NOT_STARTED))
-        self.assertEqual((probe.tell("free"), probe.is_traceable()), ("free", True))
+        self.assertEqual((probe.is_traceable(), probe.ask(*QUERY)), (False, NOT_STARTED))
+        self.assertEqual((probe.ask("free"), probe.is_traceable()), ("free", True))
 
     def test_the_service_killed_around_a_command(self):
         probe = self.probe().authorized()
         self.kill(MECHANISM)
-        self.assertEqual(probe.tell(*QUERY), DENIED)
+        self.assertEqual(probe.ask(*QUERY), DENIED)
         make_tool(INSTALLER, HOLD)
         probe.authorized().begin(*install())
         wait_for("the installer", STARTED.exists)
         self.kill(MECHANISM)
         GO.touch()
-        self.assertEqual((probe.answer(), probe.tell(*QUERY)), (f"{SUCCESS}done\t", DENIED), "the tool goes on")
+        self.assertEqual((probe.answer(), probe.ask(*QUERY)), (f"{SUCCESS}done\t", DENIED), "the tool goes on")
 
 
 class Asked(AuthorizationTest):
@@ -111,17 +111,17 @@ class Asked(AuthorizationTest):
             agent = self.agent(probe, "right")
             for attempt, give_up in enumerate(("keep", "free"), 1):
                 alive = " alive" if thread == "main" else ""
-                self.assertEqual((probe.tell("create"), probe.tell("ask")), (SUCCESS, SUCCESS + alive))
-                self.assertEqual(probe.tell("ask").split()[0], SUCCESS, "what was obtained is not asked for again")
+                self.assertEqual((probe.ask("create"), probe.ask("ask")), (SUCCESS, SUCCESS + alive))
+                self.assertEqual(probe.ask("ask").split()[0], SUCCESS, "what was obtained is not asked for again")
                 for line in REMOVE, install(), QUERY, RESTART:
-                    self.assertEqual(probe.tell(*line), SUCCESS)
-                self.assertEqual((agent.asked(), probe.tell(give_up)), (attempt, give_up))
+                    self.assertEqual(probe.ask(*line), SUCCESS)
+                self.assertEqual((agent.asked(), probe.ask(give_up)), (attempt, give_up))
 
     def test_the_service_killed_while_a_person_types(self):
         for thread in "worker", "main":
             probe = self.probe(thread)
             agent = self.agent(probe, "wait")
-            self.assertEqual(probe.tell("create"), SUCCESS)
+            self.assertEqual(probe.ask("create"), SUCCESS)
             probe.begin("ask")
             wait_for("the dialog", lambda: agent.asked() == 1)
             self.kill(MECHANISM)
@@ -130,23 +130,23 @@ class Asked(AuthorizationTest):
 
 
 class Root(AuthorizationTest):
-    """A window that is root already asks nobody, and runs the same commands under the same conditions."""
+    """A window that is root already needs no password, and runs the same commands under the same conditions."""
 
     def test_commands(self):
         probe = self.probe("worker", "root").authorized()
-        answers = [probe.tell(*line) for line in (("/bin/rm", "-rf", "/Applications"), QUERY, QUERY)]
+        answers = [probe.ask(*line) for line in (("/bin/rm", "-rf", "/Applications"), QUERY, QUERY)]
         INSTALLER.chmod(0o777)
-        self.assertEqual([*answers, probe.tell(*install())], [DENIED, SUCCESS, DENIED, NOT_STARTED])
+        self.assertEqual([*answers, probe.ask(*install())], [DENIED, SUCCESS, DENIED, NOT_STARTED])
 
     def test_each_ending_of_an_attempt(self):
         for text, end in ("exit 1", "keep"), ("true", "free"), (None, "free"), (None, "kill"):
             with self.subTest(installer=text, end=end):
                 probe = self.probe("worker", "root").authorized()
-                self.assertEqual((probe.tell(*REMOVE), APPLICATION.exists()), (SUCCESS, False))
+                self.assertEqual((probe.ask(*REMOVE), APPLICATION.exists()), (SUCCESS, False))
                 if text is not None:
                     make_tool(INSTALLER, text)
-                    self.assertEqual(probe.tell(*install()), SUCCESS)
-                os.kill(probe.process.pid, signal.SIGKILL) if end == "kill" else probe.tell(end)
+                    self.assertEqual(probe.ask(*install()), SUCCESS)
+                os.kill(probe.process.pid, signal.SIGKILL) if end == "kill" else probe.ask(end)
                 wait_for("the application", lambda: version() == "old" and not STAGING.exists())
         wait_for("nothing left over", lambda: not harness.rights.processes(TRANSACTION))
 

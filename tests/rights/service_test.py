@@ -16,7 +16,7 @@ from harness import (APPLICATION, GO, HOLD, INSTALLER, KEXTSTAT, MECHANISM, PACK
                      SCRIPT, STAGING, STARTED, TRANSACTION, Gio, GLib, RightsTest, install, main, make_tool, version,
                      wait_for)  # fmt: skip
 
-TELL = r"""while read -r name value; do
+REPORT = r"""while read -r name value; do
     [[ $name == SigBlk: ]] && echo "$value"
     [[ $name == SigIgn: ]] && echo "$((0x$value >> 12 & 1))"
 done </proc/$$/status
@@ -66,7 +66,7 @@ class Refusals(RightsTest):
             with self.subTest(path=path):
                 self.assertEqual(caller.run(install(path)), "NotAllowed")
                 reasons.add(caller.reason)
-        self.assertEqual(len(reasons), 1, "an error text tells about files that the caller cannot see")
+        self.assertEqual(len(reasons), 1, "an error text reveals files that the caller cannot see")
         (folder.parent / "linked").symlink_to(PACKAGE.parent)
         self.assertEqual(self.caller().authorize().run(install(folder.parent / "linked/Pellomar.pkg")), "")
 
@@ -93,10 +93,10 @@ class Grants(RightsTest):
     def test_what_uses_a_grant_up(self):
         other = self.caller()
         for ending, restart in ("true", ""), ("exit 1", "NotAllowed"), ("kill -9 $$", "NotAllowed"):
-            make_tool(INSTALLER, "echo told; " + ending)
+            make_tool(INSTALLER, "echo ran; " + ending)
             caller = self.caller().authorize()
             with self.subTest(ending):
-                self.assertEqual((other.run(QUERY), caller.run(install())), ("NotAuthorized", "told\n"))
+                self.assertEqual((other.run(QUERY), caller.run(install())), ("NotAuthorized", "ran\n"))
                 self.assertEqual((caller.run(RESTART), caller.run(REMOVE) if restart else ""), (restart, restart))
                 self.assertEqual((caller.run(QUERY), caller.run(QUERY)), ("", "NotAllowed"), "status is no failure")
                 self.assertEqual((caller.call("Release"), caller.run(QUERY)), ("", "NotAuthorized"))
@@ -109,7 +109,7 @@ class Grants(RightsTest):
                                  GLib.Variant("(sss)", (victim.name, victim.name, "")))  # fmt: skip
         self.assertEqual((attacker.run(QUERY), victim.run(QUERY)), ("NotAuthorized", ""), "in the order sent")
 
-    def test_the_service_leaves_when_nobody_needs_it(self):
+    def test_the_idle_service_exits(self):
         for program in MECHANISM, TRANSACTION:
             wait_for("nothing left over", lambda: not harness.rights.processes(program))
         service = subprocess.Popen([MECHANISM, "0"], stderr=subprocess.DEVNULL)
@@ -125,7 +125,7 @@ class Grants(RightsTest):
             wait_for("the service's end", lambda: harness.stage.mechanism() != first)
 
     def test_tools_run_in_clean_surroundings(self):
-        make_tool(INSTALLER, TELL)
+        make_tool(INSTALLER, REPORT)
         words = "|".join(["/bin/bash", *install()])
         environment = "PATH=/usr/sbin:/usr/bin:/sbin:/bin|LC_ALL=C|HOME=/root|INSTALLER_PACKAGE_FD=3"
         signals = "0000000000000000\n0"  # none is blocked, a broken pipe is not ignored
