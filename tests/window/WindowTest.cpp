@@ -1,0 +1,334 @@
+#include "app/KvWindowController.h"
+#include "app/MainInterface.h"
+#include "platform/Bundle.h"
+#include "platform/FileManager.h"
+#include "platform/MainThread.h"
+#include "platform/NotificationCenter.h"
+#include "platform/Text.h"
+#include "support/CapturedLog.h"
+#include "support/ScratchFolder.h"
+#include "transfer/CurlMessage.h"
+#include "ui/ViewController.h"
+
+#include <QAccessible>
+#include <QApplication>
+#include <QPainter>
+#include <QPushButton>
+#include <QScreen>
+#include <QTest>
+#include <QTimer>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <regex>
+#include <thread>
+
+namespace {
+
+/// A test with the program's window on screen and a home folder of its own.
+class Window : public testing::Test {
+  protected:
+    Window() {
+        setenv("HOME", home_.path().c_str(), 1);
+        controller_.windowDidLoad();
+        controller_.showWindow();
+        EXPECT_TRUE(QTest::qWaitForWindowExposed(controller_.window()));
+    }
+
+    /// Starts a download that fails before its worker, since its folder can't be made. Tests post the records
+    /// of a transfer themselves.
+    void openSecondScreen() {
+        std::ofstream(home_.path() + "/Downloads") << "a file in the folder's place";
+        panel_.startDownload();
+        ASSERT_EQ(status().text().toStdString(), "路径中有一项不是文件夹");
+    }
+
+    /// The panel's direct subviews of a class, in their order.
+    template <typename View>
+    [[nodiscard]] QList<View*> subviews() {
+        QList<View*> found;
+        for (QObject* const child : panel_.children()) {
+            found.append(dynamic_cast<View*>(child));
+        }
+        found.removeAll(nullptr);
+        return found;
+    }
+
+    [[nodiscard]] ImageButtonView& button(std::string_view name) {
+        const auto views = subviews<ImageButtonView>();
+        return **std::ranges::find_if(views, [&](auto* view) { return view->imageName() == name; });
+    }
+    [[nodiscard]] TextField& speed() { return *subviews<TextField>().at(1); }
+    [[nodiscard]] TextField& status() { return *subviews<TextField>().at(2); }
+    [[nodiscard]] ProgressIndicator& bar() { return *subviews<ProgressIndicator>().at(0); }
+
+    /// What the panel paints, at the scale that the environment sets.
+    QImage drawn() { return panel_.grab().toImage().convertToFormat(QImage::Format_RGB32); }
+
+    ScratchFolder home_;
+    CapturedLog log_;
+    KvWindowController controller_;
+    CoreImageView& panel_ = *controller_.contentViewController().panel();
+};
+
+TEST_F(Window, ActsOncePerClick) {
+    ImageButtonView& box = button("checkbox");
+    box.show();
+    const struct {
+        const char* what;
+        std::function<void()> press;
+        bool acts;
+    } rows[] = {{"click", [&] { QTest::mouseClick(&box, Qt::LeftButton); }, true},
+                {"three quick clicks",
+                 [&] {
+                     for (const QEvent::Type press :
+                          {QEvent::MouseButtonPress, QEvent::MouseButtonDblClick, QEvent::MouseButtonPress}) {
+                         for (const QEvent::Type type : {press, QEvent::MouseButtonRelease}) {
+                             QMouseEvent event(type, QPoint(1, 1), box.mapToGlobal(QPoint(1, 1)),
+                                               Qt::LeftButton, Qt::LeftButton, Qt::NoModifier);
+                             event.setTimestamp(1'000'000'000);
+                             QApplication::sendEvent(&box, &event);
+                         }
+                     }
+                 },
+                 true},
+                {"right click", [&] { QTest::mouseClick(&box, Qt::RightButton); }, false},
+                {"key", [&] { QTest::keyClick(&box, Qt::Key_Space); }, true},
+                {"another key", [&] { QTest::keyClick(&box, Qt::Key_A); }, false},
+                {"key held down",
+                 [&] {
+                     QKeyEvent event(QEvent::KeyPress, Qt::Key_Space, Qt::NoModifier, " ", true);
+                     QApplication::sendEvent(&box, &event);
+                 },
+                 false}};
+    for (const auto& [what, press, acts] : rows) {
+        const bool wasTicked = box.getStatus();
+        const int before = log_.count("checkbox has been clicked");
+        press();
+        EXPECT_EQ(box.getStatus() != wasTicked, acts) << what;
+        EXPECT_EQ(log_.count("checkbox has been clicked") - before, acts) << what;
+    }
+}
+
+TEST_F(Window, AButtonShowsItsPressAndActsOnRelease) {
+    openSecondScreen();
+    ImageButtonView& stop = button("stop_button");
+    stop.show();
+    QTest::mousePress(&stop, Qt::LeftButton);
+    EXPECT_EQ(stop.image(), stop.deepImage());
+
+    // Hidden while pressed: not pressed when it is shown again, and the release acts on no button.
+    stop.hide();
+    QTest::mouseRelease(&button("continue_button"), Qt::LeftButton);
+    stop.performClick();
+    stop.show();
+    EXPECT_EQ(stop.image(), stop.normalImage());
+    EXPECT_EQ(log_.count("CoreImageView stopDownload") + log_.count("CoreImageView continueDownload"), 0);
+
+    // Released elsewhere, a press still counts.
+    QTest::mousePress(&stop, Qt::LeftButton);
+    QTest::mouseRelease(&stop, Qt::LeftButton, {}, QPoint(-200, -200));
+    EXPECT_EQ(log_.count("CoreImageView stopDownload"), 1);
+}
+
+TEST_F(Window, StartsOnlyWithConsent) {
+    ImageButtonView& start = button("start_button");
+    ImageButtonView& consent = button("checkbox");
+    const QAccessibleInterface* const reader = QAccessible::queryAccessibleInterface(&consent);
+    EXPECT_TRUE(reader->state().checked);
+    consent.show();
+    QTest::mouseClick(&consent, Qt::LeftButton);
+    EXPECT_FALSE(reader->state().checked);
+    QTest::mousePress(&start, Qt::LeftButton);
+    EXPECT_EQ(start.image(), start.grayImage());
+    QTest::mouseRelease(&start, Qt::LeftButton);
+    EXPECT_EQ(start.image(), start.grayImage());
+    EXPECT_EQ(log_.count("CoreImageView startDownload url:"), 1);
+    EXPECT_TRUE(start.isVisible());
+    consent.performClick();
+    EXPECT_EQ(start.image(), start.normalImage());
+    EXPECT_FALSE(start.getStatus());
+    consent.setNormalImage(nullptr); // as where its picture is missing
+    consent.setImage(nullptr);
+    EXPECT_TRUE(consent.getStatus());
+}
+
+TEST_F(Window, PlacesItsViews) {
+    QWidget& window = *panel_.window();
+    EXPECT_EQ(window.windowTitle().toStdString(), "Pellomar下载器");
+    EXPECT_EQ(window.minimumSize(), window.maximumSize());
+    EXPECT_EQ(window.geometry().center(), window.screen()->availableGeometry().center());
+    openSecondScreen();
+    const auto buttons = subviews<ImageButtonView>();
+    const auto labels = subviews<TextField>();
+    ASSERT_TRUE(buttons.size() == 6 && labels.size() == 3);
+    const std::pair<QWidget*, QRect> rows[] = {
+        // with the origin at the lower left
+        {&window, {0, 0, 800, 500}},      {buttons[0], {290, 180, 220, 60}}, {buttons[1], {25, 15, 16, 16}},
+        {labels[0], {41, 15, 300, 16}},   {buttons[2], {320, 40, 160, 40}},  {&bar(), {60, 100, 680, 10}},
+        {labels[1], {640, 125, 100, 15}}, {labels[2], {60, 125, 300, 15}},   {buttons[3], {320, 40, 160, 40}},
+        {buttons[4], {320, 40, 160, 40}}, {buttons[5], {320, 40, 160, 40}}};
+    for (const auto& [view, frame] : rows) {
+        EXPECT_EQ(view->size(), frame.size());
+        EXPECT_EQ(view->mapTo(&window, QPoint(0, view->height())), QPoint(frame.x(), 500 - frame.y()));
+    }
+    EXPECT_EQ(buttons[4]->normalImage(), buttons[5]->normalImage());
+    EXPECT_FALSE(buttons[0]->isVisible() || buttons[1]->isVisible() || labels[0]->isVisible());
+
+    // The hidden check box now shows the background, so it counts as not ticked and a later start does
+    // nothing.
+    panel_.startDownload();
+    EXPECT_EQ(subviews<ImageButtonView>().size(), 6);
+    EXPECT_EQ(log_.count("CoreImageView startDownload url:"), 2);
+    EXPECT_EQ(log_.count("WebStatic:Download Start"), 1);
+}
+
+TEST_F(Window, DrawsEveryTextWholeAndApart) {
+    openSecondScreen();
+    std::vector<std::string> texts;
+    const std::string header = readFile(STATUS_TEXTS).value();
+    const std::regex literal("= \"(.*)\";");
+    for (std::sregex_iterator found(header.begin(), header.end(), literal), end; found != end; ++found) {
+        texts.push_back((*found)[1]);
+    }
+    EXPECT_GE(texts.size(), 20U);
+    for (int code = 1; code <= EHWPOISON; ++code) {
+        texts.push_back(localizedDescription({code, std::generic_category()}));
+    }
+    const std::pair<TextField*, std::vector<std::string>> rows[] = {{&speed(), {"12345678 KB/s"}},
+                                                                    {&status(), texts}};
+    for (const auto& [label, shown] : rows) {
+        for (QWidget* const other : subviews<QWidget>()) {
+            EXPECT_TRUE(other->size() == panel_.size() || other == label ||
+                        !other->geometry().intersects(label->geometry()));
+        }
+        for (const std::string& text : shown) {
+            label->setStringValue("");
+            QImage expected = drawn();
+            label->setStringValue(text);
+            EXPECT_EQ(label->fittingFont(), label->font()) << "set smaller: " << text;
+            QPainter painter(&expected); // nothing clips here
+            painter.setFont(label->font());
+            painter.setPen(Qt::white);
+            const int side = label == &speed() ? Qt::AlignRight : Qt::AlignLeft;
+            painter.drawText(label->geometry(), side | Qt::AlignVCenter | Qt::TextDontClip, label->text());
+            EXPECT_TRUE(drawn() == expected) << "cut: " << text;
+        }
+    }
+}
+
+TEST_F(Window, DrawsThePicturesOfItsScale) {
+    const auto of = [this](const std::string& name) {
+        const char* const scale = panel_.devicePixelRatioF() > 1 ? "@2x" : "";
+        return QPixmap(viewText(bundleResourcePath(name + scale, "png")));
+    };
+    const auto expect = [&](const char* background, const char* picture, const char* name) {
+        button(name).show();
+        QImage expected = of(background).toImage().convertToFormat(QImage::Format_RGB32);
+        QPainter(&expected).drawPixmap(button(name).pos(), of(picture));
+        EXPECT_TRUE(drawn() == expected) << picture;
+        button(name).hide();
+    };
+    expect("firstbackground", "start_normal", "start_button");
+    openSecondScreen();
+    bar().hide();
+    speed().hide();
+    status().hide();
+    expect("secondbackground", "stop_normal", "stop_button");
+    expect("secondbackground", "continue_normal", "continue_button");
+    expect("secondbackground", "retry_normal", "retryDownload_button");
+}
+
+TEST_F(Window, DrawsDialogsWithRoomForTheirWords) {
+    const auto look = [] {
+        QWidget& box = *QApplication::activeModalWidget();
+        QRegion taken;
+        for (QWidget* const view : box.findChildren<QWidget*>()) {
+            if (view->isVisible() && view->findChildren<QWidget*>().isEmpty()) {
+                const QRect place(view->mapTo(&box, QPoint()), view->size());
+                EXPECT_TRUE(box.rect().contains(place) && !taken.intersects(place));
+                taken += place;
+                EXPECT_GE(view->width(), view->minimumSizeHint().width());
+                EXPECT_GE(view->height(), view->heightForWidth(view->width()));
+            }
+        }
+        box.findChild<QPushButton*>()->click();
+    };
+    for (const std::function<void()>& ask : {std::function<void()>([&] { panel_.isCoverInstall(); }),
+                                             std::function<void()>(CoreImageView::installFaildGuide),
+                                             std::function<void()>(CoreImageView::installFaildDueToSip)}) {
+        QTimer::singleShot(0, look);
+        ask();
+    }
+}
+
+using Records = Window;
+
+TEST_F(Records, MoveBarAndSpeed) {
+    openSecondScreen();
+    /// The middle line of the bar in a picture of the panel.
+    const auto barLine = [this](const QImage& image) {
+        const double scale = panel_.devicePixelRatioF();
+        std::vector<QRgb> line;
+        for (int x = bar().x(); x < bar().x() + bar().width(); ++x) {
+            line.push_back(image.pixel(qRound(x * scale), qRound(bar().geometry().center().y() * scale)));
+        }
+        return line;
+    };
+    constexpr auto kData = CurlMessageTypeData, kLength = CurlMessageTypeLength;
+    const struct {
+        const char* what;
+        CurlMessageType type;
+        std::int64_t kilobytes;
+        double time; ///< seconds from an arbitrary moment
+        double percent;
+        const char* speed;
+    } rows[] = {
+        {"before the length is known", kData, 100, 0, 0, "0 KB/s"},
+        {"length", kLength, 1000, 0, 0, "0 KB/s"},
+        {"first sample since the epoch", kData, 100, 0.1, 20, "0 KB/s"},
+        {"within a second", kData, 100, 1.0, 30, "0 KB/s"},
+        {"after more than a second", kData, 200, 2.1, 50, "150 KB/s"},
+        {"the clock jumps back", kData, 100, -500, 60, "150 KB/s"},
+        {"stopped: the last rate stays", kData, 0, 3.0, 60, "150 KB/s"},
+        {"probed again by a continue", kLength, 1000, 0, 60, "150 KB/s"},
+        {"and counts on", kData, 400, 12.1, 100, "50 KB/s"},
+    };
+    const std::vector<QRgb> empty = barLine(drawn());
+    for (const auto& row : rows) {
+        CurlMessage message;
+        message.setItype(row.type);
+        message.setIMessage(row.kilobytes * 1024);
+        message.setTimestamp(1.7e9 + row.time);
+        std::atomic<bool> isHandled{false};
+        const std::jthread worker([&] { // as a download worker posts it
+            NotificationCenter::defaultCenter().postNotification(kCurlCallbackMessage, &message);
+            isHandled = true;
+        });
+        EXPECT_TRUE(QTest::qWaitFor([&] { return isHandled.load(); }, 30'000)) << row.what;
+        EXPECT_EQ(speed().text().toStdString(), row.speed) << row.what;
+        // The bar is painted, and its new value reported to screen readers, with the next frame.
+        const auto isShown = [&] {
+            const QPixmap screen = panel_.screen()->grabWindow(panel_.window()->winId());
+            const std::vector<QRgb> line = barLine(screen.toImage());
+            const auto end = std::ranges::mismatch(line, empty, std::not_equal_to()).in1;
+            return bar().value() == static_cast<int>(row.percent) &&
+                   std::abs(std::distance(line.begin(), end) * 100.0 / bar().width() - row.percent) < 0.5 &&
+                   std::equal(end, line.end(), empty.end() - std::distance(end, line.end()));
+        };
+        EXPECT_TRUE(QTest::qWaitFor(isShown)) << row.what;
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    const ScratchFolder runtime; // the toolkit would leave one of its own in /tmp
+    setenv("XDG_RUNTIME_DIR", runtime.path().c_str(), 1);
+    const QApplication application(argc, argv);
+    setUpLook();
+    MainThread::attach();
+    return RUN_ALL_TESTS();
+}
