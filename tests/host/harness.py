@@ -59,8 +59,9 @@ class HostTest(unittest.TestCase):
         self.assertEqual(outcome.returncode, 0)
 
     def assert_refused(self, outcome, cause):
-        (line,) = re.findall("^installer: Error - .+$", outcome.stdout, re.MULTILINE)
-        self.assertIn(cause, line)
+        lines = re.findall("^installer: Error - .+$", outcome.stdout, re.MULTILINE)
+        self.assertEqual(len(lines), 1, outcome.stdout)
+        self.assertIn(cause, lines[0])
         self.assertNotIn("successful", outcome.stdout)
         self.assertNotEqual(outcome.returncode, 0)
 
