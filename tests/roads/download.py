@@ -1,28 +1,32 @@
-"""What becomes of a server's answers to the probe, to a fresh download and to one that goes on; nobody has the rights
-to install what comes of it."""
+"""A server's answers to the probe, to a fresh download and to one that goes on, presses, disks and homes; nobody has the
+rights to install what comes of it."""
 
-from install import BROKEN, CLICKED_AGAIN, DOWNLOADING, FINISHED, REFUSED, START
-from road import DOCUMENT, Road
+import subprocess
+
+from install import BROKEN, CLICKED_AGAIN, CLOSED, DOWNLOADING, FINISHED, REFUSED, START, URL
+from machine import ADDRESS
+from road import DOCUMENT, SMALL_DISK, Road
 
 ALL, HALF = len(DOCUMENT), 40_000
 PROBE = "HEAD"
 
 COMPLETE = [*DOWNLOADING, *FINISHED, *REFUSED]
 BROKEN_OFF = [*DOWNLOADING, *BROKEN]
-GOES_ON = ["> 继续", "log continue_button has been clicked", "log CoreImageView continueDownload", "show 停止", "hide 继续"]
-TRIES_AGAIN = [*GOES_ON[:3], "log WebStatic:Download Start", "event 814", *GOES_ON[3:]]
-STOPS = ["> stall", "> 停止", "log stop_button has been clicked", "log CoreImageView stopDownload", "hide 停止",
-         "show 继续", "> release"]
+CONTINUED = ["log continue_button has been clicked", "log CoreImageView continueDownload", "show 停止", "hide 继续"]
+TRIES_AGAIN = ["> 继续", *CONTINUED[:2], "log WebStatic:Download Start", "event 814", *CONTINUED[2:]]
+STOPPED = ["log stop_button has been clicked", "log CoreImageView stopDownload", "hide 停止", "show 继续"]
 GIVEN_UP = ["hide 停止", "hide 下载进度", "log Webstatic:Download Faild", "event 821"]
-NOT_FOUND = ["log Target File does not exists", "status 文件不存在，请前往下载新版本Pellomar下载器", *GIVEN_UP]
+NOT_FOUND = ["log Target File does not exists", "status 文件不存在，请前往下载新版本Pellomar下载器", *GIVEN_UP,
+             "> picture package-not-found"]
+UNREADABLE = "log Open of File for reading failed:/media/Pellomar/Pellomar下载器.app/../.config!"
 
 
 def not_started(code):
-    return [f"log Error Code:{code}", "status 下载失败，请直接双击镜像中的APP开始下载", *GIVEN_UP]
+    return [f"log Error Code:{code}", "status 下载失败，请直接双击镜像中的APP开始下载", *GIVEN_UP, "> picture download-failed"]
 
 
 def road(lines, *answers, **more):
-    return Road([*START, *lines], rights="none", answers=answers, **more)
+    return Road([*START, *lines], rights="none", answers=answers or ({},), **more)
 
 
 def fresh(answer, lines=COMPLETE, holds=ALL, asked=None):
@@ -35,6 +39,26 @@ def resumed(answer, holds=HALF, lines=BROKEN_OFF, then=(*TRIES_AGAIN, *COMPLETE)
                 holds=ALL if then else holds, asked=[PROBE, None, *[PROBE, HALF] * (2 if then else 1)])
 
 
+def mount(folder, options):
+    subprocess.run(["mount", "--mkdir", "-t", "tmpfs", "-o", options, "tmpfs", folder], check=True)
+
+
+def mount_small(machine):
+    mount(SMALL_DISK, f"size={4096 * 10},mode=1777")
+    (machine.home / "Downloads").symlink_to(SMALL_DISK)
+
+
+def put_link(machine):
+    (machine.home / "Downloads").mkdir()
+    (machine.home / "Downloads/NVInst").symlink_to("/proc")
+
+
+def unusable(status, reason, prepare, *picture):
+    """The temporary folder or file cannot be made: nothing is asked for before the person continues, nor written then."""
+    return Road([*START[:-2], f"log create temp file failed:{reason}", f"status {status}", *picture, "> 停止", *STOPPED,
+                 *TRIES_AGAIN, "log Open of File for appending failed:~/Downloads/NVInst/Pellomar.tmp!", *BROKEN], rights="none", prepare=prepare, asked=[PROBE])
+
+
 STALL_AT_ONCE = {"head": 0, "ending": "stall"}
 
 DOWNLOAD_ROADS = {
@@ -43,19 +67,22 @@ DOWNLOAD_ROADS = {
         "refuse": road(not_started(7), {"arrival": "refuse"}),
         "no length": road(NOT_FOUND, {"length": None}, asked=[PROBE]),
         # There is no transfer yet that it could stop.
-        "stop during a stall": road([*STOPS, *DOWNLOADING, *FINISHED[:3], "hide 继续", *FINISHED[4:], *REFUSED],
+        "stop during a stall": road(["> stall", "> picture checking-network", "> 停止", *STOPPED, "> release",
+                                     *DOWNLOADING, *FINISHED[:3], "hide 继续", *FINISHED[4:], *REFUSED],
                                     STALL_AT_ONCE, {}, holds=ALL),
         "page of an error": road(COMPLETE, {"status": 404, "body": 8}, holds=8),
         "redirect": road(COMPLETE, {"redirect": "http://127.0.0.1:1/"}, asked=[PROBE, None]),
     },
     "answers to a fresh download": {
-        "cut": fresh({"cut": HALF}, [*BROKEN_OFF, *TRIES_AGAIN, *COMPLETE], asked=[PROBE, None, PROBE, HALF]),
+        "cut": fresh({"cut": HALF}, [*BROKEN_OFF, "> picture network-failure", *TRIES_AGAIN, *COMPLETE],
+                     asked=[PROBE, None, PROBE, HALF]),
         "breaks each time": road([*BROKEN_OFF, *[*TRIES_AGAIN, *BROKEN_OFF] * 3, *TRIES_AGAIN, *not_started(52)],
                                  {}, {"cut": 1}, {}, {"cut": 0}, {}, {"cut": HALF}, {}, {"cut": -1}, {"head": 0},
                                  holds=ALL - 1, asked=[PROBE, None, PROBE, 1, PROBE, 1, PROBE, 1 + HALF, PROBE]),
         "reset": fresh({"cut": HALF, "ending": "reset"}, [*BROKEN_OFF, *TRIES_AGAIN, *COMPLETE]),
         "stop during a stall": fresh({"cut": HALF, "ending": "stall"},
-                                     [*DOWNLOADING, "> 40%", *STOPS, "status 已停止下载", *GOES_ON, *COMPLETE],
+                                     [*DOWNLOADING, "> 40%", "> stall", "> 停止 ×3", *STOPPED, "> release",
+                                      "status 已停止下载", "> 继续 ×2", *CONTINUED, *COMPLETE],
                                      asked=[PROBE, None, PROBE, HALF]),
         "no length": fresh({"length": None}),
         "a folder in the file's place": road(COMPLETE, {}, stale=["Downloads/NVInst/Pellomar.tmp/deep"], holds=ALL),
@@ -72,10 +99,31 @@ DOWNLOAD_ROADS = {
         "page of an error": resumed({"status": 404, "body": 8}),
         "redirect": resumed({"redirect": "http://127.0.0.1:1/"}),
         # Taken for the end; the installer is what refuses it.
-        "nothing left": resumed({"status": 416, "body": ""}, lines=COMPLETE, then=()),
+        "nothing left": resumed({"status": 416, "body": 0}, lines=COMPLETE, then=()),
         "refuse": road([*BROKEN_OFF, *TRIES_AGAIN, *not_started(7)], {}, {"cut": HALF}, {"arrival": "refuse"},
                        holds=HALF),
     },
     "a second attempt at the rights does not download again": road([*COMPLETE, *CLICKED_AGAIN, *REFUSED], {},
                                                                   asked=[PROBE, None], holds=ALL),
+    "closed on the first screen": Road(),
+    "by keys, and closed before the server answers": Road(
+        ["> picture first-screen", "> focus 开始", "> picture first-screen-focus", "> space", *START[1:], *DOWNLOADING,
+         "> 40%", "> picture downloading", "> focus 停止", "> Return", *STOPPED, "status 已停止下载", "> picture stopped",
+         "> focus 继续", "> KP_Enter", *CONTINUED, "> stall", "> picture resumed", *CLOSED],
+        rights="none", answers=({}, {"rate": 20_000}, STALL_AT_ONCE)),
+    "full disk": road([*DOWNLOADING, "log Write of File failed:No space left on device", *BROKEN, "> space on disk", *TRIES_AGAIN, *COMPLETE], prepare=mount_small,
+                      asked=[PROBE, None, PROBE, 4096 * 10], holds=ALL),
+    "unwritable home": unusable("没有写入权限，请检查文件夹权限", "Permission denied", lambda machine: machine.home.chmod(0o555)),
+    "read-only disk": unusable("磁盘是只读的，无法写入", "Read-only file system", lambda machine: mount(machine.home, "ro")),
+    "file for a folder": unusable("路径中有一项不是文件夹", "Not a directory",
+                                  lambda machine: (machine.home / "Downloads").touch(), "> picture no-folder"),
+    "temporary file that cannot be made": unusable("无法创建临时文件", "No such file or directory", put_link, "> picture no-temporary-file"),
+    "no log, where another's folder is": road(COMPLETE, home="用 户",
+                                              prepare=lambda machine: (machine.home / "Documents").mkdir()),
+    "a proxy's password": road(COMPLETE, before=("env", "no_proxy=", "http_proxy=http://visitor:secret@{}:{}".format(*ADDRESS)),
+                               logged="Content-Length: "),
+    "malformed proxy": road(not_started(5), before=("env", "no_proxy=", "http_proxy=http://visitor:secret/@127.0.0.1:1")),
+    "unreadable configuration": Road(
+        [START[0], START[1], UNREADABLE, START[2].removesuffix(URL), *START[3:-1], START[-1].replace(URL, ""), *not_started(3)],
+        rights="none", prepare=lambda machine: machine.config.chmod(0)),
 }

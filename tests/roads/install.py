@@ -1,20 +1,10 @@
 """The roads of an installation, from the first screen to the launched product or the window that is closed."""
 
-from machine import ADDRESS, APPLICATION, REAL, STARTUP, note, plist, write
-from road import FLAG, Road
+from machine import ADDRESS, APPLICATION, HOLD, INSTALLER, INSTALLS, KEXTSTAT, LOADED, REAL, REMOVES, STARTUP, STATISTICS, write
+from road import FLAG, HELD, Road
 
 URL = "http://{}:{}/soft/package".format(*ADDRESS)
-
-# What the tools do, as lines of bash.
-REMOVES = f'{REAL}/rm "$@"'
-INSTALLS = """mkdir -p /Applications; cp -r /opt/product /Applications/Pellomar.app; ls "${2%/*}"
-echo 'installer: The install was successful.'"""
-LOADED = "echo 'Index Refs Name'; echo '120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)'"
-NOT_LOADED = "echo 'No such driver'"
-DRIVER_FAILS = "echo 'VirtualBox Error: no VBoxDrv'"
-TOOLS = {"/bin/rm": [REMOVES], "/usr/sbin/installer": [INSTALLS], "/usr/sbin/kextstat": [LOADED],
-         STARTUP: ["echo Started."]}
-MISSING = []
+MISSING, NOT_LOADED, DRIVER_FAILS = [], ["echo 'No such driver'"], ["echo 'VirtualBox Error: no VBoxDrv'"]
 
 START = ["> 开始", "log start_button has been clicked", f"log CoreImageView startDownload url:{URL}", "hide 开始",
          "show 下载进度", "status 正在检测网络", "show 停止", "log WebStatic:Download Start", "event 814",
@@ -47,7 +37,8 @@ DRIVER_FAILED = ["status 安装vbox驱动失败，请重试", "show 重试安装
 OLD_SYSTEM = ["log install vbox drive faild", *DRIVER_FAILED]
 GUIDE = ["dialog 检测到您的电脑未能成功安装驱动程序，请前往系统偏好设置允许系统安装驱动程序。 "
          "待设置完成后请点击重试。||立即前往设置"]
-SETTINGS = [*GUIDE, "> behind 重试安装", "> 立即前往设置", "opens /System/Library/PreferencePanes/Security.prefPane", "dialog closed"]
+SETTINGS = [*GUIDE, "> behind 重试安装", "> 立即前往设置",
+            "opens /System/Library/PreferencePanes/Security.prefPane", "dialog closed"]
 NEW_SYSTEM = ["status 安装Pellomar失败，请前往论坛查看安装教程", "log 10.14.5以上系统没有关闭sip",
               "dialog 安装失败，检测到您的系统与驱动签名不兼容。点击“立即前往”查看解决方案。||立即前往"]
 LAUNCHED = ["status 正在启动Pellomar", "log launch Pellomar.app successful", "opens new Pellomar, user in ~",
@@ -58,20 +49,23 @@ REFUSED = [RIGHTS[0], "log Could not create authorization reference object.", *D
 ALLOWED_AT_LAST = ["> agent right", *AGAIN, *KEPT, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED]
 UNSTARTED = "could not be started as root:-60031"
 
+CLEAN = [*DOWNLOADED, *INSTALLED, *LOADED_AND_LAUNCHED]
+WITHOUT_EVENTS = [line for line in CLEAN if not line.startswith("event")]
+CLOSED = ["> quit", "log window close", "events submitted"]
+
 INSTALL_ROADS = {
-    "clean": Road(
-        [*DOWNLOADED, *INSTALLED, *LOADED_AND_LAUNCHED],
-        logged="Index Refs Name\n120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)\n\n"),
+    "clean": Road(CLEAN, logged="Index Refs Name\n120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)\n\n"),
     "old copy kept": Road(
-        [*DOWNLOADED, *KEPT, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED], rights="root",
+        [*DOWNLOADED, *KEPT, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED], rights="root", old=True,
+        stale=(FLAG, "Downloads/NVInst/Pellomar.pkg", "Downloads/NVInst/Pellomar.tmp"),
         # It ends when it finds its own output in the log.
-        tools={"/usr/sbin/kextstat": [f'{LOADED}; exec >&-; until grep -q "^120 3" "$log"; do sleep 0.1; done']},
-        old=True, stale=[FLAG, "Downloads/NVInst/Pellomar.pkg", "Downloads/NVInst/Pellomar.tmp"]),
+        tools={KEXTSTAT: [f'{LOADED}; exec >&-; until grep -q "^120 3" "$log"; do sleep 0.1; done']}),
     "return keeps, and the driver is named across two reads": Road(
         [*DOWNLOADED, *QUESTION, "> Return", *YES, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED],
-        {"/usr/sbin/kextstat": ["printf '%1015s%s' '' com.norvik.emu.kext.VBoxDrv"]}, old=True),
+        {KEXTSTAT: ["printf '%1015s%s' '' com.norvik.emu.kext.VBoxDrv"]}, old=True),
     "question not closed without an answer, old copy not kept": Road(
-        [*DOWNLOADED, *QUESTION, "> Escape", "> close", "> 取消", *NO, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED],
+        [*DOWNLOADED, *QUESTION, "> picture keep-data-question", "> Escape", "> close", "> 取消", *NO, *REMOVED,
+         *INSTALLED, *LOADED_AND_LAUNCHED],
         old=True, home="用户 1", flag=True),
     "removal's words count against the installer": Road(
         [*DOWNLOADED, *QUESTION, "> 取消", *NO, *REMOVED, "log uninstall Pellomar failed", *INSTALLATION,
@@ -82,66 +76,73 @@ INSTALL_ROADS = {
     "removal cannot start": Road(
         [*DOWNLOADED, *KEPT, REMOVAL[0], f"log /bin/rm {UNSTARTED}"], {"/bin/rm": MISSING}, old=True),
     "file in the product's place is no old copy": Road(
-        [*DOWNLOADED, *INSTALLED, *LOADED_AND_LAUNCHED],
-        {"/usr/sbin/installer": [f"{REAL}/rm {APPLICATION}\n{INSTALLS}"]},
-        prepare=lambda _: write(APPLICATION, "")),
+        CLEAN, {INSTALLER: [f"{REAL}/rm {APPLICATION}\n{INSTALLS}"]}, prepare=lambda _: write(APPLICATION, "")),
     "installer says error, the second download breaks off, goes on at its own byte and installs": Road(
         [*DOWNLOADED, *INSTALLATION, "log Install Pellomar failed:installer: Error - damaged", *INSTALL_FAILED,
-         *DOWNLOAD_AGAIN, *BROKEN[1:], "> 继续", "log continue_button has been clicked",
-         "log CoreImageView continueDownload", "log WebStatic:Download Start", "event 814", "show 停止", "hide 继续",
-         *DOWNLOADING, *FINISHED, *RIGHTS, *INSTALLED, *LOADED_AND_LAUNCHED],
-        {"/usr/sbin/installer": ["echo 'installer: Error - damaged'", INSTALLS]}, held=1,
-        answers=({}, {}, {}, {"cut": 40_000}, {}), asked=["HEAD", None, "HEAD", None, "HEAD", 40_000]),
+         "> picture install-failed", *DOWNLOAD_AGAIN, "> 10%", "> picture retried", *BROKEN[1:], "> 继续",
+         "log continue_button has been clicked", "log CoreImageView continueDownload", "log WebStatic:Download Start",
+         "event 814", "show 停止", "hide 继续", *DOWNLOADING, *FINISHED, *RIGHTS, *INSTALLED, *LOADED_AND_LAUNCHED],
+        {INSTALLER: ["echo 'installer: Error - damaged'", INSTALLS]}, held=1,
+        answers=({}, {}, {}, {"cut": 40_000, "rate": 20_000}, {}), asked=["HEAD", None, "HEAD", None, "HEAD", 40_000]),
     "installer's status and error stream do not count": Road(
-        [*DOWNLOADED, *INSTALLED, *LOADED_AND_LAUNCHED],
-        {"/usr/sbin/installer": [f"{INSTALLS}; echo Error >&2; exit 1"]}),
+        CLEAN, {INSTALLER: [f"{INSTALLS}; echo Error >&2; exit 1"]}),
     "installer says error, and the rights stay": Road(
         [*DOWNLOADED, *INSTALLATION, "log Install Pellomar failed:INVALID", *INSTALL_FAILED],
-        {"/usr/sbin/installer": ["echo INVALID"]}, held=1),
+        {INSTALLER: ["echo INVALID"]}, held=1),
     "installer cannot start": Road(
         [*DOWNLOADED, *INSTALLATION[:3], f"log /usr/sbin/installer {UNSTARTED}",
-         "status 安装Pellomar失败了，请联系反馈群或者重新尝试进行安装", "event 822"],
-        {"/usr/sbin/installer": MISSING}),
+         "status 安装Pellomar失败了，请联系反馈群或者重新尝试进行安装", "event 822", "> picture installer-missing"],
+        {INSTALLER: MISSING}),
+    "closed during the installation": Road(
+        [*DOWNLOADED, *INSTALLATION, *CLOSED], {INSTALLER: ["exec sleep 600"]}, rights="root"),
     "old system, settings, driver starts": Road(
-        [*DOWNLOADED, *INSTALLED, *QUERY, *OLD_SYSTEM, "event 823", *SETTINGS, *AGAIN, *DRIVER_START, "event 825",
-         *LAUNCHED],
+        [*DOWNLOADED, *KEPT, *REMOVAL, "> picture uninstalling", "> proceed", REMOVED[-1],
+         *INSTALLATION, "> picture installing", "> proceed", *INSTALLED[len(INSTALLATION):],
+         *QUERY, "> picture querying-driver", "> proceed", *OLD_SYSTEM, "event 823",
+         GUIDE[0], "> picture driver-guidance", *SETTINGS[1:], "> picture driver-failure",
+         *AGAIN, *DRIVER_START, "> picture installing-driver", "> proceed", "event 825",
+         LAUNCHED[0], "> picture launching", "> proceed", *LAUNCHED[1:]],
         # What the installer prints does not count for the driver.
-        {"/usr/sbin/installer": [f"{INSTALLS}; echo com.norvik.emu.kext.VBoxDrv"], "/usr/sbin/kextstat": [NOT_LOADED]},
-        logged="\nStarted.\n\n"),
+        {"/bin/rm": [HELD + REMOVES], KEXTSTAT: [HELD + NOT_LOADED[0]], STARTUP: [f"{HELD}echo Started."],
+         INSTALLER: [f"{HELD}{INSTALLS}; ln -sf {HOLD} /Applications/Pellomar.app/Contents/Info.plist; "
+                     "echo com.norvik.emu.kext.VBoxDrv"]},
+        old=True, logged="\nStarted.\n\n"),
     "old system, guide closed, driver start fails, then says only error": Road(
         [*DOWNLOADED, *INSTALLED, *QUERY, *OLD_SYSTEM, "event 823", *GUIDE, "> Escape", "dialog closed", *AGAIN,
          *DRIVER_START, *OLD_SYSTEM[:-1], "show 重试安装", *GUIDE, "> Return",
          "opens /System/Library/PreferencePanes/Security.prefPane", "dialog closed", *AGAIN, *DRIVER_START,
          "event 825", *LAUNCHED],
-        {"/usr/sbin/kextstat": ["true"], STARTUP: [DRIVER_FAILS, "echo Error"]}, system="10.14.4"),
+        {KEXTSTAT: ["true"], STARTUP: [*DRIVER_FAILS, "echo Error"]}, system="10.14.4"),
     "old system, rights given up": Road(
         [*DOWNLOADED, *INSTALLED, *QUERY, *OLD_SYSTEM, "event 823", *GUIDE, "> Escape", "dialog closed"],
-        {"/usr/sbin/kextstat": ["true"]}, system="10.15.4"),
+        {KEXTSTAT: ["true"]}, system="10.15.4"),
     "new system, driver in another letter case": Road(
-        [*DOWNLOADED, *INSTALLED, *QUERY, "event 824", *NEW_SYSTEM, "> 立即前往", "opens the help page", "dialog closed"],
-        {"/usr/sbin/kextstat": ["echo com.norvik.emu.kext.vboxdrv"]}, system="10.14.5"),
+        [*DOWNLOADED, *INSTALLED, *QUERY, "event 824", *NEW_SYSTEM, "> picture signature-guidance", "> 立即前往",
+         "opens the help page", "dialog closed", "> picture see-forum"],
+        {KEXTSTAT: ["echo com.norvik.emu.kext.vboxdrv"]}, system="10.14.5"),
     "query cannot start, driver start fails on a new system": Road(
         [*DOWNLOADED, *INSTALLED, QUERY[0], f"log /usr/sbin/kextstat {UNSTARTED}", *DRIVER_FAILED, *AGAIN,
          *DRIVER_START, *NEW_SYSTEM, "> Escape", "dialog closed"],
-        {"/usr/sbin/kextstat": MISSING, STARTUP: [DRIVER_FAILS]}, system="10.14.6"),
+        {KEXTSTAT: MISSING, STARTUP: DRIVER_FAILS}, system="10.14.6"),
     "launch fails": Road(
         [*DOWNLOADED, *INSTALLED, *QUERY, "event 826", "status 正在启动Pellomar",
          "log launch Pellomar.app error:The executable /Applications/Pellomar.app/Contents/MacOS/Pellomar "
-         "could not be started: Permission denied", "status 启动Pellomar失败"],
-        {"/usr/sbin/installer": [f"{INSTALLS}; chmod -x /Applications/Pellomar.app/Contents/MacOS/*"]}),
+         "could not be started: Permission denied", "status 启动Pellomar失败", "> picture launch-failed"],
+        {INSTALLER: [f"{INSTALLS}; chmod -x /Applications/Pellomar.app/Contents/MacOS/*"]}),
     "rights refused twice before anything is asked": Road(
-        [*BEFORE_RIGHTS, *REFUSED, *CLICKED_AGAIN, *REFUSED], old=True, rights="none"),
+        [*BEFORE_RIGHTS, *REFUSED, "> picture rights-refused", *CLICKED_AGAIN, *REFUSED], old=True, rights="none"),
     "a rule refuses": Road(
         [*BEFORE_RIGHTS, *DENIED, "> no rule", *ALLOWED_AT_LAST], old=True, rights="NO", agent="right"),
     "nobody can be asked": Road([*BEFORE_RIGHTS, *DENIED, *ALLOWED_AT_LAST], old=True, rights="ask"),
     "wrong password": Road([*BEFORE_RIGHTS, *DENIED, *ALLOWED_AT_LAST], old=True, rights="ask", agent="wrong"),
     "password dialog closed": Road(
         [*BEFORE_RIGHTS, *DENIED[:1], *DENIED[2:], *ALLOWED_AT_LAST], old=True, rights="ask", agent="close"),
+    "closed during the password dialog": {
+        "that the worker waits for": Road([*BEFORE_RIGHTS, RIGHTS[0], "> asked", *CLOSED], rights="ask", agent="wait"),
+        "that the main thread waits for": Road(
+            [*BEFORE_RIGHTS, *DENIED, "> agent wait", *CLICKED_AGAIN, RIGHTS[0], "> asked", *CLOSED], rights="ask"),
+    },
+    "no statistics tool": Road(WITHOUT_EVENTS, prepare=lambda _: STATISTICS.unlink()),
+    "statistics tool that hangs": Road(
+        WITHOUT_EVENTS, prepare=lambda _: write(STATISTICS, "#!/bin/sh\nexec sleep 600\n", 0o755)),
 }
-
-
-def prepare():
-    """The product that the scripted installer puts in place."""
-    write("/opt/product/Contents/Info.plist", plist("CFBundleExecutable", "Pellomar"))
-    write("/opt/product/Contents/MacOS/Pellomar", note(
-        "opens $([[ -e ${0%/MacOS/*}/of-the-old-copy ]] && echo mixed || echo new) Pellomar, $(id -un) in $PWD"), 0o755)

@@ -4,39 +4,44 @@ import contextlib
 import dataclasses
 import difflib
 import random
+import re
+import subprocess
 import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "stage"))
 from desktop import xdotool  # noqa: E402
-from machine import ADDRESS, trace  # noqa: E402
+from machine import ADDRESS, ERRORS, HOLD, trace  # noqa: E402
 from server import FaultServer  # noqa: E402
 from waiting import Blocked, wait_for  # noqa: E402
 from window import ALERT, Atspi  # noqa: E402
 
 FLAG = "Library/Application Support/PellomarData/CoverInstallFlag"
-# The download worker may log these when the install worker is under way already.
-UNTOLD = ("SyncHead", "SyncDownload", "CoreImageView hitTest", "PellomarDownloader ", "Qt ", "~/Documents/")
-UNTOLD = tuple(f"log {text}" for text in UNTOLD)  # the last three open the log
+SMALL_DISK = Path("/mnt/small")
+HELD = f"cat {HOLD} >/dev/null; "  # makes a tool wait for "> proceed"
+# The download worker may log these when the install worker is under way already; the last three open the log.
+NOT_COMPARED = ("SyncHead", "SyncDownload", "CoreImageView hitTest", "PellomarDownloader ", "Qt ", "~/Documents/")
+NOT_COMPARED = tuple(f"log {text}" for text in NOT_COMPARED)
 DOCUMENT = random.Random(0).randbytes(100_000)  # any cut, shift or repetition shows
 
 
 @dataclasses.dataclass
 class Road:
-    """LINES tell what is seen, one after the other, and, after "> ", what the person does: presses the button of that
-    name, or the one "behind" a dialog, or the key; waits for so many percent ("20%") or for the server's "stall", and has it "release" that; has the
-    password dialogs answered from now on ("agent right", see Agent); takes polkit's rule away ("no rule")."""
+    """LINES say what is seen, one after the other, and, after "> ", what the person does (see act)."""
 
-    lines: list
-    tools: dict = dataclasses.field(default_factory=dict)
+    lines: list = ()
+    tools: dict = dataclasses.field(default_factory=dict)  # instead of the scripted ones
+    real: bool = False  # the other tools are the real ones
     old: bool = False  # an old copy of the product is there
     system: str = ""  # its version; empty: only the kernel tells one
     home: str = "user"
     stale: tuple = ()  # files in the home
+    before: tuple = ()  # the beginning of the window's command line
     rights: str = "YES"  # polkit's rule; or "ask", "root", who starts the window, or "none", without a system bus
     agent: str = None  # what answers the password dialog
+    document: bytes = DOCUMENT
     answers: tuple = ({},)  # of the server, one a request
-    asked: list = None  # the first bytes that were asked for, None for a HEAD
+    asked: list = None  # the first bytes that were asked for, None for the whole, HEAD for a probe
     holds: int = None  # how many of the document's bytes are in the temporary file in the end
     flag: bool = False  # whether it is there in the end
     held: int = 0  # authorizations that are left when nothing is under way
@@ -44,53 +49,79 @@ class Road:
     prepare: object = None  # is given the machine
 
 
+def act(machine, window, server, action):
+    match action.split():
+        case ["Escape" | "Return" | "KP_Enter" | "space"]:  # a key, for what has the focus
+            focused = Atspi.StateType.FOCUSED
+            window.wait_for("the focus", lambda: any(item.has(focused) for item in window.showing()))
+            xdotool("key", action)
+        case ["focus", button]:
+            window.focus(button)
+        case ["behind", button]:  # a dialog
+            window.invoke(button)
+        case ["close"]:  # which a dialog refuses
+            window.refuses_to_close()
+        case ["quit"]:
+            window.ask_to_close()
+        case ["picture", name]:
+            # A change is drawn after it is made: one more turn of the window's event loop comes first.
+            window.labels(), window.labels()
+            machine.camera(name)
+        case ["stall"]:
+            window.wait_for("the stall", lambda: server.stalled)
+        case ["release"]:  # what stalls
+            window.labels()  # answered by the window's main thread when it has dealt with the last press
+            server.release()
+        case ["proceed"]:  # a tool, or the launch
+            HOLD.write_text(Path("/opt/product/Contents/Info.plist").read_text())
+        case ["space", "on", "disk"]:
+            subprocess.run(["mount", "-o", "remount,size=1m", SMALL_DISK], check=True)
+        case ["agent", answer]:  # for the password dialogs from now on
+            machine.start_agent(window, answer)
+        case ["asked"]:
+            window.wait_for("the password dialog", lambda: machine.agent.asked() == 1)
+        case ["no", "rule"]:  # of polkit's from now on
+            machine.rights.stop()
+            machine.rights.start()
+        case [percent] if percent.endswith("%"):
+            window.wait_for_percent(int(percent[:-1]))
+        case [button, clicks]:  # as many quick ones
+            seen = window.log().count("hitTest")
+            window.press(button, clicks=int(clicks[1:]))
+            window.wait_for("the clicks", lambda: window.log().count("hitTest") == seen + int(clicks[1:]))
+        case [button] if window.showing(ALERT):
+            window.press(button)  # with the mouse: so it comes after the keys
+        case [button]:
+            window.invoke(button)
+
+
 def is_started(line):
     """By the program, which does not wait for it."""
     return line.startswith(("event", "opens"))
 
 
-def act(machine, window, server, action):
-    if action in ("Escape", "Return"):
-        focused = Atspi.StateType.FOCUSED
-        window.wait_for("the dialog's focus", lambda: any(item.has(focused) for item in window.showing()))
-        xdotool("key", action)
-    elif action.startswith("behind "):
-        window.invoke(action[7:])
-    elif action == "close":
-        window.refuses_to_close()
-    elif action.endswith("%"):
-        window.wait_for_percent(int(action[:-1]))
-    elif action == "stall":
-        window.wait_for("the stall", lambda: server.stalled)
-    elif action.startswith("agent "):
-        machine.start_agent(window, action[6:])
-    elif action == "no rule":
-        machine.rights.stop()
-        machine.rights.start()
-    elif action == "release":
-        window.labels()  # answered by the window's main thread when it has dealt with the last press
-        server.release()
-    elif window.showing(ALERT):
-        window.press(action)  # with the mouse: so it comes after the keys
-    else:
-        window.invoke(action)
-
-
-def differences(road, machine, window, server, status):
+def differences(road, machine, window, server):
     """All that is not as it must be."""
     lines = [line.replace("user ", f"{machine.owner} ") for line in road.lines if not line.startswith("> ")]
-    names = {machine.setting("PELLOMAR_HELP_URL"): "the help page"}
-    told = [[line for line in part if not line.startswith(UNTOLD)] for part in trace(machine.home, names)]
-    seen = [line for line in lines if not is_started(line)]
-    started = [line for line in lines if is_started(line) or " runs " in line]
-    for must_be, is_so in zip((seen, started), told):
+    log, names = window.log(), {machine.help_page: "the help page"}
+    seen, started = ([line for line in part if not line.startswith(NOT_COMPARED)] for part in trace(machine.home, names))
+    for must_be, is_so in (
+        ([line for line in lines if not is_started(line)], seen),
+        ([line for line in lines if is_started(line) or " runs " in line], started),
+    ):
         yield from difflib.ndiff(must_be, is_so) if must_be != is_so else ()
-    if status != 0:
-        yield f"ended with status {status}"
+    if window.process.poll() != 0:
+        yield f"ended with status {window.process.poll()}"
     if (machine.home / FLAG).exists() != road.flag:
         yield f"the flag is {'missing' if road.flag else 'there'}"
-    if road.logged not in window.log():
-        yield f"not in the log: {road.logged}"
+    if road.logged not in log or "secret" in log:
+        yield f"not in the log: {road.logged}, or in it: secret"
+    for path in (machine.home / "Documents").glob("*"):
+        is_named = re.search(r"/LOG-\d{14}\.txt$", str(path)) and re.search(rf"\] {path}\n", ERRORS.read_text())
+        if not is_named or path.stat().st_mode & 0o777 != 0o600:
+            yield f"no log, or not its owner's alone: {path}"
+        if not re.match(r".*\] PellomarDownloader \d+\.\d+\.\d+ on ", log):
+            yield "the log does not begin with the version"
     asked = [first if method == "GET" else method for method, _, first in server.requests]
     if road.asked not in (None, asked):
         yield f"asked for {asked}, not {road.asked}"
@@ -99,20 +130,20 @@ def differences(road, machine, window, server, status):
 
 
 def play(road, machine, window, server):
-    def wait_until_told(lines):
+    def wait_until_seen(lines):
         count = sum(not line.startswith("> ") and not is_started(line) for line in lines)
 
-        def is_told():
-            return sum(not line.startswith(UNTOLD) for line in trace(machine.home)[0]) >= count
+        def is_seen():
+            return sum(not line.startswith(NOT_COMPARED) for line in trace(machine.home)[0]) >= count
 
-        window.wait_for(f"all before {road.lines[len(lines) :][:1] or 'the end'}", is_told)
+        window.wait_for(f"all before {road.lines[len(lines) :][:1] or 'the end'}", is_seen)
 
     for number, line in enumerate(road.lines):
         if line.startswith("> "):
-            wait_until_told(road.lines[:number])
+            wait_until_seen(road.lines[:number])
             act(machine, window, server, line[2:])
-    if "events submitted" not in road.lines:
-        wait_until_told(road.lines)
+    if not {"log window close", "log launch Pellomar.app successful"} & {*road.lines}:
+        wait_until_seen(road.lines)
         window.wait_for("the end of what is under way", window.is_idle)
         held = machine.held_rights(window)
         if held != road.held:
@@ -122,20 +153,33 @@ def play(road, machine, window, server):
     wait_for("the end of the window", lambda: window.process.poll() is not None)
     count = sum(is_started(line) or " runs " in line for line in road.lines)
     wait_for("all that was started", lambda: len(trace(machine.home)[1]) >= count)
+    if "> asked" in road.lines:
+        wait_for("the end of the password dialog", lambda: "cancelled" in machine.agent.lines())
+
+
+@contextlib.contextmanager
+def opened(machine, road):
+    """The window on its first screen, and its server."""
+    machine.begin(road)
+    server = FaultServer(road.answers, ADDRESS, document=road.document)
+    with server, contextlib.closing(machine.open(*road.before)) as window:
+        try:
+            if road.agent:
+                machine.start_agent(window, road.agent)
+            yield window, server
+        except Exception:
+            print(window.screen(), window.log(), server.requests, flush=True)
+            raise
 
 
 def follow(road, machine):
     road = dataclasses.replace(road, lines=list(road.lines))
-    machine.begin(road)
-    document = FaultServer(road.answers, ADDRESS, document=DOCUMENT)
-    with document as server, contextlib.closing(machine.open()) as window:
-        problem, screen = [], None
+    with opened(machine, road) as (window, server):
+        problem = []
         try:
-            if road.agent:
-                machine.start_agent(window, road.agent)
             play(road, machine, window, server)
         except Blocked as blocked:
-            problem, screen = [str(blocked)], window.screen()
-        problem += differences(road, machine, window, server, window.process.poll())
+            problem = [str(blocked)]
+        problem += differences(road, machine, window, server)
         if problem:
-            raise AssertionError("\n".join([*problem, f"on screen: {screen}", window.log(), *problem]))
+            raise AssertionError("\n".join(problem))

@@ -1,21 +1,59 @@
-"""Random clicks, kills at any moment, and two workers in one file. NUMBER plays the random choices again, though not
-the threads' pace; there are TIMES as many as usual."""
+"""What no list of lines can say: random clicks, kills and closing at any moment, two workers in one file, a clock that
+jumps, and a window that can log nothing. NUMBER makes the same random choices again, though not at the same pace."""
 
 import os
 import random
 import re
+import subprocess
 import time
+from pathlib import Path
 
+from road import DOCUMENT, SMALL_DISK, Road, opened  # first: it finds the stage
 from desktop import output, xdotool
-from install import INSTALLS, MISSING, STARTUP, TOOLS
-from machine import APPLICATION, OLD, PRODUCT, REAL, SAMPLE, trace
-from person import BAR, NUMBER, TIMES, expect_launched, opened
-from road import DOCUMENT
+from download import mount
+from install import MISSING
+from machine import APPLICATION, INSTALLER, INSTALLS, KEXTSTAT, LOADED, OLD, PRODUCT, REAL, SAMPLE, STARTUP, trace
 from waiting import processes, wait_for
-from window import ALERT
+from whole import BAR, expect_launched
+from window import ALERT, WINDOW_TITLE
 
+NUMBER = int(os.environ.get("PELLOMAR_TEST_NUMBER", time.time()))
+TIMES = float(os.environ.get("PELLOMAR_TEST_TIMES", 1))  # how often as many of them as usual
 STOP, CONTINUE, RETRY = "停止", "继续", "重试下载"
 PAGE = random.Random(1).randbytes(5000)
+
+
+def expect_left(machine, window, lines=()):
+    """That it ended well, reported that once, and logged each of these LINES once."""
+    wait_for("the window's end", lambda: window.process.poll() is not None)
+    assert window.process.returncode == 0, window.process.returncode
+    wait_for("the last event", lambda: "events submitted" in trace(machine.home)[1])
+    assert trace(machine.home)[1].count("events submitted") == 1
+    assert [window.lines().count(line) for line in lines] == [1] * len(lines)
+
+
+def closing_at_any_moment(machine):
+    draw, road = random.Random(NUMBER), Road(rights="none", document=bytes(200 << 20))
+    for number in range(round(10 * TIMES)):
+        # From the press itself, through the probe and the first block, to the midst of it.
+        moment = draw.choice((0.02, 0.1, 0.4)) * draw.random()
+        print(f"close {number} after {moment:.3f} s", flush=True)
+        with opened(machine, road) as (window, _):
+            window.invoke("开始")
+            time.sleep(moment)
+            window.ask_to_close()
+            expect_left(machine, window, ["window close"])
+
+
+def launching(machine):
+    """While the window repaints."""
+    repainting = subprocess.Popen(["sh", "-c", "while xrefresh; do :; done"])
+    for _ in range(round(5 * TIMES)):
+        with opened(machine, Road(rights="root")) as (window, _):
+            window.invoke("开始")
+            expect_left(machine, window, ["launch Pellomar.app successful"])
+    assert repainting.poll() is None
+    repainting.kill()
 
 
 def any_answer(draw):
@@ -58,32 +96,29 @@ def judge(lines):
     return two
 
 
+def dismissed_until(window, condition=lambda: False):
+    """For wait_for: whether this CONDITION holds or the window has ended; answers its dialogs meanwhile."""
+    if window.process.poll() is None and window.showing(ALERT):
+        xdotool("key", "Return")
+    return window.process.poll() is not None or condition()
+
+
 def random_clicks(machine):
     for number in range(NUMBER, NUMBER + round(6 * TIMES)):
         print(f"PELLOMAR_TEST_NUMBER={number} plays this again", flush=True)
         draw = random.Random(number)
-        tools = TOOLS | {
-            "/usr/sbin/installer": draw.choice(([INSTALLS], [INSTALLS], ["echo Error"], MISSING)),
-            "/usr/sbin/kextstat": draw.choice((TOOLS["/usr/sbin/kextstat"], ["echo none"], MISSING)),
-            STARTUP: draw.choice((TOOLS[STARTUP], ["echo Error VBoxDrv VirtualBox"], MISSING)),
+        tools = {
+            INSTALLER: draw.choice(([INSTALLS], [INSTALLS], ["echo Error"], MISSING)),
+            KEXTSTAT: draw.choice(([LOADED], ["echo none"], MISSING)),
+            STARTUP: draw.choice((["true"], ["echo Error VBoxDrv VirtualBox"], MISSING)),
         }
-        world = {"tools": tools, "old": draw.random() < 0.5, "system": draw.choice(("", "10.14.6")), "rights": "root"}
-        with opened(machine, answers=lambda *_: any_answer(draw), **world) as (window, _):
+        road = Road(tools=tools, old=draw.random() < 0.5, system=draw.choice(("", "10.14.6")), rights="root",
+                    answers=[any_answer(draw) for _ in range(40)])  # fmt: skip
+        with opened(machine, road) as (window, _):
             xdotool(*any_clicks(draw, *window.windows()))
-
-            def has_left():
-                if window.process.poll() is None and window.showing(ALERT):
-                    xdotool("key", "Return")
-                elif window.process.poll() is None:
-                    output("wmctrl", "-c", "Pellomar下载器")
-                return window.process.poll() is not None
-
-            wait_for("the window's end", has_left)
-            assert window.process.returncode == 0, window.process.returncode
-            wait_for("the last event", lambda: "events submitted" in trace(machine.home)[1])
-            lines, started = trace(machine.home)
-            assert started.count("events submitted") == 1, started
-            if not judge(lines):
+            wait_for("the window's end", lambda: dismissed_until(window, lambda: output("wmctrl", "-c", WINDOW_TITLE)))
+            expect_left(machine, window)
+            if not judge(trace(machine.home)[0]):
                 for path in (machine.home / "Downloads").rglob("Pellomar.*"):
                     held = path.read_bytes()
                     page = len(os.path.commonprefix((held, PAGE)))
@@ -107,15 +142,9 @@ def kills(machine):
     draw, document = random.Random(NUMBER), (machine.build / SAMPLE).read_bytes()
     for number in range(round(5 * TIMES)):
         line, pause = draw.randrange(12, 35), draw.choice((0, 0.2)) * draw.random()
-        with opened(machine, document=document, rights="YES", old=True, tools={}) as (window, _):
+        with opened(machine, Road(document=document, old=True, real=True)) as (window, _):
             window.invoke("开始")
-
-            def is_there():
-                if window.process.poll() is None and window.showing(ALERT):
-                    xdotool("key", "Return")
-                return window.process.poll() is not None or len(trace(machine.home)[0]) >= line
-
-            wait_for(f"line {line}", is_there)
+            wait_for(f"line {line}", lambda: dismissed_until(window, lambda: len(trace(machine.home)[0]) >= line))
             time.sleep(pause)
             window.close()
             wait_for("the end of the installer", lambda: not processes(REAL / "installer"))
@@ -130,8 +159,8 @@ def two_workers(machine):
     machine.trust_sample()
     document = (machine.build / SAMPLE).read_bytes()
     stalls = {"cut": 4 << 20, "ending": "stall"}
-    answers = [{}, stalls, {}, stalls, {}]
-    with opened(machine, answers=answers, document=document, rights="root", tools={}) as (window, server):
+    road = Road(document=document, answers=({}, stalls, {}, stalls, {}), rights="root", real=True)
+    with opened(machine, road) as (window, server):
         window.invoke("开始")
         window.wait_for_percent((4 << 20) * 100 // len(document))
         window.invoke(STOP)
@@ -148,4 +177,46 @@ def two_workers(machine):
         expect_launched(machine, window)
 
 
-STRESS_ROADS = (random_clicks, kills, two_workers)
+def clock_that_jumps(machine):
+    (library,) = Path("/usr/lib").glob("*/faketime/libfaketime.so.1")
+    clock, percents, document = Path("/run/clock"), [0], random.Random(2).randbytes(1 << 20)
+    clock.write_text("+0s")
+    settings = ("FAKETIME_DONT_FAKE_MONOTONIC=1", "FAKETIME_NO_CACHE=1", f"FAKETIME_TIMESTAMP_FILE={clock}")
+    before = ("env", *settings, f"LD_PRELOAD={library}", "ASAN_OPTIONS=verify_asan_link_order=0")
+    road = Road(before=before, rights="none", document=document, answers=({}, {"rate": 500_000}))
+    with opened(machine, road) as (window, _):
+        window.invoke("开始")
+        for percent, offset in ((20, "-5s"), (60, "+1d"), (100, "+1d")):
+            while percents[-1] < percent:
+                percents.append(window.percent())
+                speeds = [int(text[:-5]) << 10 for text in window.labels() if text.endswith(" KB/s")]
+                assert all(0 <= speed < len(document) for speed in speeds), speeds
+            clock.write_text(offset)
+        assert percents == sorted(percents), percents
+        window.wait_for_status("获取权限失败，请重试")
+        assert machine.file("tmp").read_bytes() == document
+        days = set(re.findall(r"(?m)^(\S+) .*Pellomar.*\]", window.log()))
+        assert len(days) == 2, days
+
+
+def nowhere_to_log(machine):
+    """The log's disk is full, or it has no folder and the standard streams are closed or unread."""
+
+    def fill_disk(machine):
+        mount(SMALL_DISK, "size=4096,mode=1777")
+        (SMALL_DISK / "in-the-way").write_bytes(bytes(4096))
+        (machine.home / "Documents").symlink_to(SMALL_DISK)
+
+    def put_folder(machine):
+        (machine.home / "Documents").mkdir()
+
+    streams = ('exec "$0" <&- >&- 2>&-', put_folder), ('exec "$0" 2> >(true)', put_folder), ('exec "$0"', fill_disk)
+    for text, prepare in streams:
+        before = ("bash", "-c", text)
+        with opened(machine, Road(before=before, rights="none", prepare=prepare)) as (window, _):
+            window.invoke("开始")
+            window.wait_for_status("获取权限失败，请重试")
+            assert machine.file("tmp").read_bytes() == DOCUMENT and window.log() == ""
+
+
+STRESS_ROADS = (random_clicks, kills, two_workers, closing_at_any_moment, launching, clock_that_jumps, nowhere_to_log)

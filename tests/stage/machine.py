@@ -2,8 +2,8 @@
 the throw-away view, as root."""
 
 import os
-import pwd
 import re
+import shlex
 import shutil
 import signal
 import subprocess
@@ -23,29 +23,33 @@ APPLICATION = Path("/Applications/Pellomar.app")
 PRODUCT = APPLICATION / "Contents/MacOS/Pellomar"
 OLD = APPLICATION / "Contents/of-the-old-copy"
 SYSTEM_VERSION = Path("/System/Library/CoreServices/SystemVersion.plist")
+INSTALLER, KEXTSTAT = "/usr/sbin/installer", "/usr/sbin/kextstat"
 STARTUP = "/Library/Application Support/NorvikEmu/VirtualBoxStartup.sh"
-TOOLS = ("/usr/bin/killall", "/bin/rm", "/usr/sbin/installer", "/usr/sbin/kextstat", STARTUP)
 REAL = Path("/opt/real")  # the tools that scripts stand in for
+HOLD = Path("/run/hold")  # a pipe: who reads it waits until somebody writes
 SAMPLE = "sample/soft/Pellomar-sample.pkg"
 ADDRESS = ("127.0.0.1", 18080)
 START = "log start_button has been clicked"
 ERRORS = Path("/run/standard-error")  # of the window; its log, where it can have no other
-RECORD = Path("/run/record")  # of the tools' calls, where it is there, so that the log stays as it is
 
 # A tool writes its process's number and its command line into the log of the only window. BODIES are lines of bash,
 # of the first, the second … call; the last one is that of all later calls.
 FIND_LOG = f"""#!/bin/bash
-log=({RECORD} /home/*/Documents/LOG-* {ERRORS})
-[[ -e $log ]] || log=${{log[1]}}
+log=(/home/*/Documents/LOG-* {ERRORS})
 [[ -e $log ]] || log={ERRORS}
 """
-TOOL = """
-[[ $0 != */rm || $* == *Pellomar.app ]] || exec {real}/rm "$@"
+TOOL = f"""{FIND_LOG}
+[[ $0 != */rm || $* == *Pellomar.app ]] || exec {REAL}/rm "$@"
 (IFS="|"; echo "@$$ $(id -un) runs $0|$*") >>"$log"
-case $(grep -cF " runs $0|" "$log") in
-{bodies}
-esac
+bodies=(%s)
+number=$(grep -cF " runs $0|" "$log")
+eval "${{bodies[number - 1]-${{bodies[-1]}}}}"
 """
+# What the tools do, as lines of bash.
+REMOVES = f'{REAL}/rm "$@"'
+INSTALLS = """cp -r /opt/product /Applications/Pellomar.app; ls "${2%/*}"; echo 'installer: The install was successful.'"""
+LOADED = "echo 'Index Refs Name'; echo '120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)'"
+SCRIPTED = {"/bin/rm": [REMOVES], INSTALLER: [INSTALLS], KEXTSTAT: [LOADED], STARTUP: ["echo Started."]}
 
 
 def write(path, text, mode=0o644):
@@ -77,110 +81,83 @@ class Machine:
 
     def __init__(self, build, display=desktop.Display, user_number=None):
         os.umask(0o022)
-        self.build, self.agent, self.environment = build, None, {}
+        self.build, self.agent, self.camera = build, None, lambda name: None
+        self.help_page = re.search(r"(?m)^PELLOMAR_HELP_URL:\w+=(.*)$", (build / "CMakeCache.txt").read_text())[1]
         shutil.copytree(build / BUNDLE.name, BUNDLE)
-        self.plugins = DISK / "plugins"
         if (build / "tests").exists():
-            shutil.copytree(build / "tests/stage/plugins", self.plugins)
+            shutil.copytree(build / "tests/stage/plugins", DISK / "plugins")
         self.config = DISK / ".config"
         subprocess.run(["chmod", "-R", "a+rX", DISK], check=True)
         REAL.mkdir()
-        for tool in ("/usr/bin/killall", "/bin/rm"):
+        for tool in ("/usr/bin/killall", "/bin/rm", build / "host/installer/installer", build / "host/kextstat/kextstat"):
             shutil.copy(tool, REAL)
-        for tool in ("installer", "kextstat"):
-            shutil.copy(build / "host" / tool / tool, REAL)
+        os.mkfifo(HOLD)
+        HOLD.chmod(0o666)
+        APPLICATION.parent.mkdir(exist_ok=True)
+        write("/opt/product/Contents/Info.plist", plist("CFBundleExecutable", "Pellomar"))
+        write("/opt/product/Contents/MacOS/Pellomar", note(
+            "opens $([[ -e ${0%/MacOS/*}/of-the-old-copy ]] && echo mixed || echo new) Pellomar, $(id -un) in $PWD"), 0o755)
+        write("/usr/bin/xdg-open", note("opens $*"), 0o755)
         add_users(*(["--uid", user_number, "--non-unique"] if user_number else []))
         self.rights = RightsStage(PROJECT, build, "/run/system.log")
         self.parts = [desktop.Session(**as_user(USER)), display()]
-
-    def setting(self, name):
-        """One of CMake's, as it was built."""
-        cache = (self.build / "CMakeCache.txt").read_text()
-        return re.search(rf"^{name}:\w+=(.*)$", cache, re.MULTILINE)[1]
-
-    def make_home(self, name="user", owner=USER):
-        self.home, self.owner = Path("/home", name), owner
-        remove(self.home)
-        self.home.mkdir(parents=True)
-        user = pwd.getpwnam(owner)
-        os.chown(self.home, user.pw_uid, user.pw_gid)
-
-    def place_tools(self, tools=()):
-        """Real ones, but for TOOLS, a dict of path to bodies; none where these are empty."""
-        for path in TOOLS:
-            real = [f'exec "{REAL}/{Path(path).name}" "$@"'] if path != STARTUP else []
-            bodies = dict(tools).get(path, real)
-            remove(Path(path))
-            if bodies:
-                cases = [f"{number})\n{body}\n;;\n" for number, body in enumerate(bodies[:-1], 1)]
-                text = TOOL.format(real=REAL, bodies=f"{''.join(cases)}*)\n{bodies[-1]}")
-                write(path, FIND_LOG + text, 0o755)
-        write(STATISTICS, note('$(if [[ $1 == 14 ]]; then echo "event $2"; else echo "events submitted"; fi)'), 0o755)
-        write("/usr/bin/xdg-open", note("opens $*"), 0o755)
-
-    def place_product(self, is_old):
-        remove(APPLICATION)
-        if is_old:
-            write(PRODUCT, "", 0o755)
-            write(OLD, "")
 
     def trust_sample(self):
         folder = Path("/etc/pellomar-installer/trusted")
         folder.mkdir(parents=True, exist_ok=True)
         shutil.copy(self.build / "sample/signing/certificate.pem", folder / "sample.pem")
 
-    def set_system_version(self, version):
-        remove(SYSTEM_VERSION)
-        if version:
-            write(SYSTEM_VERSION, plist("ProductVersion", version))
-
     def begin(self, road):
         """Afresh, as a row of the tests' table says."""
         self.stop_programs()
         self.rights.stop()
         wait_for("the end of the last attempt", lambda: not processes(TRANSACTION))
-        self.make_home(road.home, "root" if road.rights == "root" else USER)
+        self.home, self.owner = Path("/home", road.home), "root" if road.rights == "root" else USER
+        for path in (self.home, APPLICATION, SYSTEM_VERSION):
+            remove(path)
+        self.home.mkdir()
         for name in road.stale:
             write(self.home / name, "stale")
-        subprocess.run(["chown", "-R", self.owner, self.home], check=True)
-        self.place_tools(road.tools)
-        self.place_product(road.old)
-        self.set_system_version(road.system)
+        subprocess.run(["chown", "-R", f"{self.owner}:", self.home], check=True)
+        tools = {path: [f'exec {REAL}/{Path(path).name} "$@"'] for path in ("/usr/bin/killall", *SCRIPTED)} | {STARTUP: []}
+        for path, bodies in (tools | ({} if road.real else SCRIPTED) | road.tools).items():
+            remove(Path(path))
+            if bodies:
+                write(path, TOOL % "\n".join(map(shlex.quote, bodies)), 0o755)
+        write(STATISTICS, note('$(if [[ $1 == 14 ]]; then echo "event $2"; else echo "events submitted"; fi)'), 0o755)
+        if road.old:
+            write(PRODUCT, "", 0o755)
+            write(OLD, "")
+        if road.system:
+            write(SYSTEM_VERSION, plist("ProductVersion", road.system))
         write(self.config, "package")
         if road.rights not in ("root", "none"):
             self.rights.start(None if road.rights == "ask" else road.rights)
         if road.prepare is not None:
             road.prepare(self)
 
-    @staticmethod
-    def errors():
-        """What went to the window's own standard error."""
-        return ERRORS.read_text(errors="replace")
-
     def file(self, ending):
         return self.home / f"Downloads/NVInst/Pellomar.{ending}"
 
-    def open(self, *before, tells=True, **start):
-        """A window of the home's owner on its first screen; what it TELLS is written to the log."""
-        start = as_user(self.owner) | start
-        start["env"] |= self.environment
+    def open(self, *before):
+        """A window of the home's owner on its first screen; what it shows is written to the log."""
+        start = as_user(self.owner)
         write(ERRORS, "", 0o666)
-        if tells and self.plugins.exists():
-            start["env"] |= {"QT_QPA_GENERIC_PLUGINS": "trace", "QT_PLUGIN_PATH": str(self.plugins)}
+        start["env"] |= {"QT_QPA_GENERIC_PLUGINS": "trace", "QT_PLUGIN_PATH": str(DISK / "plugins")}
         with ERRORS.open("ab") as errors:
             window = Window(PROGRAM, self.home, *before, stdout=errors, stderr=errors, **start)
         window.wait_until_open()
         return window
 
-    def start_agent(self, window, answer, **options):
+    def start_agent(self, window, answer):
         """Answers the password dialogs of a window from now on."""
         if self.agent is not None:
             self.agent.close()
-        self.agent = Agent(window.process.pid, answer, **options)
+        self.agent = Agent(window.process.pid, answer)
 
     def held_rights(self, window):
         """How many connections to the system bus a window has: each holds an authorization."""
-        return sum(pid == window.process.pid for pid in self.rights.connections()) if self.rights.bus else 0
+        return self.rights.connections().count(window.process.pid) if self.rights.bus else 0
 
     @staticmethod
     def stop_programs():
@@ -189,10 +166,6 @@ class Machine:
             for process in processes(program):
                 os.kill(process, signal.SIGKILL)
             wait_for(f"the end of {program}", lambda: not processes(program))
-
-    @staticmethod
-    def wait_for_product():
-        return wait_for("the product", lambda: processes(PRODUCT))
 
 
 def trace(home, names=()):

@@ -19,14 +19,11 @@ BUS_SERVICE = Path(f"/usr/share/dbus-1/system-services/{ACTION}.service")
 RULE = Path("/etc/polkit-1/rules.d/10-pellomar-downloader.rules")
 USER = "pellomar-visitor"
 ADMINISTRATOR = "pellomar-keeper"
-PASSWORD = "open sesame 芝麻开门"
-AGENT = Path("/usr/local/bin/pellomar-sample-agent")
-# What a user's programs need of the environment to meet on the desktop, and what sanitizers are told.
-KEPT = (
-    *("DISPLAY", "XAUTHORITY", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS"),
-    "QT_QPA_PLATFORM",
-    *("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"),
-)
+PASSWORD = "pellomar"
+POLKIT, AGENT = "/usr/lib/polkit-1/polkitd", Path("/usr/local/bin/pellomar-sample-agent")
+# What a user's programs need of the environment to meet on the desktop, and the sanitizers' settings.
+KEPT = ("DISPLAY", "XAUTHORITY", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS", "QT_QPA_PLATFORM",
+        "QT_SCALE_FACTOR", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS")  # fmt: skip
 
 
 def as_user(name):
@@ -38,12 +35,11 @@ def as_user(name):
     return {"user": user.pw_uid, "group": user.pw_gid, "extra_groups": [], "env": environment}
 
 
-def add_users(*options, password=PASSWORD):
-    """An ordinary user without a right to anything, made with these OPTIONS of useradd's, and an administrator
-    with a password."""
+def add_users(*options):
+    """An ordinary user, made with these OPTIONS of useradd's, and an administrator with a password."""
     for name, own in ((USER, options), (ADMINISTRATOR, ["--groups", "sudo"])):
         subprocess.run(["useradd", "--create-home", "--shell", "/bin/bash", *own, name], check=True)
-    subprocess.run(["chpasswd"], input=f"{ADMINISTRATOR}:{password}\n", text=True, check=True)
+    subprocess.run(["chpasswd"], input=f"{ADMINISTRATOR}:{PASSWORD}\n", text=True, check=True)
 
 
 def ask_bus(method, *arguments):
@@ -87,34 +83,28 @@ class RightsStage:
         self.bus = self.run("org.freedesktop.DBus", "dbus-daemon", "--system", "--nofork", "--nopidfile")
 
     def start_polkit(self):
-        self.polkit = self.run("org.freedesktop.PolicyKit1", "/usr/lib/polkit-1/polkitd", "--no-debug")
+        self.polkit = self.run("org.freedesktop.PolicyKit1", POLKIT, "--no-debug")
 
     def start(self, rule=None):
         """RULE is what polkit says without asking anybody: YES, NO, or None for the password dialog."""
-        RULE.unlink(missing_ok=True)
-        if rule is not None:
-            RULE.write_text(
-                "polkit.addRule(function(action, subject) {\n"
-                f'    if (action.id == "{ACTION}") return polkit.Result.{rule};\n'
-                "});\n"
-            )
-            RULE.chmod(0o644)
+        condition = f'if (action.id == "{ACTION}") return polkit.Result.{rule};' if rule else ""
+        RULE.write_text(f"polkit.addRule(function(action, subject) {{ {condition} }});\n")
+        RULE.chmod(0o644)
         self.start_bus()
         self.start_polkit()
 
     def stop(self):
         """Ends what was started, and what the bus has started."""
-        for process in (self.polkit, self.bus):
-            if process is not None and process.poll() is None:
-                process.kill()
-                process.wait()
-        for program in (MECHANISM, "/usr/lib/polkit-1/polkitd"):
+        for process in filter(None, (self.polkit, self.bus)):
+            process.kill()
+            process.wait()
+        for program in (MECHANISM, POLKIT):
             wait_until(f"the end of {program}", lambda: not self.kill(program))
         self.bus = self.polkit = None
 
     @staticmethod
     def kill(program):
-        """Kills the processes of a program, and tells which there were."""
+        """Kills the processes of a program, and returns which there were."""
         found = processes(program)
         for process in found:
             with contextlib.suppress(ProcessLookupError):
@@ -136,34 +126,30 @@ class RightsStage:
                 found.append(ask_bus("GetConnectionUnixProcessID", name))
         return found
 
-    def mechanism(self):
+    @staticmethod
+    def mechanism():
         """The process id of the running mechanism, or None."""
-        found = processes(MECHANISM)
-        return found[0] if found else None
+        return next(iter(processes(MECHANISM)), None)
 
     def journal(self):
         """The lines that the mechanism has written so far."""
-        text = self.log.read_text(errors="replace")
-        return [line for line in text.splitlines() if line.startswith(MECHANISM.name + ":")]
+        return [line for line in self.log.read_text(errors="replace").splitlines() if line.startswith(MECHANISM.name + ":")]
+
+
+# What a person does at the password dialog, as an agent's DIALOG (see agent.py).
+DIALOGS = {"right": 'echo "$2"', "wrong": '[[ ! $3 ]] && echo "not $2"', "close": "false", "wait": "exec sleep 600"}
 
 
 class Agent:
-    """Answers the password dialogs of one process, as the user whose process it is. ANSWER is "right",
-    "wrong", "close" (the user closes the dialog) or "wait" (nobody answers); or a real dialog of the program
-    DIALOG comes up, and says the password."""
+    """Answers the password dialogs of one process, as the user whose process it is. ANSWER is one of DIALOGS, or the
+    path of a program that a person answers."""
 
-    def __init__(self, process, answer="right", user=USER, dialog=None, password=PASSWORD):
+    def __init__(self, process, answer="right", user=USER):
         self.output = Path(f"/run/pellomar-agent-{process}")
+        dialog = ["bash", "-c", DIALOGS[answer]] if answer in DIALOGS else [answer]
         with self.output.open("wb") as output:
-            self.process = subprocess.Popen(
-                [str(AGENT), "--process", str(process), "--administrator", ADMINISTRATOR, "--answer", answer,
-                 *(["--dialog", str(dialog)] if dialog is not None else [])],
-                stdin=subprocess.PIPE,
-                stdout=output,
-                **as_user(user),
-            )  # fmt: skip
-        self.process.stdin.write(password.encode() + b"\n")
-        self.process.stdin.flush()
+            command = [AGENT, str(process), ADMINISTRATOR, PASSWORD, *dialog]
+            self.process = subprocess.Popen(command, stdout=output, **as_user(user))
         wait_until("the authentication agent", lambda: "ready" in self.lines())
 
     def lines(self):
@@ -176,4 +162,3 @@ class Agent:
     def close(self):
         self.process.kill()
         self.process.wait()
-        self.process.stdin.close()

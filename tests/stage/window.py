@@ -1,7 +1,6 @@
-"""A program's window as a screen reader finds it: what it shows, what it tells of its changes, and presses on it."""
+"""A program's window as a screen reader finds it: what it shows, and presses on it."""
 
 import os
-import signal
 import subprocess
 import time
 
@@ -11,8 +10,7 @@ gi.require_version("Atspi", "2.0")
 from gi.repository import Atspi, GLib  # noqa: E402
 
 import waiting  # noqa: E402
-from desktop import output, window_called, xdotool  # noqa: E402
-from waiting import wait_for  # noqa: E402
+from desktop import is_painted, output, window_called, xdotool  # noqa: E402
 
 WINDOW_TITLE = "Pellomar下载器"
 # Names of roles differ between releases, and so does this constant's name, but not its value.
@@ -56,19 +54,14 @@ class Accessible:
     def has(self, state):
         return self.ask(lambda node: node.get_state_set().contains(state), False)
 
-    def is_showing(self):
-        return self.has(Atspi.StateType.SHOWING)
-
     def value(self):
         return self.ask(lambda node: node.get_value_iface().get_current_value(), 0.0)
 
-    def box(self):
-        box = self.ask(lambda node: node.get_component_iface().get_extents(Atspi.CoordType.SCREEN))
-        return box if box is not None and box.width > 0 else None
-
     def centre(self):
-        box = self.box()
-        return box and (box.x + box.width // 2, box.y + box.height // 2)
+        """In pixels, or None."""
+        box = self.ask(lambda node: node.get_component_iface().get_extents(Atspi.CoordType.SCREEN))
+        scale = int(os.environ.get("QT_SCALE_FACTOR", 1))
+        return (scale * (box.x + box.width // 2), scale * (box.y + box.height // 2)) if box and box.width > 0 else None
 
     def children(self):
         nodes = self.ask(lambda node: [node.get_child_at_index(i) for i in range(node.get_child_count())], [])
@@ -83,26 +76,21 @@ class Accessible:
 class Screen:
     """What a program shows on screen, and presses on it."""
 
-    program = "PellomarDownloader"
-    process = None
-    scale = 1  # pixels for each point
+    process, last_press = None, 0.0
 
-    def __init__(self):
-        self.last_press = 0.0
+    def __init__(self, program="PellomarDownloader"):
+        self.program = program
 
-    def root(self):
+    def all(self):
         desktop = Atspi.get_desktop(0)
         desktop.clear_cache()
-        return next((item for item in Accessible(desktop).children() if item.name() == self.program), None)
+        root = next((item for item in Accessible(desktop).children() if item.name() == self.program), None)
+        return root.walk() if root else ()
 
     def showing(self, role=None, name=None):
         """The objects on screen with this role and name."""
-        root = self.root()
-        return [
-            item
-            for item in (root.walk() if root else ())
-            if (role is None or item.role() == role) and (name is None or item.name() == name) and item.is_showing()
-        ]
+        found = (item for item in self.all() if role is None or item.role() == role)
+        return [item for item in found if name in (None, item.name()) and item.has(Atspi.StateType.SHOWING)]
 
     def button(self, name):
         return next(iter(self.showing(BUTTON, name)), None)
@@ -110,17 +98,14 @@ class Screen:
     def labels(self):
         return [item.name() for item in self.showing(LABEL)]
 
-    def says(self, text):
-        return text in self.labels()
-
     def screen(self):
         """The names of the buttons, boxes and bars on screen, and every text."""
         found = [(item.role(), item.name()) for item in self.showing()]
         controls = {name for role, name in found if role in (BUTTON, CHECK_BOX, BAR)}
         return controls, [name for role, name in found if role == LABEL]
 
-    def wait_for(self, what, condition, seconds=waiting.PATIENCE):
-        return wait_for(what, condition, seconds, while_running=self.process)
+    def wait_for(self, what, condition):
+        return waiting.wait_for(what, condition, while_running=self.process)
 
     def wait_for_screen(self, status, *controls):
         """Waits until this text and exactly these controls show."""
@@ -137,26 +122,12 @@ class Screen:
         names = [Atspi.Action.get_action_name(node, i) for i in range(Atspi.Action.get_n_actions(node))]
         Atspi.Action.do_action(node, names.index("Press"))
 
-    def press(self, name, role=BUTTON):
-        """A real click in the middle of the button called NAME."""
+    def press(self, name, role=BUTTON, clicks=1):
+        """Real clicks in the middle of what is called NAME."""
         x, y = self.wait_for(name, lambda: next((item.centre() for item in self.showing(role, name)), None))
         time.sleep(max(0.0, self.last_press + DOUBLE_CLICK_SECONDS - time.monotonic()))
-        xdotool("mousemove", x, y, "click", 1)
+        xdotool("mousemove", x, y, "click", "--repeat", clicks, "--delay", 60, 1)
         self.last_press = time.monotonic()
-
-    def white(self, name):
-        """How many pixels of a button, the largest there is, are white: its word's, and the ring's."""
-        x, y = self.button(name).centre()
-        left, top, width, height = (number * self.scale for number in (x - 110, y - 30, 220, 60))
-        place = f"{width}x{height}+{left}+{top}"
-        picture = ["import", "-silent", "-window", "root", "-crop", place, "-depth", "8", "gray:-"]
-        return subprocess.run(picture, capture_output=True, check=True).stdout.count(255)
-
-    def has_ring(self, name):
-        """Whether a button has the focus, and shows it."""
-        button = self.button(name)
-        has_focus = button is not None and button.has(Atspi.StateType.FOCUSED)
-        return has_focus and self.white(name) > LEAST_RING * self.scale**2
 
 
 class Window(Screen):
@@ -165,14 +136,16 @@ class Window(Screen):
 
     def __init__(self, executable, home, *before, **start):
         super().__init__()
-        environment = dict(start.pop("env", os.environ), HOME=str(home), QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1")
-        command = [*map(str, before), str(executable)]
-        self.home = home
-        self.process = subprocess.Popen(command, env=environment, stdin=subprocess.DEVNULL, cwd=str(home), **start)
+        self.home, command = home, [*map(str, before), str(executable)]
+        start["env"] = start.get("env", os.environ) | {"HOME": str(home), "QT_LINUX_ACCESSIBILITY_ALWAYS_ON": "1"}
+        self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, cwd=str(home), **start)
 
     def wait_until_open(self):
         self.wait_for("the first screen", lambda: self.button("开始"))
         self.threads = len(os.listdir(f"/proc/{self.process.pid}/task"))
+
+    def wait_until_drawn(self):
+        self.wait_for("the drawn window", lambda: is_painted(window_called(WINDOW_TITLE)))
 
     def percent(self):
         return next((bar.value() for bar in self.showing(BAR)), 0.0)
@@ -181,7 +154,7 @@ class Window(Screen):
         self.wait_for(f"{percent} percent", lambda: self.percent() >= percent)
 
     def wait_for_status(self, text):
-        self.wait_for(f"the status {text}", lambda: self.says(text))
+        self.wait_for(f"the status {text}", lambda: text in self.labels())
 
     def log(self):
         files = sorted((self.home / "Documents").glob("LOG-*.txt"))
@@ -191,8 +164,22 @@ class Window(Screen):
         """The log without the hour and the process at the head of each line."""
         return [line.split("] ", 1)[-1] for line in self.log().splitlines()]
 
-    def activate(self):
-        xdotool("windowactivate", "--sync", self.wait_for("the window", lambda: window_called(WINDOW_TITLE)))
+    def has_ring(self, name):
+        """Whether a button has the focus, and shows it: its word is white, and so is the ring around it."""
+        button, scale = self.button(name), int(os.environ.get("QT_SCALE_FACTOR", 1))
+        x, y = button.centre()
+        place = "{}x{}+{}+{}".format(220 * scale, 60 * scale, x - 110 * scale, y - 30 * scale)
+        picture = ["import", "-silent", "-window", "root", "-crop", place, "-depth", "8", "gray:-"]
+        white = subprocess.run(picture, capture_output=True, check=True).stdout.count(255)
+        return button.has(Atspi.StateType.FOCUSED) and white > LEAST_RING * scale**2
+
+    def focus(self, name):
+        """Reaches a button with the key Tab."""
+        self.wait_until_drawn()
+        # The space comes while no button has the focus, and acts on none.
+        xdotool("windowactivate", "--sync", window_called(WINDOW_TITLE), "key", "space")
+        assert not self.has_ring(name)
+        self.wait_for(f"the focus on {name}", lambda: xdotool("key", "Tab") or self.has_ring(name))
 
     def windows(self):
         """The numbers of its X windows on screen: a dialog bears its window's title."""
@@ -220,7 +207,5 @@ class Window(Screen):
         return len(os.listdir(f"/proc/{self.process.pid}/task")) <= self.threads
 
     def close(self):
-        if self.process.poll() is None:
-            self.process.send_signal(signal.SIGKILL)
-            self.process.wait()
-
+        self.process.kill()
+        self.process.wait()

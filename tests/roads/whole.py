@@ -1,0 +1,164 @@
+"""The whole road with the real tools and package: on a Wayland compositor, and as scripts/run shows it, to an ordinary
+user, with the sample's server and password dialog."""
+
+import contextlib
+import itertools
+import os
+import re
+import shutil
+import subprocess
+import time
+from pathlib import Path
+
+from road import HELD, Road, act, opened  # first: it finds the stage
+from desktop import is_painted, take, take_window, window_called, xdotool
+from machine import APPLICATION, INSTALLER, OLD, PRODUCT, PROJECT, REAL, SAMPLE, trace, write
+from rights import ADMINISTRATOR, PASSWORD, USER, as_user
+from waiting import Blocked, processes, step, wait_for
+from window import CHECK_BOX, WINDOW_TITLE, Atspi, Screen
+from window import PASSWORD as PASSWORD_FIELD
+
+BAR, READING_TIME = "下载进度", 900  # seconds; a person may read, drink tea and come back
+DOWNLOADING = "正在下载Pellomar"
+HELD_INSTALLER = {INSTALLER: [f'{HELD}exec {REAL}/installer "$@"']}
+TITLES = {"password": "管理员密码（演示）", "launched": "Pellomar"}
+
+
+def go(machine, window, picture, type_password=lambda: None):
+    """Returns with how many bytes the download was stopped."""
+    document = (machine.build / SAMPLE).read_bytes()
+    click = window.press if "DISPLAY" in os.environ else window.invoke
+    assert window.screen() == ({"开始"}, [])
+    (agreement,) = [item for item in window.all() if item.role() == CHECK_BOX]
+    assert agreement.name() == "同意许可协议" and agreement.has(Atspi.StateType.CHECKED)
+    picture("first-screen")
+    click("开始")
+    window.wait_for_screen(DOWNLOADING, "停止", BAR)
+    window.wait_for("a speed", lambda: any(re.fullmatch(r"[1-9]\d* KB/s", text) for text in window.labels()))
+    window.wait_for_percent(20)
+    picture("downloading")
+    click("停止")
+    window.wait_for_screen("已停止下载", "继续", BAR)
+    held = machine.file("tmp").stat().st_size
+    assert window.percent() == held * 100 // len(document)
+    picture("stopped")
+    click("继续")
+    window.wait_for_percent(50)
+    window.wait_for_status(DOWNLOADING)
+    picture("continued")
+    type_password()
+    window.wait_for_screen("是否保留已安装游戏和应用", "确定", "取消", BAR)
+    assert {"已完成下载", "安装向导"} < set(window.labels()) and window.percent() == 100
+    picture("keep-data-question")
+    click("确定")
+    window.wait_for_status("正在安装Pellomar")
+    picture("installing")
+    act(machine, window, None, "proceed")
+    expect_launched(machine, window)
+    assert machine.file("pkg").read_bytes() == document
+    return held
+
+
+def expect_launched(machine, window):
+    wait_for("the end of the window", lambda: window.process.poll() is not None)
+    assert window.process.returncode == 0, window.process.returncode
+    owners = {Path(f"/proc/{process}").owner() for process in wait_for("the product", lambda: processes(PRODUCT))}
+    assert owners == {machine.owner} and not OLD.exists(), owners
+
+
+def wayland(machine, file="/run/wayland.png"):
+    machine.trust_sample()
+    document = (machine.build / SAMPLE).read_bytes()
+    road = Road(real=True, tools=HELD_INSTALLER, old=True, rights="root", document=document,
+                answers=({}, {"rate": 6_000_000}) * 2)  # fmt: skip
+    with opened(machine, road) as (window, server):
+        held = go(machine, window, lambda name: take(file) if name == "downloading" else None)
+        assert server.requests[-1][2] == held, server.requests
+
+
+def watch(window, picture):
+    step("now it is yours: press 开始 in the window (the package takes a quarter of a minute)")
+    step(f"then a dialog of the sample's asks for a password, which is: {PASSWORD}")
+    shown, deadline = [], time.monotonic() + READING_TIME
+    while window.process.poll() is None:
+        texts = [text for text in window.labels() if text and not text.endswith("KB/s")]
+        if texts not in ([], shown):
+            shown = texts
+            picture("on-screen")
+        if time.monotonic() > deadline:
+            raise Blocked(f"the window is still there after {READING_TIME} s")
+        time.sleep(0.1)
+
+
+def demonstration(machine, results="/run/results", *options):
+    """RESULTS receives numbered pictures, the log, the events and the commands that ran as root. Watched, the user
+    presses the buttons, on a display that is there already."""
+    results, is_watched, serve = Path(results), "--watched" in options, [PROJECT / "sample/serve"]
+    files, numbers = Path("/var/lib/pellomar-sample"), itertools.count(1)
+    results.mkdir(exist_ok=True)
+    machine.begin(Road(real=True, tools={} if is_watched else HELD_INSTALLER, rights="ask"))
+    machine.trust_sample()
+    shutil.copy(machine.build / ".config", machine.config)
+    dialog = shutil.copy(machine.build / "sample/password-dialog", "/usr/local/bin")
+    subprocess.run([REAL / "installer", "-pkg", machine.build / SAMPLE, "-target", "/"], check=True, stdout=subprocess.DEVNULL)
+    write(OLD, "")
+    step(f"{USER} is an ordinary user, {ADMINISTRATOR} an administrator; an old copy is in {APPLICATION}")
+
+    def picture(name):
+        # A change is drawn after it is made: one more turn of the window's event loop comes first.
+        step(f"{name}: {', '.join(filter(None, window.labels() and window.labels()))}")
+        file = results / f"{next(numbers):02d}-{name}.png"
+        if not is_watched:
+            take(file)
+        elif window_called(WINDOW_TITLE):  # only the window: a user's desktop is private
+            take_window(file, WINDOW_TITLE, False)
+        if name in TITLES:
+            take_window(results / f"{name}.png", TITLES[name])
+
+    def type_password():
+        screen = Screen("password-dialog")
+        screen.press("密码", PASSWORD_FIELD)
+        xdotool("type", "--delay", 30, PASSWORD)
+        picture("password")
+        screen.press("认证")
+
+    subprocess.run([*serve, "--background", machine.build / "sample", files], check=True)
+    try:
+        with contextlib.closing(machine.open()) as window:
+            machine.start_agent(window, dialog)
+            if is_watched:
+                watch(window, picture)
+                expect_launched(machine, window)
+                step("close the product's window to end the demonstration; it ends by itself after a minute")
+                with contextlib.suppress(Blocked):
+                    wait_for("the end of the product", lambda: not processes(PRODUCT), 60)
+            else:
+                old = subprocess.Popen([PRODUCT], stderr=subprocess.DEVNULL, **as_user(USER))
+                xdotool("windowminimize", wait_for("the window of the old copy", lambda: window_called("Pellomar")))
+                window.wait_until_drawn()
+                held = go(machine, window, picture, type_password)
+                wait_for("the drawn product", lambda: is_painted(window_called("Pellomar")))
+                picture("launched")
+                assert old.poll() is not None and machine.agent.asked() == 1
+                assert f'range="bytes={held}-" 206' in (files / "logs/access.log").read_text()
+    finally:
+        subprocess.run([*serve, "--stop", files], check=True)
+        lines = trace(machine.home)[1]
+        commands = [line[10:].replace("|", " ") for line in lines if line.startswith("root runs ")]
+        events = [line for line in lines if line.startswith("event")]
+        shutil.copy(files / "logs/access.log", results / "server-access.log")
+        for path in (machine.home / "Documents").iterdir():
+            (results / path.name).write_text(re.sub("(?m)^@.*\n", "", path.read_text()))
+        for name, texts in (("events", events), ("root-commands", commands)):
+            (results / f"{name}.txt").write_text("".join(f"{text}\n" for text in texts))
+            step(f"{name}: {'; '.join(texts)}")
+        subprocess.run(["chown", "-R", "--reference", results.parent, results], check=True)
+        machine.stop_programs()
+    must_be = [f"/bin/rm -rf {APPLICATION}", "/usr/sbin/installer -pkg ~/Downloads/NVInst/Pellomar.pkg -target /",
+               "/usr/sbin/kextstat -b com.norvik.emu.kext.VBoxDrv"]  # fmt: skip
+    codes = ["event 814", "event 815", "event 817", "event 818", "event 826", "events submitted"]
+    assert is_watched or (events, commands) == (codes, must_be)
+    step("the road was followed to its end")
+
+
+WHOLE_ROADS = (wayland, demonstration)
