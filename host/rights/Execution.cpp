@@ -130,6 +130,9 @@ void Service::startTool(const std::string& name, Caller& caller, PrivilegedComma
         refuse(request.get(), kErrorNotStarted, caller.line.front() + ": " + failure.message());
         return;
     }
+    // Without the arguments: one is the caller's, with any characters in it.
+    fprintf(stderr, "pellomar-downloader-rights: started %s as process %d for %s of user %u\n",
+            caller.line.front().c_str(), static_cast<int>(caller.tool), name.c_str(), caller.user);
     FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, caller.tool, 0)));
     tools_[caller.tool] = std::make_unique<Watch>(
         loop_.get(), std::move(process), [this, name, pid = caller.tool](int) { onToolExit(name, pid); });

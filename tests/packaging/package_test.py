@@ -5,6 +5,7 @@ package_test.py BUILD SERVER, as root in the throw-away view
 """
 
 import contextlib
+import hashlib
 import os
 import re
 import shutil
@@ -100,10 +101,11 @@ class PackagingTest(unittest.TestCase):
         cls.stamp.write_bytes("Describe=中文|ProductVersion=9\n".encode())
         command = [PROJECT / "scripts/image", "--build", cls.build, "--stamp", cls.stamp]
         cls.image.unlink(missing_ok=True)
-        for name in BAD_NAMES:
-            done = subprocess.run([*command, name], capture_output=True, check=False)
+        # The build has no certificate, and the default server: not to be handed out.
+        for arguments in (*(("--trial", name) for name in BAD_NAMES), (NAME,)):
+            done = subprocess.run([*command, *arguments], capture_output=True, check=False)
             if done.returncode == 0 or cls.image.exists():
-                raise AssertionError(f"an image was made for {name!r}")
+                raise AssertionError(f"an image was made for {arguments}")
         cache = cls.build / "CMakeCache.txt"
         cls.addClassCleanup(run, "cmake", cls.build)
         cls.addClassCleanup(cache.write_text, cache.read_text())
@@ -115,8 +117,12 @@ class PackagingTest(unittest.TestCase):
                 configure(cls.build, certificates, pins)
                 raise SystemExit(f"configured with {certificates} and {pins}")
         configure(cls.build, cls.certificates, keys)
-        run(*command, NAME, umask=0o077)
-        (cls.package,) = cls.build.glob("pellomar-downloader_*.deb")
+        outcomes = []
+        for umask in (0o022, 0o077):
+            run(*command, "--trial", NAME, umask=umask)
+            (cls.package,) = cls.build.glob("pellomar-downloader_*.deb")
+            outcomes.append([hashlib.sha256(path.read_bytes()).hexdigest() for path in (cls.package, cls.image)])
+        cls.repeated = outcomes
         cls.unpacked = SCRATCH / "unpacked"
         run("dpkg-deb", "--extract", cls.package, cls.unpacked)
         add_users()
@@ -142,8 +148,11 @@ class PackagingTest(unittest.TestCase):
             self.assertEqual((disk / ".config").read_bytes(), NAME.encode())
             self.assertEqual((disk / ".propaganda.dat").read_bytes(), self.stamp.read_bytes())
             self.assertEqual((disk / self.package.name).read_bytes(), self.package.read_bytes())
-            self.assertIn(f"双击本镜像中的 {self.package.name}", (disk / "请先安装软件包.txt").read_text())
+            self.assertIn(f'pkexec apt-get install "$PWD/{self.package.name}"', (disk / "请先安装软件包.txt").read_text())
             self.check_start(disk / PROGRAM, is_counted=True)
+
+    def test_the_same_files_from_the_same_build(self):
+        self.assertEqual(*self.repeated)
 
     def test_checkers_and_dependencies(self):
         run("lintian", "--allow-root", "--fail-on", "error,warning", self.package)

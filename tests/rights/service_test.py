@@ -36,7 +36,10 @@ class Refusals(RightsTest):
         ):  # fmt: skip
             with self.subTest(line):
                 self.assertEqual(caller.run(line), "NotAllowed")
-        self.assertEqual([caller.run(line) for line in (REMOVE, install(), QUERY, RESTART)], [""] * 4)
+        lines = (REMOVE, install(), QUERY, RESTART)
+        self.assertEqual([caller.run(line) for line in lines], [""] * 4)
+        started = [line.rpartition(" as process ") for line in harness.stage.journal() if f"{caller.name} of user" in line]
+        self.assertEqual([line.split("started ")[1] for line, _, _ in started], [line[0] for line in lines])
 
     def test_a_package_that_is_not_the_callers_own_file(self):
         secret = Path("/root/secret/Pellomar.pkg")
