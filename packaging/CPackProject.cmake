@@ -4,5 +4,5 @@ find_program(file_program file REQUIRED)
 set(FILE_EXECUTABLE "${file_program}" --raw)
 
 if(NOT DEFINED ENV{SOURCE_DATE_EPOCH})
-  set(ENV{SOURCE_DATE_EPOCH} "${CPACK_SOURCE_DATE_EPOCH}")
+  set(ENV{SOURCE_DATE_EPOCH} "${CPACK_CHANGELOG_TIME}")
 endif()

@@ -133,7 +133,7 @@ class PolkitAuthorization : public AuthorizationOpaque {
     }
 
     OSStatus call(const BusMessage& message) {
-        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_error error{};
         int result = -1;
         waitAside([&] { result = sd_bus_call(bus_.get(), message.get(), kNoTimeOut, &error, nullptr); });
         const std::string_view name = error.name == nullptr ? "" : error.name;

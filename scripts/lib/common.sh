@@ -16,7 +16,7 @@ usage() {
     sed -n '2,/^[^#]/s/^# \?//p' -- "$0"
 }
 
-# For arguments that make no sense.
+# Ends the command because of wrong arguments.
 misuse() {
     usage >&2
     exit 2

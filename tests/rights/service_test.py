@@ -36,10 +36,10 @@ class Refusals(RightsTest):
         ):  # fmt: skip
             with self.subTest(line):
                 self.assertEqual(caller.run(line), "NotAllowed")
-        lines = (REMOVE, install(), QUERY, RESTART)
+        lines, refused = (REMOVE, install(), QUERY, RESTART), len(harness.stage.journal())
         self.assertEqual([caller.run(line) for line in lines], [""] * 4)
-        started = [line.rpartition(" as process ") for line in harness.stage.journal() if f"{caller.name} of user" in line]
-        self.assertEqual([line.split("started ")[1] for line, _, _ in started], [line[0] for line in lines])
+        for logged, line in zip(harness.stage.journal()[refused:], lines, strict=True):
+            self.assertRegex(logged, f": started {line[0]} as process [0-9]+ for {caller.name} of user {harness.owner[0]}$")
 
     def test_a_package_that_is_not_the_callers_own_file(self):
         secret = Path("/root/secret/Pellomar.pkg")
