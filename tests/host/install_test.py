@@ -169,7 +169,7 @@ class Install(HostTest):
     def test_scripts_end_with_all_they_started(self):
         """And the lock on the target is free again, whether anybody reads the output or not."""
         traced = ("strace", "-f", "-o/dev/null", "-EASAN_OPTIONS=detect_leaks=0")
-        orphan = f"(setsid sleep 999 & echo $! >'{self.scratch}/orphan')"
+        orphan = f"(setsid sleep 999 >&- 2>&- & echo $! >'{self.scratch}/orphan')"
         rows = (
             ("succeeds", orphan, (), None),
             ("before the next script", f"kill -0 $(cat '{self.scratch}/orphan') || exit 3", (), "failed with status 3"),
