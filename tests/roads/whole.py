@@ -40,7 +40,7 @@ def go(machine, window, picture, type_password=lambda: None):
     click("停止")
     window.wait_for_screen("已停止下载", "继续", BAR)
     held = machine.file("tmp").stat().st_size
-    assert window.percent() == held * 100 // len(document)
+    window.wait_for("the bar's last frame", lambda: window.percent() == held * 100 // len(document))
     picture("stopped")
     click("继续")
     window.wait_for_percent(50)

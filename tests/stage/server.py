@@ -50,7 +50,7 @@ class FaultServer:
         self._address = self._listener.getsockname()[:2]
         self.port, self.requests, self.stalled = self._address[1], [], 0
         self._lock, self._released, self._parked = threading.Lock(), threading.Event(), threading.Event()
-        self._hole = []  # connections that nobody answers
+        self._is_hole, self._hole = False, []  # the connections that keep the queue full
 
     def __enter__(self):
         threading.Thread(target=self._accept, daemon=True).start()
@@ -81,7 +81,8 @@ class FaultServer:
         arrival = self._answer(number).get("arrival")
         if arrival == "refuse":
             self._close()
-        elif arrival == "hole" and not self._hole and not self._released.is_set():
+        elif arrival == "hole" and not self._is_hole and not self._released.is_set():
+            self._is_hole = True
             self._hole.append(socket.create_connection(self._address))  # halts the accepting thread
             self._parked.wait()
             self._listener.listen(0)
@@ -91,7 +92,7 @@ class FaultServer:
         with contextlib.suppress(OSError):  # it is closed
             while True:
                 connection, _ = self._listener.accept()
-                if self._hole and not self._released.is_set():
+                if self._is_hole and not self._released.is_set():
                     self._parked.set()
                     self._released.wait()
                 threading.Thread(target=self._respond, args=(connection,), daemon=True).start()
