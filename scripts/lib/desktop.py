@@ -1,0 +1,252 @@
+"""The whole road on a real desktop: see scripts/desktop."""
+
+import argparse
+import io
+import re
+import shutil
+import subprocess
+import sys
+import tarfile
+import time
+from pathlib import Path
+
+from guest import Guest, NotReached, wait_for
+
+PROJECT = Path(__file__).resolve().parent.parent.parent
+TEMPORARY = "/home/player/Downloads/NVInst/Pellomar.tmp"
+STAGING = "/.pellomar-installer"
+DRIVER = "com.norvik.emu.kext.VBoxDrv"
+RIGHTS = ".*的密码.*"
+STARTED = time.monotonic()
+
+
+def say(text):
+    print(f"== {time.monotonic() - STARTED:5.0f} s  {text}", flush=True)
+
+
+def make_kit(build, kit):
+    """A disk with what the machine needs besides the disk image: the download server, and a newer Debian package."""
+    folder = kit.with_suffix(".folder")
+    shutil.copytree(build / "sample/soft", folder / "documents/soft")
+    for name in ("serve", "nginx.conf.in"):
+        shutil.copy(PROJECT / "sample" / name, folder)
+    (package,) = build.glob("pellomar-downloader_*.deb")
+    unpacked = folder / "unpacked"
+    subprocess.run(["dpkg-deb", "--raw-extract", package, unpacked], check=True)
+    control = unpacked / "DEBIAN/control"
+    control.write_text(re.sub("(?m)^Version: .*", r"\g<0>+newer", control.read_text()))
+    subprocess.run(["dpkg-deb", "--build", "--root-owner-group", unpacked, folder / "newer.deb"], check=True)
+    shutil.rmtree(unpacked)
+    subprocess.run(
+        ["xorriso", "-as", "mkisofs", "-quiet", "-rational-rock", "-volid", "kit", "-o", kit, folder], check=True
+    )
+    shutil.rmtree(folder)
+
+
+def publish(pictures, folder):
+    """Pictures of half the size and few colours."""
+    shutil.rmtree(folder, ignore_errors=True)
+    folder.mkdir(parents=True)
+    for picture in sorted(pictures.glob("*.png")):
+        small = folder / picture.name
+        subprocess.run(["convert", picture, "-resize", "60%", "-strip", small], check=True)
+        subprocess.run(["pngquant", "--force", "--output", small, "48", small], check=True)
+
+
+class Road:
+    def __init__(self, guest, image, package):
+        self.guest, self.image = guest, image
+        self.length = package.stat().st_size
+
+    def take(self, name):
+        say(f"picture {self.guest.take(name).name}")
+
+    def see(self, text, picture=None):
+        self.guest.look(text)
+        if picture:
+            self.take(picture)
+
+    def bytes_there(self):
+        return int(self.guest.run("stat", "-c", "%s", TEMPORARY, check=False) or 0)
+
+    def answer(self, password, picture=None):
+        """Types at the agent's dialog, which has the focus, and presses its button."""
+        self.see(RIGHTS, picture)
+        self.guest.fill(password)
+        self.guest.press(r"授权\(A\)", "button")
+
+    def boot(self, picture):
+        self.guest.power_on()
+        self.guest.run("systemctl", "is-system-running", "--wait", check=False)
+        self.guest.run("mount", "-o", "ro", "/dev/vdb", "/mnt")
+        self.guest.run("systemd-run", "bash", "/mnt/serve", "--rate", "250k", "/mnt/documents", "/run/serve")
+        self.wait_for_session()
+        self.take(picture)
+
+    def wait_for_session(self):
+        wait_for("the session", lambda: self.guest.run("pgrep", "-u", "player", "xfdesktop", check=False))
+        self.see("所有应用程序")
+
+    def install_package(self):
+        """As the image's text says: by the terminal's line for a user without sudo."""
+        self.guest.insert(self.image)
+        mounted = ("findmnt", "-n", "-o", "TARGET", "/dev/sr0")
+        self.place = wait_for("the image", lambda: self.guest.run(*mounted, check=False)).strip()
+        self.see("请先安装软件包.txt", "image-mounted")
+        package = self.guest.run("bash", "-c", f"echo '{self.place}'/*.deb").strip()
+        self.guest.run_as_user("systemd-run", "--user", "pkexec", "apt-get", "install", "-y", package)
+        self.answer("sesame", "package-rights")
+        wait_for("the package", lambda: self.guest.run("dpkg", "-s", "pellomar-downloader", check=False))
+
+    def start_from_image(self):
+        for name in ("Pellomar下载器.app", "Contents", "MacOS", "PellomarDownloader"):
+            self.guest.press(name, "table cell")
+            self.guest.look(f'"{name}".*', "status bar")
+            self.guest.keys("ret")
+        self.see("开始", "started-from-image")
+
+    def start_from_menu(self):
+        self.guest.keys("alt", "f2")
+        self.guest.look("应用程序查找器|Application Finder.*")
+        self.guest.type("pellomar-downloader\n")
+        self.see("开始")
+
+    def download(self):
+        self.guest.press("开始")
+        self.see("正在下载Pellomar", "downloading")
+        self.guest.press("停止")
+        self.see("已停止下载", "stopped")
+        there = self.bytes_there()
+        self.guest.press("继续")
+        wait_for("more bytes", lambda: self.bytes_there() > there > 0)
+
+    def refuse_and_allow(self):
+        """The agent's dialog cancelled, mistyped and answered."""
+        self.see(RIGHTS, "rights-asked")
+        self.guest.press(r"取消\(C\)", "button")
+        self.see("获取权限失败，请重试", "rights-cancelled")
+        self.guest.press("重试安装")
+        self.answer("mistyped")
+        self.see(".*失败.*", "rights-mistyped")
+        self.answer("sesame")
+
+    def be_guided(self):
+        """The driver is not loaded; the start script loads it."""
+        self.see("(?s)检测到您的电脑未能成功安装驱动程序.*", "driver-guidance")
+        self.expect("no driver", DRIVER not in self.guest.run("kextstat", "-b", DRIVER))
+        self.guest.press("立即前往设置", "button")
+        self.see(".*驱动程序无法加载怎么办.*")
+        self.guest.keys("alt", "f10")  # as large as the screen
+        wait_for("the page", self.guest.is_painted)
+        self.take("driver-page")
+        self.guest.keys("alt", "f4")
+        self.guest.press("重试安装")
+        self.answer("sesame")
+        self.see("Pellomar 已启动", "launched")
+        self.expect("the driver", DRIVER in self.guest.run("kextstat", "-b", DRIVER))
+        self.guest.run("pkill", "-x", "Pellomar")
+
+    def log_out(self):
+        """In the middle of a download: nothing of the session is left running."""
+        self.start_from_menu()
+        self.guest.press("开始")
+        wait_for("some bytes", lambda: self.bytes_there() > 500_000)
+        self.guest.run_as_user("xfce4-session-logout", "--logout")
+        wait_for("the end of the session", lambda: not self.guest.run("pgrep", "-u", "player", "PellomarDown|xfce4-session", check=False))
+        self.expect("a partial download", 0 < self.bytes_there() < self.length)
+        wait_for("the greeter", self.guest.is_painted)
+        self.take("logged-out")
+        self.guest.run("systemctl", "restart", "lightdm")  # which logs in by itself
+        self.wait_for_session()
+
+    def lose_power(self):
+        """While the new version is unpacked: the old one is there after the next boot."""
+        before = self.product()
+        self.start_from_menu()
+        self.guest.press("开始")
+        self.answer("sesame")
+        self.see("是否保留已安装游戏和应用", "keep-games")
+        stopped = f"until [ -d {STAGING}/new ]; do sleep 0.02; done; pkill -STOP -x installer"
+        self.guest.run("systemd-run", "bash", "-c", stopped)
+        self.guest.press("确定.*", "button")
+        wait_for("the unpacking", lambda: "T" in (self.guest.run("ps", "-o", "stat=", "-C", "installer", check=False) or ""))
+        self.take("power-cut")
+        self.expect("no application for a while", not self.product())
+        self.guest.cut_power()
+        self.boot("after-the-power-cut")
+        self.expect("the old application", self.product() == before)
+        self.expect("nothing left", self.guest.run("test", "!", "-e", STAGING, check=False) is not None)
+
+    def upgrade_and_purge(self):
+        """The administrator's setting outlives an upgrade, and nothing but the product a purge."""
+        config = "/etc/pellomar-downloader/config"
+        self.guest.run("bash", "-c", f"printf %s Pellomar-other.pkg >{config}")
+        self.guest.run("apt-get", "install", "-y", "/mnt/newer.deb")
+        version = self.guest.run("dpkg-query", "-W", "-f", "${Version}", "pellomar-downloader")
+        self.expect("the newer version", version.endswith("+newer"))
+        self.expect("the setting", self.guest.run("cat", config) == "Pellomar-other.pkg")
+        self.guest.run("apt-get", "purge", "-y", "pellomar-downloader")
+        found = self.guest.run("find", "/etc", "/usr", "/System", "-iname", "*pellomar*", "-o", "-name", "kextstat", check=False)
+        self.expect("nothing of the package", not (found or "").strip())
+        self.expect("the product", bool(self.product()))
+
+    def product(self):
+        """The names, kinds, sizes and times of all that is installed."""
+        return self.guest.run("find", "/Applications", "-mindepth", "1", "-printf", "%p %y %s %t\\n", check=False)
+
+    def expect(self, what, is_so):
+        if not is_so:
+            raise NotReached(f"not so: {what}")
+        say(f"as it should be: {what}")
+
+    def keep(self):
+        """Leaves the logs, the journal and the state of /Applications beside the pictures."""
+        words = "cd /run && journalctl --no-pager | grep -v qemu-ga >journal.txt; ls -lR /Applications >applications.txt;"
+        words += "cp /home/player/Documents/LOG-*.txt .; tar -cz *.txt"
+        files = tarfile.open(fileobj=io.BytesIO(self.guest.run("bash", "-c", words, binary=True)))
+        files.extractall(self.guest.folder)
+
+    def go(self):
+        self.boot("desktop")
+        self.install_package()
+        self.start_from_image()
+        self.download()
+        self.refuse_and_allow()
+        self.be_guided()
+        self.log_out()
+        self.lose_power()
+        self.upgrade_and_purge()
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("machine", type=Path)
+    parser.add_argument("build", type=Path)
+    parser.add_argument("results", type=Path)
+    parser.add_argument("--publish", type=Path)
+    options = parser.parse_args()
+    options.results.mkdir()
+    kit = options.results / "kit.iso"
+    make_kit(options.build, kit)
+    guest = Guest(options.machine, options.results, kit, "player")
+    road = Road(guest, options.build / "Pellomar下载器.iso", options.build / "sample/soft/Pellomar-sample.pkg")
+    try:
+        road.go()
+        say("the whole road was gone")
+    except NotReached as error:
+        say(f"not reached: {error}")
+        if guest.process and guest.process.poll() is None:
+            road.take("not-reached")
+        sys.exit(1)
+    finally:
+        if guest.process and guest.process.poll() is None:
+            road.keep()
+            guest.cut_power()
+        for left_over in (guest.disk, kit, guest.folder / "screen.png"):
+            left_over.unlink(missing_ok=True)
+    if options.publish:
+        publish(options.results, options.publish / f"desktop-{options.results.name}")
+
+
+if __name__ == "__main__":
+    main()

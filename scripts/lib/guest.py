@@ -1,0 +1,231 @@
+"""A virtual machine with a desktop: its power, its mouse and keyboard, commands in it, what is on its screen."""
+
+import base64
+import json
+import os
+import socket
+import subprocess
+import time
+from pathlib import Path
+
+PATIENCE = float(os.environ.get("PELLOMAR_PATIENCE", "300"))
+SHARED_KEYS = {" ": "spc", "-": "minus", ".": "dot", "/": "slash", "\n": "ret"}
+
+# Runs in the machine, as the user. Looks for an object on screen through accessibility until there is one whose name
+# matches the pattern (or none, where the last argument is "gone"), and prints its middle.
+LOOK = r"""
+import re, sys, time
+import gi
+gi.require_version("Atspi", "2.0")
+from gi.repository import Atspi, GLib
+pattern, roles, end, gone = re.compile(sys.argv[1]), sys.argv[2], time.monotonic() + float(sys.argv[3]), sys.argv[4]
+
+def walk(node, depth=0):
+    try:
+        states = node.get_state_set()
+        if depth > 1 and not states.contains(Atspi.StateType.VISIBLE):
+            return
+        role = node.get_role_name()
+        name = Atspi.Text.get_text(node, 0, -1) if role == "password text" else node.get_name() or ""
+        box = node.get_component_iface() and node.get_extents(Atspi.CoordType.SCREEN)
+        if box and box.width > 0 and states.contains(Atspi.StateType.SHOWING):
+            yield name, role, box
+        for i in range(node.get_child_count()):
+            child = node.get_child_at_index(i)
+            if child is not None:
+                yield from walk(child, depth + 1)
+    except GLib.Error:
+        return  # it went away
+
+while True:
+    Atspi.get_desktop(0).clear_cache()
+    seen = list(walk(Atspi.get_desktop(0)))
+    found = [box for name, role, box in seen if pattern.fullmatch(name) and re.search(roles, role)]
+    if bool(found) != (gone == "gone"):
+        for box in found[-1:]:
+            print(box.x + box.width // 2, box.y + box.height // 2)
+        break
+    if time.monotonic() > end:
+        sys.exit("on screen: " + repr([(name, role) for name, role, _ in seen if name]))
+    time.sleep(0.2)
+"""
+
+
+class NotReached(Exception):
+    """A step of the road that did not come within its time."""
+
+
+def wait_for(what, condition, seconds=PATIENCE, pause=0.5):
+    """Returns the first true answer of CONDITION."""
+    end = time.monotonic() + seconds
+    while not (answer := condition()):
+        if time.monotonic() > end:
+            raise NotReached(f"{what} did not come within {seconds:.0f} s")
+        time.sleep(pause)
+    return answer
+
+
+class Channel:
+    """JSON lines over a socket of QEMU's, a request and its answer at a time."""
+
+    def __init__(self, path):
+        self.socket = socket.socket(socket.AF_UNIX)
+        self.socket.connect(path)
+        self.lines = self.socket.makefile("rb")
+
+    def ask(self, command, **arguments):
+        words = {"execute": command, "arguments": {key.replace("_", "-"): value for key, value in arguments.items()}}
+        self.socket.sendall(json.dumps(words).encode() + b"\n")
+        while True:
+            line = self.lines.readline()
+            if not line:
+                raise NotReached(f"the machine ended before it answered {command}")
+            answer = json.loads(line.lstrip(b"\xff"))
+            if "error" in answer:
+                raise NotReached(f"{command}: {answer['error']['desc']}")
+            if "return" in answer:
+                return answer["return"]
+
+
+class Guest:
+    """The machine whose disk, kernel and first root file system lie at MACHINE with these extensions. It starts from
+    that disk and writes what changes into FOLDER, where its pictures go, too. KIT is an image that it sees as a second
+    disk; USER is logged in on its desktop."""
+
+    def __init__(self, machine, folder, kit, user):
+        self.machine, self.folder, self.kit, self.user = machine, folder, kit, user
+        self.pictures = 0
+        self.process = None
+        self.disk = folder / "disk.qcow2"
+        subprocess.run(
+            ["qemu-img", "create", "-q", "-f", "qcow2", "-F", "raw", "-b", f"{machine}.disk", self.disk], check=True
+        )
+
+    def power_on(self):
+        """Returns when commands can be run in it."""
+        control, agent = self.folder / "control", self.folder / "agent"
+        # The processor is emulated, so that it is the same on every machine.
+        command = ["setpriv", "--pdeathsig", "KILL", "nice", "-n", "10", "qemu-system-x86_64", "-accel", "tcg"]
+        command += ["-cpu", "Nehalem", "-smp", "1", "-m", "3072", "-nodefaults", "-display", "none", "-vga", "std"]
+        command += ["-kernel", f"{self.machine}.kernel", "-initrd", f"{self.machine}.initrd"]
+        command += ["-append", "root=/dev/vda rw quiet console=ttyS0", "-serial", f"file:{self.folder}/console.txt"]
+        command += ["-drive", f"file={self.disk},format=qcow2,if=none,id=disk", "-device", "virtio-blk,drive=disk"]
+        command += ["-drive", f"file={self.kit},format=raw,if=virtio,readonly=on", "-device", "ide-cd,id=cd"]
+        command += ["-usb", "-device", "usb-tablet", "-device", "virtio-serial"]
+        command += ["-qmp", f"unix:{control},server=on,wait=off"]
+        command += ["-chardev", f"socket,path={agent},server=on,wait=off,id=agent"]
+        command += ["-device", "virtserialport,chardev=agent,name=org.qemu.guest_agent.0"]
+        self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL)
+        wait_for("the machine", lambda: self.process.poll() is None and agent.exists() and control.exists())
+        self.control = Channel(str(control))
+        self.control.ask("qmp_capabilities")
+        self.agent = wait_for("the machine's agent", lambda: self.agent_at(str(agent)))
+
+    @staticmethod
+    def agent_at(path):
+        """What is asked before the agent runs is lost."""
+        channel, number = Channel(path), time.monotonic_ns()
+        channel.socket.settimeout(5)
+        try:
+            while channel.ask("guest-sync", id=number) != number:
+                pass
+        except TimeoutError:
+            channel.lines.close()
+            channel.socket.close()
+            return None
+        channel.socket.settimeout(PATIENCE)
+        return channel
+
+    def cut_power(self):
+        """What the machine has not written to its disk is lost."""
+        self.process.kill()
+        self.process.wait()
+        for name in ("control", "agent"):
+            (self.folder / name).unlink()
+
+    def run(self, *command, timeout=PATIENCE, check=True, binary=False):
+        """Runs a command as root; returns what it prints, or None where it fails."""
+        words = {"path": command[0], "arg": list(command[1:]), "capture-output": True}
+        process = self.agent.ask("guest-exec", **words)["pid"]
+
+        def ended():
+            state = self.agent.ask("guest-exec-status", pid=process)
+            return state if state["exited"] else None
+
+        state = wait_for(" ".join(command)[:80], ended, timeout, pause=0.2)
+        text, errors = (base64.b64decode(state.get(name, "")) for name in ("out-data", "err-data"))
+        if state.get("exitcode") == 0:
+            return text if binary else text.decode()
+        if check:
+            raise NotReached(f"{' '.join(command)[:80]}: {state.get('exitcode')}\n{(text + errors).decode()}")
+        return None
+
+    def run_as_user(self, *command, **options):
+        """Runs a command with the user's rights, outside the session, where it reaches the session's bus and screen."""
+        number = self.run("id", "-u", self.user).strip()
+        place = f"/run/user/{number}"
+        words = [f"XDG_RUNTIME_DIR={place}", f"DBUS_SESSION_BUS_ADDRESS=unix:path={place}/bus", "DISPLAY=:0"]
+        return self.run("runuser", "-u", self.user, "--", "env", "LANG=zh_CN.UTF-8", *words, *command, **options)
+
+    def look(self, name, role="", gone=False, seconds=PATIENCE):
+        """Where on screen the object is whose whole name matches, once there is one; with GONE, waits for its end."""
+        words = ("python3", "-W", "ignore", "-c", LOOK, name, role, str(seconds), "gone" if gone else "")
+        try:
+            answer = self.run_as_user(*words, timeout=seconds + 60)
+        except NotReached as error:
+            raise NotReached(f"{name!r} {'still' if gone else 'not'} on screen\n{error}") from error
+        return None if gone else tuple(map(int, answer.split()))
+
+    def press(self, name, role=""):
+        """Clicks on an object, once it is there."""
+        x, y = self.look(name, role)
+        width, height = self.size
+        place = [
+            {"type": "abs", "data": {"axis": axis, "value": value * 0x7FFF // limit}}
+            for axis, value, limit in (("x", x, width), ("y", y, height))
+        ]
+        clicks = [{"type": "btn", "data": {"button": "left", "down": down}} for down in (True, False)]
+        for events in (place, *([click] for click in clicks)):
+            self.control.ask("input-send-event", events=events)
+            time.sleep(0.08)  # until the mouse is asked again
+
+    def keys(self, *names):
+        """Presses keys together."""
+        self.control.ask("send-key", keys=[{"type": "qcode", "data": name} for name in names])
+        time.sleep(0.15)  # longer than a key is held
+
+    def type(self, text):
+        for letter in text:
+            self.keys(SHARED_KEYS.get(letter, letter))
+
+    def fill(self, text):
+        """Types at a password's field, until the field has taken all of it: it may not be ready yet."""
+
+        def is_taken():
+            self.keys("ctrl", "a")
+            self.type(text)
+            try:
+                return self.look(f".{{{len(text)}}}", "password text", seconds=10)
+            except NotReached:
+                return None
+
+        wait_for("the field for the password", is_taken)
+
+    def is_painted(self):
+        """Whether the middle of the screen shows more than one colour and the mouse."""
+        picture = self.folder / "screen.png"
+        self.control.ask("screendump", filename=str(picture), format="png")
+        middle = ["convert", picture, "-gravity", "center", "-crop", "50%x50%+0+0", "-strip", "png:-"]
+        return len(subprocess.run(middle, capture_output=True, check=True).stdout) > 8000
+
+    def take(self, name):
+        """A picture of the screen."""
+        self.pictures += 1
+        picture = self.folder / f"{self.pictures:02d}-{name}.png"
+        self.control.ask("screendump", filename=str(picture), format="png")
+        header = picture.read_bytes()[16:24]
+        self.size = int.from_bytes(header[:4], "big"), int.from_bytes(header[4:], "big")
+        return picture
+
+    def insert(self, image):
+        self.control.ask("blockdev-change-medium", id="cd", filename=str(image), format="raw")
