@@ -165,7 +165,7 @@ def two_workers(machine):
         window.wait_for_percent((4 << 20) * 100 // len(document))
         window.invoke(STOP)
         window.invoke(CONTINUE)
-        window.wait_for("the second worker", lambda: server.stalled == 2)
+        window.wait_for("the second worker", lambda: len(server.stalled) == 2)
         server.release()
 
         def events():

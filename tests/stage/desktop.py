@@ -12,10 +12,8 @@ from pathlib import Path
 from waiting import Blocked, wait_for
 
 # Root, who looks at the windows, is otherwise not let into a user's session.
-SESSION_BUS = """<busconfig>
-  <include>/usr/share/dbus-1/session.conf</include>
-  <policy context="mandatory"><allow user="root"/></policy>
-</busconfig>
+SESSION_BUS = """<busconfig><include>/usr/share/dbus-1/session.conf</include>
+<policy context="mandatory"><allow user="root"/></policy></busconfig>
 """
 WESTON = "[shell]\npanel-position=none\nbackground-color=0xff2b3b4b\nlocking=false\nstartup-animation=none\n"
 
@@ -81,7 +79,6 @@ class Display(Part):
         output("display", "-window", "root", "-size", size, "xc:#2b3b4b")
 
 
-
 class Compositor(Part):
     """A Wayland compositor without a screen, in the session that runs. There is no X server and no mouse: whatever
     is pressed is pressed through accessibility. Ends the process with 77 where it is not installed."""
@@ -109,8 +106,7 @@ def geometry(window):
 
 
 def window_called(title):
-    """The X window with this title that is on screen, or None. A dialog bears its window's title: the larger one is
-    the window."""
+    """The X window with this title on screen, or None: the largest one, since a dialog bears its window's title."""
     found = (xdotool("search", "--onlyvisible", "--name", f"^{re.escape(title)}$") or "").split()
     sizes = {window: geometry(window)[2:] for window in found}
     return max(filter(sizes.get, found), key=lambda window: sizes[window][0] * sizes[window][1], default=None)
@@ -129,9 +125,9 @@ def take(picture, *options):
     if "WAYLAND_DISPLAY" not in os.environ:
         subprocess.run(["import", "-silent", "-window", "root", *options, "+repage", picture], check=True)
     else:
-        with tempfile.TemporaryDirectory() as folder:
-            subprocess.run(["weston-screenshooter"], cwd=folder, env=os.environ | {"XDG_PICTURES_DIR": folder}, check=True)
-            shutil.move(next(Path(folder).iterdir()), picture)
+        with tempfile.TemporaryDirectory() as home:
+            subprocess.run(["weston-screenshooter"], cwd=home, env=os.environ | {"XDG_PICTURES_DIR": home}, check=True)
+            shutil.move(next(Path(home).iterdir()), picture)
 
 
 def take_window(picture, title, with_frame=True):

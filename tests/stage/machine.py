@@ -1,5 +1,4 @@
-"""The machine that a window finds: the disk image with the bundle, a home, tools, an old copy of the product. Only in
-the throw-away view, as root."""
+"""What a window finds: the disk image, a home, tools, an old copy. Needs root in the throw-away view."""
 
 import os
 import re
@@ -47,7 +46,7 @@ eval "${{bodies[number - 1]-${{bodies[-1]}}}}"
 """
 # What the tools do, as lines of bash.
 REMOVES = f'{REAL}/rm "$@"'
-INSTALLS = """cp -r /opt/product /Applications/Pellomar.app; ls "${2%/*}"; echo 'installer: The install was successful.'"""
+INSTALLS = 'cp -r /opt/product /Applications/Pellomar.app; ls "${2%/*}"; echo installer: The install was successful.'
 LOADED = "echo 'Index Refs Name'; echo '120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)'"
 SCRIPTED = {"/bin/rm": [REMOVES], INSTALLER: [INSTALLS], KEXTSTAT: [LOADED], STARTUP: ["echo Started."]}
 
@@ -67,9 +66,8 @@ def note(text):
 
 def plist(key, value):
     """With the same key in a dictionary within, which does not count."""
-    pair = f"<key>{key}</key><string>{{}}</string>"
-    inner = f"<key>Inner</key><dict>{pair.format('wrong')}</dict>"
-    return f'<?xml version="1.0"?><plist version="1.0"><dict>{inner}{pair.format(value)}</dict></plist>\n'
+    bad, good = (f"<key>{key}</key><string>{text}</string>" for text in ("wrong", value))
+    return f'<?xml version="1.0"?><plist version="1.0"><dict><key>Inner</key><dict>{bad}</dict>{good}</dict></plist>\n'
 
 
 def remove(path):
@@ -89,23 +87,22 @@ class Machine:
         self.config = DISK / ".config"
         subprocess.run(["chmod", "-R", "a+rX", DISK], check=True)
         REAL.mkdir()
-        for tool in ("/usr/bin/killall", "/bin/rm", build / "host/installer/installer", build / "host/kextstat/kextstat"):
-            shutil.copy(tool, REAL)
+        for tool in ("/usr/bin/killall", "/bin/rm", "host/installer/installer", "host/kextstat/kextstat"):
+            shutil.copy(build / tool, REAL)
         os.mkfifo(HOLD)
         HOLD.chmod(0o666)
         APPLICATION.parent.mkdir(exist_ok=True)
         write("/opt/product/Contents/Info.plist", plist("CFBundleExecutable", "Pellomar"))
-        write("/opt/product/Contents/MacOS/Pellomar", note(
-            "opens $([[ -e ${0%/MacOS/*}/of-the-old-copy ]] && echo mixed || echo new) Pellomar, $(id -un) in $PWD"), 0o755)
+        write("/opt/product/Contents/MacOS/Pellomar", note("opens $([[ -e ${0%/MacOS/*}/of-the-old-copy ]] "
+              "&& echo mixed || echo new) Pellomar, $(id -un) in $PWD"), 0o755)
         write("/usr/bin/xdg-open", note("opens $*"), 0o755)
         add_users(*(["--uid", user_number, "--non-unique"] if user_number else []))
         self.rights = RightsStage(PROJECT, build, "/run/system.log")
         self.parts = [desktop.Session(**as_user(USER)), display()]
 
     def trust_sample(self):
-        folder = Path("/etc/pellomar-installer/trusted")
-        folder.mkdir(parents=True, exist_ok=True)
-        shutil.copy(self.build / "sample/signing/certificate.pem", folder / "sample.pem")
+        certificate = self.build / "sample/signing/certificate.pem"
+        write("/etc/pellomar-installer/trusted/sample.pem", certificate.read_text())
 
     def begin(self, road):
         """Afresh, as a row of the tests' table says."""
@@ -119,8 +116,8 @@ class Machine:
         for name in road.stale:
             write(self.home / name, "stale")
         subprocess.run(["chown", "-R", f"{self.owner}:", self.home], check=True)
-        tools = {path: [f'exec {REAL}/{Path(path).name} "$@"'] for path in ("/usr/bin/killall", *SCRIPTED)} | {STARTUP: []}
-        for path, bodies in (tools | ({} if road.real else SCRIPTED) | road.tools).items():
+        tools = {path: [f'exec {REAL}/{Path(path).name} "$@"'] for path in ("/usr/bin/killall", *SCRIPTED)}
+        for path, bodies in (tools | ({STARTUP: []} if road.real else SCRIPTED) | road.tools).items():
             remove(Path(path))
             if bodies:
                 write(path, TOOL % "\n".join(map(shlex.quote, bodies)), 0o755)
@@ -169,25 +166,22 @@ class Machine:
 
 
 def trace(home, names=()):
-    """What happened since start was pressed, as the log tells it: in the order of the log what the window did and the
-    commands that it waited for, and in the order of their processes those commands and the programs that it did not wait
-    for. NAMES is a dict of texts and what stands for them."""
+    """What the log holds since start was pressed: in its order what the window did and the commands that it waited for,
+    and in the order of their processes those commands and the programs that it did not wait for. NAMES is a dict of
+    texts and what stands for them."""
     log = next((home / "Documents").glob("LOG-*"), ERRORS)
     seen, started = [], {}
     text = log.read_text(errors="replace")
     for long, short in ({str(home): "~"} | dict(names)).items():
         text = text.replace(long, short)
-    for line in text.splitlines():
-        told = re.match(r"@(?:(\d+) )?(.*)|[^\[]+ PellomarDownloader\[[^]]+\] (.*)", line)
-        if told is None:
-            continue
-        process, text, logged = told.groups()
-        if process is not None:
-            started[int(process)] = text
-        if logged is not None:
+    line = r"(?m)^(?:@(?:(\d+) )?(.*)|[^\[\n]+ PellomarDownloader\[[^]\n]+\] (.*))"
+    for process, written, logged in re.findall(line, text):
+        if process:
+            started[int(process)] = written
+        if logged:
             seen.append(f"log {logged}")
-        elif process is None or " runs " in text:
-            seen.append(text)
-    # A newer toolkit tells of the first screen, too, where there is no log but standard error.
+        elif not process or " runs " in written:
+            seen.append(written)
+    # A newer toolkit reports the first screen, too, where there is no log but standard error.
     start = seen.index(START) if START in seen else 0
     return seen[start:], [started[process] for process in sorted(started)]

@@ -4,13 +4,12 @@ package installs, an ordinary user, an administrator with a password, and an age
 import contextlib
 import os
 import pwd
-import shutil
 import subprocess
 from pathlib import Path
 
 from gi.repository import Gio, GLib
-from waiting import processes
-from waiting import wait_for as wait_until
+from desktop import Part
+from waiting import processes, wait_for
 
 ACTION = "com.norvik.PellomarDownloader"
 MECHANISM = Path("/usr/libexec/pellomar-downloader-rights")
@@ -22,16 +21,15 @@ ADMINISTRATOR = "pellomar-keeper"
 PASSWORD = "pellomar"
 POLKIT, AGENT = "/usr/lib/polkit-1/polkitd", Path("/usr/local/bin/pellomar-sample-agent")
 # What a user's programs need of the environment to meet on the desktop, and the sanitizers' settings.
-KEPT = ("DISPLAY", "XAUTHORITY", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS", "QT_QPA_PLATFORM",
-        "QT_SCALE_FACTOR", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS")  # fmt: skip
+KEPT = ("PATH", "DISPLAY", "XAUTHORITY", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS",
+        "QT_QPA_PLATFORM", "QT_SCALE_FACTOR", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS")  # fmt: skip
 
 
 def as_user(name):
     """What subprocess needs to start something as this user, with that user's home."""
     user = pwd.getpwnam(name)
-    environment = {"PATH": os.environ["PATH"], "HOME": user.pw_dir, "USER": name, "LANG": "C.UTF-8",
-                   "QT_LINUX_ACCESSIBILITY_ALWAYS_ON": "1"}  # fmt: skip
-    environment |= {name: os.environ[name] for name in KEPT if name in os.environ}
+    own = {"HOME": user.pw_dir, "USER": name, "LANG": "C.UTF-8", "QT_LINUX_ACCESSIBILITY_ALWAYS_ON": "1"}
+    environment = own | {name: os.environ[name] for name in KEPT if name in os.environ}
     return {"user": user.pw_uid, "group": user.pw_gid, "extra_groups": [], "env": environment}
 
 
@@ -61,22 +59,21 @@ class RightsStage:
         self.log, self.bus, self.polkit = Path(log), None, None
         packaging = Path(project) / "packaging"
         for source, target, mode in (
-            (Path(build) / "host/rights" / MECHANISM.name, MECHANISM, 0o755),
-            (Path(build) / "host/installer" / TRANSACTION.name, TRANSACTION, 0o755),
-            (packaging / f"{ACTION}.service", BUS_SERVICE, 0o644),
-            (packaging / f"{ACTION}.conf", f"/usr/share/dbus-1/system.d/{ACTION}.conf", 0o644),
-            (packaging / f"{ACTION}.policy", f"/usr/share/polkit-1/actions/{ACTION}.policy", 0o644),
-            (Path(project) / "tests/stage/agent.py", AGENT, 0o755),
+            (Path(build) / "host/rights" / MECHANISM.name, MECHANISM, "755"),
+            (Path(build) / "host/installer" / TRANSACTION.name, TRANSACTION, "755"),
+            (packaging / f"{ACTION}.service", BUS_SERVICE, "644"),
+            (packaging / f"{ACTION}.conf", f"/usr/share/dbus-1/system.d/{ACTION}.conf", "644"),
+            (packaging / f"{ACTION}.policy", f"/usr/share/polkit-1/actions/{ACTION}.policy", "644"),
+            (Path(project) / "tests/stage/agent.py", AGENT, "755"),
         ):
-            shutil.copyfile(source, target)
-            Path(target).chmod(mode)
+            subprocess.run(["install", "-m", mode, source, target], check=True)
 
     def run(self, name, *command):
         """Starts what owns this NAME on the bus, and waits until it does."""
         with self.log.open("ab") as log:
-            process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
-        wait_until(name, lambda: self.has_owner(name))
-        return process
+            part = Part(*command, stdout=log, stderr=log)
+        wait_for(name, lambda: self.has_owner(name))
+        return part
 
     def start_bus(self):
         Path("/run/dbus").mkdir(exist_ok=True)
@@ -95,11 +92,10 @@ class RightsStage:
 
     def stop(self):
         """Ends what was started, and what the bus has started."""
-        for process in filter(None, (self.polkit, self.bus)):
-            process.kill()
-            process.wait()
+        for part in filter(None, (self.polkit, self.bus)):
+            part.close()
         for program in (MECHANISM, POLKIT):
-            wait_until(f"the end of {program}", lambda: not self.kill(program))
+            wait_for(f"the end of {program}", lambda: not self.kill(program))
         self.bus = self.polkit = None
 
     @staticmethod
@@ -132,15 +128,16 @@ class RightsStage:
         return next(iter(processes(MECHANISM)), None)
 
     def journal(self):
-        """The lines that the mechanism has written so far."""
-        return [line for line in self.log.read_text(errors="replace").splitlines() if line.startswith(MECHANISM.name + ":")]
+        """The mechanism's lines so far."""
+        lines = self.log.read_text(errors="replace").splitlines()
+        return [line for line in lines if line.startswith(MECHANISM.name + ":")]
 
 
 # What a person does at the password dialog, as an agent's DIALOG (see agent.py).
 DIALOGS = {"right": 'echo "$2"', "wrong": '[[ ! $3 ]] && echo "not $2"', "close": "false", "wait": "exec sleep 600"}
 
 
-class Agent:
+class Agent(Part):
     """Answers the password dialogs of one process, as the user whose process it is. ANSWER is one of DIALOGS, or the
     path of a program that a person answers."""
 
@@ -148,17 +145,11 @@ class Agent:
         self.output = Path(f"/run/pellomar-agent-{process}")
         dialog = ["bash", "-c", DIALOGS[answer]] if answer in DIALOGS else [answer]
         with self.output.open("wb") as output:
-            command = [AGENT, str(process), ADMINISTRATOR, PASSWORD, *dialog]
-            self.process = subprocess.Popen(command, stdout=output, **as_user(user))
-        wait_until("the authentication agent", lambda: "ready" in self.lines())
+            super().__init__(AGENT, process, ADMINISTRATOR, PASSWORD, *dialog, stdout=output, **as_user(user))
+        wait_for("the authentication agent", lambda: "ready" in self.lines())
 
     def lines(self):
         return self.output.read_text().splitlines()
 
     def asked(self):
-        """How often polkit asked."""
         return sum(line.startswith("asked") for line in self.lines())
-
-    def close(self):
-        self.process.kill()
-        self.process.wait()

@@ -1,12 +1,7 @@
 #!/usr/bin/env python3
 """The tests' HTTP server, which gives right and faulty answers.
 
-As a module, in a `with` block:
-
-    with FaultServer([{}, {"cut": 40_000}, {"status": 404, "body": 8}, {}], document=package) as server:
-        ...                     # server.port, server.requests, server.stalled, server.release()
-
-As a program, one argument an answer, for `FaultServer("{}", {"cut": 40_000, "ending": "stall"})`:
+As a program, for `FaultServer([{}, {"cut": 40_000, "ending": "stall"}], document=DOCUMENT)`:
 
     server.py --document DOCUMENT -- "" "cut=40000 ending=stall"
 
@@ -41,14 +36,14 @@ from pathlib import Path
 
 
 class FaultServer:
-    """port: where it listens; requests: (method, path, first byte or None) in order; stalled: how many clients wait
-    for release() now, the ones in a hole not counted. Any thread may use them."""
+    """port: where it listens; requests: (method, path, first byte or None) in order; stalled: the connections that
+    wait for release() now, the ones in a hole left out. It serves in a `with` block; any thread may use it."""
 
     def __init__(self, answers=({},), address=("127.0.0.1", 0), document=bytes(range(251)) * 400, prints=False):
         self._answers, self._document, self._prints = answers, document, prints
         self._listener = socket.create_server(address, backlog=128)
         self._address = self._listener.getsockname()[:2]
-        self.port, self.requests, self.stalled = self._address[1], [], 0
+        self.port, self.requests, self.stalled = self._address[1], [], []
         self._lock, self._released, self._parked = threading.Lock(), threading.Event(), threading.Event()
         self._is_hole, self._hole = False, []  # the connections that keep the queue full
 
@@ -103,8 +98,7 @@ class FaultServer:
             if not head:
                 return
             method, path, _ = head.split("\n", 1)[0].split(" ")
-            first = re.search(r"(?mi)^range: *bytes=(\d+)-", head)
-            first = int(first[1]) if first else None
+            first = next(map(int, re.findall(r"(?mi)^range: *bytes=(\d+)-", head)), None)
             with self._lock:
                 number = len(self.requests)
                 self._prepare_for(number + 1)
@@ -116,7 +110,8 @@ class FaultServer:
 
     def _composed(self, answer, method, first):
         """Status line with headers, and the body."""
-        body, status, headers = answer.get("body", self._document), 200, dict(answer.get("headers", {}))
+        body, status = answer.get("body", self._document), 200
+        headers = {"Connection": "close"} | answer.get("headers", {})
         if isinstance(body, int):
             body = (self._document * (body // len(self._document) + 1))[:body]
         if "redirect" in answer:
@@ -129,9 +124,8 @@ class FaultServer:
         length = answer.get("length", len(body))
         if length is not None:
             headers["Content-Length"] = length
-        lines = [f"HTTP/1.1 {answer.get('status', status)} Status", "Connection: close"]
-        lines += [f"{name}: {text}" for name, text in headers.items()]
-        return "".join(f"{line}\r\n" for line in [*lines, ""]).encode(), b"" if method == "HEAD" else body
+        head = [f"HTTP/1.1 {answer.get('status', status)} Status", *(f"{key}: {text}" for key, text in headers.items())]
+        return "".join(f"{line}\r\n" for line in [*head, ""]).encode(), b"" if method == "HEAD" else body
 
     def _send(self, connection, answer, head, body):
         if "head" in answer:
@@ -146,18 +140,15 @@ class FaultServer:
             if rate:
                 time.sleep(block / rate)
         if up_to < len(rest) and answer.get("ending") == "stall":
-            with self._lock:
-                self.stalled += 1
+            self.stalled.append(connection)
             self._released.wait()
-            with self._lock:
-                self.stalled -= 1
+            self.stalled.remove(connection)
             connection.sendall(rest[up_to:])
         elif answer.get("ending") == "reset":
             connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
 
 
 def value(text):
-    """A number, None or a word."""
     return int(text) if text.lstrip("-").isdigit() else None if text == "None" else text
 
 

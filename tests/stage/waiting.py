@@ -1,11 +1,13 @@
 """Waiting for conditions, and the processes of a program."""
 
+import contextlib
 import os
 import time
 from pathlib import Path
 
+from gi.repository import GLib
+
 PATIENCE = float(os.environ.get("PELLOMAR_TEST_PATIENCE", 90))  # seconds; a sanitizer's build on a busy machine is slow
-between_looks = []  # functions that are called between two looks at a condition
 
 
 class Blocked(Exception):
@@ -31,8 +33,8 @@ def wait_for(what, condition, seconds=PATIENCE, while_running=None):
             raise Blocked(f"{what}: the process ended first, with status {while_running.returncode}")
         if time.monotonic() > deadline:
             raise Blocked(f"{what}: not seen within {seconds:g} s")
-        for function in between_looks:
-            function()
+        while GLib.MainContext.default().iteration(False):
+            pass  # what windows report meanwhile
         time.sleep(0.01)
 
 
@@ -40,9 +42,7 @@ def processes(executable):
     """The process ids of the programs that run from this path, zombies not counted."""
     found = []
     for link in Path("/proc").glob("[0-9]*/exe"):
-        try:
+        with contextlib.suppress(OSError):  # it ended meanwhile
             if os.readlink(link).removesuffix(" (deleted)") == str(executable):
                 found.append(int(link.parent.name))
-        except OSError:
-            continue  # it ended meanwhile
     return found

@@ -8,29 +8,20 @@ import gi
 
 gi.require_version("Atspi", "2.0")
 from gi.repository import Atspi, GLib  # noqa: E402
-
 import waiting  # noqa: E402
 from desktop import is_painted, output, window_called, xdotool  # noqa: E402
 
 WINDOW_TITLE = "Pellomar下载器"
 # Names of roles differ between releases, and so does this constant's name, but not its value.
 BUTTON = getattr(Atspi.Role, "BUTTON", None) or Atspi.Role.PUSH_BUTTON
-LABEL, BAR, CHECK_BOX, ALERT = Atspi.Role.LABEL, Atspi.Role.PROGRESS_BAR, Atspi.Role.CHECK_BOX, Atspi.Role.ALERT
-PASSWORD = Atspi.Role.PASSWORD_TEXT
+LABEL, BAR, CHECK_BOX = Atspi.Role.LABEL, Atspi.Role.PROGRESS_BAR, Atspi.Role.CHECK_BOX
+ALERT, PASSWORD = Atspi.Role.ALERT, Atspi.Role.PASSWORD_TEXT
 # A second press within the toolkit's double-click time would count as part of a double click.
 DOUBLE_CLICK_SECONDS = 0.6
 # More white pixels than a button's word has, and fewer than the ring of the focus.
 LEAST_RING = 500
 
 Atspi.set_timeout(20_000, 60_000)
-
-
-def serve_events():
-    while GLib.MainContext.default().iteration(False):
-        pass
-
-
-waiting.between_looks.append(serve_events)
 
 
 class Accessible:
@@ -54,11 +45,7 @@ class Accessible:
     def has(self, state):
         return self.ask(lambda node: node.get_state_set().contains(state), False)
 
-    def value(self):
-        return self.ask(lambda node: node.get_value_iface().get_current_value(), 0.0)
-
-    def centre(self):
-        """In pixels, or None."""
+    def centre(self):  # in pixels, or None
         box = self.ask(lambda node: node.get_component_iface().get_extents(Atspi.CoordType.SCREEN))
         scale = int(os.environ.get("QT_SCALE_FACTOR", 1))
         return (scale * (box.x + box.width // 2), scale * (box.y + box.height // 2)) if box and box.width > 0 else None
@@ -109,12 +96,7 @@ class Screen:
 
     def wait_for_screen(self, status, *controls):
         """Waits until this text and exactly these controls show."""
-
-        def is_there():
-            found, labels = self.screen()
-            return status in labels and found == set(controls)
-
-        self.wait_for(f"{status} with {controls}", is_there)
+        self.wait_for(f"{status}, {controls}", lambda: status in self.labels() and self.screen()[0] == set(controls))
 
     def invoke(self, name):
         """Presses a button as a screen reader does."""
@@ -131,8 +113,8 @@ class Screen:
 
 
 class Window(Screen):
-    """The running downloader: its process and its window. START is what subprocess needs to start it as another
-    user, BEFORE the beginning of its command line."""
+    """The running downloader. START is what subprocess needs to start it as another user, BEFORE the beginning of its
+    command line."""
 
     def __init__(self, executable, home, *before, **start):
         super().__init__()
@@ -148,7 +130,8 @@ class Window(Screen):
         self.wait_for("the drawn window", lambda: is_painted(window_called(WINDOW_TITLE)))
 
     def percent(self):
-        return next((bar.value() for bar in self.showing(BAR)), 0.0)
+        bar = next(iter(self.showing(BAR)), Accessible(None))
+        return bar.ask(lambda node: node.get_value_iface().get_current_value(), 0.0)
 
     def wait_for_percent(self, percent):
         self.wait_for(f"{percent} percent", lambda: self.percent() >= percent)
@@ -168,7 +151,7 @@ class Window(Screen):
         """Whether a button has the focus, and shows it: its word is white, and so is the ring around it."""
         button, scale = self.button(name), int(os.environ.get("QT_SCALE_FACTOR", 1))
         x, y = button.centre()
-        place = "{}x{}+{}+{}".format(220 * scale, 60 * scale, x - 110 * scale, y - 30 * scale)
+        place = f"{220 * scale}x{60 * scale}+{x - 110 * scale}+{y - 30 * scale}"
         picture = ["import", "-silent", "-window", "root", "-crop", place, "-depth", "8", "gray:-"]
         white = subprocess.run(picture, capture_output=True, check=True).stdout.count(255)
         return button.has(Atspi.StateType.FOCUSED) and white > LEAST_RING * scale**2
