@@ -20,6 +20,13 @@ def run(*command):
     return subprocess.run(command, capture_output=True, text=True, check=False)
 
 
+def tracing(*options):
+    """The beginning of a command line that injects faults; where that is not permitted, the test is skipped."""
+    if run("strace", "true").returncode != 0:
+        raise unittest.SkipTest("no permission to trace here")
+    return "strace", "-f", "-EASAN_OPTIONS=detect_leaks=0", *options  # the leak checker traces, too
+
+
 def snapshot(folder):
     """All that is below: path to mode and content."""
 
@@ -31,8 +38,8 @@ def snapshot(folder):
 
 def contents(folder):
     """The files and links below, without the receipts."""
-    found = {name: content for name, (_, content) in snapshot(folder).items() if content is not None}
-    return {name: content for name, content in found.items() if not name.startswith("var/")}
+    found = {name: content for name, (_, content) in snapshot(folder).items() if not name.startswith("var/")}
+    return {name: content for name, content in found.items() if content is not None}
 
 
 class HostTest(unittest.TestCase):
@@ -66,7 +73,6 @@ class HostTest(unittest.TestCase):
         self.assertNotEqual(outcome.returncode, 0)
 
     def assert_outcome(self, outcome, cause):
-        """A success where no cause of a failure is expected."""
         self.assert_refused(outcome, cause) if cause else self.assert_installed(outcome)
 
     def assert_all_refused(self, rows):

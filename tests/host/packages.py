@@ -41,10 +41,8 @@ def payload(*entries):
 
 def entry(name, offset, stored, digest="sha256"):
     checksum = hashlib.new(digest, stored).hexdigest()
-    return (
-        f"<file><name>{name}</name><type>file</type><data><offset>{offset}</offset><length>{len(stored)}</length>"
-        f"<size>{len(stored)}</size><archived-checksum style='{digest}'>{checksum}</archived-checksum></data></file>"
-    )
+    return (f"<file><name>{name}</name><type>file</type><data><offset>{offset}</offset><length>{len(stored)}</length>"
+            f"<size>{len(stored)}</size><archived-checksum style='{digest}'>{checksum}</archived-checksum></data></file>")
 
 
 def pack(table, heap, signature=lambda *_: b"", digest="sha256"):
@@ -86,22 +84,20 @@ class Publisher:
         self.key, self.certificate = self.place / "key.pem", self.place / "certificate.pem"
         kind = f"CA:FALSE -addext extendedKeyUsage={purpose}" if purpose else "CA:TRUE -addext keyUsage=keyCertSign"
         self.openssl(
-            f"req -x509 -newkey rsa:{bits} -nodes -keyout key.pem -out certificate.pem -subj /CN={name} -days 1 -{digest} "
-            f"-addext authorityKeyIdentifier=none -addext basicConstraints=critical,{kind} "
+            f"req -x509 -newkey rsa:{bits} -nodes -keyout key.pem -out certificate.pem -subj /CN={name} -days 1 "
+            f"-{digest} -addext authorityKeyIdentifier=none -addext basicConstraints=critical,{kind} "
             + (f"-CA {issuer.certificate} -CAkey {issuer.key}" if issuer else ""),
-            LD_PRELOAD=next(Path("/usr/lib").glob("*/faketime/libfaketime.so.1")), FAKETIME=since,
-        )
+            LD_PRELOAD=next(Path("/usr/lib").glob("*/faketime/libfaketime.so.1")), FAKETIME=since)
 
     def openssl(self, arguments, text=b"", **environment):
-        return subprocess.run(("openssl", *arguments.split()), cwd=self.place, input=text, capture_output=True, check=True,
-                              env=os.environ | environment).stdout
+        return subprocess.run(("openssl", *arguments.split()), cwd=self.place, input=text, capture_output=True,
+                              check=True, env=os.environ | environment).stdout
 
     def base64(self):
         return re.search("-----\n(.*)-----E", self.certificate.read_text(), re.DOTALL)[1]
 
     def key_digest(self):
-        key = self.openssl("pkey -in key.pem -pubout -outform DER")
-        return hashlib.sha256(key).hexdigest()
+        return hashlib.sha256(self.openssl("pkey -in key.pem -pubout -outform DER")).hexdigest()
 
     def sign(self, text, digest):
         return self.openssl(f"dgst -{digest} -sign key.pem", text)

@@ -30,15 +30,11 @@ def remove(place):
 
 
 class Signing(HostTest):
-    @classmethod
-    def setUpClass(cls):
-        cls.publisher, cls.root = Publisher("publisher"), Publisher("root", purpose=None)
+    publisher, root = Publisher("publisher"), Publisher("root", purpose=None)
 
     def setUp(self):
         super().setUp()
-        both = (one.certificate.read_text() for one in (self.publisher, self.root))
-        (self.trusted / "both").write_text("".join(both))
-        (self.trusted / ".hidden").write_text("not read")
+        (self.trusted / "both").write_text("".join(one.certificate.read_text() for one in (self.publisher, self.root)))
 
     def by(self, *chain, name="signer", **wanted):
         return xar([Publisher(name, chain[0] if chain else None, **wanted), *chain], **CONTENTS)
@@ -71,14 +67,6 @@ class Signing(HostTest):
             self.assert_refused(run(*demanding), cause)
         self.assert_refused(self.install(sound.replace(b"extra", b"Extra")), "does not match")
 
-    def test_names_that_are_not_signed(self):
-        sound = entry("PackageInfo", 32, INFO) + entry("Payload", 32 + len(INFO), PAYLOAD)
-        rows = (("bad UTF-8", "/w==", "not UTF-8"), ("control character", "CQ==", "not plain UTF-8"))
-        self.assert_none_signed(
-            (name, archive(f"{sound}<file><name enctype='base64'>{base64}</name></file>", INFO + PAYLOAD), cause)
-            for name, base64, cause in rows
-        )
-
     def test_key_with_a_passphrase(self):
         key, signer = self.scratch / "key.pem", shutil.copy(SIGNER, self.scratch)
         self.publisher.openssl(f"pkey -in key.pem -aes256 -passout pass:right -out {key}")
@@ -109,33 +97,27 @@ class Signing(HostTest):
         def flipped(at):
             return good[:at] + bytes([good[at] ^ 4]) + good[at + 1 :]
 
-        def changed(old, new):
+        def changed(pattern, new):
             """Everything that can be put right without the key is."""
-            return pack(table.replace(old, new, 1), good[heap + 32 :])
+            return pack(re.sub(pattern, new, table, count=1, flags=re.DOTALL), good[heap + 32 :])
 
         def sealed(more="", extra=b"", digest="sha256"):
             """A signature alone is not enough: what is signed must be sound, too."""
             elements = entry("PackageInfo", 288, INFO) + entry("Payload", 288 + len(INFO), PAYLOAD, digest)
             return archive(elements + more, INFO + PAYLOAD + extra, [publisher])
 
-        files, (signature,) = (re.findall(f"<{tag}.*?</{tag}>", table, re.DOTALL) for tag in ("file", "signature"))
         rows = (
             ("table's length", flipped(15), "table is damaged"),
-            ("table", flipped(heap // 2), "package"),
             ("digest", flipped(heap + 5), "does not match its digest"),
             ("signature", flipped(heap + 32), "signature does not match"),
-            ("Scripts", flipped(good.index(SCRIPTS) + 20), '"Scripts" does not match'),
             ("an entry that is not used", flipped(good.index(b"extra")), '"Extra" does not match'),
-            ("Payload's last byte", flipped(len(good) - 1), '"Payload" does not match'),
             ("trailing byte", good + b"x", "does not account for"),
-            ("not signed", xar(**CONTENTS), "is not signed"),
-            ("stripped of its signature", changed(signature, ""), "is not signed"),
+            ("stripped of its signature", changed("<signature.*</signature>", ""), "is not signed"),
+            ("not base64", changed("<X509Certificate>.*?<", "<X509Certificate>====<"), "malformed certificate"),
             ("another's signature", good[: heap + 32] + other[there + 32 :][:256] + good[heap + 288 :], "signature"),
-            ("entries in another order", changed(files[0] + files[1], files[1] + files[0]), "signature does not match"),
             ("two entries of one name", sealed(entry("Payload", end, b"evil"), b"evil"), "two entries"),
             ("entry over the signature", sealed(entry("x", 40, b"1234")), "overlap"),
             ("offset that overflows", sealed(entry("x", 1 << 63, b"1")), "malformed offset"),
-            ("bytes of no entry", sealed(extra=b"??"), "does not account for"),
             ("weak checksum", sealed(digest="sha1"), "without a strong checksum"),
             ("weak table", archive("", b"", [publisher], "sha1"), "too weak"),
             ("by a stranger", by(), "not trusted"),
@@ -148,8 +130,6 @@ class Signing(HostTest):
             ("weak key", by(root, bits=1024), "too short"),
         )
         self.assert_all_refused(rows)
-        slip = re.sub("<X509Certificate>.*?<", "<X509Certificate>====<", table, flags=re.DOTALL)
-        self.assert_all_refused([("not base64", pack(slip, good[heap + 32 :]), "malformed certificate")])
 
     def test_what_is_in_the_folders_of_trusted_certificates(self):
         """No state of the folders lets an unsigned package pass, but for two that are empty or do not exist."""
@@ -161,9 +141,8 @@ class Signing(HostTest):
             return lambda place: (place / name).write_text(text)
 
         rows = (
-            ("hidden file", put(".a"), "is not signed"),
+            ("hidden file", put(".a", "not read"), "is not signed"),
             ("damaged", put("a", certificate + cut), "cannot be read"),
-            ("folder", lambda place: (place / "a").mkdir(), "not a file of certificates"),
             ("pipe", lambda place: os.mkfifo(place / "a"), "not a file of certificates"),
             ("link to nowhere", lambda place: (place / "a").symlink_to("absent"), "cannot be read"),
             ("folder is a link to nowhere", lambda place: place.rmdir() or place.symlink_to("x"), "cannot be read"),

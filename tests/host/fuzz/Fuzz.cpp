@@ -12,11 +12,15 @@
 // NOLINTBEGIN(misc-use-internal-linkage): each target uses one of these functions
 namespace package {
 
+void require(bool isTrue) {
+    if (!isTrue) {
+        __builtin_trap();
+    }
+}
+
 struct Nowhere : PayloadSink {
     void begin(const PayloadEntry& entry) override {
-        if (entry.path.empty() || entry.path.front() == '/' || entry.path.starts_with("..")) {
-            __builtin_trap();
-        }
+        require(!entry.path.empty() && entry.path.front() != '/' && !entry.path.starts_with(".."));
     }
     void data(const void*, std::size_t, std::int64_t) override {}
     void end() override {}
@@ -40,14 +44,10 @@ void fuzzPackage(const std::string& input) {
 void fuzzTable(const std::string& input) {
     const Seal seal = parseSeal(input);
     const Table table = parseTable(input);
-    if (seal.digest.offset != table.seal.digest.offset ||
-        bool(seal.signature) != bool(table.seal.signature)) {
-        __builtin_trap();
-    }
+    require(seal.digest.offset == table.seal.digest.offset);
+    require(bool(seal.signature) == bool(table.seal.signature));
     for (const Entry& entry : table.entries) {
-        if (("/" + entry.path + "/").find("/../") != std::string::npos) {
-            __builtin_trap();
-        }
+        require(("/" + entry.path + "/").find("/../") == std::string::npos);
     }
     accountsForAll(table, input.size());
 }
