@@ -44,13 +44,16 @@ def make_kit(build, kit):
 
 
 def publish(pictures, folder):
-    """Pictures of half the size and few colours."""
+    """Pictures of a smaller size and few colours, on a page."""
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir(parents=True)
+    page = f"# The last run on Debian {pictures.name}\n\nIt took {(time.monotonic() - STARTED) / 60:.0f} minutes.\n"
     for picture in sorted(pictures.glob("*.png")):
         small = folder / picture.name
         subprocess.run(["convert", picture, "-resize", "60%", "-strip", small], check=True)
         subprocess.run(["pngquant", "--force", "--output", small, "48", small], check=True)
+        page += f"\n{picture.stem}\n\n![{picture.stem}]({picture.name})\n"
+    (folder / "README.md").write_text(page)
 
 
 class Road:
