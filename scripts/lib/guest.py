@@ -216,7 +216,7 @@ class Guest:
         picture = self.folder / "screen.png"
         self.control.ask("screendump", filename=str(picture), format="png")
         middle = ["convert", picture, "-gravity", "center", "-crop", "50%x50%+0+0", "-strip", "png:-"]
-        return len(subprocess.run(middle, capture_output=True, check=True).stdout) > 8000
+        return len(subprocess.run(middle, capture_output=True, check=True).stdout) > 3000
 
     def take(self, name):
         """A picture of the screen."""
