@@ -75,13 +75,10 @@ void serve() {
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
     MainThread::attach();
-    if (argc > 1 && std::string(argv[1]) == "main") {
-        QTimer::singleShot(0, [] {
-            serve();
-            QCoreApplication::quit();
-        });
-        return QCoreApplication::exec();
-    }
-    std::thread(serve).join();
-    return 0;
+    const bool isMain = argc > 1 && std::string(argv[1]) == "main";
+    QTimer::singleShot(0, [isMain] {
+        isMain ? serve() : std::thread(serve).join();
+        QCoreApplication::quit();
+    });
+    return QCoreApplication::exec();
 }

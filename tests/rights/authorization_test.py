@@ -9,8 +9,8 @@ import sys
 from pathlib import Path
 
 import harness
-from harness import (APPLICATION, BUS_SERVICE, GO, HOLD, INSTALLER, KEXTSTAT, MECHANISM, QUERY, REMOVE, RESTART, STAGING,
-                     STARTED, TRANSACTION, USER, Agent, RightsTest, as_user, install, main, make_tool, version,
+from harness import (APPLICATION, BUS_SERVICE, GO, HOLD, INSTALLER, KEXTSTAT, MECHANISM, QUERY, REMOVE, RESTART,
+                     STAGING, STARTED, TRANSACTION, USER, Agent, RightsTest, as_user, install, main, make_tool, version,
                      wait_for)  # fmt: skip
 
 SUCCESS, DENIED, NOT_STARTED, NOT_CREATED = "0", "-60005", "-60031", "-60033"
@@ -20,11 +20,11 @@ PROBE = Path("/usr/local/bin/rights_probe")
 class Probe:
     """A process that makes the authorization calls it is asked to make, on the main THREAD or a worker."""
 
-    def __init__(self, thread, user):
-        if not PROBE.exists():
-            subprocess.run(["install", Path(sys.argv[1]) / "tests/rights/rights_probe", PROBE], check=True)
+    def __init__(self, test, thread="worker", user=USER):
+        subprocess.run(["install", Path(sys.argv[1]) / "tests/rights/rights_probe", PROBE], check=True)
         pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "text": True}
         self.process = subprocess.Popen([PROBE, thread], **pipes, **as_user(user))
+        test.addCleanup(self.close)
 
     def begin(self, *words):
         self.process.stdin.write("\t".join(words) + "\n")
@@ -40,29 +40,19 @@ class Probe:
         return self.answer()
 
     def authorized(self):
-        answers = self.ask("create"), self.ask("ask").split()[0]
-        assert answers == (SUCCESS, SUCCESS), answers
+        assert self.ask("create") == self.ask("ask").split()[0] == SUCCESS
         return self
 
     def is_traceable(self):
         return os.stat(f"/proc/{self.process.pid}/environ").st_uid != 0
 
     def close(self):
-        """Ends it by itself, for a sanitizer to report."""
-        self.process.stdin.close()
-        status = self.process.wait(90)
+        self.process.stdin.close()  # which lets a sanitizer report
         self.process.stdout.close()
-        assert status in (0, -signal.SIGKILL), status
+        assert self.process.wait(90) in (0, -signal.SIGKILL), self.process.returncode
 
 
-class AuthorizationTest(RightsTest):
-    def probe(self, thread="worker", user=USER):
-        probe = Probe(thread, user)
-        self.addCleanup(probe.close)
-        return probe
-
-
-class AllowedByRule(AuthorizationTest):
+class AllowedWithoutPassword(RightsTest):
     def test_nothing_is_created_where_something_is_missing(self):
         polkit = Path("/usr/share/dbus-1/system-services/org.freedesktop.PolicyKit1.service")
         for path, thread in (polkit, "worker"), (BUS_SERVICE, "worker"), (MECHANISM, "main"):
@@ -72,13 +62,13 @@ class AllowedByRule(AuthorizationTest):
             if path != polkit:
                 harness.stage.start_polkit()
             with self.subTest(path):
-                self.assertEqual(self.probe(thread).ask("create"), NOT_CREATED)
+                self.assertEqual(Probe(self, thread).ask("create"), NOT_CREATED)
             hidden.rename(path)
         harness.stage.stop()
-        self.assertEqual(self.probe("main").ask("create"), NOT_CREATED, "no bus")
+        self.assertEqual(Probe(self, "main").ask("create"), NOT_CREATED, "no bus")
 
     def test_rights_and_what_they_change(self):
-        probe = self.probe()
+        probe = Probe(self)
         self.assertTrue(probe.is_traceable())
         probe.authorized()
         KEXTSTAT.unlink()
@@ -86,7 +76,7 @@ class AllowedByRule(AuthorizationTest):
         self.assertEqual((probe.ask("free"), probe.is_traceable()), ("free", True))
 
     def test_the_service_killed_around_a_command(self):
-        probe = self.probe().authorized()
+        probe = Probe(self).authorized()
         self.kill(MECHANISM)
         self.assertEqual(probe.ask(*QUERY), DENIED)
         make_tool(INSTALLER, HOLD)
@@ -96,19 +86,33 @@ class AllowedByRule(AuthorizationTest):
         GO.touch()
         self.assertEqual((probe.answer(), probe.ask(*QUERY)), (f"{SUCCESS}done\t", DENIED), "the tool goes on")
 
+    def test_root_runs_the_same_commands(self):
+        probe = Probe(self, "worker", "root").authorized()
+        answers = [probe.ask(*line) for line in (("/bin/rm", "-rf", "/Applications"), QUERY, QUERY)]
+        INSTALLER.chmod(0o777)
+        self.assertEqual([*answers, probe.ask(*install())], [DENIED, SUCCESS, DENIED, NOT_STARTED])
 
-class Asked(AuthorizationTest):
+    def test_each_ending_of_an_attempt_of_root(self):
+        for text, end in ("exit 1", "keep"), ("true", "free"), (None, "free"), (None, "kill"):
+            with self.subTest(installer=text, end=end):
+                probe = Probe(self, "worker", "root").authorized()
+                self.assertEqual((probe.ask(*REMOVE), APPLICATION.exists()), (SUCCESS, False))
+                if text is not None:
+                    make_tool(INSTALLER, text)
+                    self.assertEqual(probe.ask(*install()), SUCCESS)
+                os.kill(probe.process.pid, signal.SIGKILL) if end == "kill" else probe.ask(end)
+                wait_for("the application", lambda: version() == "old" and not STAGING.exists())
+        wait_for("nothing left over", lambda: not harness.rights.processes(TRANSACTION))
+
+
+class Asked(RightsTest):
     rule = None
-
-    def agent(self, probe, answer):
-        agent = Agent(probe.process.pid, answer)
-        self.addCleanup(agent.close)
-        return agent
 
     def test_one_password_for_one_attempt_and_each_attempt_asks(self):
         for thread in "worker", "main":
-            probe = self.probe(thread)
-            agent = self.agent(probe, "right")
+            probe = Probe(self, thread)
+            agent = Agent(probe.process.pid, "right")
+            self.addCleanup(agent.close)
             for attempt, give_up in enumerate(("keep", "free"), 1):
                 alive = " alive" if thread == "main" else ""
                 self.assertEqual((probe.ask("create"), probe.ask("ask")), (SUCCESS, SUCCESS + alive))
@@ -119,36 +123,15 @@ class Asked(AuthorizationTest):
 
     def test_the_service_killed_while_a_person_types(self):
         for thread in "worker", "main":
-            probe = self.probe(thread)
-            agent = self.agent(probe, "wait")
+            probe = Probe(self, thread)
+            agent = Agent(probe.process.pid, "wait")
+            self.addCleanup(agent.close)
             self.assertEqual(probe.ask("create"), SUCCESS)
             probe.begin("ask")
             wait_for("the dialog", lambda: agent.asked() == 1)
             self.kill(MECHANISM)
             self.assertEqual(probe.answer().split()[0], DENIED)
             wait_for("the dialog's end", lambda: "cancelled" in agent.lines())
-
-
-class Root(AuthorizationTest):
-    """A window that is root already needs no password, and runs the same commands under the same conditions."""
-
-    def test_commands(self):
-        probe = self.probe("worker", "root").authorized()
-        answers = [probe.ask(*line) for line in (("/bin/rm", "-rf", "/Applications"), QUERY, QUERY)]
-        INSTALLER.chmod(0o777)
-        self.assertEqual([*answers, probe.ask(*install())], [DENIED, SUCCESS, DENIED, NOT_STARTED])
-
-    def test_each_ending_of_an_attempt(self):
-        for text, end in ("exit 1", "keep"), ("true", "free"), (None, "free"), (None, "kill"):
-            with self.subTest(installer=text, end=end):
-                probe = self.probe("worker", "root").authorized()
-                self.assertEqual((probe.ask(*REMOVE), APPLICATION.exists()), (SUCCESS, False))
-                if text is not None:
-                    make_tool(INSTALLER, text)
-                    self.assertEqual(probe.ask(*install()), SUCCESS)
-                os.kill(probe.process.pid, signal.SIGKILL) if end == "kill" else probe.ask(end)
-                wait_for("the application", lambda: version() == "old" and not STAGING.exists())
-        wait_for("nothing left over", lambda: not harness.rights.processes(TRANSACTION))
 
 
 if __name__ == "__main__":

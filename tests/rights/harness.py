@@ -1,10 +1,7 @@
-"""What both sides of the rights are tested with: tools for root to run, a package, and raw calls of the service.
-
-Runs as root inside the throw-away view.
-"""
+"""Tools for root to run, a package, and raw calls of the rights service, as root in the throw-away view."""
 
 import os
-import pwd
+import subprocess
 import sys
 import unittest
 from pathlib import Path
@@ -39,14 +36,14 @@ def install(package=PACKAGE):
 
 def make_tool(path, text="true"):
     path.parent.mkdir(parents=True, exist_ok=True)
-    path.unlink(missing_ok=True)
+    for old in path, GO, STARTED:
+        old.unlink(missing_ok=True)
     path.write_text(f"#!/bin/bash\n{text}\n")
     path.chmod(0o755)
     os.chown(path, 0, 0)
 
 
 def version():
-    """What the installed application says it is, or None."""
     file = APPLICATION / "version"
     return file.read_text().strip() if file.exists() else None
 
@@ -57,19 +54,16 @@ class Caller:
     def __init__(self):
         os.seteuid(owner[0])
         try:
-            flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
-            self.bus = Gio.DBusConnection.new_for_address_sync("unix:path=/run/dbus/system_bus_socket", flags, None, None)
+            self.bus = rights.connect_to_bus()
         finally:
             os.seteuid(0)
         self.name = self.bus.get_unique_name()
 
-    def call(self, method, arguments=None, descriptor=None):
+    def call(self, method, arguments=None, *descriptors):
         """The last part of the error's name, or "" for success; the error's text is in self.reason."""
-        descriptors = Gio.UnixFDList()
-        if descriptor is not None:
-            descriptors.append(descriptor)
+        files = Gio.UnixFDList.new_from_array([os.dup(descriptor) for descriptor in descriptors])
         try:
-            self.bus.call_with_unix_fd_list_sync(NAME, PATH, NAME, method, arguments, None, 0, -1, descriptors, None)
+            self.bus.call_with_unix_fd_list_sync(NAME, PATH, NAME, method, arguments, None, 0, -1, files, None)
             return ""
         except GLib.Error as error:
             self.reason = error.message
@@ -83,7 +77,6 @@ class Caller:
         return self.call("Execute", GLib.Variant("(sash)", (line[0], line[1:], 0)), output)
 
     def start(self, line):
-        """Starts a command; its output is read by self.output()."""
         self.reader, writer = os.pipe()
         error = self.execute(line, writer)
         os.close(writer)
@@ -97,38 +90,22 @@ class Caller:
         """The error, or what the command printed."""
         return self.start(line) or self.output()
 
-    def close(self):
-        if not self.bus.is_closed():
-            self.bus.close_sync(None)
-
 
 class RightsTest(unittest.TestCase):
-    """Begins with the system's services running and an old application installed; RULE is what polkit decides without
-    asking anybody."""
+    """Begins with the services running and an old application; RULE is what polkit decides without asking."""
 
     rule = "YES"
 
     def setUp(self):
-        for path in (GO, STARTED):
-            path.unlink(missing_ok=True)
         for tool in (INSTALLER, KEXTSTAT, SCRIPT):
             make_tool(tool)
         PACKAGE.unlink(missing_ok=True)
         PACKAGE.write_text("the user's package")
         os.chown(PACKAGE, *owner)
-        self.make_application()
-        stage.start(self.rule)
-        self.addCleanup(stage.stop)
-
-    @staticmethod
-    def make_application():
         APPLICATION.mkdir(parents=True, exist_ok=True)
         (APPLICATION / "version").write_text("old\n")
-
-    def caller(self):
-        caller = Caller()
-        self.addCleanup(caller.close)
-        return caller
+        stage.start(self.rule)
+        self.addCleanup(stage.stop)
 
     @staticmethod
     def kill(program):
@@ -140,17 +117,11 @@ class RightsTest(unittest.TestCase):
 def main():
     """Prepares the machine for the build that the first argument names, and runs the calling module's tests."""
     global stage, owner
-    log = Path("/run/system.log")
     rights.add_users()
-    stage = RightsStage(PROJECT, Path(sys.argv[1]), log)
-    owner = pwd.getpwnam(USER).pw_uid, pwd.getpwnam(USER).pw_gid
-    PACKAGE.parent.mkdir(parents=True)
-    for folder in list(PACKAGE.parents)[:2]:
-        os.chown(folder, *owner)
+    stage = RightsStage(PROJECT, sys.argv[1], "/run/system.log")
+    owner = as_user(USER)["user"], as_user(USER)["group"]
+    subprocess.run(["install", "-d", "-o", USER, "-g", USER, PACKAGE.parents[1], PACKAGE.parent], check=True)
     program = unittest.main(argv=[sys.argv[0], *sys.argv[2:]], exit=False, verbosity=2)
-    text = log.read_text(errors="replace")
-    is_good = program.result.wasSuccessful() and "Sanitizer" not in text
-    if not is_good:
-        print(text)
-    sys.exit(not is_good)
+    text = stage.log.read_text(errors="replace")
+    sys.exit(text if "Sanitizer" in text or not program.result.wasSuccessful() else 0)
 

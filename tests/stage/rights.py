@@ -40,10 +40,14 @@ def add_users(*options):
     subprocess.run(["chpasswd"], input=f"{ADMINISTRATOR}:{PASSWORD}\n", text=True, check=True)
 
 
-def ask_bus(method, *arguments):
-    """Asks the system bus, by a connection of its own: the bus may be another one the next time."""
+def connect_to_bus():
+    """Makes a new connection to the system bus, since the bus may be another one the next time."""
     flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
-    bus = Gio.DBusConnection.new_for_address_sync("unix:path=/run/dbus/system_bus_socket", flags, None, None)
+    return Gio.DBusConnection.new_for_address_sync("unix:path=/run/dbus/system_bus_socket", flags, None, None)
+
+
+def ask_bus(method, *arguments):
+    bus = connect_to_bus()
     given, name = GLib.Variant("(s)", arguments) if arguments else None, "org.freedesktop.DBus"
     try:
         return bus.call_sync(name, "/org/freedesktop/DBus", name, method, given, None, 0, -1).unpack()[0]
