@@ -3,17 +3,14 @@
 import os
 import re
 import subprocess
-import sys
 import tempfile
 import unittest
 from pathlib import Path
 
-from packages import Publisher
-
 BUILD = Path(os.environ.get("PELLOMAR_BUILD", Path(__file__).parents[2] / "build/dev")).resolve()
 INSTALLER, SIGNER = BUILD / "host/installer/installer", BUILD / "host/sign-package/sign-package"
 IS_SANITIZED = re.search(rb"lib[at]san", INSTALLER.read_bytes()) is not None
-RECEIPTS = "var/lib/pellomar-installer/receipts"
+APP, STAGING, RECEIPTS = "Applications/Pellomar.app", ".pellomar-installer", "var/lib/pellomar-installer/receipts"
 
 
 def run(*command):
@@ -24,7 +21,7 @@ def tracing(*options):
     """The beginning of a command line that injects faults; where that is not permitted, the test is skipped."""
     if run("strace", "true").returncode != 0:
         raise unittest.SkipTest("no permission to trace here")
-    return "strace", "-f", "-EASAN_OPTIONS=detect_leaks=0", *options  # the leak checker traces, too
+    return "strace", "-f", "-o/dev/null", "-EASAN_OPTIONS=detect_leaks=0", *options  # the leak checker traces, too
 
 
 def snapshot(folder):
@@ -82,19 +79,3 @@ class HostTest(unittest.TestCase):
                 before = snapshot(self.world)
                 self.assert_refused(self.install(package), cause)
                 self.assertEqual(snapshot(self.world), before)
-
-    def assert_none_signed(self, rows):
-        publisher, signed = Publisher("publisher"), self.scratch / "signed.pkg"
-        for name, package, cause in rows:
-            with self.subTest("signing", of=name):
-                self.path.write_bytes(package)
-                outcome = run(SIGNER, publisher.key, publisher.certificate, self.path, signed)
-                self.assertEqual(outcome.returncode, 1)
-                self.assertIn(cause, outcome.stderr)
-                self.assertEqual(list(self.scratch.glob("signed*")), [])
-
-
-def main():
-    """Runs the module's tests. Ends with the status that ctest takes for skipped when one was."""
-    result = unittest.main(exit=False).result
-    sys.exit(1 if not result.wasSuccessful() else 77 if result.skipped else 0)

@@ -6,12 +6,11 @@ import shutil
 import stat
 from pathlib import Path
 
-from harness import BUILD, INSTALLER, IS_SANITIZED, RECEIPTS, HostTest, contents, main, run, snapshot, tracing
-from packages import ENTRY_TIME, INFO, archive, file, folder, link, package, payload, xar
+from harness import APP, BUILD, INSTALLER, IS_SANITIZED, RECEIPTS, SIGNER, STAGING, HostTest
+from harness import contents, run, snapshot, tracing
+from packages import ENTRY_TIME, INFO, Publisher, archive, file, folder, link, package, payload, xar
 
-APP = "Applications/Pellomar.app"
 SUPPORT = "Library/Application Support/NorvikEmu"
-STAGING = ".pellomar-installer"
 TREE = (
     folder(f"./{APP}", 0o750),
     file(f"./{APP}/run", "r" * 300_000, 0o755),
@@ -30,7 +29,6 @@ MOVES = 9  # that the update's swap takes
 MEASURE = """import os, resource, sys
 os.spawnv(os.P_WAIT, sys.argv[1], sys.argv[1:])
 print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss, file=sys.stderr)"""
-QUIET = "-o/dev/null"
 SUPERVISOR = "$(cut -d ' ' -f 4 /proc/$PPID/stat)"
 
 
@@ -137,7 +135,14 @@ class Install(HostTest):
         )
         self.assert_all_refused(rows)
         control = ("control character", xar(PackageInfo=INFO, Payload=sound, **{"\x7f": b"x"}), "not plain UTF-8")
-        self.assert_none_signed((control, *(row for row in rows if "target" not in row[2])))
+        publisher, signed = Publisher("publisher"), self.scratch / "signed.pkg"
+        for name, content, cause in (control, *(row for row in rows if "target" not in row[2])):
+            with self.subTest("signing", of=name):
+                self.path.write_bytes(content)
+                outcome = run(SIGNER, publisher.key, publisher.certificate, self.path, signed)
+                self.assertEqual(outcome.returncode, 1)
+                self.assertIn(cause, outcome.stderr)
+                self.assertEqual(list(self.scratch.glob("signed*")), [])
 
     def test_full_disk(self):
         mount = ("unshare", "-m", "bash", "-euc", 'mount -t tmpfs -o "$0" none "$1"; shift; "$@"')
@@ -170,8 +175,8 @@ class Install(HostTest):
             ("succeeds", orphan, (), None),
             ("before the next script", f"kill -0 $(cat '{self.scratch}/orphan') || exit 3", (), "failed with status 3"),
             ("the worker is killed", f"{orphan}; kill -9 $PPID; sleep 999", (), "ended by signal 9"),
-            ("takes too long", f"{orphan}; sleep 999", tracing(QUIET, "-einject=ppoll:retval=0"), "longer than 10 minutes"),
-            ("unread", orphan, tracing(QUIET, "-einject=poll:retval=0"), None),
+            ("takes too long", f"{orphan}; sleep 999", tracing("-einject=ppoll:retval=0"), "longer than 10 minutes"),
+            ("unread", orphan, tracing("-einject=poll:retval=0"), None),
         )
         for name, text, before, cause in rows:
             with self.subTest(name):
@@ -260,7 +265,7 @@ class Install(HostTest):
         self.assert_updated()
 
     def test_fault_at_each_move_of_the_swap(self):
-        before, traced = self.make_old(), tracing(QUIET, "-erenameat2")
+        before, traced = self.make_old(), tracing("-erenameat2")
         for fault, move in itertools.product(("signal=KILL", "error=EXDEV"), range(1, MOVES + 2)):
             with self.subTest(fault, move=move):
                 self.make_old()
@@ -269,7 +274,3 @@ class Install(HostTest):
                 goes_on = move > MOVES or (fault == "error=EXDEV" and move <= 3)
                 self.assertEqual(outcome.returncode == 0, goes_on, outcome.stdout)
                 self.assert_updated() if goes_on else self.assert_put_back(before)
-
-
-if __name__ == "__main__":
-    main()

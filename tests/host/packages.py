@@ -40,9 +40,9 @@ def payload(*entries):
 
 
 def entry(name, offset, stored, digest="sha256"):
-    checksum = hashlib.new(digest, stored).hexdigest()
-    return (f"<file><name>{name}</name><type>file</type><data><offset>{offset}</offset><length>{len(stored)}</length>"
-            f"<size>{len(stored)}</size><archived-checksum style='{digest}'>{checksum}</archived-checksum></data></file>")
+    checksum, size = hashlib.new(digest, stored).hexdigest(), len(stored)
+    return (f"<file><name>{name}</name><type>file</type><data><offset>{offset}</offset><length>{size}</length>"
+            f"<size>{size}</size><archived-checksum style='{digest}'>{checksum}</archived-checksum></data></file>")
 
 
 def pack(table, heap, signature=lambda *_: b"", digest="sha256"):

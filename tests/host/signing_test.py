@@ -5,11 +5,10 @@ import os
 import re
 import shutil
 import subprocess
-import time
 import zlib
 from pathlib import Path
 
-from harness import BUILD, SIGNER, HostTest, contents, main, run
+from harness import BUILD, SIGNER, HostTest, contents, run
 from packages import INFO, Publisher, archive, entry, file, pack, package, payload, xar
 
 PAYLOAD = payload(file("a", "words"))
@@ -23,10 +22,6 @@ until [[ -e stop ]]; do
     echo >>count
 done"""
 SWAPS = 100  # of each kind
-
-
-def remove(place):
-    place.unlink() if place.is_symlink() else shutil.rmtree(place, ignore_errors=True)
 
 
 class Signing(HostTest):
@@ -61,11 +56,9 @@ class Signing(HostTest):
         self.trusted.mkdir()
         self.assertIn("installer: The package is not signed.\n", self.install(xar(**CONTENTS)).stdout)
         self.assertIn("anybody could be the signer", self.install(sound).stdout)
-        demanding = (BUILD / "tests/host/demanding-installer", *self.command[1:])
-        for content, cause in ((xar(**CONTENTS), "is not signed"), (sound, "not trusted")):
-            self.path.write_bytes(content)
-            self.assert_refused(run(*demanding), cause)
         self.assert_refused(self.install(sound.replace(b"extra", b"Extra")), "does not match")
+        self.command[0] = BUILD / "tests/host/demanding-installer"
+        self.assert_all_refused((("unsigned", xar(**CONTENTS), "is not signed"), ("signed", sound, "not trusted")))
 
     def test_key_with_a_passphrase(self):
         key, signer = self.scratch / "key.pem", shutil.copy(SIGNER, self.scratch)
@@ -73,11 +66,9 @@ class Signing(HostTest):
         self.scratch.chmod(0o711)
         key.chmod(0o644)
         process = subprocess.Popen(
-            (signer, key, self.publisher.certificate, self.path, self.scratch / "signed.pkg"),
-            **dict.fromkeys(("stdin", "stderr"), subprocess.PIPE), text=True,
-            start_new_session=True,  # without a terminal, the passphrase comes from standard input
-            user=os.geteuid() or 65534,
-        )
+            (signer, key, self.publisher.certificate, self.path, self.scratch / "signed.pkg"), text=True,
+            stdin=subprocess.PIPE, stderr=subprocess.PIPE, user=os.geteuid() or 65534,
+            start_new_session=True)  # without a terminal, the passphrase comes from standard input
         self.addCleanup(process.kill)
         shown = ""
         while "pass phrase:" not in shown and process.poll() is None:
@@ -146,7 +137,7 @@ class Signing(HostTest):
             ("pipe", lambda place: os.mkfifo(place / "a"), "not a file of certificates"),
             ("link to nowhere", lambda place: (place / "a").symlink_to("absent"), "cannot be read"),
             ("folder is a link to nowhere", lambda place: place.rmdir() or place.symlink_to("x"), "cannot be read"),
-            ("parent is one", lambda place: remove(place.parent) or place.parent.symlink_to("x"), "cannot be"),
+            ("parent is one", lambda place: os.removedirs(place) or place.parent.symlink_to("x"), "cannot be read"),
             ("folder is a file", lambda place: place.rmdir() or place.touch(), "cannot be read"),
             ("others can change it", lambda place: place.chmod(0o777), "can be changed by others"),
             ("or a file in it", lambda place: put("a")(place) or (place / "a").chmod(0o666), "by others"),
@@ -158,7 +149,7 @@ class Signing(HostTest):
         for (name, change, cause), place in itertools.product(rows, usual):
             with self.subTest(name, place=place):
                 for folder in usual:
-                    remove(folder.parent)
+                    run("rm", "-rf", folder.parent)
                     folder.mkdir(parents=True)
                 change(place)
                 outcome = self.install(xar(**CONTENTS))
@@ -174,16 +165,11 @@ class Signing(HostTest):
         swapper = subprocess.Popen(("bash", "-c", SWAP, self.path), cwd=self.scratch, stderr=subprocess.DEVNULL)
         self.addCleanup(swapper.wait)
         self.addCleanup((self.scratch / "stop").touch)
-        swaps, seen, deadline = self.scratch / "count", set(), time.monotonic() + 120
+        swaps, seen = self.scratch / "count", set()
         while not (swaps.exists() and swaps.stat().st_size >= SWAPS and len(seen) == 2):
-            self.assertLess(time.monotonic(), deadline, seen)
             outcome, found = run(*self.command), contents(self.target)
             self.assert_refused(outcome, "") if outcome.returncode else self.assert_installed(outcome)
             self.assertEqual(found, {} if outcome.returncode else {"a": "good", "padding": padding[2]})
             seen.add(outcome.returncode)
             shutil.rmtree(self.target)
             self.target.mkdir()
-
-
-if __name__ == "__main__":
-    main()

@@ -5,11 +5,9 @@ import os
 import unittest
 from pathlib import Path
 
-from harness import BUILD, INSTALLER, contents, main, run, snapshot, tracing
+from harness import APP, BUILD, INSTALLER, STAGING, contents, run, snapshot, tracing
 from packages import file, package
 
-APP = "Applications/Pellomar.app"
-STAGING = ".pellomar-installer"
 CALLS = "mkdirat renameat2 renameat fchownat fchmodat utimensat unlinkat openat2 fsync syncfs".split()
 BASE, ROOT = Path("/tmp/roots"), Path("/tmp/roots/root")
 TOOL = BUILD / "host/installer/pellomar-installer-transaction"
@@ -109,7 +107,3 @@ class Transaction(unittest.TestCase):
             before = snapshot(ROOT / "Applications")
             self.assertEqual(self.tool("begin").returncode, status)
             self.assert_ends_with(before)
-
-
-if __name__ == "__main__":
-    main()
