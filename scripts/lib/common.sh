@@ -71,10 +71,10 @@ build_preset() { # PRESET [CMAKE-OPTION...]
 # A fresh system at ROOT, from the mirror and with the proxies that this machine's apt uses.
 make_debian() { # RELEASE ROOT
     local mirror
-    local -A names=([12]=bookworm [13]=trixie)
+    local -A code_names=([12]=bookworm [13]=trixie)
     # shellcheck disable=SC2016 # the words in $() are apt's
     mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Label: Debian' | head -n 1)
-    as_root debootstrap --variant=minbase "${names[$1]}" "$2" "${mirror:-http://deb.debian.org/debian}" \
+    as_root debootstrap --variant=minbase "${code_names[$1]}" "$2" "${mirror:-http://deb.debian.org/debian}" \
         >"$2.debootstrap.log" || fail "debootstrap failed, see $2.debootstrap.log"
     apt-config dump | grep -E '^Acquire::(https?|Check)' | as_root tee "$2/etc/apt/apt.conf.d/50machine" >/dev/null || true
     as_root install -m 644 /etc/resolv.conf /etc/hosts "$2/etc"
