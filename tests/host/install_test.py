@@ -96,6 +96,8 @@ class Install(HostTest):
             return package(file("a"), *entries, info=text.encode())
 
         good, info, sound = package(file("a/b")), INFO.decode(), payload(file("a"))
+        nested = f"<file><name>{'n' * 250}</name><type>directory</type>" * 4
+        leaves = "".join(f"<file><name>{number}</name></file>" for number in range(2_000))
         size = "<pkg-info identifier='a' version='1'><payload installKBytes='{}'/></pkg-info>"
         (self.target / "way").symlink_to("../outside")
         (self.target / "file").write_text("mine")
@@ -122,6 +124,7 @@ class Install(HostTest):
             ("link to nowhere", holding(link("a", "")), "leads nowhere"),
             ("link longer than any path", holding(link("a", "b" * 4096)), "leads nowhere"),
             ("name longer than any", holding(file("a" * 256)), "too long"),
+            ("names long only together", archive(nested + leaves + "</file>" * 4, b""), "names that are too long"),
             ("absurdly deep", holding(file("a/" * 600 + "b")), "too long"),
             ("bomb", described(size.format(1), file("b", "\0" * 4_000_000)), "larger than it states"),
             ("more than there is room for", described(size.format(10**12)), "not enough free space on the target"),
