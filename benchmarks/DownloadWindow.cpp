@@ -90,7 +90,7 @@ class Watcher : public QObject {
             if (event->type() == QEvent::Paint && !std::exchange(seen_, true)) {
                 QTimer::singleShot(untilTheNextStart(), button, [this, button] { press(*button); });
             } else if (event->type() == QEvent::MouseButtonRelease) {
-                begin();
+                begin(*button->window());
             }
         }
         if (pressed_ && event->type() == QEvent::MouseMove && watched != nullptr && watched->isWindowType()) {
@@ -102,14 +102,14 @@ class Watcher : public QObject {
   private:
     void press(const QWidget& button) { pointer_.click(button.mapToGlobal(button.rect().center())); }
 
-    void begin() {
+    void begin(const QWidget& window) {
         pressed_ = true;
         processorBefore_ = processorSeconds();
         start_ = Clock::now();
         if (!probesInterface_) {
             return;
         }
-        pointer_.startMoving();
+        pointer_.startMoving(window.geometry());
         auto* const timer = new QTimer(this);
         timer->setTimerType(Qt::PreciseTimer);
         lastTick_ = start_;

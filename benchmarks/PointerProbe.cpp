@@ -40,6 +40,7 @@ struct PointerProbe::Moves {
     std::size_t servedCount = 0; // main thread
     std::vector<double> delays;  // main thread
     std::atomic<bool> over{false};
+    QPoint corner; // of the window
 
     void fake(std::uint8_t type, std::uint8_t detail, QPoint place) const {
         xcb_test_fake_input(connection, type, detail, XCB_CURRENT_TIME, XCB_NONE,
@@ -52,7 +53,7 @@ struct PointerProbe::Moves {
             const std::size_t number = sent;
             sentAt[number] = Clock::now();
             sent = number + 1;
-            fake(XCB_MOTION_NOTIFY, 0, placeOf(number));
+            fake(XCB_MOTION_NOTIFY, 0, corner + placeOf(number));
             std::this_thread::sleep_for(kBetweenMoves);
         }
     }
@@ -81,12 +82,13 @@ void PointerProbe::click(QPoint place) {
     moves_->fake(XCB_BUTTON_RELEASE, XCB_BUTTON_INDEX_1, place);
 }
 
-void PointerProbe::startMoving() {
+void PointerProbe::startMoving(const QRect& window) {
+    moves_->corner = window.topLeft();
     std::thread([moves = moves_.get()] { moves->move(); }).detach();
 }
 
 void PointerProbe::served(QPoint place) {
-    const std::size_t number = numberAt(place);
+    const std::size_t number = numberAt(place - moves_->corner);
     // The number of the latest move that was sent to this position.
     const std::size_t sent = moves_->sent;
     if (sent == 0 || number >= kPlaces) {

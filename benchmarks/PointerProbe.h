@@ -1,6 +1,6 @@
 #pragma once
 
-#include <QPoint>
+#include <QRect>
 
 #include <chrono>
 #include <memory>
@@ -23,8 +23,8 @@ class PointerProbe {
     /// Moves to a position and clicks the left button.
     void click(QPoint place);
 
-    /// From now on the pointer moves every few milliseconds.
-    void startMoving();
+    /// From now on the pointer moves every few milliseconds, within the window that lies there.
+    void startMoving(const QRect& window);
 
     /// A move to `place` was handled. Earlier moves that the toolkit merged into it count as handled now.
     void served(QPoint place);
