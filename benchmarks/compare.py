@@ -13,7 +13,7 @@ import subprocess
 import sys
 from pathlib import Path
 
-from measure import environment, measured, measured_window
+from measure import environment, machine, measured, measured_window
 from report import markdown, plot, publish
 
 HERE = Path(__file__).resolve().parent
@@ -165,11 +165,6 @@ class Comparison:
             say(f"Memory: a body of {BODIES[name] // MEGABYTE} MB")
             results["memory"][name] = self.window_alone(name)["peak_kilobytes"]
         return results
-
-
-def machine():
-    model = re.search(r"model name\s*: (.*)", Path("/proc/cpuinfo").read_text())
-    return f"Linux {os.uname().release}, {os.cpu_count()} CPUs ({model[1] if model else os.uname().machine})"
 
 
 def versions():

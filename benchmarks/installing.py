@@ -3,14 +3,12 @@
 medians, spread and ratios. All targets stay until the end: ext4 makes new files slowly just after others were removed."""
 import argparse
 import os
-import platform
 import random
-import re
 import shutil
 import subprocess
-import time
 from pathlib import Path
 
+from measure import machine, timed
 from report import median, publish, spread, table
 
 FILES = 1500
@@ -54,17 +52,10 @@ def prepare(build, folder):
 
 
 def measured(command, target):
-    """Seconds of wall and of processor time, with nothing of an earlier run left to be written."""
+    """The times of the command, with nothing of an earlier run left to be written."""
     target.mkdir()
     os.sync()
-    start = time.monotonic()
-    process = subprocess.Popen(command, stdout=subprocess.DEVNULL)
-    _, status, usage = os.wait4(process.pid, 0)
-    seconds = time.monotonic() - start
-    process.returncode = os.waitstatus_to_exitcode(status)
-    if process.returncode != 0:
-        raise SystemExit(f"{command[0]} ended with {process.returncode}")
-    return {"seconds": seconds, "processor": usage.ru_utime + usage.ru_stime}
+    return timed(command, stdout=subprocess.DEVNULL)
 
 
 def compared(build, folder, rounds):
@@ -92,9 +83,7 @@ def markdown(results, rounds):
 
     rows = [[name, spread([run["seconds"] for run in runs]), ratio(runs, "seconds"),
              spread([run["processor"] for run in runs]), ratio(runs, "processor")] for name, runs in results.items()]
-    processor = re.search(r"model name\s*: (.*)", Path("/proc/cpuinfo").read_text())
-    where = f"{os.cpu_count()} × {processor[1] if processor else platform.machine()}, Linux {platform.release()}"
-    return (f"Medians of {rounds} rounds, with minimum and maximum in brackets. {where}.\n\n" +
+    return (f"Medians of {rounds} rounds, with minimum and maximum in brackets. {machine()}.\n\n" +
             table(["", "seconds", "÷ bsdtar", "processor seconds", "÷ bsdtar"], rows))
 
 

@@ -1,6 +1,7 @@
-"""Runs one download and measures it."""
+"""Runs one program and measures it."""
 import json
 import os
+import re
 import subprocess
 import time
 from pathlib import Path
@@ -19,11 +20,15 @@ def environment(home):
     return kept | {"HOME": str(home), "QT_QPA_PLATFORM": "xcb"}
 
 
-def measured(command, home):
+def machine():
+    model = re.search(r"model name\s*: (.*)", Path("/proc/cpuinfo").read_text())
+    return f"Linux {os.uname().release}, {os.cpu_count()} CPUs ({model[1] if model else os.uname().machine})"
+
+
+def timed(command, **options):
     """Seconds of wall and of processor time of the whole process."""
-    wait_for_the_next_start()
     start = time.monotonic()
-    process = subprocess.Popen(command, env=environment(home), stdin=subprocess.DEVNULL)
+    process = subprocess.Popen(command, **options)
     _, status, usage = os.wait4(process.pid, 0)
     seconds = time.monotonic() - start
     process.returncode = os.waitstatus_to_exitcode(status)
@@ -32,8 +37,14 @@ def measured(command, home):
     return {"seconds": seconds, "processor": usage.ru_utime + usage.ru_stime}
 
 
+def measured(command, home):
+    """The times of a download."""
+    wait_for_the_next_start()
+    return timed(command, env=environment(home), stdin=subprocess.DEVNULL)
+
+
 def measured_window(program, home, *arguments):
-    """The same from the press of start to the last byte, and without what the process did before."""
+    """The times from the press of start to the last byte, and without what the process did before."""
     report = Path(home) / "report.json"
     report.unlink(missing_ok=True)
     with open(Path(home) / "window.log", "wb") as log:

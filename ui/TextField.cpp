@@ -2,7 +2,6 @@
 
 #include "platform/Text.h"
 
-#include <QAccessible>
 #include <QPainter>
 
 namespace {
