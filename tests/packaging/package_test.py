@@ -9,7 +9,7 @@ import unittest
 from pathlib import Path
 
 PROJECT = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(PROJECT / "tests/stage"))
+sys.path.insert(0, str(PROJECT / "tests/support"))
 from desktop import Display, Session  # noqa: E402
 from rights import USER, add_users, as_user  # noqa: E402
 from window import Window  # noqa: E402

@@ -56,15 +56,15 @@ class AllowedWithoutPassword(RightsTest):
     def test_nothing_is_created_where_something_is_missing(self):
         polkit = Path("/usr/share/dbus-1/system-services/org.freedesktop.PolicyKit1.service")
         for path, thread in (polkit, "worker"), (BUS_SERVICE, "worker"), (MECHANISM, "main"):
-            harness.stage.stop()
+            harness.services.stop()
             hidden = path.rename(path.with_suffix(".hidden"))
-            harness.stage.start_bus()
+            harness.services.start_bus()
             if path != polkit:
-                harness.stage.start_polkit()
+                harness.services.start_polkit()
             with self.subTest(path):
                 self.assertEqual(Probe(self, thread).ask("create"), NOT_CREATED)
             hidden.rename(path)
-        harness.stage.stop()
+        harness.services.stop()
         self.assertEqual(Probe(self, "main").ask("create"), NOT_CREATED, "no bus")
 
     def test_rights_and_what_they_change(self):

@@ -9,10 +9,10 @@ from pathlib import Path
 if os.environ.get("PELLOMAR_VIEW") != "1":
     sys.exit("adds users and runs tools as root: runs only in the throw-away view")
 PROJECT = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(PROJECT / "tests/stage"))
+sys.path.insert(0, str(PROJECT / "tests/support"))
 from gi.repository import Gio, GLib  # noqa: E402
 import rights  # noqa: E402
-from rights import BUS_SERVICE, MECHANISM, TRANSACTION, USER, Agent, RightsStage, as_user  # noqa: E402, F401
+from rights import BUS_SERVICE, MECHANISM, TRANSACTION, USER, Agent, RightsServices, as_user  # noqa: E402, F401
 from waiting import wait_for  # noqa: E402, F401
 
 APPLICATION = Path("/Applications/Pellomar.app")
@@ -27,7 +27,7 @@ RESTART = (str(SCRIPT), "restart")
 NAME, PATH = rights.ACTION, "/com/norvik/PellomarDownloader"
 HOLD = "touch /run/started; while [ ! -e /run/go ]; do sleep 0.02; done; echo done"
 REPLACE = f"mkdir {APPLICATION} && echo new >{APPLICATION}/version"
-stage = owner = None  # set by main()
+services = owner = None  # set by main()
 
 
 def install(package=PACKAGE):
@@ -104,24 +104,25 @@ class RightsTest(unittest.TestCase):
         os.chown(PACKAGE, *owner)
         APPLICATION.mkdir(parents=True, exist_ok=True)
         (APPLICATION / "version").write_text("old\n")
-        stage.start(self.rule)
-        self.addCleanup(stage.stop)
+        services.start(self.rule)
+        self.addCleanup(services.stop)
 
     @staticmethod
     def kill(program):
-        wait_for(f"a process of {program}", lambda: stage.kill(program))
+        wait_for(f"a process of {program}", lambda: services.kill(program))
         # The bus drops its name some time after its program is gone.
-        wait_for("its end", lambda: not rights.processes(program) and not (program == MECHANISM and stage.has_owner(NAME)))
+        named = program == MECHANISM
+        wait_for("its end", lambda: not rights.processes(program) and not (named and services.has_owner(NAME)))
 
 
 def main():
     """Prepares the machine for the build that the first argument names, and runs the calling module's tests."""
-    global stage, owner
+    global services, owner
     rights.add_users()
-    stage = RightsStage(PROJECT, sys.argv[1], "/run/system.log")
+    services = RightsServices(PROJECT, sys.argv[1], "/run/system.log")
     owner = as_user(USER)["user"], as_user(USER)["group"]
     subprocess.run(["install", "-d", "-o", USER, "-g", USER, PACKAGE.parents[1], PACKAGE.parent], check=True)
     program = unittest.main(argv=[sys.argv[0], *sys.argv[2:]], exit=False, verbosity=2)
-    text = stage.log.read_text(errors="replace")
+    text = services.log.read_text(errors="replace")
     sys.exit(text if "Sanitizer" in text or not program.result.wasSuccessful() else 0)
 

@@ -31,9 +31,9 @@ class Refusals(RightsTest):
         ):  # fmt: skip
             with self.subTest(line):
                 self.assertEqual(caller.run(line), "NotAllowed")
-        lines, refused = (REMOVE, install(), QUERY, RESTART), len(harness.stage.journal())
+        lines, refused = (REMOVE, install(), QUERY, RESTART), len(harness.services.journal())
         self.assertEqual([caller.run(line) for line in lines], [""] * 4)
-        for logged, line in zip(harness.stage.journal()[refused:], lines, strict=True):
+        for logged, line in zip(harness.services.journal()[refused:], lines, strict=True):
             self.assertRegex(logged, f": started {line[0]} as process [0-9]+ for {caller.name} of user {harness.owner[0]}$")
 
     def test_a_package_that_is_not_the_callers_own_file(self):
@@ -102,10 +102,10 @@ class Grants(RightsTest):
             wait_for("the service's end", lambda: service.poll() is not None)
             BUS_SERVICE.write_text(f"[D-BUS Service]\nName={harness.NAME}\nExec={MECHANISM} 0\nUser=root\n")
             caller = Caller().authorize()
-            first = harness.stage.mechanism()
-            self.assertEqual((caller.run(QUERY), harness.stage.mechanism()), ("", first), "it stays for a grant")
+            first = harness.services.mechanism()
+            self.assertEqual((caller.run(QUERY), harness.services.mechanism()), ("", first), "it stays for a grant")
             caller.call("Release") if ending == "Release" else caller.bus.close_sync()
-            wait_for("the service's end", lambda: harness.stage.mechanism() != first)
+            wait_for("the service's end", lambda: harness.services.mechanism() != first)
 
     def test_tools_run_in_clean_surroundings(self):
         make_tool(INSTALLER, REPORT)
@@ -172,7 +172,7 @@ class Application(RightsTest):
         self.addCleanup(hidden.rename, TRANSACTION)
         caller = Caller().authorize()
         self.assertEqual((caller.run(REMOVE), APPLICATION.exists()), ("", False))
-        self.assertTrue(any("not set aside" in line for line in harness.stage.journal()))
+        self.assertTrue(any("not set aside" in line for line in harness.services.journal()))
         make_tool(INSTALLER, REPLACE)
         self.assertEqual((caller.run(install()), version()), ("", "new"))
 

@@ -22,7 +22,7 @@
 
 namespace {
 
-/// Runs tests/stage/server.py, which documents the answers, with the document at `path`. Used by the thread
+/// Runs tests/support/server.py, which documents the answers, with the document at `path`. Used by the thread
 /// that created it.
 class Server {
   public:

@@ -1,5 +1,5 @@
 #!/usr/bin/python3 -B
-"""Follows roads in the throw-away view: run.py BUILD NAME, or the names of all: run.py --list
+"""Runs scenarios in the throw-away view: run.py BUILD NAME, or the names of all: run.py --list
 
 Or takes a picture of the window in every state: run.py BUILD --pictures FOLDER 1|2, the scale."""
 
@@ -8,32 +8,33 @@ import re
 import sys
 from pathlib import Path
 
-from road import follow  # first: it finds the stage
+from scenario import check  # first: it finds tests/support
 from desktop import Compositor, Display, take_window
-from download import DOWNLOAD_ROADS
-from install import INSTALL_ROADS
+from download import DOWNLOAD_SCENARIOS
+from install import INSTALL_SCENARIOS
 from machine import Machine
-from stress import STRESS_ROADS
+from stress import STRESS_SCENARIOS
 from waiting import step
-from whole import WHOLE_ROADS
+from whole import WHOLE_SCENARIOS
 from window import WINDOW_TITLE
 
-ROADS = {re.sub("[,']", "", name).replace(" ", "-"): road for name, road in (INSTALL_ROADS | DOWNLOAD_ROADS).items()}
-ROADS |= {road.__name__.replace("_", "-"): road for road in STRESS_ROADS + WHOLE_ROADS}
+TABLE = INSTALL_SCENARIOS | DOWNLOAD_SCENARIOS
+SCENARIOS = {re.sub("[,']", "", name).replace(" ", "-"): scenario for name, scenario in TABLE.items()}
+SCENARIOS |= {scenario.__name__.replace("_", "-"): scenario for scenario in STRESS_SCENARIOS + WHOLE_SCENARIOS}
 
 
 def main(build, name, *options):
     display = (lambda: None) if "--watched" in options else Compositor if name == "wayland" else Display
     # A display is the user's who asked for this: whoever shows a window there has that user's number.
     machine = Machine(Path(build), display, os.environ.get("SUDO_UID") if "--watched" in options else None)
-    for part, road in parts(name):
+    for part, scenario in parts(name):
         step(part)
-        road(machine, *options) if callable(road) else follow(road, machine)
+        scenario(machine, *options) if callable(scenario) else check(scenario, machine)
 
 
 def parts(name):
-    road = ROADS[name]
-    return road.items() if isinstance(road, dict) else [(name, road)]
+    scenario = SCENARIOS[name]
+    return scenario.items() if isinstance(scenario, dict) else [(name, scenario)]
 
 
 def take_pictures(build, folder, scale):
@@ -41,15 +42,15 @@ def take_pictures(build, folder, scale):
     machine = Machine(Path(build), lambda: Display("1800x1200" if scale == "2" else "1100x760"))
     suffix = "@2x.png" if scale == "2" else ".png"
     machine.camera = lambda name: take_window(Path(folder, name + suffix), WINDOW_TITLE, scale == "1")
-    for part, road in (part for name in ROADS for part in parts(name)):
-        if not callable(road) and any("> picture" in line for line in road.lines):
+    for part, scenario in (part for name in SCENARIOS for part in parts(name)):
+        if not callable(scenario) and any("> picture" in line for line in scenario.lines):
             step(part)
-            follow(road, machine)
+            check(scenario, machine)
 
 
 if __name__ == "__main__":
     if sys.argv[1:] == ["--list"]:
-        print(*ROADS, sep="\n")
+        print(*SCENARIOS, sep="\n")
     elif os.environ.get("PELLOMAR_VIEW") != "1":
         sys.exit("changes the machine: runs only in the throw-away view")
     elif sys.argv[2] == "--pictures":

@@ -9,7 +9,7 @@ import subprocess
 from pathlib import Path
 
 import desktop
-from rights import TRANSACTION, USER, Agent, RightsStage, add_users, as_user
+from rights import TRANSACTION, USER, Agent, RightsServices, add_users, as_user
 from waiting import processes, wait_for
 from window import Window
 
@@ -83,7 +83,7 @@ class Machine:
         self.help_page = re.search(r"(?m)^PELLOMAR_HELP_URL:\w+=(.*)$", (build / "CMakeCache.txt").read_text())[1]
         shutil.copytree(build / BUNDLE.name, BUNDLE)
         if (build / "tests").exists():
-            shutil.copytree(build / "tests/stage/plugins", DISK / "plugins")
+            shutil.copytree(build / "tests/support/plugins", DISK / "plugins")
         self.config = DISK / ".config"
         subprocess.run(["chmod", "-R", "a+rX", DISK], check=True)
         REAL.mkdir()
@@ -97,41 +97,41 @@ class Machine:
               "&& echo mixed || echo new) Pellomar, $(id -un) in $PWD"), 0o755)
         write("/usr/bin/xdg-open", note("opens $*"), 0o755)
         add_users(*(["--uid", user_number, "--non-unique"] if user_number else []))
-        self.rights = RightsStage(PROJECT, build, "/run/system.log")
+        self.rights = RightsServices(PROJECT, build, "/run/system.log")
         self.parts = [desktop.Session(**as_user(USER)), display()]
 
     def trust_sample(self):
         certificate = self.build / "sample/signing/certificate.pem"
         write("/etc/pellomar-installer/trusted/sample.pem", certificate.read_text())
 
-    def begin(self, road):
+    def begin(self, scenario):
         """Afresh, as a row of the tests' table says."""
         self.stop_programs()
         self.rights.stop()
         wait_for("the end of the last attempt", lambda: not processes(TRANSACTION))
-        self.home, self.owner = Path("/home", road.home), "root" if road.rights == "root" else USER
+        self.home, self.owner = Path("/home", scenario.home), "root" if scenario.rights == "root" else USER
         for path in (self.home, APPLICATION, SYSTEM_VERSION):
             remove(path)
         self.home.mkdir()
-        for name in road.stale:
+        for name in scenario.stale:
             write(self.home / name, "stale")
         subprocess.run(["chown", "-R", f"{self.owner}:", self.home], check=True)
         tools = {path: [f'exec {REAL}/{Path(path).name} "$@"'] for path in ("/usr/bin/killall", *SCRIPTED)}
-        for path, bodies in (tools | ({STARTUP: []} if road.real else SCRIPTED) | road.tools).items():
+        for path, bodies in (tools | ({STARTUP: []} if scenario.real else SCRIPTED) | scenario.tools).items():
             remove(Path(path))
             if bodies:
                 write(path, TOOL % "\n".join(map(shlex.quote, bodies)), 0o755)
         write(STATISTICS, note('$(if [[ $1 == 14 ]]; then echo "event $2"; else echo "events submitted"; fi)'), 0o755)
-        if road.old:
+        if scenario.old:
             write(PRODUCT, "", 0o755)
             write(OLD, "")
-        if road.system:
-            write(SYSTEM_VERSION, plist("ProductVersion", road.system))
+        if scenario.system:
+            write(SYSTEM_VERSION, plist("ProductVersion", scenario.system))
         write(self.config, "package")
-        if road.rights not in ("root", "none"):
-            self.rights.start(None if road.rights == "ask" else road.rights)
-        if road.prepare is not None:
-            road.prepare(self)
+        if scenario.rights not in ("root", "none"):
+            self.rights.start(None if scenario.rights == "ask" else scenario.rights)
+        if scenario.prepare is not None:
+            scenario.prepare(self)
 
     def file(self, ending):
         return self.home / f"Downloads/NVInst/Pellomar.{ending}"

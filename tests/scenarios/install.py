@@ -1,7 +1,8 @@
-"""The roads of an installation, from the first screen to the launched product or the window that is closed."""
+"""The scenarios of an installation, from the first screen to the launched product or the window that is closed."""
 
-from machine import ADDRESS, APPLICATION, HOLD, INSTALLER, INSTALLS, KEXTSTAT, LOADED, REAL, REMOVES, STARTUP, STATISTICS, write
-from road import FLAG, HELD, Road
+from machine import ADDRESS, APPLICATION, HOLD, INSTALLER, INSTALLS, KEXTSTAT, LOADED, REAL, REMOVES, STARTUP
+from machine import STATISTICS, write
+from scenario import FLAG, HELD, Scenario
 
 URL = "http://{}:{}/soft/package".format(*ADDRESS)
 MISSING, NOT_LOADED, DRIVER_FAILS = [], ["echo 'No such driver'"], ["echo 'VirtualBox Error: no VBoxDrv'"]
@@ -53,49 +54,49 @@ CLEAN = [*DOWNLOADED, *INSTALLED, *LOADED_AND_LAUNCHED]
 WITHOUT_EVENTS = [line for line in CLEAN if not line.startswith("event")]
 CLOSED = ["> quit", "log window close", "events submitted"]
 
-INSTALL_ROADS = {
-    "clean": Road(CLEAN, logged="Index Refs Name\n120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)\n\n"),
-    "old copy kept": Road(
+INSTALL_SCENARIOS = {
+    "clean": Scenario(CLEAN, logged="Index Refs Name\n120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)\n\n"),
+    "old copy kept": Scenario(
         [*DOWNLOADED, *KEPT, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED], rights="root", old=True,
         stale=(FLAG, "Downloads/NVInst/Pellomar.pkg", "Downloads/NVInst/Pellomar.tmp"),
         # It ends when it finds its own output in the log.
         tools={KEXTSTAT: [f'{LOADED}; exec >&-; until grep -q "^120 3" "$log"; do sleep 0.1; done']}),
-    "return keeps, and the driver is named across two reads": Road(
+    "return keeps, and the driver is named across two reads": Scenario(
         [*DOWNLOADED, *QUESTION, "> Return", *YES, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED],
         {KEXTSTAT: ["printf '%1015s%s' '' com.norvik.emu.kext.VBoxDrv"]}, old=True),
-    "question not closed without an answer, old copy not kept": Road(
+    "question not closed without an answer, old copy not kept": Scenario(
         [*DOWNLOADED, *QUESTION, "> picture keep-data-question", "> Escape", "> close", "> 取消", *NO, *REMOVED,
          *INSTALLED, *LOADED_AND_LAUNCHED],
         old=True, home="用户 1", flag=True),
-    "removal's words count against the installer": Road(
+    "removal's words count against the installer": Scenario(
         [*DOWNLOADED, *QUESTION, "> 取消", *NO, *REMOVED, "log uninstall Pellomar failed", *INSTALLATION,
          "log Install Pellomar failed:rm: Invalid path", *INSTALL_FAILED, *DOWNLOAD_AGAIN, *STOP_HIDDEN, *RIGHTS, *KEPT,
          *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED],
         {"/bin/rm": [f"echo 'rm: Invalid path'; {REMOVES}", REMOVES]}, rights="root",
         old=True, flag=True),  # only a new start takes the answer back
-    "removal cannot start": Road(
+    "removal cannot start": Scenario(
         [*DOWNLOADED, *KEPT, REMOVAL[0], f"log /bin/rm {UNSTARTED}"], {"/bin/rm": MISSING}, old=True),
-    "file in the product's place is no old copy": Road(
+    "file in the product's place is no old copy": Scenario(
         CLEAN, {INSTALLER: [f"{REAL}/rm {APPLICATION}\n{INSTALLS}"]}, prepare=lambda _: write(APPLICATION, "")),
-    "installer says error, the second download breaks off, goes on at its own byte and installs": Road(
+    "installer says error, the second download breaks off, goes on at its own byte and installs": Scenario(
         [*DOWNLOADED, *INSTALLATION, "log Install Pellomar failed:installer: Error - damaged", *INSTALL_FAILED,
          "> picture install-failed", *DOWNLOAD_AGAIN, "> 10%", "> picture retried", *BROKEN[1:], "> 继续",
          "log continue_button has been clicked", "log CoreImageView continueDownload", "log WebStatic:Download Start",
          "event 814", "show 停止", "hide 继续", *DOWNLOADING, *FINISHED, *RIGHTS, *INSTALLED, *LOADED_AND_LAUNCHED],
         {INSTALLER: ["echo 'installer: Error - damaged'", INSTALLS]}, held=1,
         answers=({}, {}, {}, {"cut": 40_000, "rate": 20_000}, {}), asked=["HEAD", None, "HEAD", None, "HEAD", 40_000]),
-    "installer's status and error stream do not count": Road(
+    "installer's status and error stream do not count": Scenario(
         CLEAN, {INSTALLER: [f"{INSTALLS}; echo Error >&2; exit 1"]}),
-    "installer says error, and the rights stay": Road(
+    "installer says error, and the rights stay": Scenario(
         [*DOWNLOADED, *INSTALLATION, "log Install Pellomar failed:INVALID", *INSTALL_FAILED],
         {INSTALLER: ["echo INVALID"]}, held=1),
-    "installer cannot start": Road(
+    "installer cannot start": Scenario(
         [*DOWNLOADED, *INSTALLATION[:3], f"log /usr/sbin/installer {UNSTARTED}",
          "status 安装Pellomar失败了，请联系反馈群或者重新尝试进行安装", "event 822", "> picture installer-missing"],
         {INSTALLER: MISSING}),
-    "closed during the installation": Road(
+    "closed during the installation": Scenario(
         [*DOWNLOADED, *INSTALLATION, *CLOSED], {INSTALLER: ["exec sleep 600"]}, rights="root"),
-    "old system, settings, driver starts": Road(
+    "old system, settings, driver starts": Scenario(
         [*DOWNLOADED, *KEPT, *REMOVAL, "> picture uninstalling", "> proceed", REMOVED[-1],
          *INSTALLATION, "> picture installing", "> proceed", *INSTALLED[len(INSTALLATION):],
          *QUERY, "> picture querying-driver", "> proceed", *OLD_SYSTEM, "event 823",
@@ -107,42 +108,43 @@ INSTALL_ROADS = {
          INSTALLER: [f"{HELD}{INSTALLS}; ln -sf {HOLD} /Applications/Pellomar.app/Contents/Info.plist; "
                      "echo com.norvik.emu.kext.VBoxDrv"]},
         old=True, logged="\nStarted.\n\n"),
-    "old system, guide closed, driver start fails, then says only error": Road(
+    "old system, guide closed, driver start fails, then says only error": Scenario(
         [*DOWNLOADED, *INSTALLED, *QUERY, *OLD_SYSTEM, "event 823", *GUIDE, "> Escape", "dialog closed", *AGAIN,
          *DRIVER_START, *OLD_SYSTEM[:-1], "show 重试安装", *GUIDE, "> Return",
          "opens /System/Library/PreferencePanes/Security.prefPane", "dialog closed", *AGAIN, *DRIVER_START,
          "event 825", *LAUNCHED],
         {KEXTSTAT: ["true"], STARTUP: [*DRIVER_FAILS, "echo Error"]}, system="10.14.4"),
-    "old system, rights given up": Road(
+    "old system, rights given up": Scenario(
         [*DOWNLOADED, *INSTALLED, *QUERY, *OLD_SYSTEM, "event 823", *GUIDE, "> Escape", "dialog closed"],
         {KEXTSTAT: ["true"]}, system="10.15.4"),
-    "new system, driver in another letter case": Road(
+    "new system, driver in another letter case": Scenario(
         [*DOWNLOADED, *INSTALLED, *QUERY, "event 824", *NEW_SYSTEM, "> picture signature-guidance", "> 立即前往",
          "opens the help page", "dialog closed", "> picture see-forum"],
         {KEXTSTAT: ["echo com.norvik.emu.kext.vboxdrv"]}, system="10.14.5"),
-    "query cannot start, driver start fails on a new system": Road(
+    "query cannot start, driver start fails on a new system": Scenario(
         [*DOWNLOADED, *INSTALLED, QUERY[0], f"log /usr/sbin/kextstat {UNSTARTED}", *DRIVER_FAILED, *AGAIN,
          *DRIVER_START, *NEW_SYSTEM, "> Escape", "dialog closed"],
         {KEXTSTAT: MISSING, STARTUP: DRIVER_FAILS}, system="10.14.6"),
-    "launch fails": Road(
+    "launch fails": Scenario(
         [*DOWNLOADED, *INSTALLED, *QUERY, "event 826", "status 正在启动Pellomar",
          "log launch Pellomar.app error:The executable /Applications/Pellomar.app/Contents/MacOS/Pellomar "
          "could not be started: Permission denied", "status 启动Pellomar失败", "> picture launch-failed"],
         {INSTALLER: [f"{INSTALLS}; chmod -x /Applications/Pellomar.app/Contents/MacOS/*"]}),
-    "rights refused twice before anything is asked": Road(
+    "rights refused twice before anything is asked": Scenario(
         [*BEFORE_RIGHTS, *REFUSED, "> picture rights-refused", *CLICKED_AGAIN, *REFUSED], old=True, rights="none"),
-    "a rule refuses": Road(
+    "a rule refuses": Scenario(
         [*BEFORE_RIGHTS, *DENIED, "> no rule", *ALLOWED_AT_LAST], old=True, rights="NO", agent="right"),
-    "nobody can be asked": Road([*BEFORE_RIGHTS, *DENIED, *ALLOWED_AT_LAST], old=True, rights="ask"),
-    "wrong password": Road([*BEFORE_RIGHTS, *DENIED, *ALLOWED_AT_LAST], old=True, rights="ask", agent="wrong"),
-    "password dialog closed": Road(
+    "nobody can be asked": Scenario([*BEFORE_RIGHTS, *DENIED, *ALLOWED_AT_LAST], old=True, rights="ask"),
+    "wrong password": Scenario([*BEFORE_RIGHTS, *DENIED, *ALLOWED_AT_LAST], old=True, rights="ask", agent="wrong"),
+    "password dialog closed": Scenario(
         [*BEFORE_RIGHTS, *DENIED[:1], *DENIED[2:], *ALLOWED_AT_LAST], old=True, rights="ask", agent="close"),
     "closed during the password dialog": {
-        "that the worker waits for": Road([*BEFORE_RIGHTS, RIGHTS[0], "> asked", *CLOSED], rights="ask", agent="wait"),
-        "that the main thread waits for": Road(
+        "that the worker waits for": Scenario(
+            [*BEFORE_RIGHTS, RIGHTS[0], "> asked", *CLOSED], rights="ask", agent="wait"),
+        "that the main thread waits for": Scenario(
             [*BEFORE_RIGHTS, *DENIED, "> agent wait", *CLICKED_AGAIN, RIGHTS[0], "> asked", *CLOSED], rights="ask"),
     },
-    "no statistics tool": Road(WITHOUT_EVENTS, prepare=lambda _: STATISTICS.unlink()),
-    "statistics tool that hangs": Road(
+    "no statistics tool": Scenario(WITHOUT_EVENTS, prepare=lambda _: STATISTICS.unlink()),
+    "statistics tool that hangs": Scenario(
         WITHOUT_EVENTS, prepare=lambda _: write(STATISTICS, "#!/bin/sh\nexec sleep 600\n", 0o755)),
 }

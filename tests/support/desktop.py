@@ -29,7 +29,7 @@ def xdotool(*arguments):
 
 
 class Part:
-    """Something that runs while the stage is needed."""
+    """Something that runs for as long as it is needed."""
 
     def __init__(self, *command, **options):
         self.process = subprocess.Popen([*map(str, command)], stdin=subprocess.DEVNULL, **options)

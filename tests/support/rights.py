@@ -55,7 +55,7 @@ def ask_bus(method, *arguments):
         bus.close_sync()
 
 
-class RightsStage:
+class RightsServices:
     """Installs the rights service from a build and runs the system's side of the rights. LOG is a path that receives
     what the bus and all that it starts print, the service's journal lines among them."""
 
@@ -68,7 +68,7 @@ class RightsStage:
             (packaging / f"{ACTION}.service", BUS_SERVICE, "644"),
             (packaging / f"{ACTION}.conf", f"/usr/share/dbus-1/system.d/{ACTION}.conf", "644"),
             (packaging / f"{ACTION}.policy", f"/usr/share/polkit-1/actions/{ACTION}.policy", "644"),
-            (Path(project) / "tests/stage/agent.py", AGENT, "755"),
+            (Path(project) / "tests/support/agent.py", AGENT, "755"),
         ):
             subprocess.run(["install", "-m", mode, source, target], check=True)
 

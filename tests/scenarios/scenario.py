@@ -1,4 +1,4 @@
-"""One road: a machine, what a person does in front of the window, and all that must be seen, in order."""
+"""One scenario: a machine, what the user does in the window, and all that must be seen, in order."""
 
 import contextlib
 import dataclasses
@@ -9,7 +9,7 @@ import subprocess
 import sys
 from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "stage"))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "support"))
 from desktop import xdotool  # noqa: E402
 from machine import ADDRESS, ERRORS, HOLD, trace  # noqa: E402
 from server import FaultServer  # noqa: E402
@@ -26,8 +26,8 @@ DOCUMENT = random.Random(0).randbytes(100_000)  # any cut, shift or repetition s
 
 
 @dataclasses.dataclass
-class Road:
-    """LINES say what is seen, one after the other, and, after "> ", what the person does (see act)."""
+class Scenario:
+    """LINES say what is seen, one after the other, and, after "> ", what the user does (see act)."""
 
     lines: list = ()
     tools: dict = dataclasses.field(default_factory=dict)  # instead of the scripted ones
@@ -100,11 +100,12 @@ def is_started(line):
     return line.startswith(("event", "opens"))
 
 
-def differences(road, machine, window, server):
+def differences(scenario, machine, window, server):
     """All that is not as it must be."""
-    lines = [line.replace("user ", f"{machine.owner} ") for line in road.lines if not line.startswith("> ")]
+    lines = [line.replace("user ", f"{machine.owner} ") for line in scenario.lines if not line.startswith("> ")]
     log, names = window.log(), {machine.help_page: "the help page"}
-    seen, started = ([line for line in part if not line.startswith(NOT_COMPARED)] for part in trace(machine.home, names))
+    parts = trace(machine.home, names)
+    seen, started = ([line for line in part if not line.startswith(NOT_COMPARED)] for part in parts)
     for must_be, is_so in (
         ([line for line in lines if not is_started(line)], seen),
         ([line for line in lines if is_started(line) or " runs " in line], started),
@@ -112,10 +113,10 @@ def differences(road, machine, window, server):
         yield from difflib.ndiff(must_be, is_so) if must_be != is_so else ()
     if window.process.poll() != 0:
         yield f"ended with status {window.process.poll()}"
-    if (machine.home / FLAG).exists() != road.flag:
-        yield f"the flag is {'missing' if road.flag else 'there'}"
-    if road.logged not in log or "secret" in log:
-        yield f"not in the log: {road.logged}, or in it: secret"
+    if (machine.home / FLAG).exists() != scenario.flag:
+        yield f"the flag is {'missing' if scenario.flag else 'there'}"
+    if scenario.logged not in log or "secret" in log:
+        yield f"not in the log: {scenario.logged}, or in it: secret"
     for path in (machine.home / "Documents").glob("*"):
         is_named = re.search(r"/LOG-\d{14}\.txt$", str(path)) and re.search(rf"\] {path}\n", ERRORS.read_text())
         if not is_named or path.stat().st_mode & 0o777 != 0o600:
@@ -123,63 +124,64 @@ def differences(road, machine, window, server):
         if not re.match(r".*\] PellomarDownloader \d+\.\d+\.\d+ on ", log):
             yield "the log does not begin with the version"
     asked = [first if method == "GET" else method for method, _, first in server.requests]
-    if road.asked not in (None, asked):
-        yield f"asked for {asked}, not {road.asked}"
-    if road.holds is not None and machine.file("tmp").read_bytes() != DOCUMENT[: road.holds]:
-        yield f"{machine.file('tmp').stat().st_size} bytes are held, which are not the document's first {road.holds}"
+    if scenario.asked not in (None, asked):
+        yield f"asked for {asked}, not {scenario.asked}"
+    if scenario.holds is not None and machine.file("tmp").read_bytes() != DOCUMENT[: scenario.holds]:
+        size = machine.file("tmp").stat().st_size
+        yield f"{size} bytes are held, which are not the document's first {scenario.holds}"
 
 
-def play(road, machine, window, server):
+def play(scenario, machine, window, server):
     def wait_until_seen(lines):
         count = sum(not line.startswith("> ") and not is_started(line) for line in lines)
 
         def is_seen():
             return sum(not line.startswith(NOT_COMPARED) for line in trace(machine.home)[0]) >= count
 
-        window.wait_for(f"all before {road.lines[len(lines) :][:1] or 'the end'}", is_seen)
+        window.wait_for(f"all before {scenario.lines[len(lines) :][:1] or 'the end'}", is_seen)
 
-    for number, line in enumerate(road.lines):
+    for number, line in enumerate(scenario.lines):
         if line.startswith("> "):
-            wait_until_seen(road.lines[:number])
+            wait_until_seen(scenario.lines[:number])
             act(machine, window, server, line[2:])
-    if not {"log window close", "log launch Pellomar.app successful"} & {*road.lines}:
-        wait_until_seen(road.lines)
+    if not {"log window close", "log launch Pellomar.app successful"} & {*scenario.lines}:
+        wait_until_seen(scenario.lines)
         window.wait_for("the end of what is under way", window.is_idle)
         held = machine.held_rights(window)
-        if held != road.held:
-            raise Blocked(f"{held} authorizations are held in the end, not {road.held}")
-        road.lines += ["log window close", "events submitted"]
+        if held != scenario.held:
+            raise Blocked(f"{held} authorizations are held in the end, not {scenario.held}")
+        scenario.lines += ["log window close", "events submitted"]
         window.ask_to_close()
     wait_for("the end of the window", lambda: window.process.poll() is not None)
-    count = sum(is_started(line) or " runs " in line for line in road.lines)
+    count = sum(is_started(line) or " runs " in line for line in scenario.lines)
     wait_for("all that was started", lambda: len(trace(machine.home)[1]) >= count)
-    if "> asked" in road.lines:
+    if "> asked" in scenario.lines:
         wait_for("the end of the password dialog", lambda: "cancelled" in machine.agent.lines())
 
 
 @contextlib.contextmanager
-def opened(machine, road):
+def opened(machine, scenario):
     """The window on its first screen, and its server."""
-    machine.begin(road)
-    server = FaultServer(road.answers, ADDRESS, document=road.document)
-    with server, contextlib.closing(machine.open(*road.before)) as window:
+    machine.begin(scenario)
+    server = FaultServer(scenario.answers, ADDRESS, document=scenario.document)
+    with server, contextlib.closing(machine.open(*scenario.before)) as window:
         try:
-            if road.agent:
-                machine.start_agent(window, road.agent)
+            if scenario.agent:
+                machine.start_agent(window, scenario.agent)
             yield window, server
         except Exception:
             print(window.screen(), window.log(), server.requests, flush=True)
             raise
 
 
-def follow(road, machine):
-    road = dataclasses.replace(road, lines=list(road.lines))
-    with opened(machine, road) as (window, server):
+def check(scenario, machine):
+    scenario = dataclasses.replace(scenario, lines=list(scenario.lines))
+    with opened(machine, scenario) as (window, server):
         problem = []
         try:
-            play(road, machine, window, server)
+            play(scenario, machine, window, server)
         except Blocked as blocked:
             problem = [str(blocked)]
-        problem += differences(road, machine, window, server)
+        problem += differences(scenario, machine, window, server)
         if problem:
             raise AssertionError("\n".join(problem))

@@ -1,5 +1,5 @@
-"""The whole road with the real tools and package: on a Wayland compositor, and as scripts/run shows it, to an ordinary
-user, with the sample's server and password dialog."""
+"""A whole installation with the real tools and package: on a Wayland compositor, and as scripts/run shows it, to an
+ordinary user, with the sample's server and password dialog."""
 
 import contextlib
 import itertools
@@ -10,7 +10,7 @@ import subprocess
 import time
 from pathlib import Path
 
-from road import HELD, Road, act, opened  # first: it finds the stage
+from scenario import HELD, Scenario, act, opened  # first: it finds tests/support
 from desktop import is_painted, take, take_window, window_called, xdotool
 from machine import APPLICATION, INSTALLER, OLD, PRODUCT, PROJECT, REAL, SAMPLE, trace, write
 from rights import ADMINISTRATOR, PASSWORD, USER, as_user
@@ -69,9 +69,9 @@ def expect_launched(machine, window):
 def wayland(machine, file="/run/wayland.png"):
     machine.trust_sample()
     document = (machine.build / SAMPLE).read_bytes()
-    road = Road(real=True, tools=HELD_INSTALLER, old=True, rights="root", document=document,
+    scenario = Scenario(real=True, tools=HELD_INSTALLER, old=True, rights="root", document=document,
                 answers=({}, {"rate": 6_000_000}) * 2)  # fmt: skip
-    with opened(machine, road) as (window, server):
+    with opened(machine, scenario) as (window, server):
         held = go(machine, window, lambda name: take(file) if name == "downloading" else None)
         assert server.requests[-1][2] == held, server.requests
 
@@ -96,7 +96,7 @@ def demonstration(machine, results="/run/results", *options):
     results, is_watched, serve = Path(results), "--watched" in options, [PROJECT / "sample/serve"]
     files, numbers = Path("/var/lib/pellomar-sample"), itertools.count(1)
     results.mkdir(exist_ok=True)
-    machine.begin(Road(real=True, tools={} if is_watched else HELD_INSTALLER, rights="ask"))
+    machine.begin(Scenario(real=True, tools={} if is_watched else HELD_INSTALLER, rights="ask"))
     machine.trust_sample()
     shutil.copy(machine.build / ".config", machine.config)
     dialog = shutil.copy(machine.build / "sample/password-dialog", "/usr/local/bin")
@@ -158,7 +158,7 @@ def demonstration(machine, results="/run/results", *options):
                "/usr/sbin/kextstat -b com.norvik.emu.kext.VBoxDrv"]  # fmt: skip
     codes = ["event 814", "event 815", "event 817", "event 818", "event 826", "events submitted"]
     assert is_watched or (events, commands) == (codes, must_be)
-    step("the road was followed to its end")
+    step("the installation reached its end")
 
 
-WHOLE_ROADS = (wayland, demonstration)
+WHOLE_SCENARIOS = (wayland, demonstration)

@@ -8,7 +8,7 @@ import subprocess
 import time
 from pathlib import Path
 
-from road import DOCUMENT, SMALL_DISK, Road, opened  # first: it finds the stage
+from scenario import DOCUMENT, SMALL_DISK, Scenario, opened  # first: it finds tests/support
 from desktop import output, xdotool
 from download import mount
 from install import MISSING
@@ -33,12 +33,12 @@ def expect_left(machine, window, lines=()):
 
 
 def closing_at_any_moment(machine):
-    draw, road = random.Random(NUMBER), Road(rights="none", document=bytes(200 << 20))
+    draw, scenario = random.Random(NUMBER), Scenario(rights="none", document=bytes(200 << 20))
     for number in range(round(10 * TIMES)):
         # From the press itself, through the probe and the first block, to the midst of it.
         moment = draw.choice((0.02, 0.1, 0.4)) * draw.random()
         print(f"close {number} after {moment:.3f} s", flush=True)
-        with opened(machine, road) as (window, _):
+        with opened(machine, scenario) as (window, _):
             window.invoke("开始")
             time.sleep(moment)
             window.ask_to_close()
@@ -49,7 +49,7 @@ def launching(machine):
     """While the window repaints."""
     repainting = subprocess.Popen(["sh", "-c", "while xrefresh; do :; done"])
     for _ in range(round(5 * TIMES)):
-        with opened(machine, Road(rights="root")) as (window, _):
+        with opened(machine, Scenario(rights="root")) as (window, _):
             window.invoke("开始")
             expect_left(machine, window, ["launch Pellomar.app successful"])
     assert repainting.poll() is None
@@ -112,9 +112,9 @@ def random_clicks(machine):
             KEXTSTAT: draw.choice(([LOADED], ["echo none"], MISSING)),
             STARTUP: draw.choice((["true"], ["echo Error VBoxDrv VirtualBox"], MISSING)),
         }
-        road = Road(tools=tools, old=draw.random() < 0.5, system=draw.choice(("", "10.14.6")), rights="root",
+        scenario = Scenario(tools=tools, old=draw.random() < 0.5, system=draw.choice(("", "10.14.6")), rights="root",
                     answers=[any_answer(draw) for _ in range(40)])  # fmt: skip
-        with opened(machine, road) as (window, _):
+        with opened(machine, scenario) as (window, _):
             xdotool(*any_clicks(draw, *window.windows()))
             wait_for("the window's end", lambda: dismissed_until(window, lambda: output("wmctrl", "-c", WINDOW_TITLE)))
             expect_left(machine, window)
@@ -142,7 +142,7 @@ def kills(machine):
     draw, document = random.Random(NUMBER), (machine.build / SAMPLE).read_bytes()
     for number in range(round(5 * TIMES)):
         line, pause = draw.randrange(12, 35), draw.choice((0, 0.2)) * draw.random()
-        with opened(machine, Road(document=document, old=True, real=True)) as (window, _):
+        with opened(machine, Scenario(document=document, old=True, real=True)) as (window, _):
             window.invoke("开始")
             wait_for(f"line {line}", lambda: dismissed_until(window, lambda: len(trace(machine.home)[0]) >= line))
             time.sleep(pause)
@@ -159,8 +159,8 @@ def two_workers(machine):
     machine.trust_sample()
     document = (machine.build / SAMPLE).read_bytes()
     stalls = {"cut": 4 << 20, "ending": "stall"}
-    road = Road(document=document, answers=({}, stalls, {}, stalls, {}), rights="root", real=True)
-    with opened(machine, road) as (window, server):
+    scenario = Scenario(document=document, answers=({}, stalls, {}, stalls, {}), rights="root", real=True)
+    with opened(machine, scenario) as (window, server):
         window.invoke("开始")
         window.wait_for_percent((4 << 20) * 100 // len(document))
         window.invoke(STOP)
@@ -183,8 +183,8 @@ def clock_that_jumps(machine):
     clock.write_text("+0s")
     settings = ("FAKETIME_DONT_FAKE_MONOTONIC=1", "FAKETIME_NO_CACHE=1", f"FAKETIME_TIMESTAMP_FILE={clock}")
     before = ("env", *settings, f"LD_PRELOAD={library}", "ASAN_OPTIONS=verify_asan_link_order=0")
-    road = Road(before=before, rights="none", document=document, answers=({}, {"rate": 500_000}))
-    with opened(machine, road) as (window, _):
+    scenario = Scenario(before=before, rights="none", document=document, answers=({}, {"rate": 500_000}))
+    with opened(machine, scenario) as (window, _):
         window.invoke("开始")
         for percent, offset in ((20, "-5s"), (60, "+1d"), (100, "+1d")):
             while percents[-1] < percent:
@@ -213,10 +213,11 @@ def nowhere_to_log(machine):
     streams = ('exec "$0" <&- >&- 2>&-', put_folder), ('exec "$0" 2> >(true)', put_folder), ('exec "$0"', fill_disk)
     for text, prepare in streams:
         before = ("bash", "-c", text)
-        with opened(machine, Road(before=before, rights="none", prepare=prepare)) as (window, _):
+        with opened(machine, Scenario(before=before, rights="none", prepare=prepare)) as (window, _):
             window.invoke("开始")
             window.wait_for_status("获取权限失败，请重试")
             assert machine.file("tmp").read_bytes() == DOCUMENT and window.log() == ""
 
 
-STRESS_ROADS = (random_clicks, kills, two_workers, closing_at_any_moment, launching, clock_that_jumps, nowhere_to_log)
+STRESS_SCENARIOS = (
+    random_clicks, kills, two_workers, closing_at_any_moment, launching, clock_that_jumps, nowhere_to_log)

@@ -1,11 +1,11 @@
-"""A server's answers to the probe, to a fresh download and to one that goes on, presses, disks and homes; nobody has the
-rights to install what comes of it."""
+"""Downloads: the server's answers to the probe, to a fresh download and to a resumed one; presses, disks and homes. All
+end when the installation asks for rights, which are refused."""
 
 import subprocess
 
 from install import BROKEN, CLICKED_AGAIN, CLOSED, DOWNLOADING, FINISHED, REFUSED, START, URL
 from machine import ADDRESS
-from road import DOCUMENT, SMALL_DISK, Road
+from scenario import DOCUMENT, SMALL_DISK, Scenario
 
 ALL, HALF = len(DOCUMENT), 40_000
 PROBE = "HEAD"
@@ -25,18 +25,18 @@ def not_started(code):
     return [f"log Error Code:{code}", "status 下载失败，请直接双击镜像中的APP开始下载", *GIVEN_UP, "> picture download-failed"]
 
 
-def road(lines, *answers, **more):
-    return Road([*START, *lines], rights="none", answers=answers or ({},), **more)
+def scenario(lines, *answers, **more):
+    return Scenario([*START, *lines], rights="none", answers=answers or ({},), **more)
 
 
 def fresh(answer, lines=COMPLETE, holds=ALL, asked=None):
-    return road(lines, {}, answer, {}, holds=holds, asked=asked)
+    return scenario(lines, {}, answer, {}, holds=holds, asked=asked)
 
 
 def resumed(answer, holds=HALF, lines=BROKEN_OFF, then=(*TRIES_AGAIN, *COMPLETE)):
     """When HALF is there; it breaks off again, and comes to its end in the third attempt."""
-    return road([*BROKEN_OFF, *TRIES_AGAIN, *lines, *then], {}, {"cut": HALF}, {}, answer, {},
-                holds=ALL if then else holds, asked=[PROBE, None, *[PROBE, HALF] * (2 if then else 1)])
+    return scenario([*BROKEN_OFF, *TRIES_AGAIN, *lines, *then], {}, {"cut": HALF}, {}, answer, {},
+                    holds=ALL if then else holds, asked=[PROBE, None, *[PROBE, HALF] * (2 if then else 1)])
 
 
 def mount(folder, options):
@@ -54,43 +54,49 @@ def put_link(machine):
 
 
 def unusable(status, reason, prepare, *picture):
-    """The temporary folder or file cannot be made: nothing is asked for before the person continues, nor written then."""
-    return Road([*START[:-2], f"log create temp file failed:{reason}", f"status {status}", *picture, "> 停止", *STOPPED,
-                 *TRIES_AGAIN, "log Open of File for appending failed:~/Downloads/NVInst/Pellomar.tmp!", *BROKEN], rights="none", prepare=prepare, asked=[PROBE])
+    """The temporary folder or file cannot be made: nothing is asked for before the user continues, nor written then."""
+    return Scenario(
+        [*START[:-2], f"log create temp file failed:{reason}", f"status {status}", *picture, "> 停止", *STOPPED,
+         *TRIES_AGAIN, "log Open of File for appending failed:~/Downloads/NVInst/Pellomar.tmp!", *BROKEN],
+        rights="none", prepare=prepare, asked=[PROBE])
+
+
+def behind_proxy(proxy):
+    return "env", "no_proxy=", f"http_proxy=http://{proxy}"
 
 
 STALL_AT_ONCE = {"head": 0, "ending": "stall"}
 
-DOWNLOAD_ROADS = {
+DOWNLOAD_SCENARIOS = {
     "answers to the probe": {
-        "close": road(not_started(52), {"head": 0}, asked=[PROBE]),
-        "refuse": road(not_started(7), {"arrival": "refuse"}),
-        "no length": road(NOT_FOUND, {"length": None}, asked=[PROBE]),
+        "close": scenario(not_started(52), {"head": 0}, asked=[PROBE]),
+        "refuse": scenario(not_started(7), {"arrival": "refuse"}),
+        "no length": scenario(NOT_FOUND, {"length": None}, asked=[PROBE]),
         # There is no transfer yet that it could stop.
-        "stop during a stall": road(["> stall", "> picture checking-network", "> 停止", *STOPPED, "> release",
+        "stop during a stall": scenario(["> stall", "> picture checking-network", "> 停止", *STOPPED, "> release",
                                      *DOWNLOADING, *FINISHED[:3], "hide 继续", *FINISHED[4:], *REFUSED],
                                     STALL_AT_ONCE, {}, holds=ALL),
-        "page of an error": road(COMPLETE, {"status": 404, "body": 8}, holds=8),
-        "redirect": road(COMPLETE, {"redirect": "http://127.0.0.1:1/"}, asked=[PROBE, None]),
+        "page of an error": scenario(COMPLETE, {"status": 404, "body": 8}, holds=8),
+        "redirect": scenario(COMPLETE, {"redirect": "http://127.0.0.1:1/"}, asked=[PROBE, None]),
     },
     "answers to a fresh download": {
         "cut": fresh({"cut": HALF}, [*BROKEN_OFF, "> picture network-failure", *TRIES_AGAIN, *COMPLETE],
                      asked=[PROBE, None, PROBE, HALF]),
-        "breaks each time": road([*BROKEN_OFF, *[*TRIES_AGAIN, *BROKEN_OFF] * 3, *TRIES_AGAIN, *not_started(52)],
-                                 {}, {"cut": 1}, {}, {"cut": 0}, {}, {"cut": HALF}, {}, {"cut": -1}, {"head": 0},
-                                 holds=ALL - 1, asked=[PROBE, None, PROBE, 1, PROBE, 1, PROBE, 1 + HALF, PROBE]),
+        "breaks each time": scenario([*BROKEN_OFF, *[*TRIES_AGAIN, *BROKEN_OFF] * 3, *TRIES_AGAIN, *not_started(52)],
+                                     {}, {"cut": 1}, {}, {"cut": 0}, {}, {"cut": HALF}, {}, {"cut": -1}, {"head": 0},
+                                     holds=ALL - 1, asked=[PROBE, None, PROBE, 1, PROBE, 1, PROBE, 1 + HALF, PROBE]),
         "reset": fresh({"cut": HALF, "ending": "reset"}, [*BROKEN_OFF, *TRIES_AGAIN, *COMPLETE]),
         "stop during a stall": fresh({"cut": HALF, "ending": "stall"},
                                      [*DOWNLOADING, "> 40%", "> stall", "> 停止 ×3", *STOPPED, "> release",
                                       "status 已停止下载", "> 继续 ×2", *CONTINUED, *COMPLETE],
                                      asked=[PROBE, None, PROBE, HALF]),
         "no length": fresh({"length": None}),
-        "a folder in the file's place": road(COMPLETE, {}, stale=["Downloads/NVInst/Pellomar.tmp/deep"], holds=ALL),
-        "a file in the folder's place": road(COMPLETE, {}, stale=["Downloads/NVInst"], holds=ALL),
-        "a link in the file's place": road(COMPLETE, {}, stale=["Downloads/NVInst/Pellomar.pkg"], holds=ALL,
-                                           prepare=lambda machine: machine.file("tmp").symlink_to("/etc/hosts")),
+        "a folder in the file's place": scenario(COMPLETE, {}, stale=["Downloads/NVInst/Pellomar.tmp/deep"], holds=ALL),
+        "a file in the folder's place": scenario(COMPLETE, {}, stale=["Downloads/NVInst"], holds=ALL),
+        "a link in the file's place": scenario(COMPLETE, {}, stale=["Downloads/NVInst/Pellomar.pkg"], holds=ALL,
+                                               prepare=lambda machine: machine.file("tmp").symlink_to("/etc/hosts")),
         "longer than told": fresh({"length": ALL - 1}, holds=ALL - 1),
-        "5 GB": road(BROKEN_OFF, {"length": 5_000_000_000}, holds=ALL),
+        "5 GB": scenario(BROKEN_OFF, {"length": 5_000_000_000}, holds=ALL),
         "compressed": fresh({"headers": {"Content-Encoding": "gzip"}}),
     },
     "answers to a download that goes on": {
@@ -100,30 +106,33 @@ DOWNLOAD_ROADS = {
         "redirect": resumed({"redirect": "http://127.0.0.1:1/"}),
         # Taken for the end; the installer is what refuses it.
         "nothing left": resumed({"status": 416, "body": 0}, lines=COMPLETE, then=()),
-        "refuse": road([*BROKEN_OFF, *TRIES_AGAIN, *not_started(7)], {}, {"cut": HALF}, {"arrival": "refuse"},
-                       holds=HALF),
+        "refuse": scenario([*BROKEN_OFF, *TRIES_AGAIN, *not_started(7)], {}, {"cut": HALF}, {"arrival": "refuse"},
+                           holds=HALF),
     },
-    "a second attempt at the rights does not download again": road([*COMPLETE, *CLICKED_AGAIN, *REFUSED], {},
+    "a second attempt at the rights does not download again": scenario([*COMPLETE, *CLICKED_AGAIN, *REFUSED], {},
                                                                   asked=[PROBE, None], holds=ALL),
-    "closed on the first screen": Road(),
-    "by keys, and closed before the server answers": Road(
+    "closed on the first screen": Scenario(),
+    "by keys, and closed before the server answers": Scenario(
         ["> picture first-screen", "> focus 开始", "> picture first-screen-focus", "> space", *START[1:], *DOWNLOADING,
          "> 40%", "> picture downloading", "> focus 停止", "> Return", *STOPPED, "status 已停止下载", "> picture stopped",
          "> focus 继续", "> KP_Enter", *CONTINUED, "> stall", "> picture resumed", *CLOSED],
         rights="none", answers=({}, {"rate": 20_000}, STALL_AT_ONCE)),
-    "full disk": road([*DOWNLOADING, "log Write of File failed:No space left on device", *BROKEN, "> space on disk", *TRIES_AGAIN, *COMPLETE], prepare=mount_small,
-                      asked=[PROBE, None, PROBE, 4096 * 10], holds=ALL),
+    "full disk": scenario(
+        [*DOWNLOADING, "log Write of File failed:No space left on device", *BROKEN, "> space on disk", *TRIES_AGAIN,
+         *COMPLETE], prepare=mount_small, asked=[PROBE, None, PROBE, 4096 * 10], holds=ALL),
     "unwritable home": unusable("没有写入权限，请检查文件夹权限", "Permission denied", lambda machine: machine.home.chmod(0o555)),
     "read-only disk": unusable("磁盘是只读的，无法写入", "Read-only file system", lambda machine: mount(machine.home, "ro")),
     "file for a folder": unusable("路径中有一项不是文件夹", "Not a directory",
                                   lambda machine: (machine.home / "Downloads").touch(), "> picture no-folder"),
-    "temporary file that cannot be made": unusable("无法创建临时文件", "No such file or directory", put_link, "> picture no-temporary-file"),
-    "no log, where another's folder is": road(COMPLETE, home="用 户",
-                                              prepare=lambda machine: (machine.home / "Documents").mkdir()),
-    "a proxy's password": road(COMPLETE, before=("env", "no_proxy=", "http_proxy=http://visitor:secret@{}:{}".format(*ADDRESS)),
-                               logged="Content-Length: "),
-    "malformed proxy": road(not_started(5), before=("env", "no_proxy=", "http_proxy=http://visitor:secret/@127.0.0.1:1")),
-    "unreadable configuration": Road(
-        [START[0], START[1], UNREADABLE, START[2].removesuffix(URL), *START[3:-1], START[-1].replace(URL, ""), *not_started(3)],
+    "temporary file that cannot be made": unusable(
+        "无法创建临时文件", "No such file or directory", put_link, "> picture no-temporary-file"),
+    "no log, where another's folder is": scenario(COMPLETE, home="用 户",
+                                                  prepare=lambda machine: (machine.home / "Documents").mkdir()),
+    "a proxy's password": scenario(COMPLETE, before=behind_proxy("visitor:secret@{}:{}".format(*ADDRESS)),
+                                   logged="Content-Length: "),
+    "malformed proxy": scenario(not_started(5), before=behind_proxy("visitor:secret/@127.0.0.1:1")),
+    "unreadable configuration": Scenario(
+        [START[0], START[1], UNREADABLE, START[2].removesuffix(URL), *START[3:-1], START[-1].replace(URL, ""),
+         *not_started(3)],
         rights="none", prepare=lambda machine: machine.config.chmod(0)),
 }
