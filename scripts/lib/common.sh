@@ -17,7 +17,8 @@ usage() {
 }
 
 # Ends the command because of wrong arguments.
-misuse() {
+misuse() { # REASON
+    printf '%s: %s\n\n' "${0##*/}" "$1" >&2
     usage >&2
     exit 2
 }
