@@ -7,7 +7,7 @@
 #include <array>
 #include <cstdio>
 
-/// Both ends of a pipe, neither passed on to child processes by itself. Neither is open where the system gave
+/// Both ends of a pipe, neither inherited by child processes. Neither is open where the system gave
 /// none.
 struct Pipe {
     FileDescriptor readEnd;

@@ -2,7 +2,7 @@
 
 /// What the downloader and the rights service exchange on the system bus.
 ///
-/// Authorize()                              asks polkit about the caller's connection, and a person where the
+/// Authorize()                              asks polkit about the caller's connection, and the user where the
 ///                                          message allows interaction; answered when that is decided and no
 ///                                          other attempt is replacing the application
 /// Execute(s tool, as arguments, h output)  runs one of the four commands as root for a connection that is

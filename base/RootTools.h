@@ -14,7 +14,7 @@
 /// What root does to run the commands of an installation: for the rights service, and for a window that is
 /// root.
 
-/// Whether the file exists, and it and every folder above it belong to root and are writable by nobody else.
+/// Whether the file exists, and it and every folder above it belong to root and are writable by no one else.
 bool isRootsAlone(const std::filesystem::path& file);
 
 /// Opens the package with the rights of this process, without waiting and without following a link in its

@@ -21,7 +21,7 @@ struct CommandStart {
     std::unique_ptr<FILE, int (*)(FILE*)> pipe; ///< its standard output; null where it did not start
 };
 
-/// Asks for administrator rights and blocks until a person has answered. False on refusal, with the reason in
+/// Asks for administrator rights and blocks until the user has answered. False on refusal, with the reason in
 /// `authStatus` and `authRef` null; a refusal is logged unless the user cancelled. Any thread.
 bool obtainRights(InstallAttempt& attempt);
 

@@ -10,7 +10,7 @@
 using OSStatus = std::int32_t;
 
 inline constexpr OSStatus errAuthorizationSuccess = 0;
-inline constexpr OSStatus errAuthorizationDenied = -60005;             ///< refused, or nobody could be asked
+inline constexpr OSStatus errAuthorizationDenied = -60005;             ///< refused, or no one could be asked
 inline constexpr OSStatus errAuthorizationCanceled = -60006;           ///< the user closed the dialog
 inline constexpr OSStatus errAuthorizationToolExecuteFailure = -60031; ///< the tool could not be started
 inline constexpr OSStatus errAuthorizationBadAddress = -60033;         ///< no authorization could be made
@@ -34,7 +34,7 @@ using AuthorizationRef = AuthorizationOpaque*;
 /// `authorization` null on failure. The caller frees it.
 OSStatus AuthorizationCreate(AuthorizationRef* authorization);
 
-/// Asks for `right`; with kAuthorizationFlagInteractionAllowed a person may be asked, and the call takes as
+/// Asks for `right`; with kAuthorizationFlagInteractionAllowed the user may be asked, and the call takes as
 /// long as that takes.
 OSStatus AuthorizationCopyRights(AuthorizationRef authorization, const std::string& right, unsigned flags);
 

@@ -26,7 +26,7 @@
 
 namespace {
 
-constexpr std::uint64_t kNoTimeOut = UINT64_MAX; // a person may be typing a password
+constexpr std::uint64_t kNoTimeOut = UINT64_MAX; // the user may be typing a password
 
 /// Keeps the process from being traced by its user's other programs, for the time that any of these exists.
 class Undumpable {

@@ -17,7 +17,7 @@
 
 // Waking an idle event loop costs some 50 microseconds, a hand-over between two running threads about one. A
 // transfer hands over once per block, so after each piece of work the main thread spins briefly for the next
-// before it returns to its loop: only while pieces come that fast, and never long enough for a person to
+// before it returns to its loop: only while pieces come that fast, and never long enough for a user to
 // notice.
 //
 // Spinning takes a CPU, and there may be none free: while the main thread waits to be scheduled, the transfer
@@ -61,7 +61,7 @@ void migrate(pid_t thread, int cpu) {
     CPU_SET(cpu, &only);
     if (sched_getaffinity(thread, sizeof allowed, &allowed) == 0 && CPU_ISSET(cpu, &allowed) &&
         sched_setaffinity(thread, sizeof only, &only) == 0 &&
-        // A mask that somebody else has set in the meantime stays.
+        // A mask that was changed in the meantime stays.
         sched_getaffinity(thread, sizeof now, &now) == 0 && CPU_EQUAL(&now, &only)) {
         sched_setaffinity(thread, sizeof allowed, &allowed);
     }
@@ -97,7 +97,8 @@ class Mailbox {
         if (!isSpinning_) {
             wakeLoop();
         } else if (!spinUntil(kUnanswered, done) && cpu_ != work.cpu && !isMigrating_.exchange(true)) {
-            // Set before the flags are read, so that stopSpinning() waits for whoever saw them unchanged.
+            // Set before the flags are read, so that stopSpinning() waits for a poster that saw them
+            // unchanged.
             if (isSpinning_ && !work.taken) {
                 migrate(mainThread_, work.cpu);
             }

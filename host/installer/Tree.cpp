@@ -75,7 +75,7 @@ bool renameWhole(int fromFolder, const std::string& fromName, int toFolder, cons
     if (errno != EINVAL && errno != ENOSYS) {
         return false;
     }
-    // A file system without that flag. The caller has seen that the new place is free, or nobody else can
+    // A file system without that flag. The caller has seen that the new place is free, or no one else can
     // enter its folder.
     if (statusOf(toFolder, toName)) {
         errno = EEXIST;

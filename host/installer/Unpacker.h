@@ -30,7 +30,7 @@ class DiskUsage {
     std::uint64_t contents_ = 0;
 };
 
-/// Writes a payload into an empty folder that nobody else can enter, with the modes and times that it states.
+/// Writes a payload into an empty folder that no one else can enter, with the modes and times that it states.
 /// What it installs belongs to the user of this program, root, and is writable by root only, whatever it
 /// states: it cannot know this machine's users. Makes the folder the process's working folder. Not
 /// thread-safe.

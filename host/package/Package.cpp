@@ -25,7 +25,7 @@ FileDescriptor namelessFile(int folder) {
     if (file.isOpen()) {
         return file;
     }
-    // Not every file system supports that; nobody else can enter the folder, so this is equivalent.
+    // Not every file system supports that; no one else can enter the folder, so this is equivalent.
     constexpr char kName[] = "package";
     unlinkat(folder, kName, 0);
     file = FileDescriptor(openat(folder, kName, O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC | O_NOFOLLOW, 0600));

@@ -130,7 +130,7 @@ void verifyWithKey(X509* signer, const Signed& what) {
     }
 }
 
-// OpenSSL 3.0 has no purpose of this kind among those that it checks by itself.
+// OpenSSL 3.0 has no purpose of this kind among those that it checks by default.
 void requireMeantForSigning(const STACK_OF(X509) * chain) {
     for (int i = 0; i < sk_X509_num(chain); ++i) {
         X509* certificate = sk_X509_value(chain, i);

@@ -47,7 +47,7 @@ int Service::run() {
     };
     then(sd_event_add_time_relative, loop, &timer, CLOCK_MONOTONIC, idleTime_.count(), 0, onTimer, this);
     idleTimer_.reset(timer);
-    then(sd_bus_set_method_call_timeout, bus, UINT64_MAX); // polkit's answer takes as long as a person does
+    then(sd_bus_set_method_call_timeout, bus, UINT64_MAX); // polkit answers when the user has
     then(sd_bus_set_exit_on_disconnect, bus, 1);
     then(sd_bus_attach_event, bus, loop, SD_EVENT_PRIORITY_NORMAL);
     then(sd_bus_add_object_vtable, bus, nullptr, kObjectPath, kBusName, kCalls, this);

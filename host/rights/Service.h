@@ -36,7 +36,7 @@ struct Caller {
 };
 
 /// Runs the commands of an installation as root for callers that polkit allows it. Who calls is what the bus
-/// says; a grant belongs to one connection. One thread, one event loop, which never waits for a person, a
+/// says; a grant belongs to one connection. One thread, one event loop, which never waits for a user, a
 /// tool or a user's file system.
 class Service {
   public:

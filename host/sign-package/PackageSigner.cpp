@@ -199,7 +199,7 @@ std::string signatureOver(const std::string& digest, EVP_PKEY* key) {
 }
 
 // A file that appears under its name only when it is complete. Until then it has a name that no one can
-// predict, so that no link can be put in its way, and nobody else can read it.
+// predict, so that no link can be put in its way, and no one else can read it.
 class Output {
   public:
     explicit Output(const std::string& path) : path_(path), unfinished_(path + ".XXXXXX") {
@@ -234,7 +234,7 @@ class Output {
     FileDescriptor file_;
 };
 
-// Asks for the passphrase as OpenSSL does by itself, and notes that there is one.
+// Asks for the passphrase as OpenSSL does by default, and notes that there is one.
 int askPassphrase(char* passphrase, int size, int isForWriting, void* wasAsked) {
     *static_cast<bool*>(wasAsked) = true;
     return PEM_def_callback(passphrase, size, isForWriting, nullptr);
@@ -258,7 +258,7 @@ Key readKey(const std::string& path) {
     return key;
 }
 
-// Each of these would be refused at the end, in words that are meant for the person who installs.
+// Each of these would be refused at the end, in words meant for the user who installs.
 void requireChain(const Publisher& publisher) {
     const std::vector<Certificate>& chain = publisher.certificates;
     if (X509_check_private_key(chain.front().get(), publisher.key.get()) != 1) {

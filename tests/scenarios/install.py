@@ -134,7 +134,7 @@ INSTALL_SCENARIOS = {
         [*BEFORE_RIGHTS, *REFUSED, "> picture rights-refused", *CLICKED_AGAIN, *REFUSED], old=True, rights="none"),
     "a rule refuses": Scenario(
         [*BEFORE_RIGHTS, *DENIED, "> no rule", *ALLOWED_AT_LAST], old=True, rights="NO", agent="right"),
-    "nobody can be asked": Scenario([*BEFORE_RIGHTS, *DENIED, *ALLOWED_AT_LAST], old=True, rights="ask"),
+    "no authentication agent": Scenario([*BEFORE_RIGHTS, *DENIED, *ALLOWED_AT_LAST], old=True, rights="ask"),
     "wrong password": Scenario([*BEFORE_RIGHTS, *DENIED, *ALLOWED_AT_LAST], old=True, rights="ask", agent="wrong"),
     "password dialog closed": Scenario(
         [*BEFORE_RIGHTS, *DENIED[:1], *DENIED[2:], *ALLOWED_AT_LAST], old=True, rights="ask", agent="close"),

@@ -25,7 +25,7 @@ SCENARIOS |= {scenario.__name__.replace("_", "-"): scenario for scenario in STRE
 
 def main(build, name, *options):
     display = (lambda: None) if "--watched" in options else Compositor if name == "wayland" else Display
-    # A display is the user's who asked for this: whoever shows a window there has that user's number.
+    # The display belongs to the user who started this, and accepts only windows of that user's number.
     machine = Machine(Path(build), display, os.environ.get("SUDO_UID") if "--watched" in options else None)
     for part, scenario in parts(name):
         step(part)

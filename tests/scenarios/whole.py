@@ -18,7 +18,7 @@ from waiting import Blocked, processes, step, wait_for
 from window import CHECK_BOX, WINDOW_TITLE, Atspi, Screen
 from window import PASSWORD as PASSWORD_FIELD
 
-BAR, READING_TIME = "下载进度", 900  # seconds; a person may read, drink tea and come back
+BAR, READING_TIME = "下载进度", 900  # seconds; the user may leave and come back
 DOWNLOADING = "正在下载Pellomar"
 HELD_INSTALLER = {INSTALLER: [f'{HELD}exec {REAL}/installer "$@"']}
 TITLES = {"password": "管理员密码（演示）", "launched": "Pellomar"}

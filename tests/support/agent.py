@@ -4,7 +4,7 @@
 agent.py PROCESS ADMINISTRATOR PASSWORD DIALOG...
 
 DIALOG is a command that is run with polkit's message, the administrator's name and the password. It prints what a
-person typed, fails when that person closed it, and is run again, with "again" added, after a wrong password.
+user typed, fails when the user closed it, and is run again, with "again" added, after a wrong password.
 Prints "ready", "asked MESSAGE" each time polkit asks, and the outcome: "gained", "failed", "closed" or "cancelled"."""
 
 import os

@@ -25,7 +25,7 @@ SYSTEM_VERSION = Path("/System/Library/CoreServices/SystemVersion.plist")
 INSTALLER, KEXTSTAT = "/usr/sbin/installer", "/usr/sbin/kextstat"
 STARTUP = "/Library/Application Support/NorvikEmu/VirtualBoxStartup.sh"
 REAL = Path("/opt/real")  # the tools that scripts stand in for
-HOLD = Path("/run/hold")  # a pipe: who reads it waits until somebody writes
+HOLD = Path("/run/hold")  # a pipe: a reader waits until it is written
 SAMPLE = "sample/soft/Pellomar-sample.pkg"
 ADDRESS = ("127.0.0.1", 18080)
 START = "log start_button has been clicked"
@@ -105,7 +105,7 @@ class Machine:
         write("/etc/pellomar-installer/trusted/sample.pem", certificate.read_text())
 
     def begin(self, scenario):
-        """Afresh, as a row of the tests' table says."""
+        """Starts over, as the scenario says."""
         self.stop_programs()
         self.rights.stop()
         wait_for("the end of the last attempt", lambda: not processes(TRANSACTION))

@@ -137,13 +137,13 @@ class RightsServices:
         return [line for line in lines if line.startswith(MECHANISM.name + ":")]
 
 
-# What a person does at the password dialog, as an agent's DIALOG (see agent.py).
+# What the user does at the password dialog, as an agent's DIALOG (see agent.py).
 DIALOGS = {"right": 'echo "$2"', "wrong": '[[ ! $3 ]] && echo "not $2"', "close": "false", "wait": "exec sleep 600"}
 
 
 class Agent(Part):
     """Answers the password dialogs of one process, as the user whose process it is. ANSWER is one of DIALOGS, or the
-    path of a program that a person answers."""
+    path of a program that shows a dialog."""
 
     def __init__(self, process, answer="right", user=USER):
         self.output = Path(f"/run/pellomar-agent-{process}")

@@ -25,7 +25,7 @@ Atspi.set_timeout(20_000, 60_000)
 
 
 class Accessible:
-    """One object of a window, asked afresh at every call; an object that went away has no properties."""
+    """One object of a window, read anew at every call; an object that is gone has no properties."""
 
     def __init__(self, node):
         self.node = node
