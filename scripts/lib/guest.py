@@ -15,7 +15,7 @@ LOOK = (Path(__file__).parent / "look.py").read_text()
 
 
 class NotReached(Exception):
-    """A step of the road that did not come within its time."""
+    """A step that was not reached in time."""
 
 
 def wait_for(what, condition, seconds=PATIENCE, pause=0.5):
@@ -74,7 +74,7 @@ class Guest:
         command += ["-append", "root=/dev/vda rw quiet console=ttyS0", "-serial", f"file:{self.folder}/console.txt"]
         command += ["-drive", f"file={self.disk},format=qcow2,if=none,id=disk", "-device", "virtio-blk,drive=disk"]
         command += ["-drive", f"file={self.kit},format=raw,if=virtio,readonly=on", "-device", "ide-cd,id=cd"]
-        command += ["-usb", "-device", "usb-tablet", "-device", "virtio-serial"]
+        command += ["-device", "virtio-tablet", "-device", "virtio-serial"]
         command += ["-qmp", f"unix:{control},server=on,wait=off"]
         command += ["-chardev", f"socket,path={agent},server=on,wait=off,id=agent"]
         command += ["-device", "virtserialport,chardev=agent,name=org.qemu.guest_agent.0"]
@@ -143,12 +143,13 @@ class Guest:
         """Clicks on an object, once it is there."""
         x, y = self.look(name, role)
         width, height = self.size
-        place = [
-            {"type": "abs", "data": {"axis": axis, "value": value * 0x7FFF // limit}}
-            for axis, value, limit in (("x", x, width), ("y", y, height))
+        places = [
+            [{"type": "abs", "data": {"axis": axis, "value": value * 0x7FFF // limit}} for axis, value, limit in place]
+            # A place that the mouse was last moved to is not reported again, even if the pointer is elsewhere by now.
+            for place in ([("x", 0, 1), ("y", 0, 1)], [("x", x, width), ("y", y, height)])
         ]
         clicks = [{"type": "btn", "data": {"button": "left", "down": down}} for down in (True, False)]
-        for events in (place, *([click] for click in clicks)):
+        for events in (*places, *([click] for click in clicks)):
             self.control.ask("input-send-event", events=events)
             time.sleep(0.08)  # until the mouse is asked again
 
