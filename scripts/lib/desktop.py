@@ -158,6 +158,8 @@ class Trial:
         self.answer("sesame")
         self.see("Pellomar 已启动", "launched")
         self.expect("the driver", DRIVER in self.guest.run("kextstat", "-b", DRIVER))
+        journal = self.guest.run("journalctl", "--no-pager", "-t", "pellomar-downloader-rights")
+        self.expect("the journal names what ran as root", "started /usr/sbin/installer as process" in journal)
         self.guest.run("pkill", "-x", "Pellomar")
 
     def log_out(self):
