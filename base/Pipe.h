@@ -7,8 +7,8 @@
 #include <array>
 #include <cstdio>
 
-/// Both ends of a pipe, neither inherited by child processes. Neither is open where the system gave
-/// none.
+/// Both ends of a pipe, not inherited by child processes. If it cannot be created, neither end is open and
+/// `errno` is set.
 struct Pipe {
     FileDescriptor readEnd;
     FileDescriptor writeEnd;

@@ -17,5 +17,6 @@ inline constexpr std::size_t kPackageArgument = 2;
 /// The tool's path, then its arguments. `package` is the package's path, used by InstallPackage alone.
 std::vector<std::string> commandLine(PrivilegedCommand command, const std::string& package = {});
 
-/// The command that this line is, word by word; nothing for every other line. Any package path is taken.
+/// The command whose command line equals `line`, argument by argument; nothing if there is none. For
+/// InstallPackage, any package path is accepted.
 std::optional<PrivilegedCommand> findCommand(const std::vector<std::string>& line);

@@ -1,20 +1,19 @@
 #pragma once
 
-/// What the downloader and the rights service exchange on the system bus.
+/// What the downloader and the rights service exchange on the system bus. Each call is answered by an empty
+/// reply or by one of the errors below.
 ///
-/// Authorize()                              asks polkit about the caller's connection, and the user where the
-///                                          message allows interaction; answered when that is decided and no
-///                                          other attempt is replacing the application
-/// Execute(s tool, as arguments, h output)  runs one of the four commands as root for a connection that is
-///                                          authorized, each at most once, with the caller's pipe as standard
-///                                          output; answered once it runs, which waits for the caller's
-///                                          previous command
-/// Release()                                ends the authorization, as does the end of the connection; after
-/// an
-///                                          installer that failed it covers no more than the query of the
-///                                          driver
+/// Authorize()
+///     Asks polkit whether the caller's connection is authorized; polkit may ask the user if the message
+///     allows interaction. Answered once that is decided and no other attempt is replacing the application.
 ///
-/// Each is answered by an empty reply or by one of the errors below.
+/// Execute(s tool, as arguments, h output)
+///     Runs one of the four commands as root for an authorized connection, each at most once, with the
+///     caller's pipe as standard output. Answered once the tool has been started, which waits for the
+///     caller's previous tool to end. After an installer that failed, only the driver query is allowed.
+///
+/// Release()
+///     Ends the authorization, as does the end of the connection.
 namespace rights {
 
 /// The service's name on the bus, its interface, and polkit's name of the right.

@@ -52,11 +52,20 @@ Transaction runTransactionProgram(const char* verb, std::error_code& failure) {
 
 bool isRootsAlone(const std::filesystem::path& file) {
     std::error_code failure;
-    const std::filesystem::path place = std::filesystem::canonical(file, failure);
     struct stat status{};
-    return !failure && lstat(place.c_str(), &status) == 0 && status.st_uid == 0 &&
-           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
-           (place == place.root_path() || isRootsAlone(place.parent_path()));
+    if (!file.is_absolute() || !std::filesystem::exists(file, failure) || lstat(file.c_str(), &status) != 0 ||
+        status.st_uid != 0) {
+        return false;
+    }
+    if (file == file.root_path()) {
+        return (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+    }
+    const std::filesystem::path folder = file.parent_path();
+    if (S_ISLNK(status.st_mode)) { // its mode has no meaning: who can write to its folder can replace it
+        const std::filesystem::path target = std::filesystem::read_symlink(file, failure);
+        return !failure && isRootsAlone(folder) && isRootsAlone(folder / target);
+    }
+    return (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 && isRootsAlone(folder);
 }
 
 FileDescriptor openPackage(const std::filesystem::path& path) {
@@ -90,7 +99,7 @@ std::optional<PrivilegedCommand> GrantedCommands::take(const std::vector<std::st
     if (!command) {
         refusal = "not a command of an installation";
     } else if (std::ranges::find(taken_, *command) != taken_.end()) {
-        refusal = "the command is used up in this attempt";
+        refusal = "the command was already used in this attempt";
     } else {
         taken_.push_back(*command);
         return command;

@@ -14,19 +14,19 @@
 /// What root does to run the commands of an installation: for the rights service, and for a window that is
 /// root.
 
-/// Whether the file exists, and it and every folder above it belong to root and are writable by no one else.
+/// Whether the file exists, and it, every folder above it, every symbolic link on the way and what each leads
+/// to belong to root and are writable by no one else. False for a relative path.
 bool isRootsAlone(const std::filesystem::path& file);
 
-/// Opens the package with the rights of this process, without waiting and without following a link in its
-/// last place. Not open, with `errno` set, unless `path` is an absolute path to a Pellomar.pkg.
+/// Opens the package with the rights of this process, without blocking and without following a symbolic link
+/// as the last component. Not open, with `errno` set, unless `path` is an absolute path to a Pellomar.pkg.
 FileDescriptor openPackage(const std::filesystem::path& path);
 
-/// Whether the descriptor is a regular file of `owner`; of anybody, where `owner` is root.
+/// Whether the descriptor is a regular file of `owner`; of anyone, where `owner` is root.
 bool isPackageOf(int descriptor, uid_t owner);
 
-/// One attempt's replacement of the installed application: it is kept aside until the attempt is over, and
-/// put back unless another version has been installed. A process of its own sees to it, however this one
-/// ends.
+/// One attempt to replace the installed application: it is set aside until the attempt is over, and put back
+/// unless another version has been installed. A separate process does this, however this process ends.
 struct Transaction {
     /// A byte arrives once the application is set aside, or end of file where that failed; and end of file
     /// once the transaction is over.
@@ -36,15 +36,17 @@ struct Transaction {
 
     /// Starts one, which begins when every earlier one is over.
     static Transaction begin(std::error_code& failure);
-    /// Waits until every earlier one is over, and ends one that was interrupted, for example by a power
-    /// failure. Only `state` is open, until that is done.
+    /// Starts a process that waits until every earlier transaction is over, and ends one that was
+    /// interrupted, for example by a power failure. Returns at once with only `state` open, which reaches
+    /// end of file when that process is done or could not be started.
     static Transaction endLeftOver(std::error_code& failure);
 };
 
 /// The commands of one grant.
 class GrantedCommands {
   public:
-    /// The command that this line is, which cannot be taken a second time; or nothing, and why in `refusal`.
+    /// The command whose command line is `line`. Each command can be taken once. Nothing, with the reason in
+    /// `refusal`, when there is no such command or it has been taken.
     std::optional<PrivilegedCommand> take(const std::vector<std::string>& line, std::string& refusal);
 
     /// Starts a command that was taken as a child process with a clean environment, its standard output
@@ -52,12 +54,12 @@ class GrantedCommands {
     pid_t start(PrivilegedCommand command, const std::vector<std::string>& line, int output,
                 std::error_code& failure);
 
-    /// Leaves nothing but the query of the driver, after an installer that failed: its status is not what the
-    /// window judges it by, and the query only reads.
+    /// After an installer that failed: allows nothing more than the driver query, which changes nothing. The
+    /// window judges the installer by its output, not by its status, so it may still send that query.
     void endInstallation();
 
-    FileDescriptor package; ///< what the installer reads, its from the start
-    FileDescriptor hold;    ///< the transaction's; held by the installer alone once it is started
+    FileDescriptor package; ///< what the installer reads; closed here once the installer has been started
+    FileDescriptor hold;    ///< of the transaction; likewise
 
   private:
     std::vector<PrivilegedCommand> taken_;

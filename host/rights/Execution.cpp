@@ -17,7 +17,7 @@ namespace rights {
 
 namespace {
 
-// Nothing else: root's writes have effects on other files and sockets that the caller's would not have.
+// Only a pipe is accepted: writing to another file or socket as root can do what the caller may not.
 bool isPipeToWriteTo(int descriptor) {
     struct stat status{};
     return fstat(descriptor, &status) == 0 && S_ISFIFO(status.st_mode) &&
@@ -89,7 +89,7 @@ void Service::onPackage(const std::string& name, int socket) {
         proceed(name);
         return;
     }
-    // The same words for each cause: none reveals files that the caller cannot see.
+    // The same text for every cause, so that it reveals nothing about files that the caller cannot see.
     caller.command.reset();
     refuse(std::exchange(caller.request, nullptr).get(), kErrorNotAllowed,
            "the package is not a regular file of the caller's own");
@@ -104,17 +104,21 @@ void Service::beginTransaction(const std::string& name, Caller& caller) {
                 "pellomar-downloader-rights: the application is not set aside while it is replaced: %s\n",
                 failure.message().c_str());
     }
-    transactions_[name] = std::make_unique<Watch>(loop_.get(), std::move(transaction.state),
-                                                  [this, name](int state) { onTransaction(name, state); });
+    const unsigned number = ++lastTransaction_;
+    caller.transaction = number;
+    transactions_[number] =
+        std::make_unique<Watch>(loop_.get(), std::move(transaction.state),
+                                [this, name, number](int state) { onTransaction(name, number, state); });
 }
 
-void Service::onTransaction(const std::string& name, int state) {
+void Service::onTransaction(const std::string& name, unsigned number, int state) {
     char byte = 0;
     if (read(state, &byte, 1) != 1) {
-        transactions_.erase(name);
+        transactions_.erase(number);
         startIdleTime();
     }
-    if (const auto place = callers_.find(name); place != callers_.end() && !place->second.isSetAside) {
+    if (const auto place = callers_.find(name);
+        place != callers_.end() && place->second.transaction == number && !place->second.isSetAside) {
         place->second.isSetAside = true;
         proceed(name);
     }
@@ -130,7 +134,7 @@ void Service::startTool(const std::string& name, Caller& caller, PrivilegedComma
         refuse(request.get(), kErrorNotStarted, caller.line.front() + ": " + failure.message());
         return;
     }
-    // Without the arguments: one is the caller's, with any characters in it.
+    // The arguments are not logged: the package's path comes from the caller and may hold any characters.
     fprintf(stderr, "pellomar-downloader-rights: started %s as process %d for %s of user %u\n",
             caller.line.front().c_str(), static_cast<int>(caller.tool), name.c_str(), caller.user);
     FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, caller.tool, 0)));

@@ -135,12 +135,12 @@ void Service::endGrant(const std::string& name, const char* error, const std::st
 }
 
 int Service::onRelease(sd_bus_message* message) {
-    endGrant(sd_bus_message_get_sender(message), kErrorRefused, "given up");
+    endGrant(sd_bus_message_get_sender(message), kErrorRefused, "released by the caller");
     return sd_bus_reply_method_return(message, nullptr);
 }
 
 int Service::onNameLost(sd_bus_message* signal) {
-    // The match does not filter by sender what is sent to this connection directly.
+    // The match rule does not check the sender of a signal that is sent directly to this connection.
     const char* const sender = sd_bus_message_get_sender(signal);
     const char* name = nullptr;
     if (sender != nullptr && strcmp(sender, kBusDaemon) == 0 && sd_bus_message_read(signal, "s", &name) > 0) {
@@ -156,7 +156,7 @@ void Service::startIdleTime() {
 
 int Service::onIdle() {
     if (!isIdle()) {
-        return 0; // the timer is started again by what ends that
+        return 0; // the timer is restarted when the last grant, tool or transaction ends
     }
     // Calls that arrived before the name was released are served; later ones start a new process.
     sd_bus_release_name(bus_.get(), kBusName);

@@ -22,29 +22,31 @@ struct Caller {
     bool isAuthorized = false;
     BusSlot question;                // to polkit
     BusMessage waiting;              // its Authorize call, until it is answered
-    std::unique_ptr<Watch> leftOver; // of earlier attempts, being ended
+    std::unique_ptr<Watch> leftOver; // waits until earlier attempts are over
     GrantedCommands commands;
 
     // The Execute call under way, until its tool has been started, and then until the tool has ended.
     BusMessage request;
     std::vector<std::string> line;
-    std::optional<PrivilegedCommand> command; // once it is taken
+    std::optional<PrivilegedCommand> command; // of `line`, once it is known and allowed
     int output = -1;                          // belongs to the request
-    bool isSetAside = false;                  // or the attempt at it is over
-    std::unique_ptr<Watch> package;           // being opened
+    unsigned transaction = 0;                 // its number, once it is begun
+    bool isSetAside = false;                  // the application is set aside, or that has failed
+    std::unique_ptr<Watch> package;           // waits for the package's descriptor
     pid_t tool = 0;
 };
 
-/// Runs the commands of an installation as root for callers that polkit allows it. Who calls is what the bus
-/// says; a grant belongs to one connection. One thread, one event loop, which never waits for a user, a
+/// Runs the commands of an installation as root for callers that polkit authorizes. The bus identifies the
+/// caller; a grant belongs to one connection. One thread and one event loop, which never blocks on a user, a
 /// tool or a user's file system.
 class Service {
   public:
     explicit Service(std::chrono::seconds idleTime) : idleTime_(idleTime) {}
 
-    /// Serves until it was not used for the idle time. Returns 0, or a negative error number.
+    /// Handles calls until the service has been idle for `idleTime`. Returns 0, or a negative errno value.
     int run();
 
+    // Handlers of the three calls and of the signal that a connection has ended; run() calls them.
     int onAuthorize(sd_bus_message* call);
     int onExecute(sd_bus_message* call);
     int onRelease(sd_bus_message* call);
@@ -63,7 +65,7 @@ class Service {
     void beginTransaction(const std::string& name, Caller& caller);
     void proceed(const std::string& name);
     void onPackage(const std::string& name, int socket);
-    void onTransaction(const std::string& name, int state);
+    void onTransaction(const std::string& name, unsigned number, int state);
     void startTool(const std::string& name, Caller& caller, PrivilegedCommand command);
     void onToolExit(const std::string& name, pid_t process);
     int refuse(sd_bus_message* call, const char* error, const std::string& reason);
@@ -74,7 +76,9 @@ class Service {
     EventSource idleTimer_;
     Callers callers_;
     std::map<pid_t, std::unique_ptr<Watch>> tools_;
-    std::map<std::string, std::unique_ptr<Watch>, std::less<>> transactions_; // by the caller's name
+    // By number: a connection that is authorized again may begin one before its last one is over.
+    std::map<unsigned, std::unique_ptr<Watch>> transactions_;
+    unsigned lastTransaction_ = 0;
 };
 
 } // namespace rights

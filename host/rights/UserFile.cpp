@@ -40,6 +40,13 @@ void sendDescriptor(int socket, int descriptor) {
     sendmsg(socket, &message.header, MSG_NOSIGNAL);
 }
 
+constexpr int kKept = 3;
+
+/// Moves the descriptor to kKept and closes all others but the standard streams.
+bool keepOnly(int descriptor) {
+    return dup2(descriptor, kKept) == kKept && close_range(kKept + 1, ~0U, 0) == 0;
+}
+
 bool becomeUser(uid_t user) {
     const passwd* const entry = getpwuid(user);
     return entry != nullptr && initgroups(entry->pw_name, entry->pw_gid) == 0 &&
@@ -57,11 +64,12 @@ FileDescriptor openPackageAs(uid_t user, const std::string& path) {
     const FileDescriptor theirs(ends[1]);
     const pid_t process = fork();
     if (process == 0) {
-        // An orphan, not to be waited for: its user may stop it.
-        if (fork() == 0 && becomeUser(user)) {
+        // A grandchild, which is not waited for: its user can stop it with a signal. It then must not keep
+        // anything open that others wait for, such as an attempt's transaction.
+        if (fork() == 0 && keepOnly(theirs.get()) && becomeUser(user)) {
             const FileDescriptor package = openPackage(path);
             if (package.isOpen()) {
-                sendDescriptor(theirs.get(), package.get());
+                sendDescriptor(kKept, package.get());
             }
         }
         _exit(0);

@@ -8,9 +8,9 @@
 
 namespace rights {
 
-/// Opens a package with the rights of `user` and no others, in a process of its own: the file system may be
-/// one that answers late. A descriptor arrives on the socket that is returned, or the socket is at its end of
-/// file where the package could not be opened. The socket is not open where no process could be made.
+/// Opens a package with the rights of `user` and no others, in a separate process, since the file system may
+/// block. Returns a socket on which the descriptor arrives, or which reaches end of file when the package
+/// could not be opened. It is not open when no process could be started.
 FileDescriptor openPackageAs(uid_t user, const std::string& path);
 
 /// Takes a descriptor from the socket. Not open where there is none.

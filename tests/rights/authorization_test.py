@@ -84,7 +84,7 @@ class AllowedWithoutPassword(RightsTest):
         wait_for("the installer", STARTED.exists)
         self.kill(MECHANISM)
         GO.touch()
-        self.assertEqual((probe.answer(), probe.ask(*QUERY)), (f"{SUCCESS}done\t", DENIED), "the tool goes on")
+        self.assertEqual((probe.answer(), probe.ask(*QUERY)), (f"{SUCCESS}done\t", DENIED), "the tool keeps running")
 
     def test_root_runs_the_same_commands(self):
         probe = Probe(self, "worker", "root").authorized()
@@ -121,7 +121,7 @@ class Asked(RightsTest):
                     self.assertEqual(probe.ask(*line), SUCCESS)
                 self.assertEqual((agent.asked(), probe.ask(give_up)), (attempt, give_up))
 
-    def test_the_service_killed_while_a_person_types(self):
+    def test_the_service_killed_during_the_password_dialog(self):
         for thread in "worker", "main":
             probe = Probe(self, thread)
             agent = Agent(probe.process.pid, "wait")

@@ -5,6 +5,7 @@ import os
 import shutil
 import socket
 import subprocess
+import sys
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
@@ -17,6 +18,15 @@ from harness import (APPLICATION, BUS_SERVICE, GO, HOLD, INSTALLER, KEXTSTAT, ME
 REPORT = r"""sed -nE 's/^SigBlk:\s+//p; s/^SigIgn:.*(.)...$/\1/p' /proc/self/status
 echo "$UID $(umask) $PWD"; cd /proc/$$; echo "$(tr '\0' '|' <cmdline) $(tr '\0' '|' <environ) $(readlink fd/0)"
 for open in fd/*; do n=${open#fd/}; [[ $n -lt 3 || $n == 255 ]] || readlink $open; done"""
+
+
+STOP_NEXT_PROCESSES = """import itertools, os, signal
+for number in itertools.cycle(range(os.getpid() + 1, os.getpid() + 200)):
+    try:
+        os.kill(number, signal.SIGSTOP)
+    except OSError:
+        pass
+"""
 
 
 class Refusals(RightsTest):
@@ -70,9 +80,18 @@ class Refusals(RightsTest):
             make_tool(KEXTSTAT, f"touch {STARTED}")
             prepare()
             self.assertEqual((Caller().authorize().run(QUERY), STARTED.exists()), ("NotStarted", False))
-        SCRIPT.parent.chmod(0o757)
-        self.addCleanup(SCRIPT.parent.chmod, 0o755)
-        self.assertEqual(Caller().authorize().run(RESTART), "NotStarted")
+        library, support, moved = SCRIPT.parents[2], SCRIPT.parents[1], Path("/opt/support")
+        support.rename(moved)
+        support.symlink_to(moved)
+        self.addCleanup(lambda: (support.unlink(), moved.rename(support)))
+        for path, number, mode, answer in ((SCRIPT.parent, 0, 0o757, "NotStarted"), (library, 0, 0o775, "NotStarted"),
+                                           (library, harness.owner[0], 0o755, "NotStarted"), (library, 0, 0o755, "")):
+            os.chown(path, number, 0)
+            path.chmod(mode)
+            with self.subTest(path, number=number, mode=mode):
+                self.assertEqual(Caller().authorize().run(RESTART), answer)
+            os.chown(path, 0, 0)
+            path.chmod(0o755)
 
 
 class Grants(RightsTest):
@@ -84,7 +103,7 @@ class Grants(RightsTest):
             with self.subTest(ending):
                 self.assertEqual((other.run(QUERY), caller.run(install())), ("NotAuthorized", "ran\n"))
                 self.assertEqual((caller.run(RESTART), caller.run(REMOVE) if restart else ""), (restart, restart))
-                self.assertEqual((caller.run(QUERY), caller.run(QUERY)), ("", "NotAllowed"), "status is no failure")
+                self.assertEqual((caller.run(QUERY), caller.run(QUERY)), ("", "NotAllowed"), "the query stays allowed")
                 self.assertEqual((caller.call("Release"), caller.run(QUERY)), ("", "NotAuthorized"))
 
     def test_a_forged_end_of_a_connection_ends_no_grant(self):
@@ -107,7 +126,7 @@ class Grants(RightsTest):
             caller.call("Release") if ending == "Release" else caller.bus.close_sync()
             wait_for("the service's end", lambda: harness.services.mechanism() != first)
 
-    def test_tools_run_in_clean_surroundings(self):
+    def test_tools_run_in_a_clean_environment(self):
         make_tool(INSTALLER, REPORT)
         words = "|".join(["/bin/bash", *install()])
         environment = "PATH=/usr/sbin:/usr/bin:/sbin:/bin|LC_ALL=C|HOME=/root|INSTALLER_PACKAGE_FD=3"
@@ -133,6 +152,8 @@ class Application(RightsTest):
     def test_each_ending_of_an_attempt(self):
         for end in ("exit 1", "kill -9 $$", "true", REPLACE, lambda caller: caller.call("Release"),
                     lambda caller: caller.bus.close_sync(), lambda _: self.kill(MECHANISM),
+                    lambda caller: [(caller.call("Release"), caller.authorize().run(REMOVE)) for _ in range(6)]
+                    and caller.call("Release"),
                     lambda caller: (self.kill(TRANSACTION), caller.call("Release")),
                     lambda _: (self.kill(TRANSACTION), self.kill(MECHANISM))):  # fmt: skip
             with self.subTest(end):
@@ -157,7 +178,31 @@ class Application(RightsTest):
                 self.assertEqual(caller.output(), "done\n")
                 self.ends_with(outcome)
 
-    def test_attempts_take_turns(self):
+    def test_a_stopped_process_of_the_user(self):
+        """The package is opened by a process that has become the user, who can then stop it."""
+        for i in range(39):  # it takes some milliseconds to follow them all
+            (PACKAGE.parent / f"link{i}").symlink_to("./" * 2000 + f"link{i + 1}")
+        (PACKAGE.parent / "link39").symlink_to(".")
+        package = PACKAGE.parent / "link0/Pellomar.pkg"
+        stopper = subprocess.Popen([sys.executable, "-c", STOP_NEXT_PROCESSES], **harness.as_user(USER))
+
+        def stopped():
+            states = {number: Path(f"/proc/{number}/status").read_text() for number in harness.rights.processes(MECHANISM)}
+            return [number for number, state in states.items() if "State:\tT" in state]
+
+        self.addCleanup(lambda: [os.kill(number, 9) for number in stopped()])
+        self.addCleanup(lambda: (stopper.kill(), stopper.wait()))
+        with ThreadPoolExecutor() as aside:
+            while not stopped():
+                caller = Caller().authorize()
+                self.assertEqual((caller.run(REMOVE), version()), ("", None))
+                starting = aside.submit(caller.start, install(package))
+                wait_for("the package", lambda: stopped() or starting.done())
+            caller.bus.close_sync()
+        wait_for("the old application", lambda: version() == "old")
+        self.ends_with("old")
+
+    def test_attempts_run_one_at_a_time(self):
         first, second = Caller().authorize(), Caller()
         self.assertEqual(first.run(REMOVE), "")
         with ThreadPoolExecutor() as aside:
