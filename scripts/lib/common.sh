@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Sourced by the commands beside it. The comment at the head of a command is what its --help prints.
+# Sourced by the commands beside it. The comment at the top of each script is what its --help prints.
 
 project=$(dirname -- "$(dirname -- "$(readlink -f -- "$0")")")
 
@@ -79,6 +79,11 @@ make_debian() { # RELEASE ROOT
         >"$2.debootstrap.log" || fail "debootstrap failed, see $2.debootstrap.log"
     apt-config dump | grep -E '^Acquire::(https?|Check)' | as_root tee "$2/etc/apt/apt.conf.d/50machine" >/dev/null || true
     as_root install -m 644 /etc/resolv.conf /etc/hosts "$2/etc"
+}
+
+# scripts/view, which is ended with the command that calls this, also where that is killed.
+view() {
+    setpriv --pdeathsig TERM "$project/scripts/view" "$@"
 }
 
 # Every C++ source and header, NUL-separated, relative to the project folder.

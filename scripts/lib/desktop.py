@@ -68,7 +68,7 @@ def publish(pictures, folder):
     (folder / "README.md").write_text(page)
 
 
-class Trial:
+class DesktopRun:
     def __init__(self, guest, image, package):
         self.guest, self.image = guest, image
         self.length = package.stat().st_size
@@ -103,7 +103,7 @@ class Trial:
         self.see("所有应用程序")
 
     def install_package(self):
-        """As the image's text says: by the terminal's line for a user without sudo."""
+        """As the image's text says: with the command for users without sudo."""
         self.guest.insert(self.image)
         mounted = ("findmnt", "-n", "-o", "TARGET", "/dev/sr0")
         self.place = wait_for("the image", lambda: self.guest.run(*mounted, check=False)).strip()
@@ -246,18 +246,18 @@ def main():
     kit = options.results / "kit.iso"
     make_kit(options.build, kit)
     guest = Guest(options.machine, options.results, kit, "player")
-    trial = Trial(guest, options.build / "Pellomar下载器.iso", options.build / "sample/soft/Pellomar-sample.pkg")
+    desktop = DesktopRun(guest, options.build / "Pellomar下载器.iso", options.build / "sample/soft/Pellomar-sample.pkg")
     try:
-        trial.run()
+        desktop.run()
         say("all steps were reached")
     except NotReached as error:
         say(f"not reached: {error}")
         if guest.process and guest.process.poll() is None:
-            trial.take("not-reached")
+            desktop.take("not-reached")
         sys.exit(1)
     finally:
         if guest.process and guest.process.poll() is None:
-            trial.keep()
+            desktop.keep()
             guest.cut_power()
         for left_over in (guest.disk, kit, guest.folder / "screen.png"):
             left_over.unlink(missing_ok=True)
