@@ -18,7 +18,7 @@ class KvWindowController {
     /// The user asked to close the window: ends the process at once, without waiting for running threads.
     [[noreturn]] void windowShouldClose();
 
-    /// The window closes in another way: ends any modal loop and shuts down; the process goes on.
+    /// The program itself closes the window: ends any modal loop and shuts down. Does not end the process.
     void windowWillClose();
 
     /// Shows the window in the middle of the screen with the pointer, where the window system lets programs

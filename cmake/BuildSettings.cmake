@@ -6,7 +6,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   target_compile_options(build_settings INTERFACE -Wno-restrict)
 endif()
 
-# For CI: a newer compiler's warning must not keep anybody from building.
+# For CI: a newer compiler's warning must not break builds elsewhere.
 option(PELLOMAR_WARNINGS_AS_ERRORS "Treat warnings as errors" OFF)
 if(PELLOMAR_WARNINGS_AS_ERRORS)
   target_compile_options(build_settings INTERFACE -Werror)

@@ -73,7 +73,7 @@ void CoreImageView::installWorker(InstallAttempt& attempt) {
 bool CoreImageView::removeOldApplication(InstallAttempt& attempt) {
     updateStatus(status::kUninstalling);
     if (!run(attempt, PrivilegedCommand::RemoveApplication)) {
-        // No status text says so, and every button stays hidden, on purpose.
+        // On purpose, no status text reports this and every button stays hidden.
         attempt.authRef.reset();
         return false;
     }
@@ -156,7 +156,7 @@ bool CoreImageView::runDriverTool(InstallAttempt& attempt, PrivilegedCommand com
 }
 
 void CoreImageView::driverFailed(InstallAttempt& attempt, DriverPass pass) {
-    // A driver that fails again in the retry pass is counted already.
+    // A failure in the retry pass is not reported again.
     const auto report = [pass](const char* event) {
         if (pass == DriverPass::First) {
             executeWebStatic(event);

@@ -25,9 +25,9 @@ struct CommandStart {
 /// `authStatus` and `authRef` null; a refusal is logged unless the user cancelled. Any thread.
 bool obtainRights(InstallAttempt& attempt);
 
-/// Runs a tool as root, which takes as long as it runs: appends all that it prints to `output`, calls
-/// `afterReading` with that, and then waits until no child of this process is left. Does none of these where
-/// the tool did not start, which is logged. On the install worker.
+/// Starts a tool as root and blocks until it has closed its output: appends all of that to `output`, calls
+/// `afterReading` with `output`, and then waits until this process has no child left. A tool that cannot be
+/// started is logged, and none of this is done. On the install worker.
 CommandStart runPrivilegedCommand(const std::string& toolPath, const std::vector<std::string>& arguments,
                                   AuthorizationRef authorization, std::string& output,
                                   void (*afterReading)(const std::string& output) = nullptr);

@@ -3,7 +3,8 @@
 #include <locale>
 #include <string>
 
-/// Outcomes of privileged tools are judged by words in what they print. All over bytes; none fails.
+/// Tests of a privileged tool's output for the words by which its outcome is judged. They compare bytes and
+/// cannot fail. Any thread.
 
 /// Equality of two characters after upper-casing in a locale.
 class caseinsensitive_equal {

@@ -14,8 +14,8 @@ struct Alert {
     std::vector<std::string> buttons; ///< shown in this order on every desktop; the first is the default
     bool mustBeAnswered = false;      ///< Escape and the close button do nothing
 
-    /// Shows the dialog over the program's window and returns the answer. Main thread; events go on being
-    /// handled.
+    /// Shows the dialog over the program's window, blocks until it is answered and returns the answer. Events
+    /// are handled in the meantime. Main thread.
     [[nodiscard]] int runModal() const;
 
     /// Ends every running modal loop with the answer `code`. Main thread.

@@ -21,7 +21,7 @@ inline constexpr unsigned kAuthorizationFlagExtendRights = 2;
 inline constexpr unsigned kAuthorizationFlagDestroyRights = 8;
 inline constexpr unsigned kAuthorizationFlagPreAuthorize = 16;
 
-/// One attempt's authorization: what one way of obtaining rights keeps for it.
+/// One authorization; each way of obtaining rights implements it. Used by one thread at a time.
 struct AuthorizationOpaque {
     virtual ~AuthorizationOpaque() = default;
     virtual OSStatus copyRights(const std::string& right, unsigned flags) = 0;
@@ -30,8 +30,8 @@ struct AuthorizationOpaque {
 };
 using AuthorizationRef = AuthorizationOpaque*;
 
-/// Makes an authorization without rights; the platform's best way of obtaining them is chosen here. Leaves
-/// `authorization` null on failure. The caller frees it.
+/// Makes an authorization that has no rights yet, of the kind that suits this process and platform. Leaves
+/// `authorization` null on failure. The caller frees it. Any thread.
 OSStatus AuthorizationCreate(AuthorizationRef* authorization);
 
 /// Asks for `right`; with kAuthorizationFlagInteractionAllowed the user may be asked, and the call takes as

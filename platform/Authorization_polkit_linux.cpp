@@ -176,7 +176,7 @@ class PolkitAuthorization : public AuthorizationOpaque {
         aside.join();
     }
 
-    const Undumpable undumpable_; // before the connection, and after it
+    const Undumpable undumpable_; // declared first: constructed before the connection, destroyed after it
     BusConnection bus_;
 };
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-/// Makes writing to a pipe without a reader fail instead of ending the program.
+/// Makes writing to a pipe without a reader fail with EPIPE instead of ending the program.
 /// Child processes start with the default again. Before any output.
 void ignoreBrokenPipes();
 

@@ -74,8 +74,8 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
     /// The package's address, or "" when no configuration file could be read.
     static std::string getDownloadUrl();
 
-    /// The reply's text, or nothing when none arrived within 10 seconds or it is not UTF-8. Blocks. Any
-    /// thread.
+    /// Fetches `url` with synchronousGet and a time-out of 10 seconds for the reply. Returns its text, or
+    /// nothing when the request failed or the reply is not UTF-8. Blocks. Any thread.
     static std::optional<std::string> getRequest(const std::string& url);
 
     /// Asks the update server for the current version and rewrites the stamp file. Blocks. Any thread.
@@ -97,9 +97,15 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
 
     // --- dialogs ----------------------------------------------------------------------------------------
 
-    /// Asks whether games are to be kept and writes the answer for the product.
+    /// Asks whether games are to be kept. If not, creates the flag file that makes the product overwrite
+    /// them.
     void isCoverInstall();
+
+    /// Removes that flag file, if it exists.
     static void removeCoverFile();
+
+    /// Show why the driver is not loaded and, if the user presses the button, open the security settings or
+    /// the help page.
     static void installFaildGuide();
     static void installFaildDueToSip();
 
@@ -146,7 +152,7 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
     WorkerThread _downloadThread; ///< the most recent; an older one may still run
     std::string _strDownloadUrl;
 
-    // --- events: written by workers, read by the main thread ----------------------------------------------
+    // --- events: shared by workers and the main thread --------------------------------------------------
 
     void dataReceived(const CurlMessage& message);
     void transferFailed();
@@ -160,7 +166,7 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
     std::atomic<std::int64_t> _identifier{0};     ///< token of the running body transfer
     std::atomic<double> _percent{0};
 
-    // --- install: written by the install worker, read by later attempts -----------------------------------
+    // --- install: shared by install workers and the main thread -----------------------------------------
 
     void installWorker(InstallAttempt& attempt);
     bool removeOldApplication(InstallAttempt& attempt);
@@ -172,6 +178,6 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
     void driverFailed(InstallAttempt& attempt, DriverPass pass);
 
     std::atomic<bool> _bAlreadyInstallPkg{false}; ///< installed since the last download started
-    std::atomic<bool> _retryInstallVbox{false};   ///< the driver query has failed once
-    bool _isCoverInstall = false;                 ///< the last answer: do not keep the games
+    std::atomic<bool> _retryInstallVbox{false};   ///< the driver step has failed: a retry starts the driver
+    bool _isCoverInstall = false;                 ///< main thread; the last answer: do not keep the games
 };

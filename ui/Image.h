@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-/// A picture of the bundle. Pictures are compared by identity: loading one name twice gives two. Main thread.
+/// A picture from the bundle's resources. Compared by identity: loading a name twice gives two. Main thread.
 class Image {
   public:
     using Ref = std::shared_ptr<const Image>;

@@ -3,11 +3,11 @@
 /// The processes that a process starts, and those that they start in turn.
 namespace installer {
 
-/// From here on, descendants whose parents end become children of this process. Inherited by no child.
+/// Makes this process a child subreaper: orphaned descendants become its children. Child processes do not
+/// inherit this.
 void adoptOrphans();
 
-/// Kills all descendants and waits until they have ended. To be called where adoptOrphans was called before,
-/// and no child is of use any more.
+/// Kills all descendants and waits until they have ended. Requires a previous call of adoptOrphans.
 void endDescendants();
 
 } // namespace installer

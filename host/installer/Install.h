@@ -14,9 +14,9 @@ struct Request {
     std::string trusted; ///< folder of trusted certificates; empty: the usual ones, package::kTrustedFolders
 };
 
-/// Installs up to the mark in the staging folder that commits it. Prints progress. Throws package::Failure;
-/// what was done until then is undone by closing the staging folder. Takes at most 32 MB of memory, whatever
-/// the package is.
+/// Installs the package and commits it with the mark in the staging folder. Prints progress. Throws
+/// package::Failure; what was done until then is undone by closing the staging folder. Takes at most 32 MB of
+/// memory, whatever the package is.
 void install(const Request& request, const Staging& staging);
 
 } // namespace installer

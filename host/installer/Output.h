@@ -14,7 +14,7 @@ void print(std::string_view text);
 /// Prints without a time limit.
 void printOutcome(std::string_view text);
 
-/// Prints that one line, without a time limit.
+/// Prints the line "installer: Error - <cause>", without a time limit. Control characters are replaced.
 void printFailure(std::string_view cause);
 
 } // namespace installer

@@ -4,8 +4,8 @@
 
 /// The installed application, moved out of the way while another version is installed in its place. It lies
 /// in the folder `aside` of the staging folder. It is there as a whole or, while a move entry by entry is
-/// under way, in part; then `aside/pieces` exists and the rest is at the application's own place. Each call
-/// throws Failure.
+/// under way, in part; then `aside/pieces` exists and the rest is at the application's own place. Every
+/// function throws Failure when it fails.
 namespace installer {
 
 /// Whether any of the application is in `aside`.

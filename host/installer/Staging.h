@@ -34,9 +34,10 @@ class Staging {
     /// Makes and opens a folder in it, accessible to its owner only.
     FileDescriptor makeFolder(const std::string& name) const;
 
-    /// Puts everything that is in new/ into the target: what is not there yet and what is there as a bundle
-    /// comes as a whole, other folders are merged. Can be undone until markDone. Throws Failure, with nothing
-    /// moved, when the target has something else where a folder or file goes.
+    /// Moves everything in new/ into the target. Files, links and bundles replace what is there; a folder
+    /// that the target lacks is moved as a whole, other folders are merged. Can be undone until markDone.
+    /// Throws Failure: before anything is moved when the target has an entry of another kind in the way,
+    /// later when a move fails.
     void swapIn() const;
 
     /// Commits the install.

@@ -5,7 +5,7 @@
 #include <vector>
 
 /// Swaps what was prepared in a staging folder with what is in the target, and back. All state is on disk, so
-/// that any later run can undo what an interrupted one did. Each call throws Failure.
+/// that any later run can undo what an interrupted one did. Every function throws Failure when it fails.
 namespace installer {
 
 /// Whether a folder of that name is a unit: it belongs to one package, and old files in it would be mistaken

@@ -21,7 +21,7 @@ class DiskUsage {
     void addEntry() { bytes_ += kBlock; }
     void addData(std::uint64_t size) { contents_ += size; }
     std::uint64_t contents() const { return contents_; } ///< bytes in files
-    /// With a block for each entry, and for the part of one at each file's end.
+    /// `contents` plus one block for each entry, for its metadata and a partly filled last block.
     std::uint64_t bytes() const { return bytes_ + contents_; }
 
   private:
@@ -31,9 +31,9 @@ class DiskUsage {
 };
 
 /// Writes a payload into an empty folder that no one else can enter, with the modes and times that it states.
-/// What it installs belongs to the user of this program, root, and is writable by root only, whatever it
-/// states: it cannot know this machine's users. Makes the folder the process's working folder. Not
-/// thread-safe.
+/// Whatever owner and mode it states, everything belongs to the user who runs this program (root) and is
+/// writable by its owner only: the package cannot know this machine's users. Makes the folder the process's
+/// working folder. Not thread-safe.
 class Unpacker : public package::PayloadSink {
   public:
     /// `location` is relative to the folder; `onProgress` is called after each piece. Throws Failure when the

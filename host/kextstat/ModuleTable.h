@@ -22,8 +22,8 @@ struct Sources {
     std::filesystem::path folder = "/sys/module"; ///< one folder a driver; read where there is no list
 };
 
-/// The drivers that are ready for use, in the kernel's order. Throws std::system_error when neither source
-/// can be read, or the list is cut short.
+/// The drivers that are ready for use: in the order of the list or, where there is none, from the folder,
+/// sorted by name. Throws std::system_error when the list cannot be read, or when there is neither.
 std::vector<Module> loadedModules(const Sources& sources);
 
 /// The kernel's name for a driver: the identifier's last component in lower case, with "_" for "-", as in

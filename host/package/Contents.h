@@ -20,13 +20,13 @@ inline constexpr char kReceiptsParent[] = "var/lib/pellomar-installer";
 /// Throws Failure when a place, relative to the target, is in one of them.
 void requireNotReserved(const std::string& place);
 
-/// Bytes of all files that come with the scripts.
+/// The most bytes that all files in Scripts may hold together.
 inline constexpr std::uint64_t kLargestScripts = 64 << 20;
 
 /// The file of that name. Throws Failure when the package has none.
 const Entry& requireEntry(const Package& package, const char* name);
 
-/// Throws Failure when there is no PackageInfo, or not a sound one.
+/// Reads the entry PackageInfo. Throws Failure when it is missing or malformed.
 PackageInfo readPackageInfo(const Package& package);
 
 /// The bytes that the payload's files may hold, from the size that the package states.
@@ -35,8 +35,8 @@ std::uint64_t largestPayload(const PackageInfo& info);
 /// Throws Failure unless a script of that mode can be started.
 void requireProgram(const std::string& script, mode_t mode);
 
-/// Reads all that an install reads, and writes nothing. Throws Failure when an install would for whatever
-/// lies in the package alone, its signature and checksums aside.
+/// Checks without writing anything whether the package could be installed. Throws Failure for every fault of
+/// the package that an install would refuse, except in its signature and checksums, which Package verifies.
 void checkContents(const Package& package);
 
 } // namespace package

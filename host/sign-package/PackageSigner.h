@@ -16,15 +16,16 @@ struct FreeCertificate {
 using Key = std::unique_ptr<evp_pkey_st, FreeKey>;
 using Certificate = std::unique_ptr<x509_st, FreeCertificate>;
 
-// Who signs.
+// The key and the certificates that a package is signed with.
 struct Publisher {
     Key key;                               // RSA
     std::vector<Certificate> certificates; // the key's own first, then those of its issuers
 };
 
-// Reads the key from a PEM file, and asks at the terminal for its passphrase if it has one, and the
-// certificates from theirs. Warns on standard error when others can read the key's file. Throws
-// package::Failure when a file cannot be read or holds none, or when the passphrase is wrong.
+// Reads the key and the certificates from PEM files. Asks on the terminal for the key's passphrase if it has
+// one. Warns on standard error when others can read the key's file. Throws package::Failure when a file
+// cannot be read or holds none, the passphrase is wrong, the key is not RSA, the first certificate is not the
+// key's, or a certificate did not issue the one before it.
 Publisher readPublisher(const std::string& keyFile, const std::vector<std::string>& certificateFiles);
 
 // Writes the package at `in` to `out` with a table and a signature of its own: SHA-256 for every entry and

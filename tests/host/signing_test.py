@@ -111,7 +111,7 @@ class Signing(HostTest):
             ("offset that overflows", sealed(entry("x", 1 << 63, b"1")), "malformed offset"),
             ("weak checksum", sealed(digest="sha1"), "without a strong checksum"),
             ("weak table", archive("", b"", [publisher], "sha1"), "too weak"),
-            ("by a stranger", by(), "not trusted"),
+            ("by an unknown signer", by(), "not trusted"),
             ("by another root of the same name", xar([Publisher("signer", false_root)], **CONTENTS), "does not hold"),
             ("issued by no authority", by(Publisher("m", root)), "does not hold"),
             ("weakly signed on the way", by(Publisher("m", root, purpose=None, digest="sha1")), "too weak a digest"),

@@ -95,11 +95,11 @@ DOWNLOAD_SCENARIOS = {
         "a file in the folder's place": scenario(COMPLETE, {}, stale=["Downloads/NVInst"], holds=ALL),
         "a link in the file's place": scenario(COMPLETE, {}, stale=["Downloads/NVInst/Pellomar.pkg"], holds=ALL,
                                                prepare=lambda machine: machine.file("tmp").symlink_to("/etc/hosts")),
-        "longer than told": fresh({"length": ALL - 1}, holds=ALL - 1),
+        "longer than its stated length": fresh({"length": ALL - 1}, holds=ALL - 1),
         "5 GB": scenario(BROKEN_OFF, {"length": 5_000_000_000}, holds=ALL),
         "compressed": fresh({"headers": {"Content-Encoding": "gzip"}}),
     },
-    "answers to a download that goes on": {
+    "answers to a resumed download": {
         "range ignored": resumed({"range": "ignore"}),
         "range shifted": resumed({"range": "shift"}),
         "page of an error": resumed({"status": 404, "body": 8}),

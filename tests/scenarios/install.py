@@ -11,7 +11,7 @@ START = ["> 开始", "log start_button has been clicked", f"log CoreImageView st
          "show 下载进度", "status 正在检测网络", "show 停止", "log WebStatic:Download Start", "event 814",
          "log create temp file successful", f"log _strDownloadUrl:{URL},tmpFile:~/Downloads/NVInst/Pellomar.tmp"]
 DOWNLOADING = ["status 正在下载Pellomar"]
-STOP_HIDDEN = ["event 815", "status 已完成下载", "no speed", "user runs /usr/bin/killall|Pellomar"]  # since a retry
+STOP_HIDDEN = ["event 815", "status 已完成下载", "no speed", "user runs /usr/bin/killall|Pellomar"]  # after a retry
 FINISHED = [*STOP_HIDDEN[:3], "hide 停止", STOP_HIDDEN[3]]
 RIGHTS = ["log asking for administrator rights", "log administrator rights obtained"]
 BEFORE_RIGHTS = [*START, *DOWNLOADING, *FINISHED]
@@ -78,7 +78,7 @@ INSTALL_SCENARIOS = {
         [*DOWNLOADED, *KEPT, REMOVAL[0], f"log /bin/rm {UNSTARTED}"], {"/bin/rm": MISSING}, old=True),
     "file in the product's place is no old copy": Scenario(
         CLEAN, {INSTALLER: [f"{REAL}/rm {APPLICATION}\n{INSTALLS}"]}, prepare=lambda _: write(APPLICATION, "")),
-    "installer says error, the second download breaks off, goes on at its own byte and installs": Scenario(
+    "installer says error, the second download breaks off, resumes at its own byte and installs": Scenario(
         [*DOWNLOADED, *INSTALLATION, "log Install Pellomar failed:installer: Error - damaged", *INSTALL_FAILED,
          "> picture install-failed", *DOWNLOAD_AGAIN, "> 10%", "> picture retried", *BROKEN[1:], "> 继续",
          "log continue_button has been clicked", "log CoreImageView continueDownload", "log WebStatic:Download Start",

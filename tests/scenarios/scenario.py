@@ -33,7 +33,7 @@ class Scenario:
     tools: dict = dataclasses.field(default_factory=dict)  # instead of the scripted ones
     real: bool = False  # the other tools are the real ones
     old: bool = False  # an old copy of the product is there
-    system: str = ""  # its version; empty: only the kernel tells one
+    system: str = ""  # the system's version; empty: the kernel's
     home: str = "user"
     stale: tuple = ()  # files in the home
     before: tuple = ()  # the beginning of the window's command line
@@ -46,7 +46,7 @@ class Scenario:
     flag: bool = False  # whether it is there in the end
     held: int = 0  # authorizations that are left when nothing is under way
     logged: str = ""  # part of what the tools print that must stand in the log
-    prepare: object = None  # is given the machine
+    prepare: object = None  # called with the machine before the window is opened
 
 
 def act(machine, window, server, action):
@@ -96,7 +96,7 @@ def act(machine, window, server, action):
 
 
 def is_started(line):
-    """By the program, which does not wait for it."""
+    """Whether the program started it without waiting for its end."""
     return line.startswith(("event", "opens"))
 
 
@@ -131,7 +131,7 @@ def differences(scenario, machine, window, server):
         yield f"{size} bytes are held, which are not the document's first {scenario.holds}"
 
 
-def play(scenario, machine, window, server):
+def run_lines(scenario, machine, window, server):
     def wait_until_seen(lines):
         count = sum(not line.startswith("> ") and not is_started(line) for line in lines)
 
@@ -179,7 +179,7 @@ def check(scenario, machine):
     with opened(machine, scenario) as (window, server):
         problem = []
         try:
-            play(scenario, machine, window, server)
+            run_lines(scenario, machine, window, server)
         except Blocked as blocked:
             problem = [str(blocked)]
         problem += differences(scenario, machine, window, server)

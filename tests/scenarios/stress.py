@@ -1,5 +1,6 @@
 """What no list of lines can say: random clicks, kills and closing at any moment, two workers in one file, a clock that
-jumps, and a window that can log nothing. NUMBER makes the same random choices again, though not at the same pace."""
+jumps, and a window that can log nothing. The seed NUMBER repeats the random
+choices, but not the timing."""
 
 import os
 import random
@@ -35,9 +36,9 @@ def expect_left(machine, window, lines=()):
 def closing_at_any_moment(machine):
     draw, scenario = random.Random(NUMBER), Scenario(rights="none", document=bytes(200 << 20))
     for number in range(round(10 * TIMES)):
-        # From the press itself, through the probe and the first block, to the midst of it.
+        # From the press itself, through the probe and the first block, to the middle of the transfer.
         moment = draw.choice((0.02, 0.1, 0.4)) * draw.random()
-        print(f"close {number} after {moment:.3f} s", flush=True)
+        print(f"close {number} after {moment:.3f} s, PELLOMAR_TEST_NUMBER={NUMBER}", flush=True)
         with opened(machine, scenario) as (window, _):
             window.invoke("开始")
             time.sleep(moment)
@@ -57,7 +58,7 @@ def launching(machine):
 
 
 def any_answer(draw):
-    """A sound one more often than not."""
+    """A correct answer in most cases, else a faulty one."""
     cut = draw.randrange(draw.choice((200, len(DOCUMENT))))
     faults = ({"status": 404, "body": PAGE}, {"range": "ignore"}, {"range": "shift"}, {"length": None}, {"cut": cut},
               {"cut": cut, "ending": "reset"})  # fmt: skip
@@ -105,7 +106,7 @@ def dismissed_until(window, condition=lambda: False):
 
 def random_clicks(machine):
     for number in range(NUMBER, NUMBER + round(6 * TIMES)):
-        print(f"PELLOMAR_TEST_NUMBER={number} plays this again", flush=True)
+        print(f"PELLOMAR_TEST_NUMBER={number} repeats this", flush=True)
         draw = random.Random(number)
         tools = {
             INSTALLER: draw.choice(([INSTALLS], [INSTALLS], ["echo Error"], MISSING)),

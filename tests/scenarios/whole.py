@@ -24,8 +24,8 @@ HELD_INSTALLER = {INSTALLER: [f'{HELD}exec {REAL}/installer "$@"']}
 TITLES = {"password": "管理员密码（演示）", "launched": "Pellomar"}
 
 
-def go(machine, window, picture, type_password=lambda: None):
-    """Returns with how many bytes the download was stopped."""
+def install_through_the_window(machine, window, picture, type_password=lambda: None):
+    """Returns the size of the partial download, in bytes, when it was stopped."""
     document = (machine.build / SAMPLE).read_bytes()
     click = window.press if "DISPLAY" in os.environ else window.invoke
     assert window.screen() == ({"开始"}, [])
@@ -72,13 +72,13 @@ def wayland(machine, file="/run/wayland.png"):
     scenario = Scenario(real=True, tools=HELD_INSTALLER, old=True, rights="root", document=document,
                 answers=({}, {"rate": 6_000_000}) * 2)  # fmt: skip
     with opened(machine, scenario) as (window, server):
-        held = go(machine, window, lambda name: take(file) if name == "downloading" else None)
+        held = install_through_the_window(machine, window, lambda name: take(file) if name == "downloading" else None)
         assert server.requests[-1][2] == held, server.requests
 
 
 def watch(window, picture):
-    step("now it is yours: press 开始 in the window (the package takes a quarter of a minute)")
-    step(f"then a dialog of the sample's asks for a password, which is: {PASSWORD}")
+    step("press 开始 in the window; the download takes about 15 seconds")
+    step(f"then type this password in the sample's password dialog: {PASSWORD}")
     shown, deadline = [], time.monotonic() + READING_TIME
     while window.process.poll() is None:
         texts = [text for text in window.labels() if text and not text.endswith("KB/s")]
@@ -129,14 +129,14 @@ def demonstration(machine, results="/run/results", *options):
             if is_watched:
                 watch(window, picture)
                 expect_launched(machine, window)
-                step("close the product's window to end the demonstration; it ends by itself after a minute")
+                step("close the product's window to end the demonstration; it ends automatically after a minute")
                 with contextlib.suppress(Blocked):
                     wait_for("the end of the product", lambda: not processes(PRODUCT), 60)
             else:
                 old = subprocess.Popen([PRODUCT], stderr=subprocess.DEVNULL, **as_user(USER))
                 xdotool("windowminimize", wait_for("the window of the old copy", lambda: window_called("Pellomar")))
                 window.wait_until_drawn()
-                held = go(machine, window, picture, type_password)
+                held = install_through_the_window(machine, window, picture, type_password)
                 wait_for("the drawn product", lambda: is_painted(window_called("Pellomar")))
                 picture("launched")
                 assert old.poll() is not None and machine.agent.asked() == 1

@@ -52,7 +52,7 @@ void tellOf(QAccessibleEvent* event) {
 
 void onUpdate(QAccessibleEvent* event) {
     tellOf(event);
-    // On to where it would have gone.
+    // Pass the event on to the default handler.
     QAccessible::installUpdateHandler(nullptr);
     QAccessible::updateAccessibility(event);
     QAccessible::installUpdateHandler(onUpdate);

@@ -11,7 +11,7 @@ from pathlib import Path
 
 from waiting import Blocked, wait_for
 
-# Root, who looks at the windows, is otherwise not let into a user's session.
+# Without this, root, as whom the tests run, may not connect to a user's session bus.
 SESSION_BUS = """<busconfig><include>/usr/share/dbus-1/session.conf</include>
 <policy context="mandatory"><allow user="root"/></policy></busconfig>
 """
@@ -29,7 +29,7 @@ def xdotool(*arguments):
 
 
 class Part:
-    """Something that runs for as long as it is needed."""
+    """A process that runs until close()."""
 
     def __init__(self, *command, **options):
         self.process = subprocess.Popen([*map(str, command)], stdin=subprocess.DEVNULL, **options)
