@@ -107,10 +107,10 @@ class DesktopRun:
         self.guest.insert(self.image)
         mounted = ("findmnt", "-n", "-o", "TARGET", "/dev/sr0")
         self.place = wait_for("the image", lambda: self.guest.run(*mounted, check=False)).strip()
-        self.see("请先安装软件包.txt", "image-mounted")
+        self.see("请先安装软件包.txt", "disk-image-mounted")
         package = self.guest.run("bash", "-c", f"echo '{self.place}'/*.deb").strip()
         self.guest.run_as_user("systemd-run", "--user", "pkexec", "apt-get", "install", "-y", package)
-        self.answer("sesame", "package-rights")
+        self.answer("sesame", "password-for-the-debian-package")
         wait_for("the package", lambda: self.guest.run("dpkg", "-s", "pellomar-downloader", check=False))
 
     def start_from_image(self):
@@ -137,12 +137,12 @@ class DesktopRun:
 
     def refuse_and_allow(self):
         """The agent's dialog cancelled, mistyped and answered."""
-        self.see(RIGHTS, "rights-asked")
+        self.see(RIGHTS, "password-dialog")
         self.guest.press(r"取消\(C\)", "button")
-        self.see("获取权限失败，请重试", "rights-cancelled")
+        self.see("获取权限失败，请重试", "dialog-cancelled")
         self.guest.press("重试安装")
         self.answer("mistyped")
-        self.see(".*失败.*", "rights-mistyped")
+        self.see(".*失败.*", "wrong-password")
         self.answer("sesame")
 
     def be_guided(self):
@@ -152,7 +152,7 @@ class DesktopRun:
         self.guest.press("立即前往设置", "button")
         self.see(".*驱动程序无法加载怎么办.*")
         wait_for("the page", self.guest.is_painted)
-        self.take("driver-page")
+        self.take("help-page-on-the-driver")
         self.guest.keys("alt", "f4")
         self.guest.press("重试安装")
         self.answer("sesame")
@@ -182,11 +182,11 @@ class DesktopRun:
         self.start_from_menu()
         self.guest.press("开始")
         self.answer("sesame")
-        self.see("是否保留已安装游戏和应用", "keep-games")
+        self.see("是否保留已安装游戏和应用", "keep-games-question")
         self.guest.run("systemd-run", "python3", "-c", STOP_INSTALLER)
         self.guest.press("确定.*", "button")
         wait_for("the unpacking", lambda: "T" in (self.guest.run("ps", "-o", "stat=", "-C", "installer", check=False) or ""))
-        self.take("power-cut")
+        self.take("installing-before-the-power-cut")
         self.expect("no application for a while", not self.product())
         self.guest.cut_power()
         self.boot("after-the-power-cut")
