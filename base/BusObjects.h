@@ -16,4 +16,3 @@ struct Unref {
 using BusConnection = std::unique_ptr<sd_bus, Unref<sd_bus_flush_close_unref>>;
 using BusMessage = std::unique_ptr<sd_bus_message, Unref<sd_bus_message_unref>>;
 using BusSlot = std::unique_ptr<sd_bus_slot, Unref<sd_bus_slot_unref>>;
-using BusCredentials = std::unique_ptr<sd_bus_creds, Unref<sd_bus_creds_unref>>;

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -83,18 +84,20 @@ class Launch {
 
     // The numbers that the child is to have may be in use here, by a descriptor that is passed on or reported
     // to.
-    void moveOutOfTheWay(int& descriptor) const {
+    bool moveOutOfTheWay(int& descriptor) const {
         const int firstFree = STDERR_FILENO + 1 + static_cast<int>(passedOn_.size());
-        descriptor = fcntl(descriptor, F_DUPFD_CLOEXEC, firstFree);
+        const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, firstFree);
+        descriptor = moved < 0 ? descriptor : moved; // the cause must still be reported
+        return moved >= 0;
     }
 
     bool passDescriptorsOn() {
         if (passedOn_.empty()) {
             return true;
         }
-        moveOutOfTheWay(reportTo_);
-        for (int& descriptor : passedOn_) {
-            moveOutOfTheWay(descriptor);
+        if (!moveOutOfTheWay(reportTo_) ||
+            !std::ranges::all_of(passedOn_, [this](int& moved) { return moveOutOfTheWay(moved); })) {
+            return false;
         }
         int number = STDERR_FILENO;
         for (const int descriptor : passedOn_) {

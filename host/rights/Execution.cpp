@@ -98,6 +98,14 @@ void Service::onPackage(const std::string& name, int socket) {
 void Service::beginTransaction(const std::string& name, Caller& caller) {
     std::error_code failure;
     Transaction transaction = Transaction::begin(failure);
+    // Without the program, an installation is possible, but cannot be undone. Any other failure may be one
+    // that another user has caused, for example a lack of descriptors.
+    if (failure && failure != std::errc::no_such_file_or_directory) {
+        caller.command.reset();
+        refuse(std::exchange(caller.request, nullptr).get(), kErrorNotStarted,
+               "the application cannot be set aside: " + failure.message());
+        return;
+    }
     caller.commands.hold = std::move(transaction.hold);
     if (failure) {
         fprintf(stderr,

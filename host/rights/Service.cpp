@@ -2,6 +2,7 @@
 
 #include "base/RightsProtocol.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -14,6 +15,8 @@ constexpr char kPolkit[] = "org.freedesktop.PolicyKit1";
 constexpr char kAuthority[] = "org.freedesktop.PolicyKit1.Authority";
 constexpr char kAuthorityPath[] = "/org/freedesktop/PolicyKit1/Authority";
 constexpr char kBusDaemon[] = "org.freedesktop.DBus";
+constexpr char kBusPath[] = "/org/freedesktop/DBus";
+constexpr int kQuestionsOfOneUser = 4; // the bus allows 128 of all users together
 constexpr char kNamesLost[] = "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg2=''";
 
 template <int (Service::*method)(sd_bus_message*)>
@@ -68,20 +71,39 @@ int Service::onAuthorize(sd_bus_message* message) {
     }
     caller.service = this;
     caller.waiting.reset(sd_bus_message_ref(message));
-    sd_bus_creds* found = nullptr;
-    sd_bus_query_sender_creds(message, SD_BUS_CREDS_EUID, &found);
-    const BusCredentials credentials(found);
+    // Not sd_bus_query_sender_creds: while that waits, all messages that arrive are kept in memory.
     sd_bus_slot* question = nullptr;
-    if (sd_bus_creds_get_euid(found, &caller.user) < 0 ||
-        sd_bus_call_method_async(
-            bus_.get(), &question, kPolkit, kAuthorityPath, kAuthority, "CheckAuthorization", onPolkitAnswer,
-            &*place, "(sa{sv})sa{ss}us", "system-bus-name", 1, "name", "s", name.c_str(), kBusName, 0,
-            sd_bus_message_get_allow_interactive_authorization(message), name.c_str()) < 0) {
-        endGrant(name, kErrorRefused, "polkit cannot be asked");
+    if (sd_bus_call_method_async(bus_.get(), &question, kBusDaemon, kBusPath, kBusDaemon,
+                                 "GetConnectionUnixUser", onUser, &*place, "s", name.c_str()) < 0) {
+        endGrant(name, kErrorRefused, "the bus cannot be asked");
         return 1;
     }
     caller.question.reset(question);
     return 1;
+}
+
+int Service::onUser(sd_bus_message* answer, void* data, sd_bus_error* /*error*/) {
+    auto& [name, caller] = *static_cast<Callers::value_type*>(data);
+    Service& service = *caller.service;
+    const auto isUndecided = [&](const auto& other) {
+        return other.second.user == caller.user && other.second.waiting != nullptr &&
+               !other.second.isAuthorized;
+    };
+    sd_bus_slot* question = nullptr;
+    if (sd_bus_message_read(answer, "u", &caller.user) <= 0) {
+        service.endGrant(name, kErrorRefused, "the connection has no user");
+    } else if (std::ranges::count_if(service.callers_, isUndecided) > kQuestionsOfOneUser) {
+        service.endGrant(name, kErrorRefused, "this user has too many open questions");
+    } else if (sd_bus_call_method_async(
+                   service.bus_.get(), &question, kPolkit, kAuthorityPath, kAuthority, "CheckAuthorization",
+                   onPolkitAnswer, data, "(sa{sv})sa{ss}us", "system-bus-name", 1, "name", "s", name.c_str(),
+                   kBusName, 0, sd_bus_message_get_allow_interactive_authorization(caller.waiting.get()),
+                   name.c_str()) < 0) {
+        service.endGrant(name, kErrorRefused, "polkit cannot be asked");
+    } else {
+        caller.question.reset(question);
+    }
+    return 0;
 }
 
 int Service::onPolkitAnswer(sd_bus_message* answer, void* data, sd_bus_error* /*error*/) {

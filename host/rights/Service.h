@@ -18,9 +18,9 @@ class Service;
 /// One connection that has asked for rights. Its grant ends when it is removed.
 struct Caller {
     Service* service = nullptr;
-    uid_t user = 0;
+    uid_t user = static_cast<uid_t>(-1); // until the bus has named it
     bool isAuthorized = false;
-    BusSlot question;                // to polkit
+    BusSlot question;                // to the bus, then to polkit
     BusMessage waiting;              // its Authorize call, until it is answered
     std::unique_ptr<Watch> leftOver; // waits until earlier attempts are over
     GrantedCommands commands;
@@ -55,6 +55,7 @@ class Service {
   private:
     using Callers = std::map<std::string, Caller, std::less<>>; // by the connection's unique name
 
+    static int onUser(sd_bus_message* answer, void* data, sd_bus_error* error);
     static int onPolkitAnswer(sd_bus_message* answer, void* data, sd_bus_error* error);
     int onIdle();
     bool isIdle() const { return callers_.empty() && tools_.empty() && transactions_.empty(); }

@@ -121,6 +121,20 @@ class Asked(RightsTest):
                     self.assertEqual(probe.ask(*line), SUCCESS)
                 self.assertEqual((agent.asked(), probe.ask(give_up)), (attempt, give_up))
 
+    def test_more_dialogs_than_one_user_may_leave_open(self):
+        probes, agents = [Probe(self) for _ in range(5)], []
+        for probe in probes:
+            agents.append(Agent(probe.process.pid, "wait"))
+            self.assertEqual(probe.ask("create"), SUCCESS)
+            probe.begin("ask")
+            if probe is not probes[-1]:
+                wait_for("the dialog", lambda: agents[-1].asked())
+        self.assertEqual(probes[-1].answer().split()[0], DENIED)
+        for probe, agent in zip(probes[:-1], agents[:-1], strict=True):
+            agent.close()
+            self.assertEqual(probe.answer().split()[0], DENIED)
+        agents[-1].close()
+
     def test_the_service_killed_during_the_password_dialog(self):
         for thread in "worker", "main":
             probe = Probe(self, thread)

@@ -75,6 +75,14 @@ class Refusals(RightsTest):
                 with self.subTest(output):
                     self.assertEqual(caller.execute(QUERY, output.fileno()), "NotAllowed")
 
+    def test_descriptors_that_no_call_needs(self):
+        caller, query = Caller().authorize(), GLib.Variant("(sash)", (QUERY[0], QUERY[1:], 0))
+        with open("/dev/null") as file:
+            for method, arguments, count in ("Authorize", None, 1), ("Release", None, 16), ("Execute", query, 2):
+                with self.subTest(method):
+                    self.assertEqual(caller.call(method, arguments, *[file.fileno()] * count), "AccessDenied")
+        self.assertEqual(caller.run(QUERY), "")
+
     def test_a_tool_that_others_could_change(self):
         for prepare in (KEXTSTAT.unlink, lambda: os.chown(KEXTSTAT, *harness.owner), lambda: KEXTSTAT.chmod(0o775)):
             make_tool(KEXTSTAT, f"touch {STARTED}")
@@ -213,6 +221,9 @@ class Application(RightsTest):
             self.assertEqual((asking.result(), version()), ("", "old"))
 
     def test_without_the_program_that_sets_it_aside(self):
+        TRANSACTION.chmod(0o775)  # exists, and cannot be started
+        self.assertEqual((Caller().authorize().run(REMOVE), version()), ("NotStarted", "old"))
+        TRANSACTION.chmod(0o755)
         hidden = TRANSACTION.rename("/usr/libexec/hidden")
         self.addCleanup(hidden.rename, TRANSACTION)
         caller = Caller().authorize()
