@@ -17,6 +17,7 @@
 #include <fcntl.h>
 #include <sys/statvfs.h>
 
+#include <algorithm>
 #include <ctime>
 #include <limits>
 
@@ -94,8 +95,9 @@ void makeRoom(const Package& package, const Entry& payload, const PackageInfo& i
     }
     UsageCount count;
     readPayload(*package.open(payload), count);
-    const std::uint64_t needed = count.usage.bytes();
+    const std::uint64_t needed = std::max(count.usage.bytes(), info.kilobytes.value_or(0) * 1024);
     if (needed > available && needed <= available + bytesSetAside(staging.folder())) {
+        checkContents(package); // a package that would be refused must not cost the installed application
         std::fputs("installer: The disk has no room for the installed application and the new one; "
                    "the installed one is removed first.\n",
                    stderr);

@@ -142,6 +142,14 @@ void Staging::discard(const std::string& name) const {
 void Staging::settle() const {
     const bool wasDone = isDone();
     if (wasDone) {
+        // What was replaced may hold the space that the receipt needs. The mark must be on disk before.
+        if (fsync(folder()) != 0) {
+            throw systemFailure("the target cannot be written to");
+        }
+        for (const char* name : {kOldFolder, kAside, kNewFolder}) {
+            discard(name);
+        }
+        removeDiscarded();
         commitReceipt(target(), folder());
     } else {
         undoSwap(target(), folder(), readSwapPlan(folder()));

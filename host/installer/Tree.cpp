@@ -57,12 +57,13 @@ FileDescriptor openOnSameMount(int folder, const std::string& name) {
 
 // Makes a folder that has its mode and owner as soon as it has its name.
 bool makeFolderLike(const struct stat& status, int parent, const std::string& name) {
-    if (mkdirat(parent, kUnfinishedFolder, S_IRWXU) != 0 && errno != EEXIST) {
+    removeTree(parent, kUnfinishedFolder); // of an interrupted move, or put there by another user
+    if (mkdirat(parent, kUnfinishedFolder, S_IRWXU) != 0) {
         return false;
     }
-    return (geteuid() != 0 ||
-            fchownat(parent, kUnfinishedFolder, status.st_uid, status.st_gid, AT_SYMLINK_NOFOLLOW) == 0) &&
-           fchmodat(parent, kUnfinishedFolder, status.st_mode & 07777, 0) == 0 &&
+    const FileDescriptor made = openOnSameMount(parent, kUnfinishedFolder);
+    return made.isOpen() && (geteuid() != 0 || fchown(made.get(), status.st_uid, status.st_gid) == 0) &&
+           fchmod(made.get(), status.st_mode & 07777) == 0 &&
            renameat(parent, kUnfinishedFolder, parent, name.c_str()) == 0;
 }
 
@@ -139,7 +140,8 @@ std::vector<std::string> namesIn(int folder) {
     return names;
 }
 
-void removeTree(int folder, const std::string& name) {
+void removeTree(int folder, const std::string& name, unsigned depth) {
+    constexpr unsigned kDeepest = 4096; // what a stack of some megabytes has room for
     if (unlinkat(folder, name.c_str(), 0) == 0 || errno == ENOENT) {
         return;
     }
@@ -155,8 +157,11 @@ void removeTree(int folder, const std::string& name) {
     if (geteuid() != 0) {
         (void)fchmod(opened.get(), S_IRWXU);
     }
+    if (depth == kDeepest) {
+        throw Failure("cannot remove " + inQuotes(name) + ": it lies too deep");
+    }
     for (const std::string& child : namesIn(opened.get())) {
-        removeTree(opened.get(), child);
+        removeTree(opened.get(), child, depth + 1);
     }
     if (unlinkat(folder, name.c_str(), AT_REMOVEDIR) != 0) {
         throw systemFailure("cannot remove " + inQuotes(name));

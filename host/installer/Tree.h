@@ -24,8 +24,9 @@ bool isFolder(int folder, const std::string& name);
 /// The names in a folder, sorted.
 std::vector<std::string> namesIn(int folder);
 
-/// Removes the entry and everything below it, but nothing on another mount. A missing entry is no failure.
-void removeTree(int folder, const std::string& name);
+/// Removes the entry and everything below it, but nothing on another mount or more than 4096 folders deep. A
+/// missing entry is no failure. `depth` is that of the entry.
+void removeTree(int folder, const std::string& name, unsigned depth = 0);
 
 /// Renames the entry unless the new name is taken. False, with errno set, when the system refuses.
 bool renameWhole(int fromFolder, const std::string& fromName, int toFolder, const std::string& toName);

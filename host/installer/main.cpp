@@ -60,6 +60,7 @@ void prepareProcess() {
     umask(S_IWGRP | S_IWOTH);
     std::signal(SIGPIPE, SIG_IGN); // a caller that stopped reading still wants a complete install
     std::signal(SIGXFSZ, SIG_IGN); // so that the write fails and is reported
+    std::signal(SIGCHLD, SIG_DFL); // the system keeps no child's status where the caller ignored it
     rlimit files{};
     if (getrlimit(RLIMIT_NOFILE, &files) == 0) { // deep trees need many
         files.rlim_cur = files.rlim_max;
@@ -164,6 +165,12 @@ void run(const Request& request) {
     }
 }
 
+// Before the outcome is printed, which takes until the caller reads it: others wait for the end of an
+// attempt, which is when all descriptors of its transaction are closed.
+void closePassedOn() {
+    close_range(STDERR_FILENO + 1, UINT_MAX, 0);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -179,11 +186,14 @@ int main(int argc, char** argv) {
             return EXIT_SUCCESS;
         }
         run(arguments);
+        closePassedOn();
         installer::printOutcome("installer: The install was successful.\n");
         return EXIT_SUCCESS;
     } catch (const std::bad_alloc&) {
+        closePassedOn();
         installer::printFailure("out of memory");
     } catch (const std::exception& problem) {
+        closePassedOn();
         installer::printFailure(problem.what());
     }
     return EXIT_FAILURE;

@@ -4,6 +4,8 @@ import itertools
 import os
 import shutil
 import stat
+import subprocess
+import sys
 from pathlib import Path
 
 from harness import APP, BUILD, INSTALLER, IS_SANITIZED, RECEIPTS, SIGNER, STAGING, HostTest
@@ -180,6 +182,7 @@ class Install(HostTest):
             ("the worker is killed", f"{orphan}; kill -9 $PPID; sleep 999", (), "ended by signal 9"),
             ("takes too long", f"{orphan}; sleep 999", tracing("-einject=ppoll:retval=0"), "longer than 10 minutes"),
             ("unread", orphan, tracing("-einject=poll:retval=0"), None),
+            ("the caller ignores the end of children", orphan, ("env", "--ignore-signal=CHLD"), None),
         )
         for name, text, before, cause in rows:
             with self.subTest(name):
@@ -266,6 +269,27 @@ class Install(HostTest):
         run("umount", left)
         self.assert_installed(self.install(update()))
         self.assert_updated()
+
+    def test_deep_folders_in_what_is_replaced(self):
+        self.make_old()
+        nest = "import os\nfor _ in range(19_000): os.mkdir('d'); os.chdir('d')"
+        subprocess.run((sys.executable, "-c", nest), cwd=self.target / APP, check=True)
+        self.addCleanup(run, "rm", "-rf", self.target)
+        for content in update(), package(file("b")):
+            self.assert_installed(self.install(content, "prlimit", f"--stack={4 << 20}"))
+
+    def test_link_where_a_folder_is_moved_piece_by_piece(self):
+        """Another user's link in a shared folder, where the swap's rename fails."""
+        shared, victim = self.target / "shared", self.scratch / "victim"
+        shared.mkdir(parents=True)
+        shared.chmod(0o1777)
+        victim.write_text("")
+        victim.chmod(0o600)
+        run("mount", "--bind", shared, shared)
+        self.addCleanup(run, "umount", shared)
+        (shared / ".pellomar-unfinished").symlink_to(victim)
+        self.install(package(file("shared/dir/a")))
+        self.assertEqual(victim.stat().st_mode & 0o777, 0o600)
 
     def test_fault_at_each_move_of_the_swap(self):
         before, traced = self.make_old(), tracing("-erenameat2")

@@ -2,13 +2,15 @@
 
 import itertools
 import os
+import shutil
+import subprocess
 import unittest
 from pathlib import Path
 
 from harness import APP, BUILD, INSTALLER, STAGING, contents, run, snapshot, tracing
 from packages import file, package
 
-CALLS = "mkdirat renameat2 renameat fchownat fchmodat utimensat unlinkat openat2 fsync syncfs".split()
+CALLS = "mkdirat renameat2 renameat fchown fchmod utimensat unlinkat openat2 fsync syncfs".split()
 BASE, ROOT = Path("/tmp/roots"), Path("/tmp/roots/root")
 TOOL = BUILD / "host/installer/pellomar-installer-transaction"
 # A root on one file system or, where the first argument is True, an overlay in which no folder can be renamed.
@@ -71,7 +73,11 @@ class Transaction(unittest.TestCase):
         """Each after `begin`: what is done, and what stands after `end`."""
         new = package(file(f"{APP}/run", "new"))
         script = package(file(f"{APP}/run", "new"), scripts=[file("postinstall", "#!/bin/sh\nkill -9 $PPID", 0o755)])
-        large = package(file(f"{APP}/run", "n" * 3_000_000))
+        kill = [file("postinstall", "#!/bin/sh\nread -r _ _ _ p _ </proc/$PPID/stat; kill -9 $p $PPID", 0o755)]
+        both = package(file(f"{APP}/run", "new"), file("Library/x"), scripts=kill)
+        payload = [file(f"{APP}/run", "n" * 3_000_000)]
+        large, unusable = package(*payload), package(*payload, scripts=[file("preinstall", "")])
+        stated = b"<pkg-info identifier='a' version='1'><payload installKBytes='50000'/></pkg-info>"
         rows = (
             ("installed", lambda: self.install(new), "new"),
             ("refused", lambda: self.install(b"not a package"), "old run"),
@@ -80,6 +86,10 @@ class Transaction(unittest.TestCase):
             ("installed without it, begun again", lambda: (self.install(package(file("a"))), self.tool("begin")), None),
             ("something put there", lambda: (ROOT / APP).mkdir(), None),
             ("no room for both", lambda: self.install_with(2_200_000, large, "removed first"), "n" * 3_000_000),
+            ("no room, size overstated", lambda: self.install_with(2_200_000, package(*payload, info=stated), ""), "old run"),
+            ("no room, no program as script", lambda: self.install_with(2_200_000, unusable, ""), "old run"),
+            ("killed, then a folder removed", lambda: ((ROOT / "Library").mkdir(), self.install(both),
+                                                       shutil.rmtree(ROOT / "Library")), "old run"),
             ("no room even without it", lambda: self.install_with(1_000_000, large, ""), "old run"),
         )
         for layered, (name, act, expected) in itertools.product((False, True), rows):
@@ -97,6 +107,23 @@ class Transaction(unittest.TestCase):
         free = os.statvfs(BASE)
         (BASE / "filling").write_bytes(bytes(free.f_bavail * free.f_frsize - left))
         self.assertIn(reported, self.install(content).stderr)
+
+    def test_output_without_a_reader(self):
+        """The attempt of an installer that cannot print its outcome ends all the same."""
+        self.make_root()
+        (ROOT / "package").write_bytes(b"not a package")
+        (end, held), (reader, full) = os.pipe(), os.pipe()
+        self.addCleanup(os.close, reader)
+        os.write(full, bytes(65536))  # all that it takes
+        hold = subprocess.Popen(("chroot", ROOT, f"/{TOOL.name}", "hold"), stdin=end, stdout=subprocess.PIPE)
+        self.assertEqual((hold.stdout.read(1) != b"", (ROOT / APP).exists()), (True, False))
+        command = ("chroot", ROOT, "/installer", "-pkg", "/package", "-target", "/")
+        with subprocess.Popen(command, stdout=full, pass_fds=(held,)) as installer:
+            os.close(held)
+            self.addCleanup(installer.kill)
+            self.assertEqual((hold.wait(60), (ROOT / APP).exists(), installer.poll()), (0, True, None))
+            installer.kill()
+        hold.stdout.close()
 
     def test_links(self):
         """The application may be one. Its folder may not: what is removed would be elsewhere."""
