@@ -118,12 +118,10 @@ class Transaction(unittest.TestCase):
         hold = subprocess.Popen(("chroot", ROOT, f"/{TOOL.name}", "hold"), stdin=end, stdout=subprocess.PIPE)
         self.assertEqual((hold.stdout.read(1) != b"", (ROOT / APP).exists()), (True, False))
         command = ("chroot", ROOT, "/installer", "-pkg", "/package", "-target", "/")
-        with subprocess.Popen(command, stdout=full, pass_fds=(held,)) as installer:
-            os.close(held)
-            self.addCleanup(installer.kill)
-            self.assertEqual((hold.wait(60), (ROOT / APP).exists(), installer.poll()), (0, True, None))
-            installer.kill()
-        hold.stdout.close()
+        installer = subprocess.Popen(command, stdout=full, pass_fds=(held,))
+        os.close(held)
+        self.addCleanup(lambda: (installer.kill(), installer.wait(), hold.wait(), hold.stdout.close()))
+        self.assertEqual((hold.wait(60), (ROOT / APP).exists(), installer.poll()), (0, True, None))
 
     def test_links(self):
         """The application may be one. Its folder may not: what is removed would be elsewhere."""
