@@ -95,6 +95,16 @@ class Planner {
     dev_t device_;
 };
 
+// A folder that was removed since must not keep the rest from being put back.
+void makeParents(int root, const std::string& path) {
+    for (std::size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        const Place place(root, path.substr(0, slash));
+        if (mkdirat(place.folder.get(), place.name.c_str(), 0755) != 0 && errno != EEXIST) {
+            throw systemFailure("cannot make " + inQuotes(path.substr(0, slash)));
+        }
+    }
+}
+
 } // namespace
 
 bool isBundle(std::string_view name) {
@@ -157,20 +167,6 @@ void swap(int target, int staging, const SwapPlan& plan) {
         places.coming.moveTo(places.proper);
     }
 }
-
-namespace {
-
-// A folder that was removed since must not keep the rest from being put back.
-void makeParents(int root, const std::string& path) {
-    for (std::size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-        const Place place(root, path.substr(0, slash));
-        if (mkdirat(place.folder.get(), place.name.c_str(), 0755) != 0 && errno != EEXIST) {
-            throw systemFailure("cannot make " + inQuotes(path.substr(0, slash)));
-        }
-    }
-}
-
-} // namespace
 
 void undoSwap(int target, int staging, const SwapPlan& plan) {
     for (std::size_t i = plan.size(); i-- > 0;) {
