@@ -4,75 +4,70 @@
 #include <QCoreApplication>
 #include <QSocketNotifier>
 
+#include <linux/futex.h>
 #include <sched.h>
 #include <sys/eventfd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <cstdint>
 #include <deque>
 #include <memory>
 #include <thread>
 
-// Waking an idle event loop costs some 50 microseconds, a hand-over between two running threads about one. A
-// transfer hands over once per block, so after each piece of work the main thread spins briefly for the next
-// before it returns to its loop: only while pieces come that fast, and never long enough for a user to
-// notice.
+// A transfer hands over one piece of work for each block, and waking an idle event loop takes some 50
+// microseconds. So after a piece the main thread waits for the next one before it returns to its loop, and it
+// is in one of three states: in its loop, which an eventfd wakes; parked, which a futex wakes; or awake, when
+// it looks for pieces by itself. A piece is run in the first state, since it may open a dialog with a loop of
+// its own.
 //
-// Spinning takes a CPU, and there may be none free: while the main thread waits to be scheduled, the transfer
-// stalls for milliseconds. A poster that gets no answer therefore migrates the main thread to its own CPU,
-// where the two alternate by sched_yield, three to five microseconds a piece.
-//
-// There is no lock: a piece of work lives on its poster's stack (the poster blocks until it is done), pieces
-// are pushed onto an atomic list, and the loop is woken through an eventfd.
+// Both sides spin while pieces are posted in quick succession and the other side runs on another CPU;
+// otherwise they sleep at once, the poster on a futex too. Neither yields: if other processes want the CPU,
+// that gives them milliseconds. There is no lock: a poster blocks until its piece is done, so the piece lies
+// on its stack and is pushed onto an atomic list. Each side publishes what it did before it looks at what the
+// other published, in sequentially consistent order, and only then sleeps; so one of them always sees the
+// other.
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr auto kFastPace = 200us;           ///< the longest pause between two pieces that justifies spinning
-constexpr auto kSpinForWork = 200us;        ///< how long the main thread spins
-constexpr auto kUnanswered = 3us;           ///< how long a poster waits before it migrates the main thread
-constexpr auto kSpinForResult = 200us;      ///< how long a poster spins before it sleeps
+constexpr auto kSpin =
+    100us; ///< the longest wait without sleeping; less than a block takes at a gigabit a second
 constexpr auto kLongestWithoutEvents = 6ms; ///< how long the main thread may keep events waiting
 
-/// Polls `condition`, yielding the CPU in between, until it holds or `time` has passed. Returns whether it
-/// held.
+/// Polls `condition` until it holds or kSpin has passed. Returns whether it held.
 template <typename Condition>
-bool spinUntil(std::chrono::microseconds time, Condition condition) {
-    const Clock::time_point end = Clock::now() + time;
-    while (!condition()) {
+bool spinUntil(Condition condition) {
+    for (const Clock::time_point end = Clock::now() + kSpin; !condition();) {
         if (Clock::now() >= end) {
             return false;
         }
-        sched_yield();
+#if defined(__x86_64__)
+        __builtin_ia32_pause();
+#elif defined(__aarch64__)
+        asm volatile("yield");
+#endif
     }
     return true;
 }
 
-/// Migrates a thread to another of the CPUs that it may run on, without pinning it there.
-void migrate(pid_t thread, int cpu) {
-    cpu_set_t allowed;
-    cpu_set_t only;
-    cpu_set_t now;
-    CPU_ZERO(&only);
-    CPU_SET(cpu, &only);
-    if (sched_getaffinity(thread, sizeof allowed, &allowed) == 0 && CPU_ISSET(cpu, &allowed) &&
-        sched_setaffinity(thread, sizeof only, &only) == 0 &&
-        // A mask that was changed in the meantime stays.
-        sched_getaffinity(thread, sizeof now, &now) == 0 && CPU_EQUAL(&now, &only)) {
-        sched_setaffinity(thread, sizeof allowed, &allowed);
-    }
+void futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value,
+           const timespec* timeout = nullptr) {
+    syscall(SYS_futex, &word, operation | FUTEX_PRIVATE_FLAG, value, timeout, nullptr, 0);
 }
 
 struct Work {
-    const std::function<void()>* function = nullptr;
+    const std::function<void()>& function;
+    const int cpu = sched_getcpu(); ///< the poster's
+    const Clock::time_point posted = Clock::now();
+    bool isQuick = false; ///< posted within kSpin of the piece before
     Work* next = nullptr;
-    int cpu = sched_getcpu();       ///< the poster's
-    std::atomic<bool> taken{false}; ///< by the main thread
-    std::atomic<bool> done{false};  ///< the last that the main thread writes: the poster may return then
+    std::atomic<bool> done{false}; ///< written last by the main thread; the poster may return after it
 };
 
 /// The work that other threads have posted, and the main thread's side of the hand-over.
@@ -87,106 +82,113 @@ class Mailbox {
         });
     }
 
-    /// Any thread but the main one. Returns when the main thread has run `work`.
-    void perform(Work& work) {
-        Work* head = arrived_.load();
-        do {
-            work.next = head;
-        } while (!arrived_.compare_exchange_weak(head, &work));
-        const auto done = [&work] { return work.done.load(); };
-        if (!isSpinning_) {
+    /// Any thread but the main one. Returns when the main thread has run `function`.
+    void perform(const std::function<void()>& function) {
+        Work work{function};
+        // Of posting: a thread that is slow to wake must not be the reason to sleep again.
+        work.isQuick = work.posted - lastPosted_.exchange(work.posted) < kSpin;
+        work.next = arrived_.load();
+        while (!arrived_.compare_exchange_weak(work.next, &work)) {
+        }
+        if (std::uint32_t state = kParked; state_.compare_exchange_strong(state, kAwake)) {
+            futex(state_, FUTEX_WAKE, 1);
+        } else if (state == kInLoop) {
             wakeLoop();
-        } else if (!spinUntil(kUnanswered, done) && cpu_ != work.cpu && !isMigrating_.exchange(true)) {
-            // Set before the flags are read, so that stopSpinning() waits for a poster that saw them
-            // unchanged.
-            if (isSpinning_ && !work.taken) {
-                migrate(mainThread_, work.cpu);
-            }
-            isMigrating_ = false;
         }
-        if (fastPace_) {
-            spinUntil(kSpinForResult, done);
+        const auto done = [&work] { return work.done.load(); };
+        if (work.isQuick && work.cpu != cpu_ && spinUntil(done)) {
+            return;
         }
-        // Not a wait for `done` itself: the main thread must not touch the piece once that is set.
-        for (unsigned seen = finished_; !done(); seen = finished_) {
-            finished_.wait(seen);
+        ++sleepers_;
+        for (std::uint32_t seen = finished_; !done(); seen = finished_) {
+            futex(finished_, FUTEX_WAIT, seen);
         }
+        --sleepers_;
     }
 
   private:
+    static constexpr std::uint32_t kInLoop = 0; ///< must be woken through the eventfd
+    static constexpr std::uint32_t kAwake = 1;  ///< looks at the list before it sleeps
+    static constexpr std::uint32_t kParked = 2; ///< must be woken through the futex
+
     void wakeLoop() {
         const std::uint64_t one = 1;
         [[maybe_unused]] const ssize_t put = write(wake_.get(), &one, sizeof one);
     }
 
     void serve() {
-        const Clock::time_point start = Clock::now();
-        fastPace_ = start - lastServed_ < kFastPace;
-        bool inTime = true;
-        do {
-            runNext();
-            // After a piece that took long (it may have opened a dialog), pending events come first.
-            inTime = Clock::now() - start < kLongestWithoutEvents;
-        } while (inTime && (!pending_.empty() || spinUntil(fastPace_ ? kSpinForWork : 0us,
-                                                           [this] { return arrived_.load() != nullptr; })));
-        lastServed_ = Clock::now();
-        stopSpinning();
-        // A piece posted just before the flag was cleared came without a wake-up. And after a long spin the
-        // loop must come back here without sleeping, once pending events have been handled.
-        if (!pending_.empty() || arrived_.load() != nullptr || (fastPace_ && !inTime)) {
+        const Clock::time_point end = Clock::now() + kLongestWithoutEvents;
+        while (runNext() && waitForNext(end)) {
+        }
+        state_ = kInLoop;
+        if (!pending_.empty() || hasArrived()) {
             wakeLoop();
         }
     }
 
-    /// Waits for a migration under way: what the main thread starts would inherit its narrowed CPU mask for
-    /// life.
-    void stopSpinning() {
-        isSpinning_ = false;
-        while (isMigrating_) {
-            sched_yield();
-        }
-    }
-
-    void runNext() {
-        stopSpinning();
+    bool runNext() {
         takeArrived();
         if (pending_.empty()) {
-            return;
+            return false;
         }
         Work* const work = pending_.front();
         pending_.pop_front();
-        // The work may open a dialog; its nested event loop must be woken for the rest.
+        state_ = kInLoop;
         if (!pending_.empty()) {
-            wakeLoop();
+            wakeLoop(); // for a dialog's loop
         }
-        (*work->function)();
+        work->function();
         cpu_ = sched_getcpu();
-        isSpinning_ = fastPace_.load();
+        canSpin_ = work->isQuick && work->cpu != cpu_;
+        state_ = kAwake;
         work->done = true;
         ++finished_;
-        finished_.notify_all();
+        if (sleepers_ != 0) {
+            futex(finished_, FUTEX_WAKE, INT_MAX);
+        }
+        return true;
     }
 
+    /// Returns whether there is another piece to run before events have to be handled.
+    bool waitForNext(Clock::time_point end) {
+        const auto isThere = [this] { return !pending_.empty() || hasArrived(); };
+        if (!isThere() && !(canSpin_ && spinUntil(isThere))) {
+            park(end);
+        }
+        return Clock::now() < end && isThere();
+    }
+
+    void park(Clock::time_point end) {
+        static_assert(kLongestWithoutEvents < 1s);
+        const timespec time{0, std::chrono::nanoseconds(end - Clock::now()).count()};
+        if (time.tv_nsec > 0) {
+            state_ = kParked;
+            if (!hasArrived()) {
+                futex(state_, FUTEX_WAIT, kParked, &time);
+            }
+            state_ = kAwake;
+        }
+    }
+
+    bool hasArrived() const { return arrived_.load() != nullptr; }
+
     void takeArrived() {
-        // The list is newest first.
         const auto end = pending_.size();
         for (Work* work = arrived_.exchange(nullptr); work != nullptr; work = work->next) {
-            work->taken = true;
             pending_.insert(pending_.begin() + static_cast<std::ptrdiff_t>(end), work);
         }
     }
 
     FileDescriptor wake_;
     std::unique_ptr<QSocketNotifier> notifier_;
-    const pid_t mainThread_ = gettid();
-    std::atomic<Work*> arrived_{nullptr};
-    std::atomic<bool> fastPace_{false};
-    std::atomic<bool> isSpinning_{false};
-    std::atomic<bool> isMigrating_{false}; ///< a poster is moving the main thread
-    std::atomic<int> cpu_{-1};             ///< on which the main thread last ran
-    std::atomic<unsigned> finished_{0};    ///< pieces; what posters sleep on
-    std::deque<Work*> pending_;            ///< main thread only; a nested event loop runs the rest
-    Clock::time_point lastServed_;
+    std::atomic<Work*> arrived_{nullptr};       ///< newest first
+    std::atomic<std::uint32_t> state_{kInLoop}; ///< of the main thread; what it parks on
+    std::atomic<std::uint32_t> finished_{0};    ///< pieces; what posters sleep on
+    std::atomic<unsigned> sleepers_{0};         ///< posters that sleep or are about to
+    std::atomic<Clock::time_point> lastPosted_{};
+    std::atomic<int> cpu_{-1};  ///< on which the main thread last ran
+    bool canSpin_ = false;      ///< main thread only, as is what follows
+    std::deque<Work*> pending_; ///< a nested event loop runs the rest
 };
 
 std::thread::id mainThreadId;
@@ -208,9 +210,7 @@ bool MainThread::isCurrent() {
 void MainThread::performAndWait(const std::function<void()>& work) {
     if (isCurrent()) {
         work();
-        return;
+    } else {
+        mailbox.load()->perform(work);
     }
-    Work piece;
-    piece.function = &work;
-    mailbox.load()->perform(piece);
 }
