@@ -2,7 +2,7 @@
 // finished transfer is posted, writes a line of JSON to the file named by the first argument and ends the
 // process, before anything is installed. With a second argument, "probe", it also measures the delay of
 // timers and mouse moves meanwhile.
-#include "PointerProbe.h"
+#include "InterfaceProbe.h"
 #include "app/MainInterface.h"
 #include "platform/MainThread.h"
 #include "platform/NotificationCenter.h"
@@ -10,21 +10,18 @@
 #include "ui/ImageButtonView.h"
 
 #include <QApplication>
-#include <QMouseEvent>
 #include <QTimer>
+#include <QWidget>
 
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -57,16 +54,6 @@ std::chrono::milliseconds untilTheNextStart() {
     return wait < 300ms ? wait + 1s : wait;
 }
 
-/// The quantile `share` of the delays, in milliseconds.
-double percentile(std::vector<double> delays, double share) {
-    if (delays.empty()) {
-        return NAN;
-    }
-    std::sort(delays.begin(), delays.end());
-    const auto last = static_cast<double>(delays.size() - 1);
-    return delays[static_cast<std::size_t>(std::llround(last * share))];
-}
-
 class Watcher : public QObject {
   public:
     explicit Watcher(QObject* parent)
@@ -93,32 +80,18 @@ class Watcher : public QObject {
                 begin(*button->window());
             }
         }
-        if (pressed_ && event->type() == QEvent::MouseMove && watched != nullptr && watched->isWindowType()) {
-            pointer_.served(static_cast<QMouseEvent*>(event)->globalPosition().toPoint());
-        }
         return QObject::eventFilter(watched, event);
     }
 
   private:
-    void press(const QWidget& button) { pointer_.click(button.mapToGlobal(button.rect().center())); }
+    void press(const QWidget& button) { probe_.click(button.mapToGlobal(button.rect().center())); }
 
     void begin(const QWidget& window) {
-        pressed_ = true;
         processorBefore_ = processorSeconds();
         start_ = Clock::now();
-        if (!probesInterface_) {
-            return;
+        if (probesInterface_) {
+            probe_.start(window);
         }
-        pointer_.startMoving(window.geometry());
-        auto* const timer = new QTimer(this);
-        timer->setTimerType(Qt::PreciseTimer);
-        lastTick_ = start_;
-        connect(timer, &QTimer::timeout, this, [this] {
-            const Clock::time_point now = Clock::now();
-            ticks_.push_back(std::max(0.0, milliseconds(now - lastTick_ - kTick)));
-            lastTick_ = now;
-        });
-        timer->start(kTick);
     }
 
     [[noreturn]] void report(Clock::time_point end) {
@@ -131,28 +104,18 @@ class Watcher : public QObject {
         std::fprintf(file, "{\"seconds\": %.4f, \"processor\": %.4f, \"peak_kilobytes\": %ld", seconds,
                      processor, peakResidentKilobytes());
         if (probesInterface_) {
-            const std::vector<double> moves = pointer_.stop();
-            std::fprintf(file,
-                         ", \"ticks\": %zu, \"tick_p99\": %.2f, \"tick_worst\": %.2f"
-                         ", \"moves\": %zu, \"move_p99\": %.2f, \"move_worst\": %.2f",
-                         ticks_.size(), percentile(ticks_, 0.99), percentile(ticks_, 1), moves.size(),
-                         percentile(moves, 0.99), percentile(moves, 1));
+            probe_.print(file);
         }
         std::fputs("}\n", file);
         std::fclose(file);
         _exit(0);
     }
 
-    static constexpr auto kTick = 5ms;
-
     const bool probesInterface_;
-    PointerProbe pointer_;
+    InterfaceProbe probe_;
     bool seen_ = false;
-    bool pressed_ = false;
     double processorBefore_ = 0;
     Clock::time_point start_;
-    Clock::time_point lastTick_;
-    std::vector<double> ticks_;
 };
 
 void watch() {

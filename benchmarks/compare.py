@@ -22,11 +22,15 @@ LISTEN = "127.0.0.1:18080"  # what the product is built for
 ADDRESS = f"http://{LISTEN}/soft/"
 DELAY = 0.05  # seconds, each way
 MEGABYTE = 1_000_000
-LOADS = {  # name: title, bytes, bytes a second
-    "unlimited": ("1 GB, as fast as it goes", 1000 * MEGABYTE, 0),
-    "limited": ("1 GB at 125 MB/s", 1000 * MEGABYTE, 125 * MEGABYTE),
-    "distant": ("64 MB at 2 MB/s, 50 ms away", 64 * MEGABYTE, 2 * MEGABYTE),
+CPUS = sorted(os.sched_getaffinity(0))
+LOADS = {  # name: title, bytes, bytes a second, busy loops beside it, CPUs for the programs
+    "unlimited": ("1 GB, as fast as it goes", 1000 * MEGABYTE, 0, 0, CPUS),
+    "busy": ("100 MB beside one busy loop for each CPU", 100 * MEGABYTE, 0, len(CPUS), CPUS),
+    "one-cpu": ("100 MB, each program on one CPU", 100 * MEGABYTE, 0, 0, CPUS[:1]),
+    "limited": ("1 GB at 125 MB/s", 1000 * MEGABYTE, 125 * MEGABYTE, 0, CPUS),
+    "distant": ("64 MB at 2 MB/s, 50 ms away", 64 * MEGABYTE, 2 * MEGABYTE, 0, CPUS),
 }
+INTERFACE = ("unlimited", "busy")  # loads during which late events are counted
 BODIES = {"small": 10 * MEGABYTE, "huge": 4000 * MEGABYTE}  # for the memory
 
 
@@ -36,7 +40,7 @@ def say(text):
 
 def prepare(documents):
     documents.mkdir(parents=True, exist_ok=True)
-    for name, (_, size, _) in LOADS.items():
+    for name, (_, size, *_) in LOADS.items():
         path = documents / name
         if path.exists() and path.stat().st_size == size:
             continue
@@ -53,6 +57,7 @@ class Comparison:
     def __init__(self, build, folder):
         self.benchmarks = build / "benchmarks"
         self.window = self.benchmarks / "Product.app/Contents/MacOS/download_window"
+        self.picture = self.benchmarks / "Product.app/Contents/Resources/firstbackground.png"
         self.folder = folder
         self.documents = folder / "documents"
         self.server = folder / "server"
@@ -91,9 +96,23 @@ class Comparison:
             raise SystemExit(f"{file} is not what the server has")
         file.unlink()
 
+    @contextlib.contextmanager
+    def busy(self, loops):
+        running = [subprocess.Popen(["sh", "-c", "while :; do :; done"]) for _ in range(loops)]
+        try:
+            yield
+        finally:
+            for process in running:
+                process.kill()
+                process.wait()
+
     def one_after_another(self, load):
-        with self.serving(LOADS[load][2]):
-            return {program: self.one(program, load) for program in PROGRAMS}
+        _, _, rate, loops, cpus = LOADS[load]
+        with self.serving(rate), self.busy(loops):
+            os.sched_setaffinity(0, cpus)
+            results = {program: self.one(program, load) for program in PROGRAMS}
+            os.sched_setaffinity(0, CPUS)
+        return results
 
     def one(self, program, load):
         home, file = self.home(program)
@@ -127,9 +146,8 @@ class Comparison:
         return results
 
     def first_paint(self):
-        picture = self.benchmarks / "Product.app/Contents/Resources/firstbackground.png"
         results = {}
-        for name, command in (("bare window", [self.benchmarks / "bare_window", picture]),
+        for name, command in (("bare window", [self.benchmarks / "bare_window", self.picture]),
                               ("window", [self.window.parent / "product_window"])):
             home, _ = self.home(name)
             printed = subprocess.run(command, env=environment(home), stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
@@ -148,9 +166,19 @@ class Comparison:
         file.unlink()
         return result
 
+    def interface(self, load):
+        """How late events are handled during a download, by the window and by a bare one."""
+        home, file = self.home("bare window")
+        with self.busy(LOADS[load][3]):
+            window = self.window_alone(load, "probe")
+            with self.serving():
+                bare = measured_window(self.benchmarks / "bare_window", home, self.picture, ADDRESS + load, file)
+        file.unlink()
+        return {"window": window, "bare window": bare}
+
     def run(self, rounds, loads):
         results = {load: {program: [] for program in PROGRAMS} for load in loads}
-        results |= {"first paint": [], "interface": [], "memory": {name: [] for name in BODIES}}
+        results |= {"first paint": [], "interface": {load: [] for load in INTERFACE}, "memory": {name: [] for name in BODIES}}
         for number in range(1, rounds + 1):
             for load in loads:
                 say(f"Round {number} of {rounds}: {LOADS[load][0]}")
@@ -158,9 +186,10 @@ class Comparison:
                 for program, result in measured_now.items():
                     results[load][program].append(result)
                 print("   ".join(f"{program} {result['seconds']:.2f} s" for program, result in measured_now.items()))
-            say(f"Round {number} of {rounds}: first paint, the interface during 1 GB")
+            say(f"Round {number} of {rounds}: first paint, the interface during a download")
             results["first paint"] += [self.first_paint() for _ in range(3)]
-            results["interface"].append(self.window_alone("unlimited", "probe"))
+            for load, pairs in results["interface"].items():
+                pairs.append(self.interface(load))
         for name in BODIES:
             say(f"Memory: a body of {BODIES[name] // MEGABYTE} MB")
             results["memory"][name] = self.window_alone(name)["peak_kilobytes"]
@@ -188,7 +217,7 @@ def main():
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     results = Comparison(options.build.resolve(), folder).run(options.rounds, options.load or list(LOADS))
     (folder / "results.json").write_text(json.dumps(results, indent=1))
-    titles = {name: title for name, (title, _, _) in LOADS.items()}
+    titles = {name: title for name, (title, *_) in LOADS.items()}
     table = markdown(results, titles, options.rounds, versions())
     print(table)
     if options.publish:

@@ -45,14 +45,17 @@ def first_paint(rounds):
             table(["", "milliseconds", "resident MB"], rows))
 
 
-def interface(rounds):
+def interface(by_load, titles):
     rows = []
-    for name, key in (("timer ticks", "tick"), ("mouse moves", "move")):
-        rows.append([name, str(sum(result[f"{key}s"] for result in rounds)),
-                     spread([result[f"{key}_p99"] for result in rounds], 1),
-                     spread([result[f"{key}_worst"] for result in rounds], 1)])
-    head = ["while 1 GB comes as fast as it goes", "served", "99th percentile, ms late", "worst, ms late"]
-    return "**The interface**\n\n" + table(head, rows)
+    for load, pairs in by_load.items():
+        for name, key in (("timer ticks", "tick"), ("mouse moves", "move")):
+            for window in ("window", "bare window"):
+                runs = [pair[window] for pair in pairs]
+                rows.append([f"{titles[load]}: {name}, {window}", str(sum(run[f"{key}s"] for run in runs)),
+                             spread([run[f"{key}_p99"] for run in runs], 1),
+                             spread([run[f"{key}_worst"] for run in runs], 1)])
+    head = ["", "handled", "99th percentile, ms late", "worst, ms late"]
+    return "**The interface during a download**\n\n" + table(head, rows)
 
 
 def memory(peaks):
@@ -66,7 +69,7 @@ def markdown(results, titles, rounds, versions):
     for name, title in titles.items():
         if name in results:
             text += downloads(results[name], title)
-    return text + first_paint(results["first paint"]) + interface(results["interface"]) + memory(results["memory"])
+    return text + first_paint(results["first paint"]) + interface(results["interface"], titles) + memory(results["memory"])
 
 
 def plot(results, titles):
