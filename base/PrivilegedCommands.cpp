@@ -1,29 +1,46 @@
 #include "base/PrivilegedCommands.h"
 
-#include <array>
+#include <algorithm>
+#include <filesystem>
+
+namespace {
+
+struct CommandRow {
+    PrivilegedCommand command;
+    std::vector<std::string> line; // an empty word stands for the package's path
+};
+
+const std::vector<CommandRow>& table() {
+    static const std::vector<CommandRow> rows{
+        {PrivilegedCommand::RemoveApplication, {"/bin/rm", "-rf", kApplicationPath}},
+        {PrivilegedCommand::InstallPackage, {"/usr/sbin/installer", "-pkg", "", "-target", "/"}},
+        {PrivilegedCommand::QueryDriver, {"/usr/sbin/kextstat", "-b", kDriverIdentifier}},
+        {PrivilegedCommand::StartDriver,
+         {"/Library/Application Support/NorvikEmu/VirtualBoxStartup.sh", "restart"}},
+    };
+    return rows;
+}
+
+bool isPackagePath(const std::filesystem::path& path) {
+    return path.is_absolute() && std::ranges::find(path, "..") == path.end() &&
+           path.filename() == "Pellomar.pkg";
+}
+
+} // namespace
 
 std::vector<std::string> commandLine(PrivilegedCommand command, const std::string& package) {
-    switch (command) {
-    case PrivilegedCommand::RemoveApplication:
-        return {"/bin/rm", "-rf", kApplicationPath};
-    case PrivilegedCommand::InstallPackage:
-        return {"/usr/sbin/installer", "-pkg", package, "-target", "/"};
-    case PrivilegedCommand::QueryDriver:
-        return {"/usr/sbin/kextstat", "-b", kDriverIdentifier};
-    case PrivilegedCommand::StartDriver:
-        return {"/Library/Application Support/NorvikEmu/VirtualBoxStartup.sh", "restart"};
-    }
-    return {};
+    std::vector<std::string> line = std::ranges::find(table(), command, &CommandRow::command)->line;
+    std::ranges::replace(line, std::string(), package);
+    return line;
 }
 
 std::optional<PrivilegedCommand> findCommand(const std::vector<std::string>& line) {
-    constexpr std::array kCommands{PrivilegedCommand::RemoveApplication, PrivilegedCommand::InstallPackage,
-                                   PrivilegedCommand::QueryDriver, PrivilegedCommand::StartDriver};
-    const std::string package = line.size() > kPackageArgument ? line[kPackageArgument] : "";
-    for (const PrivilegedCommand command : kCommands) {
-        if (line == commandLine(command, package)) {
-            return command;
-        }
-    }
-    return std::nullopt;
+    const auto isAllowed = [](const std::string& allowed, const std::string& word) {
+        return allowed.empty() ? isPackagePath(word) : allowed == word;
+    };
+    const auto isWanted = [&](const CommandRow& row) {
+        return std::ranges::equal(row.line, line, isAllowed);
+    };
+    const auto found = std::ranges::find_if(table(), isWanted);
+    return found == table().end() ? std::nullopt : std::optional(found->command);
 }

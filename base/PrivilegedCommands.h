@@ -11,12 +11,9 @@ enum class PrivilegedCommand { RemoveApplication, InstallPackage, QueryDriver, S
 inline constexpr char kApplicationPath[] = "/Applications/Pellomar.app";   ///< the installed product
 inline constexpr char kDriverIdentifier[] = "com.norvik.emu.kext.VBoxDrv"; ///< the emulator's driver
 
-/// The position of the package's path in the command line of InstallPackage.
-inline constexpr std::size_t kPackageArgument = 2;
-
 /// The tool's path, then its arguments. `package` is the package's path, used by InstallPackage alone.
 std::vector<std::string> commandLine(PrivilegedCommand command, const std::string& package = {});
 
-/// The command whose command line equals `line`, argument by argument; nothing if there is none. For
-/// InstallPackage, any package path is accepted.
+/// The command whose command line equals `line`, argument by argument; nothing if there is none. The package
+/// of InstallPackage may be any absolute path, without "..", of a file named Pellomar.pkg.
 std::optional<PrivilegedCommand> findCommand(const std::vector<std::string>& line);

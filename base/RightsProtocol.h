@@ -1,16 +1,16 @@
 #pragma once
 
-/// What the downloader and the rights service exchange on the system bus. Each call is answered by an empty
-/// reply or by one of the errors below.
+/// What the downloader and the rights service exchange on the system bus. Each call is answered by a reply or
+/// by one of the errors below. The service takes no descriptors: closing one can block.
 ///
 /// Authorize()
 ///     Asks polkit whether the caller's connection is authorized; polkit may ask the user if the message
 ///     allows interaction. Answered once that is decided and no other attempt is replacing the application.
 ///
-/// Execute(s tool, as arguments, h output)
-///     Runs one of the four commands as root for an authorized connection, each at most once, with the
-///     caller's pipe as standard output. Answered once the tool has been started, which waits for the
-///     caller's previous tool to end. After an installer that failed, only the driver query is allowed.
+/// Execute(s tool, as arguments) -> h output
+///     Runs one of the four commands as root for an authorized connection, each at most once. Answered once
+///     the tool has been started, which waits for the caller's previous tool to end, with the read end of a
+///     pipe to which the tool alone writes. After an installer that failed, only the driver query is allowed.
 ///
 /// Release()
 ///     Ends the authorization, as does the end of the connection.

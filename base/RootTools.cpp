@@ -4,7 +4,6 @@
 #include "base/Pipe.h"
 #include "base/RootEnvironment.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -68,21 +67,6 @@ bool isRootsAlone(const std::filesystem::path& file) {
     return (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 && isRootsAlone(folder);
 }
 
-FileDescriptor openPackage(const std::filesystem::path& path) {
-    if (!path.is_absolute() || std::ranges::find(path, "..") != path.end() ||
-        path.filename() != "Pellomar.pkg") {
-        errno = EINVAL;
-        return {};
-    }
-    return FileDescriptor(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
-}
-
-bool isPackageOf(int descriptor, uid_t owner) {
-    struct stat status{};
-    return fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
-           (owner == 0 || status.st_uid == owner);
-}
-
 Transaction Transaction::begin(std::error_code& failure) {
     return runTransactionProgram("hold", failure);
 }
@@ -112,28 +96,33 @@ void GrantedCommands::endInstallation() {
                                  PrivilegedCommand::StartDriver});
 }
 
-pid_t GrantedCommands::start(PrivilegedCommand command, const std::vector<std::string>& line, int output,
-                             std::error_code& failure) {
+pid_t GrantedCommands::start(PrivilegedCommand command, const std::vector<std::string>& line,
+                             std::optional<uid_t> user, FileDescriptor& output, std::error_code& failure) {
     failure = whyNotRun(line.front());
+    Pipe pipe;
+    if (!failure && !pipe.writeEnd.isOpen()) {
+        failure = {errno, std::generic_category()};
+    }
     if (failure) {
         return -1;
     }
     const bool isInstaller = command == PrivilegedCommand::InstallPackage;
-    const bool hasPackage = isInstaller && package.isOpen();
-    const std::vector<std::string> settings(hasPackage ? 1 : 0, "INSTALLER_PACKAGE_FD=3");
+    std::vector<std::string> settings;
+    if (isInstaller && user) {
+        settings.push_back(std::string(kPackageUser) + "=" + std::to_string(*user));
+    }
     ChildProcess tool = rootProgram(line.front(), {line.begin() + 1, line.end()}, settings);
     tool.standardInput = ChildProcess::kNull;
-    tool.standardOutput = output;
-    if (hasPackage) {
-        tool.passedOn.push_back(package.get());
-    }
+    tool.standardOutput = pipe.writeEnd.get();
     if ((isInstaller || command == PrivilegedCommand::RemoveApplication) && hold.isOpen()) {
         tool.passedOn.push_back(hold.get());
     }
     const pid_t process = tool.start(failure);
-    if (isInstaller && process > 0) {
-        package.reset();
-        hold.reset();
+    if (process > 0) {
+        output = std::move(pipe.readEnd);
+        if (isInstaller) {
+            hold.reset();
+        }
     }
     return process;
 }

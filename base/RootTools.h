@@ -18,13 +18,6 @@
 /// to belong to root and are writable by no one else. False for a relative path.
 bool isRootsAlone(const std::filesystem::path& file);
 
-/// Opens the package with the rights of this process, without blocking and without following a symbolic link
-/// as the last component. Not open, with `errno` set, unless `path` is an absolute path to a Pellomar.pkg.
-FileDescriptor openPackage(const std::filesystem::path& path);
-
-/// Whether the descriptor is a regular file of `owner`; of anyone, where `owner` is root.
-bool isPackageOf(int descriptor, uid_t owner);
-
 /// One attempt to replace the installed application: it is set aside until the attempt is over, and put back
 /// unless another version has been installed. A separate process does this, however this process ends.
 struct Transaction {
@@ -49,17 +42,17 @@ class GrantedCommands {
     /// `refusal`, when there is no such command or it has been taken.
     std::optional<PrivilegedCommand> take(const std::vector<std::string>& line, std::string& refusal);
 
-    /// Starts a command that was taken as a child process with a clean environment, its standard output
-    /// connected to `output`. Returns its process id, or -1 and why in `failure`.
-    pid_t start(PrivilegedCommand command, const std::vector<std::string>& line, int output,
-                std::error_code& failure);
+    /// Starts a command that was taken as a child process with a clean environment. The installer opens the
+    /// package as `user`, if one is given. Returns the process id, with the read end of a pipe in `output` to
+    /// which only the tool writes; or -1 and why in `failure`.
+    pid_t start(PrivilegedCommand command, const std::vector<std::string>& line, std::optional<uid_t> user,
+                FileDescriptor& output, std::error_code& failure);
 
     /// After an installer that failed: allows nothing more than the driver query, which changes nothing. The
     /// window judges the installer by its output, not by its status, so it may still send that query.
     void endInstallation();
 
-    FileDescriptor package; ///< what the installer reads; closed here once the installer has been started
-    FileDescriptor hold;    ///< of the transaction; likewise
+    FileDescriptor hold; ///< of the transaction; closed here once the installer has been started
 
   private:
     std::vector<PrivilegedCommand> taken_;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/FileDescriptor.h"
+
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -26,7 +28,7 @@ struct AuthorizationOpaque {
     virtual ~AuthorizationOpaque() = default;
     virtual OSStatus copyRights(const std::string& right, unsigned flags) = 0;
     virtual OSStatus execute(const std::string& toolPath, const std::vector<std::string>& arguments,
-                             FILE** pipe) = 0;
+                             FileDescriptor& output) = 0;
 };
 using AuthorizationRef = AuthorizationOpaque*;
 

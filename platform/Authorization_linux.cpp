@@ -17,8 +17,20 @@ OSStatus AuthorizationExecuteWithPrivileges(AuthorizationRef authorization, cons
                                             unsigned /*options*/, const std::vector<std::string>& arguments,
                                             FILE** pipe) {
     *pipe = nullptr;
-    return authorization == nullptr ? errAuthorizationBadAddress
-                                    : authorization->execute(toolPath, arguments, pipe);
+    if (authorization == nullptr) {
+        return errAuthorizationBadAddress;
+    }
+    FileDescriptor output;
+    const OSStatus status = authorization->execute(toolPath, arguments, output);
+    if (status != errAuthorizationSuccess) {
+        return status;
+    }
+    *pipe = fdopen(output.get(), "r");
+    if (*pipe == nullptr) {
+        return errAuthorizationToolExecuteFailure;
+    }
+    static_cast<void>(output.release()); // the stream has it
+    return errAuthorizationSuccess;
 }
 
 OSStatus AuthorizationFree(AuthorizationRef authorization, unsigned /*flags*/) {

@@ -2,7 +2,6 @@
 
 #include "base/BusObjects.h"
 #include "base/FileDescriptor.h"
-#include "base/Pipe.h"
 #include "base/RightsProtocol.h"
 #include "platform/MainThread.h"
 
@@ -85,8 +84,7 @@ class PolkitAuthorization : public AuthorizationOpaque {
     }
 
     OSStatus execute(const std::string& toolPath, const std::vector<std::string>& arguments,
-                     FILE** pipe) override {
-        Pipe output;
+                     FileDescriptor& output) override {
         BusMessage message = newCall("Execute");
         int result = message == nullptr ? -1 : sd_bus_message_append(message.get(), "s", toolPath.c_str());
         if (result >= 0) {
@@ -95,19 +93,16 @@ class PolkitAuthorization : public AuthorizationOpaque {
         for (const std::string& argument : arguments) {
             result = result < 0 ? result : sd_bus_message_append(message.get(), "s", argument.c_str());
         }
-        if (result < 0 || sd_bus_message_close_container(message.get()) < 0 ||
-            sd_bus_message_append(message.get(), "h", output.writeEnd.get()) < 0) {
+        if (result < 0 || sd_bus_message_close_container(message.get()) < 0) {
             return errAuthorizationToolExecuteFailure;
         }
-        const OSStatus status = call(message);
-        // The end of file is seen once the tool has the only write end; the message holds another.
-        message.reset();
-        output.writeEnd.reset();
-        if (status != errAuthorizationSuccess) {
-            return status;
+        BusMessage reply;
+        const OSStatus status = call(message, &reply);
+        int received = -1; // belongs to the reply
+        if (status == errAuthorizationSuccess && sd_bus_message_read(reply.get(), "h", &received) > 0) {
+            output = FileDescriptor(fcntl(received, F_DUPFD_CLOEXEC, 0));
         }
-        *pipe = output.takeReadStream();
-        return *pipe == nullptr ? errAuthorizationToolExecuteFailure : errAuthorizationSuccess;
+        return status;
     }
 
   private:
@@ -132,10 +127,15 @@ class PolkitAuthorization : public AuthorizationOpaque {
         return BusMessage(message);
     }
 
-    OSStatus call(const BusMessage& message) {
+    OSStatus call(const BusMessage& message, BusMessage* reply = nullptr) {
         sd_bus_error error{};
+        sd_bus_message* received = nullptr;
         int result = -1;
-        waitAside([&] { result = sd_bus_call(bus_.get(), message.get(), kNoTimeOut, &error, nullptr); });
+        waitAside([&] { result = sd_bus_call(bus_.get(), message.get(), kNoTimeOut, &error, &received); });
+        BusMessage answer(received);
+        if (reply != nullptr) {
+            *reply = std::move(answer);
+        }
         const std::string_view name = error.name == nullptr ? "" : error.name;
         OSStatus status = errAuthorizationDenied;
         if (result >= 0) {

@@ -1,6 +1,7 @@
 #include "installer/Install.h"
 
 #include "installer/Output.h"
+#include "installer/PackageFile.h"
 #include "installer/Receipt.h"
 #include "installer/Scripts.h"
 #include "installer/SetAside.h"
@@ -14,7 +15,6 @@
 #include "package/Payload.h"
 #include "package/Trust.h"
 
-#include <fcntl.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
@@ -54,17 +54,6 @@ TrustedCertificates readTrusted(const Request& request) {
         trusted.addFolder(folder);
     }
     return trusted;
-}
-
-FileDescriptor openPackage(const Request& request) {
-    // Opening must not block, whatever the file is; that it is a regular one is checked before it is read.
-    FileDescriptor file(request.descriptor >= 0
-                            ? fcntl(request.descriptor, F_DUPFD_CLOEXEC, 0)
-                            : open(request.package.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (!file.isOpen()) {
-        throw systemFailure("the package cannot be opened");
-    }
-    return file;
 }
 
 void reportSigner(const Package& package, const TrustedCertificates& trusted) {
@@ -156,10 +145,10 @@ Receipt receiptFor(const Package& package, const PackageInfo& info) {
 
 } // namespace
 
-void install(const Request& request, const Staging& staging) {
+void install(const Request& request, PackageFile& file, const Staging& staging) {
     const TrustedCertificates trusted = readTrusted(request);
     print("installer: Checking the package\n");
-    Package package(openPackage(request), trusted);
+    Package package(file.open(), trusted);
     reportSigner(package, trusted);
     package.makePrivate(staging.folder(), freeBytes(staging));
     package.verifyEntries();

@@ -4,12 +4,11 @@
 
 namespace installer {
 
+class PackageFile;
 class Staging;
 
 struct Request {
-    std::string package; ///< path of a flat package
-    int descriptor = -1; ///< the package, already open, in which case nothing is read from its path
-    std::string target;  ///< path of the folder to install into
+    std::string target;               ///< path of the folder to install into
     bool isSignatureDemanded = false; ///< even where no certificate is trusted
     std::string trusted; ///< folder of trusted certificates; empty: the usual ones, package::kTrustedFolders
 };
@@ -17,6 +16,6 @@ struct Request {
 /// Installs the package and commits it with the mark in the staging folder. Prints progress. Throws
 /// package::Failure; what was done until then is undone by closing the staging folder. Takes at most 32 MB of
 /// memory, whatever the package is.
-void install(const Request& request, const Staging& staging);
+void install(const Request& request, PackageFile& file, const Staging& staging);
 
 } // namespace installer

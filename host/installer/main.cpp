@@ -2,6 +2,7 @@
 #include "base/StandardStreams.h"
 #include "installer/Install.h"
 #include "installer/Output.h"
+#include "installer/PackageFile.h"
 #include "installer/Receipt.h"
 #include "installer/Staging.h"
 #include "installer/Supervisor.h"
@@ -14,7 +15,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <charconv>
 #include <climits>
 #include <clocale>
 #include <csignal>
@@ -46,11 +46,8 @@ constexpr char kUsage[] =
     "  -receipts     list what is installed: identifier, version, time and the signer's fingerprint\n"
     "  --help        show this text\n"
     "\n"
-    "Where the environment variable INSTALLER_PACKAGE_FD is set, the package is read from the open file of "
-    "that\n"
-    "number, and FILE is not opened.\n";
-
-constexpr char kDescriptorVariable[] = "INSTALLER_PACKAGE_FD";
+    "Where the environment variable INSTALLER_PACKAGE_USER is set, FILE must be a file of the user of that\n"
+    "number, and is opened with that user's rights.\n";
 
 void prepareProcess() {
     occupyStandardStreams();
@@ -83,17 +80,8 @@ void limitMemory() {
 #endif
 }
 
-int descriptorFrom(std::string_view text) {
-    int number = -1;
-    const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (problem != std::errc() || end != text.data() + text.size() || number <= STDERR_FILENO ||
-        fcntl(number, F_GETFD) < 0) {
-        throw Failure(std::string(kDescriptorVariable) + " is not the number of an open file");
-    }
-    return number;
-}
-
 struct Arguments : Request {
+    std::string package;
     bool isList = false; // of receipts
 };
 
@@ -128,9 +116,6 @@ Arguments parse(int argc, char** argv) {
     if (arguments.package.empty() || arguments.target.empty()) {
         throw Failure("-pkg FILE and -target DIR are needed; see installer --help");
     }
-    if (const char* number = std::getenv(kDescriptorVariable)) {
-        arguments.descriptor = descriptorFrom(number);
-    }
     return arguments;
 }
 
@@ -145,11 +130,12 @@ void list(const std::string& target) {
     });
 }
 
-void run(const Request& request) {
+void run(const Arguments& request) {
+    installer::PackageFile file(request.package); // first: its process must inherit nothing
     const installer::Staging staging(request.target);
     const installer::Ending ending = installer::supervise([&] {
         limitMemory();
-        install(request, staging);
+        install(request, file, staging);
     });
     const bool isCommitted = staging.isDone(); // whatever happened to the worker after that
     try {

@@ -1,11 +1,8 @@
-// How a command is run: its request waits for the caller's previous tool, then for what the command needs
-// (the application set aside, the package opened), then the tool is started and the request answered.
+// How a command is run: its request waits for the caller's previous tool and, before a removal, until the
+// application is set aside; then the tool is started and the request answered.
 #include "base/RightsProtocol.h"
 #include "rights/Service.h"
-#include "rights/UserFile.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,17 +12,6 @@
 
 namespace rights {
 
-namespace {
-
-// Only a pipe is accepted: writing to another file or socket as root can do what the caller may not.
-bool isPipeToWriteTo(int descriptor) {
-    struct stat status{};
-    return fstat(descriptor, &status) == 0 && S_ISFIFO(status.st_mode) &&
-           (fcntl(descriptor, F_GETFL) & O_ACCMODE) == O_WRONLY;
-}
-
-} // namespace
-
 int Service::onExecute(sd_bus_message* message) {
     const auto place = callers_.find(sd_bus_message_get_sender(message));
     if (place == callers_.end() || !place->second.isAuthorized) {
@@ -33,7 +19,6 @@ int Service::onExecute(sd_bus_message* message) {
     }
     auto& [name, caller] = *place;
     const char* word = "";
-    int output = -1;
     sd_bus_message_read(message, "s", &word);
     std::vector<std::string> line{word};
     sd_bus_message_enter_container(message, 'a', "s");
@@ -41,15 +26,10 @@ int Service::onExecute(sd_bus_message* message) {
         line.emplace_back(word);
     }
     sd_bus_message_exit_container(message);
-    sd_bus_message_read(message, "h", &output);
     if (caller.request != nullptr) {
         return refuse(message, kErrorNotAllowed, "another command is being started");
     }
-    if (!isPipeToWriteTo(output)) {
-        return refuse(message, kErrorNotAllowed, "the output is not a pipe");
-    }
     caller.line = std::move(line);
-    caller.output = output;
     caller.request.reset(sd_bus_message_ref(message));
     proceed(std::string(name));
     return 1;
@@ -69,30 +49,11 @@ void Service::proceed(const std::string& name) {
         }
     }
     const PrivilegedCommand command = *caller.command;
-    if (command == PrivilegedCommand::InstallPackage && !caller.commands.package.isOpen()) {
-        caller.package =
-            std::make_unique<Watch>(loop_.get(), openPackageAs(caller.user, caller.line[kPackageArgument]),
-                                    [this, name](int socket) { onPackage(name, socket); });
-    } else if (command == PrivilegedCommand::RemoveApplication && !caller.isSetAside) {
+    if (command == PrivilegedCommand::RemoveApplication && !caller.isSetAside) {
         beginTransaction(name, caller);
     } else {
         startTool(name, caller, command);
     }
-}
-
-void Service::onPackage(const std::string& name, int socket) {
-    Caller& caller = callers_.at(name);
-    FileDescriptor package = receiveDescriptor(socket);
-    caller.package.reset();
-    if (package.isOpen() && isPackageOf(package.get(), caller.user)) {
-        caller.commands.package = std::move(package);
-        proceed(name);
-        return;
-    }
-    // The same text for every cause, so that it reveals nothing about files that the caller cannot see.
-    caller.command.reset();
-    refuse(std::exchange(caller.request, nullptr).get(), kErrorNotAllowed,
-           "the package is not a regular file of the caller's own");
 }
 
 void Service::beginTransaction(const std::string& name, Caller& caller) {
@@ -135,7 +96,8 @@ void Service::onTransaction(const std::string& name, unsigned number, int state)
 void Service::startTool(const std::string& name, Caller& caller, PrivilegedCommand command) {
     const BusMessage request = std::move(caller.request);
     std::error_code failure;
-    caller.tool = caller.commands.start(command, caller.line, caller.output, failure);
+    FileDescriptor output;
+    caller.tool = caller.commands.start(command, caller.line, caller.user, output, failure);
     if (caller.tool < 0) {
         caller.tool = 0;
         caller.command.reset();
@@ -148,7 +110,7 @@ void Service::startTool(const std::string& name, Caller& caller, PrivilegedComma
     FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, caller.tool, 0)));
     tools_[caller.tool] = std::make_unique<Watch>(
         loop_.get(), std::move(process), [this, name, pid = caller.tool](int) { onToolExit(name, pid); });
-    sd_bus_reply_method_return(request.get(), nullptr);
+    sd_bus_reply_method_return(request.get(), "h", output.get());
 }
 
 void Service::onToolExit(const std::string& name, pid_t process) {

@@ -27,7 +27,7 @@ int call(sd_bus_message* message, void* service, sd_bus_error* /*error*/) {
 constexpr sd_bus_vtable kCalls[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD("Authorize", "", "", call<&Service::onAuthorize>, SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("Execute", "sash", "", call<&Service::onExecute>, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Execute", "sas", "h", call<&Service::onExecute>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD("Release", "", "", call<&Service::onRelease>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END,
 };

@@ -29,10 +29,8 @@ struct Caller {
     BusMessage request;
     std::vector<std::string> line;
     std::optional<PrivilegedCommand> command; // of `line`, once it is known and allowed
-    int output = -1;                          // belongs to the request
     unsigned transaction = 0;                 // its number, once it is begun
     bool isSetAside = false;                  // the application is set aside, or that has failed
-    std::unique_ptr<Watch> package;           // waits for the package's descriptor
     pid_t tool = 0;
 };
 
@@ -65,7 +63,6 @@ class Service {
 
     void beginTransaction(const std::string& name, Caller& caller);
     void proceed(const std::string& name);
-    void onPackage(const std::string& name, int socket);
     void onTransaction(const std::string& name, unsigned number, int state);
     void startTool(const std::string& name, Caller& caller, PrivilegedCommand command);
     void onToolExit(const std::string& name, pid_t process);

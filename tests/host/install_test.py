@@ -2,6 +2,7 @@
 
 import itertools
 import os
+import pwd
 import shutil
 import stat
 import subprocess
@@ -31,6 +32,13 @@ MOVES = 9  # that the update's swap takes
 MEASURE = """import os, resource, sys
 os.spawnv(os.P_WAIT, sys.argv[1], sys.argv[1:])
 print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss, file=sys.stderr)"""
+STOP_NEXT_PROCESSES = """import itertools, os, signal
+for number in itertools.cycle(range(os.getpid() + 1, os.getpid() + 200)):
+    try:
+        os.kill(number, signal.SIGSTOP)
+    except OSError:
+        pass
+"""
 SUPERVISOR = "$(cut -d ' ' -f 4 /proc/$PPID/stat)"
 
 
@@ -193,16 +201,50 @@ class Install(HostTest):
                 self.assertFalse(Path("/proc", (self.scratch / "orphan").read_text().strip()).exists())
                 self.assertFalse((self.target / STAGING).exists())
 
-    def test_package_by_descriptor(self):
-        """Nothing is read from the path; and from a descriptor, only a regular file is."""
-        good = self.scratch / "good"
-        good.write_bytes(package(file("a")))
-        rows = ((f"3<'{good}'", "3", ""), ("3</dev/zero", "3", "not a regular file"), ("", "3", "not the number"),
-                (f"3<'{good}'", "3x", "not the number"), ("", "0", "not the number"))  # fmt: skip
-        for redirection, number, cause in rows:
-            command = ("bash", "-c", f'INSTALLER_PACKAGE_FD={number} exec "$@" {redirection}', "bash")
-            with self.subTest(redirection, number=number):
-                self.assert_outcome(self.install(b"not a package", *command), cause)
+    def test_package_of_a_user(self):
+        """Opened with that user's rights alone, which are all of the user's; and only the user's own file."""
+        run("useradd", "--groups", "games", "owner")
+        user, odd = pwd.getpwnam("owner").pw_uid, self.scratch / "odd/Pellomar.pkg"
+        self.scratch.chmod(0o755)
+        self.path.write_bytes(package(file("a")))
+        own, elsewhere = f"cp '{self.path}' Pellomar.pkg; chown owner *", f"/proc/self/root{odd}"
+        rows = (
+            ("own", user, own, odd, ""), ("by a group", user, f"{own}; chown root:games .; chmod 750 .", odd, ""),
+            ("linked folder", user, f"{own}; ln -s . linked", odd.parent / "linked/Pellomar.pkg", ""),
+            ("folder of root's", user, f"{own}; chmod 700 .", odd, "Permission denied"),
+            ("file of root's", user, f"{own}; chown root *", odd, "not its user's own"),
+            ("link", user, f"{own}; mv * other; ln -s other Pellomar.pkg", odd, "symbolic link"),
+            ("link of /proc's", user, own, elsewhere, "symbolic link"), ("absent", user, "", odd, "No such file"),
+            ("folder", user, "mkdir Pellomar.pkg; chown owner *", odd, "not a regular file"),
+            ("pipe", user, "mkfifo Pellomar.pkg; chown owner *", odd, "not a regular file"),
+            ("no such user", 54321, own, odd, "cannot be opened"), ("no number", "1x", own, odd, "not the number"),
+        )  # fmt: skip
+        for name, number, make, path, cause in rows:
+            shutil.rmtree(odd.parent, ignore_errors=True)
+            odd.parent.mkdir()
+            subprocess.run(["bash", "-ec", make], cwd=odd.parent, check=True)
+            with self.subTest(name):
+                self.assert_outcome(self.install_of(number, path), cause)
+
+    def install_of(self, user, path):
+        command = [*self.command[:2], path, *self.command[3:]]
+        return run("env", f"INSTALLER_PACKAGE_USER={user}", *command)
+
+    def test_stopped_process_of_a_user(self):
+        """The user stops the process that opens the package, which holds up nothing but this install, for seconds."""
+        run("useradd", "stopper")
+        user, package_file = pwd.getpwnam("stopper").pw_uid, self.scratch / "link0/Pellomar.pkg"
+        self.scratch.chmod(0o755)
+        for i in range(39):  # it takes some milliseconds to follow them all
+            (self.scratch / f"link{i}").symlink_to("./" * 2000 + f"link{i + 1}")
+        (self.scratch / "link39").symlink_to(".")
+        stopper = subprocess.Popen([sys.executable, "-c", STOP_NEXT_PROCESSES], user=user)
+        self.addCleanup(lambda: (stopper.kill(), stopper.wait(), run("pkill", "-KILL", "-U", str(user))))
+        for _ in range(100):
+            outcome = self.install_of(user, package_file)
+            if "by its user" in outcome.stdout:
+                break
+        self.assert_refused(outcome, "by its user")
 
     def test_receipts(self):
         def versioned(version, identifier="com.example.thing", names=("Applications/A.app/run", "Library/a%\n")):

@@ -60,10 +60,14 @@ class Caller:
         self.name = self.bus.get_unique_name()
 
     def call(self, method, arguments=None, *descriptors):
-        """The last part of the error's name, or "" for success; the error's text is in self.reason."""
+        """The last part of the error's name, or "" for success; the error's text is in self.reason, and the descriptor of
+        a reply in self.reader."""
         files = Gio.UnixFDList.new_from_array([os.dup(descriptor) for descriptor in descriptors])
         try:
-            self.bus.call_with_unix_fd_list_sync(NAME, PATH, NAME, method, arguments, None, 0, -1, files, None)
+            _, received = self.bus.call_with_unix_fd_list_sync(
+                NAME, PATH, NAME, method, arguments, None, 0, -1, files, None)  # fmt: skip
+            if received:
+                self.reader = received.get(0)
             return ""
         except GLib.Error as error:
             self.reason = error.message
@@ -73,14 +77,8 @@ class Caller:
         assert self.call("Authorize") == "", self.reason
         return self
 
-    def execute(self, line, output):
-        return self.call("Execute", GLib.Variant("(sash)", (line[0], line[1:], 0)), output)
-
-    def start(self, line):
-        self.reader, writer = os.pipe()
-        error = self.execute(line, writer)
-        os.close(writer)
-        return error
+    def start(self, line, *descriptors):
+        return self.call("Execute", GLib.Variant("(sas)", (line[0], line[1:])), *descriptors)
 
     def output(self):
         with os.fdopen(self.reader) as reader:
@@ -122,7 +120,7 @@ def main():
     services = RightsServices(PROJECT, sys.argv[1], "/run/system.log")
     owner = as_user(USER)["user"], as_user(USER)["group"]
     subprocess.run(["install", "-d", "-o", USER, "-g", USER, PACKAGE.parents[1], PACKAGE.parent], check=True)
-    program = unittest.main(argv=[sys.argv[0], *sys.argv[2:]], exit=False, verbosity=2)
+    program = unittest.main(argv=[sys.argv[0], *sys.argv[2:]], exit=False, verbosity=2, failfast=True)
     text = services.log.read_text(errors="replace")
     sys.exit(text if "Sanitizer" in text or not program.result.wasSuccessful() else 0)
 
