@@ -2,7 +2,9 @@
 
 #include "base/ChildProcess.h"
 #include "base/Pipe.h"
+#include "base/ReadWrite.h"
 #include "base/RootEnvironment.h"
+#include "base/TransactionAnswer.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -75,6 +77,16 @@ Transaction Transaction::endLeftOver(std::error_code& failure) {
     Transaction ending = runTransactionProgram("end", failure);
     ending.hold.reset();
     return ending;
+}
+
+bool Transaction::isSetAside(int state) {
+    char answer = kNotSetAside;
+    return read(state, &answer, 1) == 1 && answer == kSetAside;
+}
+
+FileDescriptor GrantedCommands::outputOfNoRemoval() {
+    Pipe pipe;
+    return writeAll(pipe.writeEnd.get(), "rm: not run\n") ? std::move(pipe.readEnd) : FileDescriptor();
 }
 
 std::optional<PrivilegedCommand> GrantedCommands::take(const std::vector<std::string>& line,

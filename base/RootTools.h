@@ -21,8 +21,8 @@ bool isRootsAlone(const std::filesystem::path& file);
 /// One attempt to replace the installed application: it is set aside until the attempt is over, and put back
 /// unless another version has been installed. A separate process does this, however this process ends.
 struct Transaction {
-    /// A byte arrives once the application is set aside, or end of file where that failed; and end of file
-    /// once the transaction is over.
+    /// A byte arrives once it is known whether the application is set aside (see base/TransactionAnswer.h),
+    /// and end of file once the transaction is over.
     FileDescriptor state;
     /// The attempt is over when all copies of this are closed.
     FileDescriptor hold;
@@ -33,6 +33,9 @@ struct Transaction {
     /// interrupted, for example by a power failure. Returns at once with only `state` open, which reaches
     /// end of file when that process is done or could not be started.
     static Transaction endLeftOver(std::error_code& failure);
+
+    /// Reads that byte. False, too, where none came: nothing may be removed then.
+    static bool isSetAside(int state);
 };
 
 /// The commands of one grant.
@@ -47,6 +50,10 @@ class GrantedCommands {
     /// which only the tool writes; or -1 and why in `failure`.
     pid_t start(PrivilegedCommand command, const std::vector<std::string>& line, std::optional<uid_t> user,
                 FileDescriptor& output, std::error_code& failure);
+
+    /// What the caller of rm reads where nothing may be removed: one line, with none of the words by which
+    /// outcomes are judged. Not open, with `errno` set, where no pipe can be made.
+    static FileDescriptor outputOfNoRemoval();
 
     /// After an installer that failed: allows nothing more than the driver query, which changes nothing. The
     /// window judges the installer by its output, not by its status, so it may still send that query.

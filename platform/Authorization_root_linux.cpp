@@ -30,8 +30,11 @@ class RootAuthorization : public AuthorizationOpaque {
             std::error_code failure;
             Transaction transaction = Transaction::begin(failure);
             commands_.hold = std::move(transaction.hold);
-            if (char byte = 0; read(transaction.state.get(), &byte, 1) != 1) {
-                NSLog("the application is not set aside while it is replaced");
+            if (!Transaction::isSetAside(transaction.state.get())) {
+                NSLog("/bin/rm is not run, the application cannot be set aside: %s",
+                      failure ? systemErrorText(failure.value()) : "the cause stands above");
+                output = GrantedCommands::outputOfNoRemoval();
+                return output.isOpen() ? errAuthorizationSuccess : errAuthorizationToolExecuteFailure;
             }
         }
         std::error_code failure;

@@ -116,6 +116,12 @@ void putBack(int target, int staging) {
     removeTree(staging, kAside);
 }
 
+void moveApplication(int target, int staging, const std::string& name) {
+    if (isApplicationPresent(target)) {
+        moveTree(openFolder(target, kFolder).get(), kBundle, staging, name);
+    }
+}
+
 std::uint64_t bytesSetAside(int staging) {
     return bytesBelow(staging, kAside);
 }

@@ -127,14 +127,24 @@ void Staging::discardAside() const {
     removeDiscarded();
 }
 
+void Staging::discardApplication() const {
+    moveApplication(target(), folder(), unusedName());
+    removeDiscarded();
+}
+
+std::string Staging::unusedName() const {
+    for (int i = 0;; ++i) {
+        std::string name = kDiscarded + std::to_string(i);
+        if (!statusOf(folder(), name)) {
+            return name;
+        }
+    }
+}
+
 // Renaming first ensures that nothing partly removed is taken for the whole, and that what cannot be removed
 // is not in the way of the next install.
 void Staging::discard(const std::string& name) const {
-    std::string newName;
-    for (int i = 0; newName.empty() || statusOf(folder(), newName); ++i) {
-        newName = kDiscarded + std::to_string(i);
-    }
-    if (renameat(folder(), name.c_str(), folder(), newName.c_str()) != 0 && errno != ENOENT) {
+    if (renameat(folder(), name.c_str(), folder(), unusedName().c_str()) != 0 && errno != ENOENT) {
         throw systemFailure("cannot move " + inQuotes(name));
     }
 }

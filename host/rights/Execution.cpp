@@ -59,20 +59,11 @@ void Service::proceed(const std::string& name) {
 void Service::beginTransaction(const std::string& name, Caller& caller) {
     std::error_code failure;
     Transaction transaction = Transaction::begin(failure);
-    // Without the program, an installation is possible, but cannot be undone. Any other failure may be one
-    // that another user has caused, for example a lack of descriptors.
-    if (failure && failure != std::errc::no_such_file_or_directory) {
-        caller.command.reset();
-        refuse(std::exchange(caller.request, nullptr).get(), kErrorNotStarted,
-               "the application cannot be set aside: " + failure.message());
-        return;
-    }
-    caller.commands.hold = std::move(transaction.hold);
     if (failure) {
-        fprintf(stderr,
-                "pellomar-downloader-rights: the application is not set aside while it is replaced: %s\n",
+        fprintf(stderr, "pellomar-downloader-rights: the application cannot be set aside: %s\n",
                 failure.message().c_str());
     }
+    caller.commands.hold = std::move(transaction.hold);
     const unsigned number = ++lastTransaction_;
     caller.transaction = number;
     transactions_[number] =
@@ -81,16 +72,22 @@ void Service::beginTransaction(const std::string& name, Caller& caller) {
 }
 
 void Service::onTransaction(const std::string& name, unsigned number, int state) {
-    char byte = 0;
-    if (read(state, &byte, 1) != 1) {
+    const bool isSetAside = Transaction::isSetAside(state);
+    const auto place = callers_.find(name);
+    if (place == callers_.end() || place->second.transaction != number || place->second.isSetAside) {
         transactions_.erase(number);
         startIdleTime();
+        return;
     }
-    if (const auto place = callers_.find(name);
-        place != callers_.end() && place->second.transaction == number && !place->second.isSetAside) {
-        place->second.isSetAside = true;
+    Caller& caller = place->second;
+    caller.isSetAside = true;
+    if (isSetAside) {
         proceed(name);
+        return;
     }
+    caller.command.reset();
+    const FileDescriptor output = GrantedCommands::outputOfNoRemoval();
+    sd_bus_reply_method_return(std::exchange(caller.request, nullptr).get(), "h", output.get());
 }
 
 void Service::startTool(const std::string& name, Caller& caller, PrivilegedCommand command) {

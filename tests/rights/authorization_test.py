@@ -1,17 +1,21 @@
 #!/usr/bin/python3
 """The window's side of the rights: the authorization calls of an ordinary user, and of root."""
 
+import itertools
 import os
 import select
+import shutil
 import signal
 import subprocess
 import sys
 from pathlib import Path
 
 import harness
-from harness import (APPLICATION, BUS_SERVICE, GO, HOLD, INSTALLER, KEXTSTAT, MECHANISM, QUERY, REMOVE, RESTART,
+from harness import (APPLICATION, BUS_SERVICE, GO, HOLD, INSTALLER, KEXTSTAT, MECHANISM, PACKAGE, QUERY, REMOVE, RESTART,
                      STAGING, STARTED, TRANSACTION, USER, Agent, RightsTest, as_user, install, main, make_tool, version,
                      wait_for)  # fmt: skip
+
+from packages import file, package
 
 SUCCESS, DENIED, NOT_STARTED, NOT_CREATED = "0", "-60005", "-60031", "-60033"
 PROBE = Path("/usr/local/bin/rights_probe")
@@ -91,6 +95,32 @@ class AllowedWithoutPassword(RightsTest):
         answers = [probe.ask(*line) for line in (("/bin/rm", "-rf", "/Applications"), QUERY, QUERY)]
         INSTALLER.chmod(0o777)
         self.assertEqual([*answers, probe.ask(*install())], [DENIED, SUCCESS, DENIED, NOT_STARTED])
+
+    def test_where_it_cannot_be_set_aside(self):
+        """Nothing is removed. The installer that follows replaces the old application itself, or refuses."""
+        apps, away, new = APPLICATION.parent, Path("/opt/away"), package(file("Applications/Pellomar.app/version", "new"))
+        rows = (
+            ("linked", f"mv {apps} {away}; ln -s {away} {apps}", f"rm {apps}; mv {away} {apps}", "old"),
+            ("mounted", f"cp -a {apps} {away}; mount --bind {away} {apps}", f"umount {apps}; rm -r {away}", "old"),
+            ("file system of its own", f"cp -a {apps} {away}; mount -t tmpfs none {apps}; cp -a {away}/. {apps}",
+             f"umount {apps}; rm -r {away}", "old"),
+            ("others' staging folder", f"mkdir -m 755 {STAGING}", f"rmdir {STAGING}", "old"),
+            ("no program", f"mv {TRANSACTION} {away}", f"mv {away} {TRANSACTION}", "new"),
+            ("program of others", f"chmod 775 {TRANSACTION}", f"chmod 755 {TRANSACTION}", "new"),
+        )  # fmt: skip
+        for (name, make, undo, good), user, content in itertools.product(rows, (USER, "root"), (new, b"refused")):
+            with self.subTest(name, user=user, is_good=content is new):
+                self.set_up_files()
+                shutil.copy(Path(sys.argv[1]) / "host/installer/installer", INSTALLER)
+                PACKAGE.write_bytes(content)
+                subprocess.run(["bash", "-ec", make], check=True)
+                probe = Probe(self, "worker", user).authorized()
+                self.assertEqual((probe.ask(*REMOVE), version()), (f"{SUCCESS}rm: not run\t", "old"))
+                expected = good if content is new else "old"
+                printed = probe.ask(*install())
+                self.assertEqual(("Error" in printed, version()), (expected == "old", expected), printed)
+                probe.close()
+                subprocess.run(["bash", "-ec", undo], check=True)
 
     def test_each_ending_of_an_attempt_of_root(self):
         for text, end in ("exit 1", "keep"), ("true", "free"), (None, "free"), (None, "kill"):

@@ -9,7 +9,7 @@ from pathlib import Path
 if os.environ.get("PELLOMAR_VIEW") != "1":
     sys.exit("adds users and runs tools as root: runs only in the throw-away view")
 PROJECT = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(PROJECT / "tests/support"))
+sys.path[1:1] = [str(PROJECT / "tests/support"), str(PROJECT / "tests/host")]
 from gi.repository import Gio, GLib  # noqa: E402
 import rights  # noqa: E402
 from rights import BUS_SERVICE, MECHANISM, TRANSACTION, USER, Agent, RightsServices, as_user  # noqa: E402, F401
@@ -26,7 +26,7 @@ QUERY = (str(KEXTSTAT), "-b", "com.norvik.emu.kext.VBoxDrv")
 RESTART = (str(SCRIPT), "restart")
 NAME, PATH = rights.ACTION, "/com/norvik/PellomarDownloader"
 HOLD = "touch /run/started; while [ ! -e /run/go ]; do sleep 0.02; done; echo done"
-REPLACE = f"mkdir {APPLICATION} && echo new >{APPLICATION}/version"
+REPLACE = f"mkdir {APPLICATION} && echo new >{APPLICATION}/version && touch {STAGING}/done"  # the mark of a commit
 services = owner = None  # set by main()
 
 
@@ -95,6 +95,12 @@ class RightsTest(unittest.TestCase):
     rule = "YES"
 
     def setUp(self):
+        self.set_up_files()
+        services.start(self.rule)
+        self.addCleanup(services.stop)
+
+    @staticmethod
+    def set_up_files():
         for tool in (INSTALLER, KEXTSTAT, SCRIPT):
             make_tool(tool)
         PACKAGE.unlink(missing_ok=True)
@@ -102,8 +108,6 @@ class RightsTest(unittest.TestCase):
         os.chown(PACKAGE, *owner)
         APPLICATION.mkdir(parents=True, exist_ok=True)
         (APPLICATION / "version").write_text("old\n")
-        services.start(self.rule)
-        self.addCleanup(services.stop)
 
     @staticmethod
     def kill(program):

@@ -149,18 +149,6 @@ class Application(RightsTest):
             first.call("Release")
             self.assertEqual((asking.result(), version()), ("", "old"))
 
-    def test_without_the_program_that_sets_it_aside(self):
-        TRANSACTION.chmod(0o775)  # exists, and cannot be started
-        self.assertEqual((Caller().authorize().run(REMOVE), version()), ("NotStarted", "old"))
-        TRANSACTION.chmod(0o755)
-        hidden = TRANSACTION.rename("/usr/libexec/hidden")
-        self.addCleanup(hidden.rename, TRANSACTION)
-        caller = Caller().authorize()
-        self.assertEqual((caller.run(REMOVE), APPLICATION.exists()), ("", False))
-        self.assertTrue(any("not set aside" in line for line in harness.services.journal()))
-        make_tool(INSTALLER, REPLACE)
-        self.assertEqual((caller.run(install()), version()), ("", "new"))
-
 
 if __name__ == "__main__":
     main()

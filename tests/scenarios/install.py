@@ -72,10 +72,10 @@ INSTALL_SCENARIOS = {
         [*DOWNLOADED, *QUESTION, "> 取消", *NO, *REMOVED, "log uninstall Pellomar failed", *INSTALLATION,
          "log Install Pellomar failed:rm: Invalid path", *INSTALL_FAILED, *DOWNLOAD_AGAIN, *STOP_HIDDEN, *RIGHTS, *KEPT,
          *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED],
-        {"/bin/rm": [f"echo 'rm: Invalid path'; {REMOVES}", REMOVES]}, rights="root",
-        old=True, flag=True),  # only a new start takes the answer back
+        # The failure takes the first answer back.
+        {"/bin/rm": [f"echo 'rm: Invalid path'; {REMOVES}", REMOVES]}, rights="root", old=True),
     "removal cannot start": Scenario(
-        [*DOWNLOADED, *KEPT, REMOVAL[0], f"log /bin/rm {UNSTARTED}"], {"/bin/rm": MISSING}, old=True),
+        [*DOWNLOADED, *QUESTION, "> 取消", *NO, REMOVAL[0], f"log /bin/rm {UNSTARTED}"], {"/bin/rm": MISSING}, old=True),
     "file in the product's place is no old copy": Scenario(
         CLEAN, {INSTALLER: [f"{REAL}/rm {APPLICATION}\n{INSTALLS}"]}, prepare=lambda _: write(APPLICATION, "")),
     "installer says error, the second download breaks off, resumes at its own byte and installs": Scenario(
@@ -91,9 +91,9 @@ INSTALL_SCENARIOS = {
         [*DOWNLOADED, *INSTALLATION, "log Install Pellomar failed:INVALID", *INSTALL_FAILED],
         {INSTALLER: ["echo INVALID"]}, held=1),
     "installer cannot start": Scenario(
-        [*DOWNLOADED, *INSTALLATION[:3], f"log /usr/sbin/installer {UNSTARTED}",
+        [*DOWNLOADED, *QUESTION, "> 取消", *NO, *REMOVED, *INSTALLATION[:3], f"log /usr/sbin/installer {UNSTARTED}",
          "status 安装Pellomar失败了，请联系反馈群或者重新尝试进行安装", "event 822", "> picture installer-missing"],
-        {INSTALLER: MISSING}),
+        {INSTALLER: MISSING}, old=True),
     "closed during the installation": Scenario(
         [*DOWNLOADED, *INSTALLATION, *CLOSED], {INSTALLER: ["exec sleep 600"]}, rights="root"),
     "old system, settings, driver starts": Scenario(

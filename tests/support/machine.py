@@ -46,7 +46,9 @@ eval "${{bodies[number - 1]-${{bodies[-1]}}}}"
 """
 # What the tools do, as lines of bash.
 REMOVES = f'{REAL}/rm "$@"'
-INSTALLS = 'cp -r /opt/product /Applications/Pellomar.app; ls "${2%/*}"; echo installer: The install was successful.'
+COMMITS = "true 2>/dev/null >/.pellomar-installer/done"  # where an old copy is set aside
+INSTALLS = (f'cp -r /opt/product /Applications/Pellomar.app; {COMMITS}; '
+            'ls "${2%/*}"; echo installer: The install was successful.')  # fmt: skip
 LOADED = "echo 'Index Refs Name'; echo '120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)'"
 SCRIPTED = {"/bin/rm": [REMOVES], INSTALLER: [INSTALLS], KEXTSTAT: [LOADED], STARTUP: ["echo Started."]}
 
