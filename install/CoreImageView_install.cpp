@@ -1,4 +1,3 @@
-#include "base/PrivilegedCommands.h"
 #include "download/TemporaryFile.h"
 #include "install/PrivilegedCommand.h"
 #include "install/SystemVersionRule.h"
@@ -8,6 +7,7 @@
 #include "platform/Log.h"
 #include "platform/MainThread.h"
 #include "report/WebStatic.h"
+#include "rights/PrivilegedCommands.h"
 #include "ui/CoreImageView.h"
 #include "ui/StatusTexts.h"
 

@@ -182,6 +182,7 @@ class PackagingTest(unittest.TestCase):
         (service,) = Path("/usr/share/dbus-1/system-services").glob("com.norvik.*.service")
         program, unit = re.search(r"^Exec=(\S+).*^SystemdService=(\S+)", service.read_text(), re.M | re.S).groups()
         self.assertIn(f"\nBusName={service.stem}\nExecStart={program}\n", (UNITS / unit).read_text())
+        self.assertIn("\nKillMode=process\n", (UNITS / unit).read_text())
         (enabled,) = (Path(path).resolve() for path in listed if ".wants/" in path)
         self.assertGreaterEqual(set(listed), {program, str(UNITS / unit), str(enabled)})
         self.assertEqual(enabled.parent, UNITS)

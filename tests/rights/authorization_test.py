@@ -3,6 +3,7 @@
 
 import itertools
 import os
+import re
 import select
 import shutil
 import signal
@@ -16,6 +17,7 @@ from harness import (APPLICATION, BUS_SERVICE, GO, HOLD, INSTALLER, KEXTSTAT, ME
                      wait_for)  # fmt: skip
 
 from packages import file, package
+from waiting import PATIENCE
 
 SUCCESS, DENIED, NOT_STARTED, NOT_CREATED = "0", "-60005", "-60031", "-60033"
 PROBE = Path("/usr/local/bin/rights_probe")
@@ -24,10 +26,12 @@ PROBE = Path("/usr/local/bin/rights_probe")
 class Probe:
     """A process that makes the authorization calls it is asked to make, on the main THREAD or a worker."""
 
-    def __init__(self, test, thread="worker", user=USER):
+    def __init__(self, test, thread="worker", user=USER, **settings):
         subprocess.run(["install", Path(sys.argv[1]) / "tests/rights/rights_probe", PROBE], check=True)
         pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "text": True}
-        self.process = subprocess.Popen([PROBE, thread], **pipes, **as_user(user))
+        start = as_user(user)
+        start["env"] |= settings
+        self.process = subprocess.Popen([PROBE, thread], **pipes, **start)
         test.addCleanup(self.close)
 
     def begin(self, *words):
@@ -35,8 +39,9 @@ class Probe:
         self.process.stdin.flush()
 
     def answer(self):
-        if not select.select([self.process.stdout], [], [], 90)[0]:
+        if not select.select([self.process.stdout], [], [], PATIENCE)[0]:
             self.process.kill()
+            raise AssertionError(f"no answer within {PATIENCE} s")
         return self.process.stdout.readline().rstrip("\n")
 
     def ask(self, *words):
@@ -44,16 +49,14 @@ class Probe:
         return self.answer()
 
     def authorized(self):
-        assert self.ask("create") == self.ask("ask").split()[0] == SUCCESS
+        answers = self.ask("create"), self.ask("ask").removesuffix(" alive")
+        assert answers == (SUCCESS, SUCCESS), answers
         return self
-
-    def is_traceable(self):
-        return os.stat(f"/proc/{self.process.pid}/environ").st_uid != 0
 
     def close(self):
         self.process.stdin.close()  # which lets a sanitizer report
         self.process.stdout.close()
-        assert self.process.wait(90) in (0, -signal.SIGKILL), self.process.returncode
+        assert self.process.wait(PATIENCE) in (0, -signal.SIGKILL), self.process.returncode
 
 
 class AllowedWithoutPassword(RightsTest):
@@ -71,13 +74,10 @@ class AllowedWithoutPassword(RightsTest):
         harness.services.stop()
         self.assertEqual(Probe(self, "main").ask("create"), NOT_CREATED, "no bus")
 
-    def test_rights_and_what_they_change(self):
-        probe = Probe(self)
-        self.assertTrue(probe.is_traceable())
-        probe.authorized()
+    def test_a_tool_that_is_missing(self):
+        probe = Probe(self).authorized()
         KEXTSTAT.unlink()
-        self.assertEqual((probe.is_traceable(), probe.ask(*QUERY)), (False, NOT_STARTED))
-        self.assertEqual((probe.ask("free"), probe.is_traceable()), ("free", True))
+        self.assertEqual(probe.ask(*QUERY), NOT_STARTED)
 
     def test_the_service_killed_around_a_command(self):
         probe = Probe(self).authorized()
@@ -146,10 +146,22 @@ class Asked(RightsTest):
             for attempt, give_up in enumerate(("keep", "free"), 1):
                 alive = " alive" if thread == "main" else ""
                 self.assertEqual((probe.ask("create"), probe.ask("ask")), (SUCCESS, SUCCESS + alive))
-                self.assertEqual(probe.ask("ask").split()[0], SUCCESS, "what was obtained is not asked for again")
+                self.assertEqual(probe.ask("ask").removesuffix(" alive"), SUCCESS, "what was obtained is not asked for again")
                 for line in REMOVE, install(), QUERY, RESTART:
                     self.assertEqual(probe.ask(*line), SUCCESS)
                 self.assertEqual((agent.asked(), probe.ask(give_up)), (attempt, give_up))
+
+    def test_a_password_in_every_kind_of_session(self):
+        told = subprocess.run(["pkaction", "--verbose", "--action-id", harness.NAME], capture_output=True, text=True)
+        self.assertEqual(re.findall(r"implicit (\w+): +(\S+)", told.stdout),
+                         [(kind, "auth_admin") for kind in ("any", "inactive", "active")])  # fmt: skip
+
+    def test_a_password_that_takes_longer_than_a_usual_call(self):
+        self.start_service_by(f"/usr/bin/env SYSTEMD_BUS_TIMEOUT=1 {MECHANISM}")
+        probe = Probe(self, SYSTEMD_BUS_TIMEOUT="4")
+        agent = Agent(probe.process.pid, "slow")
+        self.addCleanup(agent.close)
+        probe.authorized()
 
     def test_more_dialogs_than_one_user_may_leave_open(self):
         probes, agents = [Probe(self) for _ in range(5)], []
@@ -159,10 +171,10 @@ class Asked(RightsTest):
             probe.begin("ask")
             if probe is not probes[-1]:
                 wait_for("the dialog", lambda: agents[-1].asked())
-        self.assertEqual(probes[-1].answer().split()[0], DENIED)
+        self.assertEqual(probes[-1].answer(), DENIED)
         for probe, agent in zip(probes[:-1], agents[:-1], strict=True):
             agent.close()
-            self.assertEqual(probe.answer().split()[0], DENIED)
+            self.assertEqual(probe.answer(), DENIED)
         agents[-1].close()
 
     def test_the_service_killed_during_the_password_dialog(self):
@@ -174,7 +186,7 @@ class Asked(RightsTest):
             probe.begin("ask")
             wait_for("the dialog", lambda: agent.asked() == 1)
             self.kill(MECHANISM)
-            self.assertEqual(probe.answer().split()[0], DENIED)
+            self.assertEqual(probe.answer().removesuffix(" alive"), DENIED)
             wait_for("the dialog's end", lambda: "cancelled" in agent.lines())
 
 

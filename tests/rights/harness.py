@@ -109,6 +109,11 @@ class RightsTest(unittest.TestCase):
         APPLICATION.mkdir(parents=True, exist_ok=True)
         (APPLICATION / "version").write_text("old\n")
 
+    def start_service_by(self, command):
+        """With this command, from now on."""
+        self.addCleanup(BUS_SERVICE.write_text, BUS_SERVICE.read_text())
+        BUS_SERVICE.write_text(f"[D-BUS Service]\nName={NAME}\nExec={command}\nUser=root\n")
+
     @staticmethod
     def kill(program):
         wait_for(f"a process of {program}", lambda: services.kill(program))

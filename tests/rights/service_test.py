@@ -7,7 +7,7 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import harness
-from harness import (APPLICATION, BUS_SERVICE, GO, HOLD, INSTALLER, KEXTSTAT, MECHANISM, PACKAGE, QUERY, REMOVE,
+from harness import (APPLICATION, GO, HOLD, INSTALLER, KEXTSTAT, MECHANISM, PACKAGE, QUERY, REMOVE,
                      REPLACE, RESTART, SCRIPT, STAGING, STARTED, TRANSACTION, Caller, GLib, RightsTest, install,
                      main, make_tool, version, wait_for)  # fmt: skip
 
@@ -30,9 +30,11 @@ class Refusals(RightsTest):
         ):  # fmt: skip
             with self.subTest(line):
                 self.assertEqual(caller.run(line), "NotAllowed")
-        lines, refused = (REMOVE, install(), QUERY, RESTART), len(harness.services.journal())
+        lines, journal = (REMOVE, install(), QUERY, RESTART), harness.services.journal()
+        self.assertIn(f"refused {caller.name}: not a command of an installation", journal[-1])
+        self.assertEqual(Caller().run(QUERY), "NotAuthorized")  # not logged: anybody could fill the journal
         self.assertEqual([caller.run(line) for line in lines], [""] * 4)
-        for logged, line in zip(harness.services.journal()[refused:], lines, strict=True):
+        for logged, line in zip(harness.services.journal()[len(journal) :], lines, strict=True):
             self.assertRegex(logged, f": started {line[0]} as process [0-9]+ for {caller.name} of user {harness.owner[0]}$")
 
     def test_descriptors_of_a_caller(self):
@@ -54,6 +56,7 @@ class Refusals(RightsTest):
         support.symlink_to(moved)
         self.addCleanup(lambda: (support.unlink(), moved.rename(support)))
         for path, number, mode, answer in ((SCRIPT.parent, 0, 0o757, "NotStarted"), (library, 0, 0o775, "NotStarted"),
+                                           (moved.parent, 0, 0o775, "NotStarted"),
                                            (library, harness.owner[0], 0o755, "NotStarted"), (library, 0, 0o755, "")):
             os.chown(path, number, 0)
             path.chmod(mode)
@@ -83,17 +86,34 @@ class Grants(RightsTest):
         self.assertEqual((attacker.run(QUERY), victim.run(QUERY)), ("NotAuthorized", ""), "in the order sent")
 
     def test_the_idle_service_exits(self):
-        wait_for("nothing left over", lambda: not harness.rights.processes(TRANSACTION))
         service = subprocess.Popen([MECHANISM, "0"], stderr=subprocess.DEVNULL)
-        for ending in "Release", "close":
-            self.assertEqual((version(), STAGING.exists()), ("old", False))
-            wait_for("the service's end", lambda: service.poll() is not None)
-            BUS_SERVICE.write_text(f"[D-BUS Service]\nName={harness.NAME}\nExec={MECHANISM} 0\nUser=root\n")
-            caller = Caller().authorize()
-            first = harness.services.mechanism()
-            self.assertEqual((caller.run(QUERY), harness.services.mechanism()), ("", first), "it stays for a grant")
-            caller.call("Release") if ending == "Release" else caller.bus.close_sync()
-            wait_for("the service's end", lambda: harness.services.mechanism() != first)
+        wait_for("the end of a service that nobody calls", lambda: service.poll() is not None)
+        self.start_service_by(f"{MECHANISM} 0")
+        make_tool(INSTALLER, HOLD)
+        for name, end in (
+            ("released", lambda caller: caller.call("Release")), ("closed", lambda caller: caller.bus.close_sync()),
+            ("released before its tool ends",
+             lambda caller: (caller.start(install()), caller.call("Release"), caller.call("Release"), GO.touch())),
+        ):  # fmt: skip
+            with self.subTest(name):
+                caller = Caller().authorize()
+                first = harness.services.mechanism()
+                self.assertEqual((caller.start(["/bin/rm"]), harness.services.mechanism()), ("NotAllowed", first))
+                end(caller)
+                wait_for("the service's end", lambda: harness.services.mechanism() != first)
+
+    def test_a_tool_whose_end_cannot_be_seen(self):
+        """The service waits for no tool, and serves others."""
+        if subprocess.run(["strace", "true"], capture_output=True, check=False).returncode != 0:
+            self.skipTest("no permission to trace here")
+        trace = "/usr/bin/strace -f -o/dev/null -EASAN_OPTIONS=detect_leaks=0 -einject=pidfd_open:error=EMFILE"
+        self.start_service_by(f"{trace} {MECHANISM}")
+        make_tool(INSTALLER, HOLD)
+        caller = Caller().authorize()
+        self.assertEqual(caller.start(install()), "")
+        self.assertEqual((caller.call("Release"), Caller().authorize().call("Release")), ("", ""))
+        GO.touch()
+        self.assertEqual(caller.output(), "done\n")
 
     def test_tools_run_in_a_clean_environment(self):
         make_tool(INSTALLER, REPORT)
@@ -111,13 +131,18 @@ class Application(RightsTest):
         (APPLICATION / "version").write_text("old\n")
 
     def test_each_ending_of_an_attempt(self):
-        for end in ("exit 1", "kill -9 $$", "true", REPLACE, lambda caller: caller.call("Release"),
-                    lambda caller: caller.bus.close_sync(), lambda _: self.kill(MECHANISM),
-                    lambda caller: [(caller.call("Release"), caller.authorize().run(REMOVE)) for _ in range(6)]
-                    and caller.call("Release"),
-                    lambda caller: (self.kill(TRANSACTION), caller.call("Release")),
-                    lambda _: (self.kill(TRANSACTION), self.kill(MECHANISM))):  # fmt: skip
-            with self.subTest(end):
+        for name, end, expected in (
+            ("installer fails", "exit 1", "old"), ("installer killed", "kill -9 $$", "old"),
+            ("installer does nothing", "true", "old"), ("installed", REPLACE, "new"),
+            ("released", lambda caller: caller.call("Release"), "old"),
+            ("connection closed", lambda caller: caller.bus.close_sync(), "old"),
+            ("service killed", lambda _: self.kill(MECHANISM), "old"),
+            ("begun six times more", lambda caller: [(caller.call("Release"), caller.authorize().run(REMOVE))
+                                                     for _ in range(6)] and caller.call("Release"), "old"),
+            ("transaction killed", lambda caller: (self.kill(TRANSACTION), caller.call("Release")), "old"),
+            ("both killed", lambda _: (self.kill(TRANSACTION), self.kill(MECHANISM)), "old"),
+        ):  # fmt: skip
+            with self.subTest(name):
                 caller = Caller().authorize()
                 self.assertEqual((caller.run(REMOVE), version()), ("", None))
                 if isinstance(end, str):
@@ -125,7 +150,7 @@ class Application(RightsTest):
                     self.assertEqual(caller.run(install()), "")
                 else:
                     end(caller)
-                self.ends_with("new" if end == REPLACE else "old")
+                self.ends_with(expected)
 
     def test_an_installer_that_outlives_its_caller_or_the_service(self):
         for outcome, kill in ("new", False), ("new", True), ("old", False), ("old", True):
@@ -144,7 +169,7 @@ class Application(RightsTest):
         self.assertEqual(first.run(REMOVE), "")
         with ThreadPoolExecutor() as aside:
             asking = aside.submit(second.call, "Authorize")
-            wait_for("polkit's answer", lambda: second.run(QUERY) == "")
+            wait_for("its turn's process", lambda: len(harness.rights.processes(TRANSACTION)) == 2)
             self.assertFalse(asking.done(), "another attempt is not over")
             first.call("Release")
             self.assertEqual((asking.result(), version()), ("", "old"))

@@ -57,10 +57,11 @@ CLOSED = ["> quit", "log window close", "events submitted"]
 INSTALL_SCENARIOS = {
     "clean": Scenario(CLEAN, logged="Index Refs Name\n120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)\n\n"),
     "old copy kept": Scenario(
-        [*DOWNLOADED, *KEPT, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED], rights="root", old=True,
-        stale=(FLAG, "Downloads/NVInst/Pellomar.pkg", "Downloads/NVInst/Pellomar.tmp"),
-        # It ends when it finds its own output in the log.
-        tools={KEXTSTAT: [f'{LOADED}; exec >&-; until grep -q "^120 3" "$log"; do sleep 0.1; done']}),
+        [*DOWNLOADED, *KEPT, *REMOVED, *INSTALLED, *QUERY, "kextstat ends", "event 826", *LAUNCHED], rights="root",
+        old=True, stale=(FLAG, "Downloads/NVInst/Pellomar.pkg", "Downloads/NVInst/Pellomar.tmp"),
+        # It ends a second after it finds its own output in the log, which is waited for.
+        tools={KEXTSTAT: [f'{LOADED}; exec >&-; until grep -q "^120 3" "$log"; do sleep 0.1; done; sleep 1; '
+                          'echo "@kextstat ends" >>"$log"']}),
     "return keeps, and the driver is named across two reads": Scenario(
         [*DOWNLOADED, *QUESTION, "> Return", *YES, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED],
         {KEXTSTAT: ["printf '%1015s%s' '' com.norvik.emu.kext.VBoxDrv"]}, old=True),
@@ -115,10 +116,10 @@ INSTALL_SCENARIOS = {
          "event 825", *LAUNCHED],
         {KEXTSTAT: ["true"], STARTUP: [*DRIVER_FAILS, "echo Error"]}, system="10.14.4"),
     "old system, rights given up": Scenario(
-        [*DOWNLOADED, *INSTALLED, *QUERY, *OLD_SYSTEM, "event 823", *GUIDE, "> Escape", "dialog closed"],
+        [*DOWNLOADED, *INSTALLED, *QUERY, *OLD_SYSTEM, "event 823", *GUIDE, "> no rights", "> Escape", "dialog closed"],
         {KEXTSTAT: ["true"]}, system="10.15.4"),
     "new system, driver in another letter case": Scenario(
-        [*DOWNLOADED, *INSTALLED, *QUERY, "event 824", *NEW_SYSTEM, "> picture signature-guidance", "> 立即前往",
+        [*DOWNLOADED, *INSTALLED, *QUERY, "event 824", *NEW_SYSTEM, "> no rights", "> picture signature-guidance", "> 立即前往",
          "opens the help page", "dialog closed", "> picture see-forum"],
         {KEXTSTAT: ["echo com.norvik.emu.kext.vboxdrv"]}, system="10.14.5"),
     "query cannot start, driver start fails on a new system": Scenario(

@@ -80,6 +80,8 @@ def act(machine, window, server, action):
             machine.start_agent(window, answer)
         case ["asked"]:
             window.wait_for("the password dialog", lambda: machine.agent.asked() == 1)
+        case ["no", "rights"]:  # are held while a dialog is open
+            window.wait_for("the end of the rights", lambda: machine.held_rights(window) == 0)
         case ["no", "rule"]:  # of polkit's from now on
             machine.rights.stop()
             machine.rights.start()

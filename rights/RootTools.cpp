@@ -1,4 +1,4 @@
-#include "base/RootTools.h"
+#include "rights/RootTools.h"
 
 #include "base/ChildProcess.h"
 #include "base/Pipe.h"
@@ -35,18 +35,23 @@ std::error_code whyNotRun(const std::string& path) {
     return isRootsAlone(path) ? std::error_code() : std::make_error_code(std::errc::operation_not_permitted);
 }
 
-Transaction runTransactionProgram(const char* verb, std::error_code& failure) {
-    Pipe hold;
-    Pipe state;
+// Returns what the program writes to. It runs until its work is done and all copies of `hold` are closed.
+FileDescriptor runTransactionProgram(const char* verb, FileDescriptor& hold, std::error_code& failure) {
+    Pipe input;
+    Pipe output;
     ChildProcess program = rootProgram("/usr/libexec/pellomar-installer-transaction", {verb});
     program.ownSession = true;
-    program.standardInput = hold.readEnd.get();
-    program.standardOutput = state.writeEnd.get();
+    program.standardInput = input.readEnd.get();
+    program.standardOutput = output.writeEnd.get();
     failure = whyNotRun(program.path);
     if (!failure) {
         failure = program.startDetached();
     }
-    return {std::move(state.readEnd), std::move(hold.writeEnd)};
+    if (failure) {
+        return {};
+    }
+    hold = std::move(input.writeEnd);
+    return std::move(output.readEnd);
 }
 
 } // namespace
@@ -69,19 +74,19 @@ bool isRootsAlone(const std::filesystem::path& file) {
     return (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 && isRootsAlone(folder);
 }
 
-Transaction Transaction::begin(std::error_code& failure) {
-    return runTransactionProgram("hold", failure);
+FileDescriptor endEarlierAttempts() {
+    std::error_code ignored;
+    FileDescriptor unused;
+    return runTransactionProgram("end", unused, ignored);
 }
 
-Transaction Transaction::endLeftOver(std::error_code& failure) {
-    Transaction ending = runTransactionProgram("end", failure);
-    ending.hold.reset();
-    return ending;
+FileDescriptor GrantedCommands::setAside(std::error_code& failure) {
+    return runTransactionProgram("hold", hold_, failure);
 }
 
-bool Transaction::isSetAside(int state) {
-    char answer = kNotSetAside;
-    return read(state, &answer, 1) == 1 && answer == kSetAside;
+bool GrantedCommands::isSetAside(int answer) {
+    char byte = kNotSetAside;
+    return read(answer, &byte, 1) == 1 && byte == kSetAside;
 }
 
 FileDescriptor GrantedCommands::outputOfNoRemoval() {
@@ -126,14 +131,14 @@ pid_t GrantedCommands::start(PrivilegedCommand command, const std::vector<std::s
     ChildProcess tool = rootProgram(line.front(), {line.begin() + 1, line.end()}, settings);
     tool.standardInput = ChildProcess::kNull;
     tool.standardOutput = pipe.writeEnd.get();
-    if ((isInstaller || command == PrivilegedCommand::RemoveApplication) && hold.isOpen()) {
-        tool.passedOn.push_back(hold.get());
+    if ((isInstaller || command == PrivilegedCommand::RemoveApplication) && hold_.isOpen()) {
+        tool.passedOn.push_back(hold_.get());
     }
     const pid_t process = tool.start(failure);
     if (process > 0) {
         output = std::move(pipe.readEnd);
         if (isInstaller) {
-            hold.reset();
+            hold_.reset();
         }
     }
     return process;

@@ -1,4 +1,4 @@
-#include "base/PrivilegedCommands.h"
+#include "rights/PrivilegedCommands.h"
 
 #include <algorithm>
 #include <filesystem>

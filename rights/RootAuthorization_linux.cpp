@@ -1,8 +1,8 @@
-#include "platform/Authorization_root_linux.h"
+#include "rights/RootAuthorization_linux.h"
 
 #include "base/ReadWrite.h"
-#include "base/RootTools.h"
 #include "platform/Log.h"
+#include "rights/RootTools.h"
 
 #include <unistd.h>
 
@@ -11,8 +11,7 @@ namespace {
 class RootAuthorization : public AuthorizationOpaque {
   public:
     OSStatus copyRights(const std::string& /*right*/, unsigned /*flags*/) override {
-        std::error_code ignored;
-        readAll(Transaction::endLeftOver(ignored).state.get());
+        readAll(endEarlierAttempts().get());
         return errAuthorizationSuccess;
     }
 
@@ -26,18 +25,15 @@ class RootAuthorization : public AuthorizationOpaque {
             NSLog("not run as root: %s", refusal.c_str());
             return errAuthorizationDenied;
         }
+        std::error_code failure;
         if (*command == PrivilegedCommand::RemoveApplication) {
-            std::error_code failure;
-            Transaction transaction = Transaction::begin(failure);
-            commands_.hold = std::move(transaction.hold);
-            if (!Transaction::isSetAside(transaction.state.get())) {
+            if (!GrantedCommands::isSetAside(commands_.setAside(failure).get())) {
                 NSLog("/bin/rm is not run, the application cannot be set aside: %s",
                       failure ? systemErrorText(failure.value()) : "the cause stands above");
                 output = GrantedCommands::outputOfNoRemoval();
                 return output.isOpen() ? errAuthorizationSuccess : errAuthorizationToolExecuteFailure;
             }
         }
-        std::error_code failure;
         const bool isStarted = commands_.start(*command, line, std::nullopt, output, failure) > 0;
         return isStarted ? errAuthorizationSuccess : errAuthorizationToolExecuteFailure;
     }

@@ -1,6 +1,6 @@
-#include "platform/Authorization.h"
-#include "platform/Authorization_polkit_linux.h"
-#include "platform/Authorization_root_linux.h"
+#include "rights/Authorization.h"
+#include "rights/PolkitAuthorization_linux.h"
+#include "rights/RootAuthorization_linux.h"
 
 #include <unistd.h>
 

@@ -1,16 +1,15 @@
-#include "platform/Authorization_polkit_linux.h"
+#include "rights/PolkitAuthorization_linux.h"
 
-#include "base/BusObjects.h"
 #include "base/FileDescriptor.h"
-#include "base/RightsProtocol.h"
 #include "platform/MainThread.h"
+#include "rights/BusObjects.h"
+#include "rights/Protocol.h"
 
 #include <QEventLoop>
 #include <QSocketNotifier>
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -18,7 +17,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -26,31 +24,6 @@
 namespace {
 
 constexpr std::uint64_t kNoTimeOut = UINT64_MAX; // the user may be typing a password
-
-/// Keeps the process from being traced by its user's other programs, for the time that any of these exists.
-class Undumpable {
-  public:
-    Undumpable() {
-        const std::lock_guard guard(mutex);
-        if (count++ == 0) {
-            before = prctl(PR_GET_DUMPABLE);
-            prctl(PR_SET_DUMPABLE, 0);
-        }
-    }
-    Undumpable(const Undumpable&) = delete;
-    Undumpable& operator=(const Undumpable&) = delete;
-    ~Undumpable() {
-        const std::lock_guard guard(mutex);
-        if (--count == 0) {
-            prctl(PR_SET_DUMPABLE, before);
-        }
-    }
-
-  private:
-    static inline std::mutex mutex;
-    static inline int count = 0;
-    static inline int before = 1;
-};
 
 class PolkitAuthorization : public AuthorizationOpaque {
   public:
@@ -176,7 +149,6 @@ class PolkitAuthorization : public AuthorizationOpaque {
         aside.join();
     }
 
-    const Undumpable undumpable_; // declared first: constructed before the connection, destroyed after it
     BusConnection bus_;
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/Authorization.h"
+#include "rights/Authorization.h"
 
 #include <memory>
 
@@ -10,7 +10,4 @@
 ///
 /// On the main thread the calls run the event loop while they wait: the window stays responsive and can be
 /// closed.
-///
-/// While there is an authorization, the process is not dumpable: no program of the same user can trace it or
-/// take its connection.
 std::unique_ptr<AuthorizationOpaque> makePolkitAuthorization();
