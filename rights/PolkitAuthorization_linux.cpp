@@ -43,7 +43,7 @@ class PolkitAuthorization : public AuthorizationOpaque {
         sd_bus* bus = nullptr;
         const bool isConnected = sd_bus_open_system(&bus) >= 0;
         bus_.reset(bus);
-        return isConnected && reaches(rights::kBusName) && reaches("org.freedesktop.PolicyKit1");
+        return isConnected && reaches(rights::kBusName) && reaches(rights::kPolkit);
     }
 
     OSStatus copyRights(const std::string& right, unsigned flags) override {
@@ -85,8 +85,8 @@ class PolkitAuthorization : public AuthorizationOpaque {
             int result = -1;
             waitAside([&] {
                 result =
-                    sd_bus_call_method(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                       "org.freedesktop.DBus", member, nullptr, nullptr, types, arguments...);
+                    sd_bus_call_method(bus_.get(), rights::kBusDaemon, rights::kBusPath, rights::kBusDaemon,
+                                       member, nullptr, nullptr, types, arguments...);
             });
             return result >= 0;
         };

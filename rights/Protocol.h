@@ -27,4 +27,11 @@ inline constexpr char kErrorNotAllowed[] =
     "com.norvik.PellomarDownloader.Error.NotAllowed"; ///< these arguments
 inline constexpr char kErrorNotStarted[] = "com.norvik.PellomarDownloader.Error.NotStarted";
 
+/// The bus itself, and polkit.
+inline constexpr char kBusDaemon[] = "org.freedesktop.DBus";
+inline constexpr char kBusPath[] = "/org/freedesktop/DBus";
+inline constexpr char kPolkit[] = "org.freedesktop.PolicyKit1";
+inline constexpr char kAuthority[] = "org.freedesktop.PolicyKit1.Authority";
+inline constexpr char kAuthorityPath[] = "/org/freedesktop/PolicyKit1/Authority";
+
 } // namespace rights

@@ -4,6 +4,7 @@
 #include "rights/service/Service.h"
 
 #include <sys/epoll.h>
+#include <sys/wait.h>
 
 #include <string_view>
 #include <utility>
@@ -12,9 +13,6 @@ namespace rights {
 
 namespace {
 
-constexpr char kPolkit[] = "org.freedesktop.PolicyKit1";
-constexpr char kAuthority[] = "org.freedesktop.PolicyKit1.Authority";
-constexpr char kAuthorityPath[] = "/org/freedesktop/PolicyKit1/Authority";
 constexpr int kQuestionsOfOneUser = 4; // the bus allows 128 of all users together
 
 std::vector<std::string> readLine(sd_bus_message* message) {
@@ -32,17 +30,11 @@ std::vector<std::string> readLine(sd_bus_message* message) {
 
 // The last thing that a method does: where the question cannot be asked, the call has ended.
 template <typename... Arguments>
-void Call::ask(int (Call::*onAnswer)(sd_bus_message*), State state, const char* destination, const char* path,
+void Call::ask(sd_bus_message_handler_t onAnswer, const char* destination, const char* path,
                const char* interface, const char* member, const char* types, Arguments... arguments) {
-    state_ = state;
-    onAnswer_ = onAnswer;
-    const auto deliver = [](sd_bus_message* answer, void* data, sd_bus_error*) {
-        auto& call = *static_cast<Call*>(data);
-        return (call.*call.onAnswer_)(answer);
-    };
     sd_bus_slot* question = nullptr;
     const int result = sd_bus_call_method_async(service_.bus(), &question, destination, path, interface,
-                                                member, deliver, this, types, arguments...);
+                                                member, onAnswer, this, types, arguments...);
     question_.reset(question);
     if (result < 0) {
         service_.end(name_, kErrorRefused, std::string(destination) + " cannot be asked");
@@ -54,11 +46,12 @@ int Call::authorize(sd_bus_message* message) {
         return sd_bus_reply_method_return(message, nullptr);
     }
     if (state_ != State::New) {
-        return Service::refuse(message, kErrorRefused, "an earlier call is not answered yet");
+        return sd_bus_reply_method_errorf(message, kErrorRefused, "an earlier call is not answered yet");
     }
     message_.reset(sd_bus_message_ref(message));
+    state_ = State::Identifying;
     // Not sd_bus_query_sender_creds: while that waits, all messages that arrive are kept in memory.
-    ask(&Call::onUser, State::Identifying, kBusDaemon, kBusPath, kBusDaemon, "GetConnectionUnixUser", "s",
+    ask(handle<Call, &Call::onUser>, kBusDaemon, kBusPath, kBusDaemon, "GetConnectionUnixUser", "s",
         name_.c_str());
     return 1;
 }
@@ -69,7 +62,8 @@ int Call::onUser(sd_bus_message* answer) {
     } else if (service_.questionsOf(user_) >= kQuestionsOfOneUser) {
         service_.end(name_, kErrorRefused, "this user has too many open questions");
     } else {
-        ask(&Call::onPolkitAnswer, State::Asking, kPolkit, kAuthorityPath, kAuthority, "CheckAuthorization",
+        state_ = State::Asking;
+        ask(handle<Call, &Call::onPolkitAnswer>, kPolkit, kAuthorityPath, kAuthority, "CheckAuthorization",
             "(sa{sv})sa{ss}us", "system-bus-name", 1, "name", "s", name_.c_str(), kBusName, 0,
             sd_bus_message_get_allow_interactive_authorization(message_.get()), name_.c_str());
     }
@@ -89,44 +83,48 @@ int Call::onPolkitAnswer(sd_bus_message* answer) {
     }
     if (isAuthorized != 0) {
         // Whether the application is installed is known only once no attempt is replacing it.
-        await(endEarlierAttempts(), State::AwaitingEarlier, &Call::onEarlierEnded);
+        await(State::AwaitingEarlier, endEarlierAttempts());
     } else {
         service_.end(name_, isDismissed ? kErrorCanceled : kErrorRefused, "polkit does not allow it");
     }
     return 0;
 }
 
-// Goes on at once where there is nothing to wait for. Otherwise `then` finds something to read in awaited_.
-void Call::await(FileDescriptor descriptor, State state, void (Call::*then)()) {
+// Goes on at once where there is nothing to wait for. Otherwise awaited_ can be read without waiting then.
+void Call::await(State state, FileDescriptor descriptor) {
     state_ = state;
     awaited_ = std::move(descriptor);
-    then_ = then;
-    const auto onReadable = [](sd_event_source*, int, std::uint32_t, void* data) {
-        auto& call = *static_cast<Call*>(data);
-        call.readable_.reset();
-        (call.*call.then_)();
+    const auto onEvent = [](sd_event_source*, int, std::uint32_t, void* call) {
+        static_cast<Call*>(call)->onReadable();
         return 0;
     };
     sd_event_source* source = nullptr;
-    if (sd_event_add_io(service_.loop(), &source, awaited_.get(), EPOLLIN, onReadable, this) < 0) {
+    if (sd_event_add_io(service_.loop(), &source, awaited_.get(), EPOLLIN, onEvent, this) < 0) {
         awaited_.reset();
-        (this->*then)();
+        onReadable();
+    } else {
+        event_.reset(source);
     }
-    readable_.reset(source);
 }
 
-void Call::onEarlierEnded() {
-    state_ = State::Ready;
-    sd_bus_reply_method_return(message_.get(), nullptr);
-    message_.reset();
+void Call::onReadable() {
+    event_.reset();
+    if (state_ == State::AwaitingEarlier) {
+        reply(State::Ready);
+    } else if (GrantedCommands::isSetAside(awaited_.get())) {
+        startTool();
+    } else {
+        log("/bin/rm is not run, since the application is not set aside");
+        reply(State::Ready, GrantedCommands::outputOfNoRemoval());
+    }
 }
 
 int Call::execute(sd_bus_message* message) {
     if (state_ < State::Ready) {
-        return Service::refuse(message, kErrorNotAuthorized, "not authorized");
+        return sd_bus_reply_method_errorf(message, kErrorNotAuthorized, "not authorized");
     }
     if (message_ != nullptr) {
-        return Service::refuse(message, kErrorNotAllowed, "another command is being started");
+        return sd_bus_reply_method_errorf(message, kErrorNotAllowed, "another command is being started");
     }
     message_.reset(sd_bus_message_ref(message));
     proceed();
@@ -154,47 +152,48 @@ void Call::proceed() {
     if (failure) {
         log("the application cannot be set aside: " + failure.message());
     }
-    await(std::move(answer), State::SettingAside, &Call::onSetAside);
-}
-
-void Call::onSetAside() {
-    if (GrantedCommands::isSetAside(awaited_.get())) {
-        startTool();
-        return;
-    }
-    const FileDescriptor output = GrantedCommands::outputOfNoRemoval();
-    log("/bin/rm is not run, since the application is not set aside");
-    state_ = State::Ready;
-    sd_bus_reply_method_return(message_.get(), "h", output.get());
-    message_.reset();
+    await(State::SettingAside, std::move(answer));
 }
 
 void Call::startTool() {
     FileDescriptor output;
     std::error_code failure;
-    tool_ = commands_.start(command_, line_, user_, output, failure);
-    if (tool_ < 0) {
+    const pid_t tool = commands_.start(command_, line_, user_, output, failure);
+    if (tool < 0) {
         state_ = State::Ready;
         refuse(kErrorNotStarted, line_.front() + ": " + failure.message());
         return;
     }
     // The arguments are not logged: the package's path comes from the caller and may hold any characters.
-    log("started " + line_.front() + " as process " + std::to_string(tool_) + " for " + name_ + " of user " +
+    log("started " + line_.front() + " as process " + std::to_string(tool) + " for " + name_ + " of user " +
         std::to_string(user_));
-    state_ = State::Running;
-    sd_bus_reply_method_return(message_.get(), "h", output.get());
-    message_.reset();
-    if (!service_.watch(tool_)) {
+    reply(State::Running, output);
+    const auto onExit = [](sd_event_source*, const siginfo_t* end, void* call) {
+        static_cast<Call*>(call)->onToolExit(*end);
+        return 0;
+    };
+    sd_event_source* source = nullptr;
+    if (sd_event_add_child(service_.loop(), &source, tool, WEXITED, onExit, this) < 0) {
         service_.end(name_, kErrorRefused, "the end of the tool cannot be seen");
+    } else {
+        event_.reset(source);
     }
 }
 
 void Call::onToolExit(const siginfo_t& end) {
-    state_ = State::Ready;
-    if (command_ == PrivilegedCommand::InstallPackage && (end.si_code != CLD_EXITED || end.si_status != 0)) {
+    const bool hasFailed = end.si_code != CLD_EXITED || end.si_status != 0;
+    if (command_ == PrivilegedCommand::InstallPackage && hasFailed) {
         commands_.endInstallation();
     }
+    event_.reset();
+    state_ = State::Ready;
     proceed();
+}
+
+void Call::reply(State next, const FileDescriptor& output) {
+    state_ = next;
+    sd_bus_reply_method_return(message_.get(), output.isOpen() ? "h" : nullptr, output.get());
+    message_.reset();
 }
 
 void Call::end(const char* error, const std::string& reason) {
@@ -213,7 +212,7 @@ int Call::refuse(const char* error, const std::string& reason) {
     if (state_ >= State::Ready) {
         log("refused " + name_ + ": " + reason);
     }
-    return Service::refuse(std::exchange(message_, nullptr).get(), error, reason);
+    return sd_bus_reply_method_errorf(std::exchange(message_, nullptr).get(), error, "%s", reason.c_str());
 }
 
 } // namespace rights

@@ -6,7 +6,6 @@
 
 #include <systemd/sd-event.h>
 
-#include <csignal>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,36 +30,35 @@ using EventSource = std::unique_ptr<sd_event_source, Unref<sd_event_source_disab
 ///     Execute kextstat … ----> Running
 ///     Release ---------------> (removed)          the transaction ends with whoever still holds it
 ///
-/// An Execute that comes while a tool is Running waits for its end. Every other end of the call, at any
-/// state, is a refusal of the message that is not answered yet. Nothing here waits: each state is left by an
-/// event.
+/// A tool goes on when its call has ended; the system reaps it with the service. An Execute that comes while
+/// a tool is Running waits for its end. Every other end of the call, at any state, is a refusal of the
+/// message that is not answered yet. Nothing here waits: each state is left by an event.
 class Call {
   public:
     Call(Service& service, std::string name) : service_(service), name_(std::move(name)) {}
 
     int authorize(sd_bus_message* message);
     int execute(sd_bus_message* message);
-    void onToolExit(const siginfo_t& end);
 
     /// Cancels what is asked and refuses what is not answered. The object is destroyed after this.
     void end(const char* error, const std::string& reason);
 
     bool isQuestionOf(uid_t user) const { return state_ == State::Asking && user_ == user; }
-    bool isRunning(pid_t tool) const { return state_ == State::Running && tool_ == tool; }
 
   private:
     enum class State { New, Identifying, Asking, AwaitingEarlier, Ready, SettingAside, Running };
 
     template <typename... Arguments>
-    void ask(int (Call::*onAnswer)(sd_bus_message*), State state, const char* destination, const char* path,
+    void ask(sd_bus_message_handler_t onAnswer, const char* destination, const char* path,
              const char* interface, const char* member, const char* types, Arguments... arguments);
     int onUser(sd_bus_message* answer);
     int onPolkitAnswer(sd_bus_message* answer);
-    void await(FileDescriptor descriptor, State state, void (Call::*then)());
-    void onEarlierEnded();
+    void await(State state, FileDescriptor descriptor);
+    void onReadable();
     void proceed();
-    void onSetAside();
     void startTool();
+    void onToolExit(const siginfo_t& end);
+    void reply(State next, const FileDescriptor& output = FileDescriptor());
     int refuse(const char* error, const std::string& reason);
 
     Service& service_;
@@ -69,16 +67,13 @@ class Call {
     uid_t user_ = static_cast<uid_t>(-1); // until the bus has named it
     BusMessage message_;                  // the Authorize or Execute that is not answered yet
 
-    BusSlot question_; // Identifying, Asking
-    int (Call::*onAnswer_)(sd_bus_message*) = nullptr;
+    BusSlot question_;       // Identifying, Asking
     FileDescriptor awaited_; // AwaitingEarlier, SettingAside
-    EventSource readable_;
-    void (Call::*then_)() = nullptr;
+    EventSource event_;      // that something is to be read there, or that the tool has ended
 
     GrantedCommands commands_;
     std::vector<std::string> line_; // of the command that is being started or runs
     PrivilegedCommand command_{};
-    pid_t tool_ = 0; // Running
 };
 
 } // namespace rights

@@ -12,16 +12,11 @@ namespace {
 
 constexpr char kNamesLost[] = "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg2=''";
 
-template <int (Service::*method)(sd_bus_message*)>
-int handle(sd_bus_message* message, void* service, sd_bus_error* /*error*/) {
-    return (static_cast<Service*>(service)->*method)(message);
-}
-
 constexpr sd_bus_vtable kCalls[] = {
     SD_BUS_VTABLE_START(0),
-    SD_BUS_METHOD("Authorize", "", "", handle<&Service::onAuthorize>, SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("Execute", "sas", "h", handle<&Service::onExecute>, SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("Release", "", "", handle<&Service::onRelease>, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Authorize", "", "", (handle<Service, &Service::onAuthorize>), SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Execute", "sas", "h", (handle<Service, &Service::onExecute>), SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Release", "", "", (handle<Service, &Service::onRelease>), SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END,
 };
 
@@ -51,7 +46,7 @@ int Service::run() {
     then(sd_bus_set_exit_on_disconnect, bus, 1);
     then(sd_bus_attach_event, bus, loop, SD_EVENT_PRIORITY_NORMAL);
     then(sd_bus_add_object_vtable, bus, nullptr, kObjectPath, kBusName, kCalls, this);
-    then(sd_bus_add_match, bus, nullptr, kNamesLost, handle<&Service::onNameLost>, this);
+    then(sd_bus_add_match, bus, nullptr, kNamesLost, handle<Service, &Service::onNameLost>, this);
     then(sd_bus_request_name, bus, kBusName, 0);
     then(sd_event_loop, loop);
     return result;
@@ -64,7 +59,7 @@ int Service::onAuthorize(sd_bus_message* message) {
 
 int Service::onExecute(sd_bus_message* message) {
     const auto place = calls_.find(sd_bus_message_get_sender(message));
-    return place == calls_.end() ? refuse(message, kErrorNotAuthorized, "not authorized")
+    return place == calls_.end() ? sd_bus_reply_method_errorf(message, kErrorNotAuthorized, "not authorized")
                                  : place->second.execute(message);
 }
 
@@ -94,47 +89,20 @@ void Service::end(const std::string& name, const char* error, const std::string&
     }
 }
 
-bool Service::watch(pid_t tool) {
-    const auto onExit = [](sd_event_source*, const siginfo_t* end, void* service) {
-        return static_cast<Service*>(service)->onToolExit(*end);
-    };
-    sd_event_source* source = nullptr;
-    const bool isWatched = sd_event_add_child(loop_.get(), &source, tool, WEXITED, onExit, this) >= 0;
-    if (isWatched) {
-        tools_[tool].reset(source);
-    }
-    return isWatched;
-}
-
-int Service::onToolExit(const siginfo_t& end) {
-    const siginfo_t copy = end; // of the event source, which goes
-    tools_.erase(copy.si_pid);
-    startIdleTime();
-    const auto isItsCall = [&copy](const auto& call) { return call.second.isRunning(copy.si_pid); };
-    if (const auto place = std::ranges::find_if(calls_, isItsCall); place != calls_.end()) {
-        place->second.onToolExit(copy);
-    }
-    return 0;
-}
-
 void Service::startIdleTime() {
     sd_event_source_set_time_relative(idleTimer_.get(), static_cast<std::uint64_t>(idleTime_.count()));
     sd_event_source_set_enabled(idleTimer_.get(), SD_EVENT_ONESHOT);
 }
 
 int Service::onIdle() {
-    if (!isIdle()) {
-        return 0; // the timer is restarted when the last call or tool ends
+    if (!calls_.empty()) {
+        return 0; // the timer is restarted when the last call ends
     }
     // Calls that arrived before the name was released are served; later ones start a new process.
     sd_bus_release_name(bus_.get(), kBusName);
     while (sd_bus_process(bus_.get(), nullptr) > 0) {
     }
-    return isIdle() ? sd_event_exit(loop_.get(), 0) : sd_bus_request_name(bus_.get(), kBusName, 0);
-}
-
-int Service::refuse(sd_bus_message* message, const char* error, const std::string& reason) {
-    return sd_bus_reply_method_errorf(message, error, "%s", reason.c_str());
+    return calls_.empty() ? sd_event_exit(loop_.get(), 0) : sd_bus_request_name(bus_.get(), kBusName, 0);
 }
 
 } // namespace rights

@@ -6,15 +6,17 @@
 #include <systemd/sd-event.h>
 
 #include <chrono>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
 
 namespace rights {
 
-inline constexpr char kBusDaemon[] = "org.freedesktop.DBus";
-inline constexpr char kBusPath[] = "/org/freedesktop/DBus";
+/// A method of an object as a handler of messages.
+template <typename Object, int (Object::*method)(sd_bus_message*)>
+int handle(sd_bus_message* message, void* object, sd_bus_error* /*error*/) {
+    return (static_cast<Object*>(object)->*method)(message);
+}
 
 /// Writes a line to standard error, which is the system's journal.
 void log(const std::string& text);
@@ -41,14 +43,9 @@ class Service {
     long questionsOf(uid_t user) const;
     /// Ends and destroys the call of that connection, if there is one.
     void end(const std::string& name, const char* error, const std::string& reason);
-    /// Reports the end of a child process to the call that runs it. False where the system cannot.
-    bool watch(pid_t tool);
-    static int refuse(sd_bus_message* message, const char* error, const std::string& reason);
 
   private:
-    int onToolExit(const siginfo_t& end);
     int onIdle();
-    bool isIdle() const { return calls_.empty() && tools_.empty(); }
     void startIdleTime();
 
     std::chrono::microseconds idleTime_;
@@ -56,7 +53,6 @@ class Service {
     BusConnection bus_;
     EventSource idleTimer_;
     std::map<std::string, Call, std::less<>> calls_; // by the connection's unique name
-    std::map<pid_t, EventSource> tools_;             // that run, some for callers that are gone
 };
 
 } // namespace rights
