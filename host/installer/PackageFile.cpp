@@ -147,7 +147,7 @@ FileDescriptor PackageFile::open() {
     }
     FileDescriptor file(descriptor);
     struct stat status{};
-    if (fstat(file.get(), &status) != 0) {
+    if (!file.isOpen() || fstat(file.get(), &status) != 0) {
         throw systemFailure(kCannotOpen);
     }
     if (status.st_uid != *user_) {
