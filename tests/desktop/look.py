@@ -1,46 +1,41 @@
 """Runs in the machine, as the user: NAME-PATTERN ROLE-PATTERN SECONDS [gone]
 
-Looks for an object on screen through accessibility until there is one whose name matches (or none, with "gone"), and
-prints its middle."""
+Looks for an object on screen until there is one whose whole name matches (or none, with "gone"), and prints its middle.
+"""
 
 import re
 import sys
-import time
 
-import gi
+sys.path.insert(0, "/mnt/support")
+from waiting import Blocked, wait_for
+from window import Accessible, Atspi
 
-gi.require_version("Atspi", "2.0")
-from gi.repository import Atspi, GLib  # noqa: E402
-
-pattern, roles, end, gone = re.compile(sys.argv[1]), sys.argv[2], time.monotonic() + float(sys.argv[3]), sys.argv[4]
-
-
-def walk(node, depth=0):
-    try:
-        states = node.get_state_set()
-        if depth > 1 and not states.contains(Atspi.StateType.VISIBLE):
-            return
-        role = node.get_role_name()
-        name = Atspi.Text.get_text(node, 0, -1) if role == "password text" else node.get_name() or ""
-        box = node.get_component_iface() and node.get_extents(Atspi.CoordType.SCREEN)
-        if box and box.width > 0 and states.contains(Atspi.StateType.SHOWING):
-            yield name, role, box
-        for i in range(node.get_child_count()):
-            child = node.get_child_at_index(i)
-            if child is not None:
-                yield from walk(child, depth + 1)
-    except GLib.Error:
-        return  # it went away
+name_pattern, role_pattern, seconds, *gone = sys.argv[1:]
+seen = []
 
 
-while True:
-    Atspi.get_desktop(0).clear_cache()
-    seen = list(walk(Atspi.get_desktop(0)))
-    found = [box for name, role, box in seen if pattern.fullmatch(name) and re.search(roles, role)]
-    if bool(found) != (gone == "gone"):
-        for box in found[-1:]:
-            print(box.x + box.width // 2, box.y + box.height // 2)
-        break
-    if time.monotonic() > end:
-        sys.exit("on screen: " + repr([(name, role) for name, role, _ in seen if name]))
-    time.sleep(0.2)
+def role_of(item):
+    return item.ask(lambda node: node.get_role_name(), "")
+
+
+def name_of(item):
+    return item.ask(lambda node: Atspi.Text.get_text(node, 0, -1)) if role_of(item) == "password text" else item.name()
+
+
+def look():
+    """The places, as words, of what matches; or whether nothing does."""
+    desktop = Atspi.get_desktop(0)
+    desktop.clear_cache()
+    windows = [window for application in Accessible(desktop).children() for window in application.children()]
+    items = [item for window in windows for item in window.walk(Atspi.StateType.VISIBLE)]
+    seen[:] = [(item, name_of(item) or "", role_of(item)) for item in items if item.has(Atspi.StateType.SHOWING)]
+    named = [item for item, name, role in seen if re.fullmatch(name_pattern, name) and re.search(role_pattern, role)]
+    places = [place for place in map(Accessible.centre, named) if place]
+    return not places if gone else [f"{x} {y}" for x, y in places]
+
+
+try:
+    found = wait_for(name_pattern, look, float(seconds), pause=0.2)
+    print("" if gone else found[-1])
+except Blocked:
+    sys.exit("on screen: " + repr([(name, role) for _, name, role in seen if name]))

@@ -10,9 +10,9 @@ import tarfile
 import time
 from pathlib import Path
 
-from guest import Guest, NotReached, wait_for
+from guest import PROJECT, Blocked, Guest  # first: it finds tests/support
+from waiting import step
 
-PROJECT = Path(__file__).resolve().parent.parent.parent
 TEMPORARY = "/home/player/Downloads/NVInst/Pellomar.tmp"
 STAGING = "/.pellomar-installer"
 DRIVER = "com.norvik.emu.kext.VBoxDrv"
@@ -27,17 +27,16 @@ for name in glob.glob("/proc/[0-9]*/comm"):
         if open(name).read() == "installer\\n":
             os.kill(int(name.split("/")[2]), signal.SIGSTOP)
 """
-STARTED = time.monotonic()
-
-
-def say(text):
-    print(f"== {time.monotonic() - STARTED:5.0f} s  {text}", flush=True)
+HELP_PAGE = ".*驱动程序无法加载怎么办.*"
 
 
 def make_kit(build, kit):
-    """A disk with what the machine needs besides the disk image: the download server, and a newer Debian package."""
+    """A disk with what the machine needs besides the disk image: the download server, a newer Debian package, and what
+    looks at its screen."""
     folder = kit.with_suffix(".folder")
     shutil.copytree(build / "sample/soft", folder / "documents/soft")
+    shutil.copytree(PROJECT / "tests/support", folder / "support")
+    shutil.copy(PROJECT / "tests/desktop/look.py", folder)
     for name in ("serve", "nginx.conf.in"):
         shutil.copy(PROJECT / "sample" / name, folder)
     (package,) = build.glob("pellomar-downloader_*.deb")
@@ -57,7 +56,7 @@ def publish(pictures, folder):
     """Pictures of a smaller size and few colours, on a page."""
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir(parents=True)
-    minutes = (time.monotonic() - STARTED) / 60
+    minutes = (time.monotonic() - step.start) / 60
     page = f"# On Debian {pictures.name}\n\nPictures of the last run, which reached its end in {minutes:.0f} minutes.\n"
     for picture in sorted(pictures.glob("*.png")):
         small = folder / picture.name
@@ -74,10 +73,10 @@ class DesktopRun:
         self.length = package.stat().st_size
 
     def take(self, name):
-        say(f"picture {self.guest.take(name).name}")
+        step(f"picture {self.guest.take(name).name}")
 
     def see(self, text, picture=None):
-        self.guest.look(text)
+        self.guest.see(text)
         if picture:
             self.take(picture)
 
@@ -99,30 +98,30 @@ class DesktopRun:
         self.take(picture)
 
     def wait_for_session(self):
-        wait_for("the session", lambda: self.guest.run("pgrep", "-u", "player", "xfdesktop", check=False))
+        self.guest.wait_for("the session", lambda: self.guest.run("pgrep", "-u", "player", "xfdesktop", check=False))
         self.see("所有应用程序")
 
     def install_package(self):
         """As the image's text says: with the command for users without sudo."""
         self.guest.insert(self.image)
         mounted = ("findmnt", "-n", "-o", "TARGET", "/dev/sr0")
-        self.place = wait_for("the image", lambda: self.guest.run(*mounted, check=False)).strip()
+        self.place = self.guest.wait_for("the image", lambda: self.guest.run(*mounted, check=False)).strip()
         self.see("请先安装软件包.txt", "disk-image-mounted")
         package = self.guest.run("bash", "-c", f"echo '{self.place}'/*.deb").strip()
         self.guest.run_as_user("systemd-run", "--user", "pkexec", "apt-get", "install", "-y", package)
         self.answer("sesame", "password-for-the-debian-package")
-        wait_for("the package", lambda: self.guest.run("dpkg", "-s", "pellomar-downloader", check=False))
+        self.guest.wait_for("the package", lambda: self.guest.run("dpkg", "-s", "pellomar-downloader", check=False))
 
     def start_from_image(self):
         for name in ("Pellomar下载器.app", "Contents", "MacOS", "PellomarDownloader"):
             self.guest.press(name, "table cell")
-            self.guest.look(f'"{name}".*', "status bar")
+            self.guest.see(f'"{name}".*', "status bar")
             self.guest.keys("ret")
         self.see("开始", "started-from-image")
 
     def start_from_menu(self):
         self.guest.keys("alt", "f2")
-        self.guest.look("应用程序查找器|Application Finder.*")
+        self.guest.see("应用程序查找器|Application Finder.*")
         self.guest.type("pellomar-downloader\n")
         self.see("开始")
 
@@ -133,28 +132,33 @@ class DesktopRun:
         self.see("已停止下载", "stopped")
         there = self.bytes_there()
         self.guest.press("继续")
-        wait_for("more bytes", lambda: self.bytes_there() > there > 0)
+        self.guest.wait_for("more bytes", lambda: self.bytes_there() > there > 0)
 
     def refuse_and_allow(self):
         """The agent's dialog cancelled, mistyped and answered."""
         self.see(RIGHTS, "password-dialog")
         self.guest.press(r"取消\(C\)", "button")
         self.see("获取权限失败，请重试", "dialog-cancelled")
-        self.guest.press("重试安装")
+        self.install_again(RIGHTS)
         self.answer("mistyped")
         self.see(".*失败.*", "wrong-password")
         self.answer("sesame")
+
+    def install_again(self, covering):
+        """Presses the button when what covered it has gone."""
+        self.guest.see(covering, "", "gone")
+        self.guest.press("重试安装")
 
     def be_guided(self):
         """The driver is not loaded; the start script loads it."""
         self.see("(?s)检测到您的电脑未能成功安装驱动程序.*", "driver-guidance")
         self.expect("no driver", DRIVER not in self.guest.run("kextstat", "-b", DRIVER))
         self.guest.press("立即前往设置", "button")
-        self.see(".*驱动程序无法加载怎么办.*")
-        wait_for("the page", self.guest.is_painted)
+        self.see(HELP_PAGE)
+        self.guest.wait_for("the page", self.guest.is_painted)
         self.take("help-page-on-the-driver")
         self.guest.keys("alt", "f4")
-        self.guest.press("重试安装")
+        self.install_again(HELP_PAGE)
         self.answer("sesame")
         self.see("Pellomar 已启动", "launched")
         self.expect("the driver", DRIVER in self.guest.run("kextstat", "-b", DRIVER))
@@ -166,11 +170,12 @@ class DesktopRun:
         """In the middle of a download: nothing of the session is left running."""
         self.start_from_menu()
         self.guest.press("开始")
-        wait_for("some bytes", lambda: self.bytes_there() > 500_000)
+        self.guest.wait_for("some bytes", lambda: self.bytes_there() > 500_000)
         self.guest.run_as_user("xfce4-session-logout", "--logout")
-        wait_for("the end of the session", lambda: not self.guest.run("pgrep", "-u", "player", "PellomarDown|xfce4-session", check=False))
+        of_session = ("pgrep", "-u", "player", "PellomarDown|xfce4-session")
+        self.guest.wait_for("the end of the session", lambda: not self.guest.run(*of_session, check=False))
         self.expect("a partial download", 0 < self.bytes_there() < self.length)
-        wait_for("the greeter", self.guest.is_painted)
+        self.guest.wait_for("the greeter", self.guest.is_painted)
         self.take("logged-out")
         self.guest.run("systemctl", "restart", "lightdm")  # logs the user in
         self.wait_for_session()
@@ -185,7 +190,8 @@ class DesktopRun:
         self.see("是否保留已安装游戏和应用", "keep-games-question")
         self.guest.run("systemd-run", "python3", "-c", STOP_INSTALLER)
         self.guest.press("确定.*", "button")
-        wait_for("the unpacking", lambda: "T" in (self.guest.run("ps", "-o", "stat=", "-C", "installer", check=False) or ""))
+        state = ("ps", "-o", "stat=", "-C", "installer")
+        self.guest.wait_for("the unpacking", lambda: "T" in (self.guest.run(*state, check=False) or ""))
         self.take("installing-before-the-power-cut")
         self.expect("no application for a while", not self.product())
         self.guest.cut_power()
@@ -212,8 +218,8 @@ class DesktopRun:
 
     def expect(self, what, is_so):
         if not is_so:
-            raise NotReached(f"not so: {what}")
-        say(f"checked: {what}")
+            raise Blocked(f"not so: {what}")
+        step(f"checked: {what}")
 
     def keep(self):
         """Leaves the logs, the journal and the state of /Applications beside the pictures."""
@@ -249,9 +255,9 @@ def main():
     desktop = DesktopRun(guest, options.build / "Pellomar下载器.iso", options.build / "sample/soft/Pellomar-sample.pkg")
     try:
         desktop.run()
-        say("all steps were reached")
-    except NotReached as error:
-        say(f"not reached: {error}")
+        step("all steps were reached")
+    except Blocked as error:
+        step(f"not reached: {error}")
         if guest.process and guest.process.poll() is None:
             desktop.take("not-reached")
         sys.exit(1)
