@@ -8,8 +8,7 @@ import sys
 import time
 from pathlib import Path
 
-PROJECT = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(PROJECT / "tests/support"))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "support"))
 import waiting  # noqa: E402
 from waiting import PATIENCE, Blocked  # noqa: E402
 

@@ -1,16 +1,11 @@
 """A whole installation on a real desktop: see scripts/desktop."""
 
-import argparse
 import io
-import re
-import shutil
-import subprocess
 import sys
 import tarfile
-import time
 from pathlib import Path
 
-from guest import PROJECT, Blocked, Guest  # first: it finds tests/support
+from guest import Blocked, Guest  # first: it finds tests/support
 from waiting import step
 
 TEMPORARY = "/home/player/Downloads/NVInst/Pellomar.tmp"
@@ -28,43 +23,6 @@ for name in glob.glob("/proc/[0-9]*/comm"):
             os.kill(int(name.split("/")[2]), signal.SIGSTOP)
 """
 HELP_PAGE = ".*驱动程序无法加载怎么办.*"
-
-
-def make_kit(build, kit):
-    """A disk with what the machine needs besides the disk image: the download server, a newer Debian package, and what
-    looks at its screen."""
-    folder = kit.with_suffix(".folder")
-    shutil.copytree(build / "sample/soft", folder / "documents/soft")
-    shutil.copytree(PROJECT / "tests/support", folder / "support")
-    shutil.copy(PROJECT / "tests/desktop/look.py", folder)
-    for name in ("serve", "nginx.conf.in"):
-        shutil.copy(PROJECT / "sample" / name, folder)
-    (package,) = build.glob("pellomar-downloader_*.deb")
-    unpacked = folder / "unpacked"
-    subprocess.run(["dpkg-deb", "--raw-extract", package, unpacked], check=True)
-    control = unpacked / "DEBIAN/control"
-    control.write_text(re.sub("(?m)^Version: .*", r"\g<0>+newer", control.read_text()))
-    subprocess.run(["dpkg-deb", "--build", "--root-owner-group", unpacked, folder / "newer.deb"], check=True)
-    shutil.rmtree(unpacked)
-    subprocess.run(
-        ["xorriso", "-as", "mkisofs", "-quiet", "-rational-rock", "-volid", "kit", "-o", kit, folder], check=True
-    )
-    shutil.rmtree(folder)
-
-
-def publish(pictures, folder):
-    """Pictures of a smaller size and few colours, on a page."""
-    shutil.rmtree(folder, ignore_errors=True)
-    folder.mkdir(parents=True)
-    minutes = (time.monotonic() - step.start) / 60
-    page = f"# On Debian {pictures.name}\n\nPictures of the last run, which reached its end in {minutes:.0f} minutes.\n"
-    for picture in sorted(pictures.glob("*.png")):
-        small = folder / picture.name
-        subprocess.run(["convert", picture, "-resize", "60%", "-strip", small], check=True)
-        subprocess.run(["pngquant", "--force", "--output", small, "48", small], check=True)
-        title = picture.stem[3:].replace("-", " ").capitalize()
-        page += f"\n## {title}\n\n![{title}]({picture.name})\n"
-    (folder / "README.md").write_text(page)
 
 
 class DesktopRun:
@@ -199,19 +157,6 @@ class DesktopRun:
         self.expect("the old application", self.product() == before)
         self.expect("nothing left", self.guest.run("test", "!", "-e", STAGING, check=False) is not None)
 
-    def upgrade_and_purge(self):
-        """The administrator's setting outlives an upgrade, and nothing but the product a purge."""
-        config = "/etc/pellomar-downloader/config"
-        self.guest.run("bash", "-c", f"printf %s Pellomar-other.pkg >{config}")
-        self.guest.run("apt-get", "install", "-y", "/mnt/newer.deb")
-        version = self.guest.run("dpkg-query", "-W", "-f", "${Version}", "pellomar-downloader")
-        self.expect("the newer version", version.endswith("+newer"))
-        self.expect("the setting", self.guest.run("cat", config) == "Pellomar-other.pkg")
-        self.guest.run("apt-get", "purge", "-y", "pellomar-downloader")
-        found = self.guest.run("find", "/etc", "/usr", "/System", "-iname", "*pellomar*", "-o", "-name", "kextstat", check=False)
-        self.expect("nothing of the package", not (found or "").strip())
-        self.expect("the product", bool(self.product()))
-
     def product(self):
         """The names, kinds, sizes and times of all that is installed."""
         return self.guest.run("find", "/Applications", "-mindepth", "1", "-printf", "%p %y %s %t\\n", check=False)
@@ -238,21 +183,12 @@ class DesktopRun:
         self.be_guided()
         self.log_out()
         self.lose_power()
-        self.upgrade_and_purge()
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("machine", type=Path)
-    parser.add_argument("build", type=Path)
-    parser.add_argument("results", type=Path)
-    parser.add_argument("--publish", type=Path)
-    options = parser.parse_args()
-    options.results.mkdir()
-    kit = options.results / "kit.iso"
-    make_kit(options.build, kit)
-    guest = Guest(options.machine, options.results, kit, "player")
-    desktop = DesktopRun(guest, options.build / "Pellomar下载器.iso", options.build / "sample/soft/Pellomar-sample.pkg")
+def main(machine, build, results):
+    build, results = Path(build), Path(results)
+    guest = Guest(machine, results, results / "kit.iso", "player")
+    desktop = DesktopRun(guest, build / "Pellomar下载器.iso", build / "sample/soft/Pellomar-sample.pkg")
     try:
         desktop.run()
         step("all steps were reached")
@@ -265,11 +201,9 @@ def main():
         if guest.process and guest.process.poll() is None:
             desktop.keep()
             guest.cut_power()
-        for left_over in (guest.disk, kit, guest.folder / "screen.png"):
+        for left_over in (guest.disk, guest.kit, guest.folder / "screen.png"):
             left_over.unlink(missing_ok=True)
-    if options.publish:
-        publish(options.results, options.publish / f"desktop-{options.results.name}")
 
 
 if __name__ == "__main__":
-    main()
+    main(*sys.argv[1:])

@@ -15,7 +15,6 @@
 #include <QAccessible>
 #include <QApplication>
 #include <QPainter>
-#include <QPushButton>
 #include <QScreen>
 #include <QTest>
 #include <QTimer>
@@ -183,9 +182,6 @@ TEST_F(Window, StartsOnlyWithConsent) {
     consent.performClick();
     EXPECT_EQ(start.image(), start.normalImage());
     EXPECT_FALSE(start.getStatus());
-    consent.setNormalImage(nullptr); // as where its picture is missing
-    consent.setImage(nullptr);
-    EXPECT_TRUE(consent.getStatus());
 }
 
 TEST_F(Window, PlacesItsViews) {
@@ -289,29 +285,6 @@ TEST_F(Window, DrawsThePicturesOfItsScale) {
     expectBoth("secondbackground", "stop_button", "stop");
     expectBoth("secondbackground", "continue_button", "continue");
     expectBoth("secondbackground", "retryDownload_button", "retry");
-}
-
-TEST_F(Window, DrawsDialogsWithRoomForTheirWords) {
-    const auto look = [] {
-        QWidget& box = *QApplication::activeModalWidget();
-        QRegion taken;
-        for (QWidget* const view : box.findChildren<QWidget*>()) {
-            if (view->isVisible() && view->findChildren<QWidget*>().isEmpty()) {
-                const QRect place(view->mapTo(&box, QPoint()), view->size());
-                EXPECT_TRUE(box.rect().contains(place) && !taken.intersects(place));
-                taken += place;
-                EXPECT_GE(view->width(), view->minimumSizeHint().width());
-                EXPECT_GE(view->height(), view->heightForWidth(view->width()));
-            }
-        }
-        box.findChild<QPushButton*>()->click();
-    };
-    for (const std::function<void()>& ask : {std::function<void()>([&] { panel_.isCoverInstall(); }),
-                                             std::function<void()>(CoreImageView::installFaildGuide),
-                                             std::function<void()>(CoreImageView::installFaildDueToSip)}) {
-        QTimer::singleShot(0, look);
-        ask();
-    }
 }
 
 using Records = Window;
