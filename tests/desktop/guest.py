@@ -1,6 +1,7 @@
 """A virtual machine with a desktop: its power, its mouse and keyboard, commands in it, what is on its screen."""
 
 import base64
+import contextlib
 import json
 import socket
 import subprocess
@@ -74,8 +75,11 @@ class Guest:
 
     def clock(self):
         """Seconds, without those in which the machine was ready to run and others had the processor."""
-        threads = Path(f"/proc/{self.process.pid}/task").glob("*/schedstat")
-        return time.monotonic() - max((int(thread.read_text().split()[1]) for thread in threads), default=0) / 1e9
+        waited = [0]  # by its threads, in nanoseconds
+        for thread in Path(f"/proc/{self.process.pid}/task").glob("*/schedstat"):
+            with contextlib.suppress(OSError):  # it ended meanwhile
+                waited.append(int(thread.read_text().split()[1]))
+        return time.monotonic() - max(waited) / 1e9
 
     def wait_for(self, what, condition, seconds=PATIENCE, pause=0.5):
         return waiting.wait_for(what, condition, seconds, self.process, pause, self.clock)
