@@ -1,18 +1,13 @@
 """A whole installation on a real desktop: see scripts/desktop."""
 
-import argparse
 import io
-import re
-import shutil
-import subprocess
 import sys
 import tarfile
-import time
 from pathlib import Path
 
-from guest import Guest, NotReached, wait_for
+from guest import Blocked, Guest  # first: it finds tests/support
+from waiting import step
 
-PROJECT = Path(__file__).resolve().parent.parent.parent
 TEMPORARY = "/home/player/Downloads/NVInst/Pellomar.tmp"
 STAGING = "/.pellomar-installer"
 DRIVER = "com.norvik.emu.kext.VBoxDrv"
@@ -27,45 +22,7 @@ for name in glob.glob("/proc/[0-9]*/comm"):
         if open(name).read() == "installer\\n":
             os.kill(int(name.split("/")[2]), signal.SIGSTOP)
 """
-STARTED = time.monotonic()
-
-
-def say(text):
-    print(f"== {time.monotonic() - STARTED:5.0f} s  {text}", flush=True)
-
-
-def make_kit(build, kit):
-    """A disk with what the machine needs besides the disk image: the download server, and a newer Debian package."""
-    folder = kit.with_suffix(".folder")
-    shutil.copytree(build / "sample/soft", folder / "documents/soft")
-    for name in ("serve", "nginx.conf.in"):
-        shutil.copy(PROJECT / "sample" / name, folder)
-    (package,) = build.glob("pellomar-downloader_*.deb")
-    unpacked = folder / "unpacked"
-    subprocess.run(["dpkg-deb", "--raw-extract", package, unpacked], check=True)
-    control = unpacked / "DEBIAN/control"
-    control.write_text(re.sub("(?m)^Version: .*", r"\g<0>+newer", control.read_text()))
-    subprocess.run(["dpkg-deb", "--build", "--root-owner-group", unpacked, folder / "newer.deb"], check=True)
-    shutil.rmtree(unpacked)
-    subprocess.run(
-        ["xorriso", "-as", "mkisofs", "-quiet", "-rational-rock", "-volid", "kit", "-o", kit, folder], check=True
-    )
-    shutil.rmtree(folder)
-
-
-def publish(pictures, folder):
-    """Pictures of a smaller size and few colours, on a page."""
-    shutil.rmtree(folder, ignore_errors=True)
-    folder.mkdir(parents=True)
-    minutes = (time.monotonic() - STARTED) / 60
-    page = f"# On Debian {pictures.name}\n\nPictures of the last run, which reached its end in {minutes:.0f} minutes.\n"
-    for picture in sorted(pictures.glob("*.png")):
-        small = folder / picture.name
-        subprocess.run(["convert", picture, "-resize", "60%", "-strip", small], check=True)
-        subprocess.run(["pngquant", "--force", "--output", small, "48", small], check=True)
-        title = picture.stem[3:].replace("-", " ").capitalize()
-        page += f"\n## {title}\n\n![{title}]({picture.name})\n"
-    (folder / "README.md").write_text(page)
+HELP_PAGE = ".*驱动程序无法加载怎么办.*"
 
 
 class DesktopRun:
@@ -74,10 +31,10 @@ class DesktopRun:
         self.length = package.stat().st_size
 
     def take(self, name):
-        say(f"picture {self.guest.take(name).name}")
+        step(f"picture {self.guest.take(name).name}")
 
     def see(self, text, picture=None):
-        self.guest.look(text)
+        self.guest.see(text)
         if picture:
             self.take(picture)
 
@@ -99,30 +56,30 @@ class DesktopRun:
         self.take(picture)
 
     def wait_for_session(self):
-        wait_for("the session", lambda: self.guest.run("pgrep", "-u", "player", "xfdesktop", check=False))
+        self.guest.wait_for("the session", lambda: self.guest.run("pgrep", "-u", "player", "xfdesktop", check=False))
         self.see("所有应用程序")
 
     def install_package(self):
         """As the image's text says: with the command for users without sudo."""
         self.guest.insert(self.image)
         mounted = ("findmnt", "-n", "-o", "TARGET", "/dev/sr0")
-        self.place = wait_for("the image", lambda: self.guest.run(*mounted, check=False)).strip()
+        self.place = self.guest.wait_for("the image", lambda: self.guest.run(*mounted, check=False)).strip()
         self.see("请先安装软件包.txt", "disk-image-mounted")
         package = self.guest.run("bash", "-c", f"echo '{self.place}'/*.deb").strip()
         self.guest.run_as_user("systemd-run", "--user", "pkexec", "apt-get", "install", "-y", package)
         self.answer("sesame", "password-for-the-debian-package")
-        wait_for("the package", lambda: self.guest.run("dpkg", "-s", "pellomar-downloader", check=False))
+        self.guest.wait_for("the package", lambda: self.guest.run("dpkg", "-s", "pellomar-downloader", check=False))
 
     def start_from_image(self):
         for name in ("Pellomar下载器.app", "Contents", "MacOS", "PellomarDownloader"):
             self.guest.press(name, "table cell")
-            self.guest.look(f'"{name}".*', "status bar")
+            self.guest.see(f'"{name}".*', "status bar")
             self.guest.keys("ret")
         self.see("开始", "started-from-image")
 
     def start_from_menu(self):
         self.guest.keys("alt", "f2")
-        self.guest.look("应用程序查找器|Application Finder.*")
+        self.guest.see("应用程序查找器|Application Finder.*")
         self.guest.type("pellomar-downloader\n")
         self.see("开始")
 
@@ -133,28 +90,33 @@ class DesktopRun:
         self.see("已停止下载", "stopped")
         there = self.bytes_there()
         self.guest.press("继续")
-        wait_for("more bytes", lambda: self.bytes_there() > there > 0)
+        self.guest.wait_for("more bytes", lambda: self.bytes_there() > there > 0)
 
     def refuse_and_allow(self):
         """The agent's dialog cancelled, mistyped and answered."""
         self.see(RIGHTS, "password-dialog")
         self.guest.press(r"取消\(C\)", "button")
         self.see("获取权限失败，请重试", "dialog-cancelled")
-        self.guest.press("重试安装")
+        self.install_again(RIGHTS)
         self.answer("mistyped")
         self.see(".*失败.*", "wrong-password")
         self.answer("sesame")
+
+    def install_again(self, covering):
+        """Presses the button when what covered it has gone."""
+        self.guest.see(covering, "", "gone")
+        self.guest.press("重试安装")
 
     def be_guided(self):
         """The driver is not loaded; the start script loads it."""
         self.see("(?s)检测到您的电脑未能成功安装驱动程序.*", "driver-guidance")
         self.expect("no driver", DRIVER not in self.guest.run("kextstat", "-b", DRIVER))
         self.guest.press("立即前往设置", "button")
-        self.see(".*驱动程序无法加载怎么办.*")
-        wait_for("the page", self.guest.is_painted)
+        self.see(HELP_PAGE)
+        self.guest.wait_for("the page", self.guest.is_painted)
         self.take("help-page-on-the-driver")
         self.guest.keys("alt", "f4")
-        self.guest.press("重试安装")
+        self.install_again(HELP_PAGE)
         self.answer("sesame")
         self.see("Pellomar 已启动", "launched")
         self.expect("the driver", DRIVER in self.guest.run("kextstat", "-b", DRIVER))
@@ -166,11 +128,12 @@ class DesktopRun:
         """In the middle of a download: nothing of the session is left running."""
         self.start_from_menu()
         self.guest.press("开始")
-        wait_for("some bytes", lambda: self.bytes_there() > 500_000)
+        self.guest.wait_for("some bytes", lambda: self.bytes_there() > 500_000)
         self.guest.run_as_user("xfce4-session-logout", "--logout")
-        wait_for("the end of the session", lambda: not self.guest.run("pgrep", "-u", "player", "PellomarDown|xfce4-session", check=False))
+        of_session = ("pgrep", "-u", "player", "PellomarDown|xfce4-session")
+        self.guest.wait_for("the end of the session", lambda: not self.guest.run(*of_session, check=False))
         self.expect("a partial download", 0 < self.bytes_there() < self.length)
-        wait_for("the greeter", self.guest.is_painted)
+        self.guest.wait_for("the greeter", self.guest.is_painted)
         self.take("logged-out")
         self.guest.run("systemctl", "restart", "lightdm")  # logs the user in
         self.wait_for_session()
@@ -185,7 +148,8 @@ class DesktopRun:
         self.see("是否保留已安装游戏和应用", "keep-games-question")
         self.guest.run("systemd-run", "python3", "-c", STOP_INSTALLER)
         self.guest.press("确定.*", "button")
-        wait_for("the unpacking", lambda: "T" in (self.guest.run("ps", "-o", "stat=", "-C", "installer", check=False) or ""))
+        state = ("ps", "-o", "stat=", "-C", "installer")
+        self.guest.wait_for("the unpacking", lambda: "T" in (self.guest.run(*state, check=False) or ""))
         self.take("installing-before-the-power-cut")
         self.expect("no application for a while", not self.product())
         self.guest.cut_power()
@@ -193,27 +157,14 @@ class DesktopRun:
         self.expect("the old application", self.product() == before)
         self.expect("nothing left", self.guest.run("test", "!", "-e", STAGING, check=False) is not None)
 
-    def upgrade_and_purge(self):
-        """The administrator's setting outlives an upgrade, and nothing but the product a purge."""
-        config = "/etc/pellomar-downloader/config"
-        self.guest.run("bash", "-c", f"printf %s Pellomar-other.pkg >{config}")
-        self.guest.run("apt-get", "install", "-y", "/mnt/newer.deb")
-        version = self.guest.run("dpkg-query", "-W", "-f", "${Version}", "pellomar-downloader")
-        self.expect("the newer version", version.endswith("+newer"))
-        self.expect("the setting", self.guest.run("cat", config) == "Pellomar-other.pkg")
-        self.guest.run("apt-get", "purge", "-y", "pellomar-downloader")
-        found = self.guest.run("find", "/etc", "/usr", "/System", "-iname", "*pellomar*", "-o", "-name", "kextstat", check=False)
-        self.expect("nothing of the package", not (found or "").strip())
-        self.expect("the product", bool(self.product()))
-
     def product(self):
         """The names, kinds, sizes and times of all that is installed."""
         return self.guest.run("find", "/Applications", "-mindepth", "1", "-printf", "%p %y %s %t\\n", check=False)
 
     def expect(self, what, is_so):
         if not is_so:
-            raise NotReached(f"not so: {what}")
-        say(f"checked: {what}")
+            raise Blocked(f"not so: {what}")
+        step(f"checked: {what}")
 
     def keep(self):
         """Leaves the logs, the journal and the state of /Applications beside the pictures."""
@@ -232,26 +183,17 @@ class DesktopRun:
         self.be_guided()
         self.log_out()
         self.lose_power()
-        self.upgrade_and_purge()
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("machine", type=Path)
-    parser.add_argument("build", type=Path)
-    parser.add_argument("results", type=Path)
-    parser.add_argument("--publish", type=Path)
-    options = parser.parse_args()
-    options.results.mkdir()
-    kit = options.results / "kit.iso"
-    make_kit(options.build, kit)
-    guest = Guest(options.machine, options.results, kit, "player")
-    desktop = DesktopRun(guest, options.build / "Pellomar下载器.iso", options.build / "sample/soft/Pellomar-sample.pkg")
+def main(machine, build, results):
+    build, results = Path(build), Path(results)
+    guest = Guest(machine, results, results / "kit.iso", "player")
+    desktop = DesktopRun(guest, build / "Pellomar下载器.iso", build / "sample/soft/Pellomar-sample.pkg")
     try:
         desktop.run()
-        say("all steps were reached")
-    except NotReached as error:
-        say(f"not reached: {error}")
+        step("all steps were reached")
+    except Blocked as error:
+        step(f"not reached: {error}")
         if guest.process and guest.process.poll() is None:
             desktop.take("not-reached")
         sys.exit(1)
@@ -259,11 +201,9 @@ def main():
         if guest.process and guest.process.poll() is None:
             desktop.keep()
             guest.cut_power()
-        for left_over in (guest.disk, kit, guest.folder / "screen.png"):
+        for left_over in (guest.disk, guest.kit, guest.folder / "screen.png"):
             left_over.unlink(missing_ok=True)
-    if options.publish:
-        publish(options.results, options.publish / f"desktop-{options.results.name}")
 
 
 if __name__ == "__main__":
-    main()
+    main(*sys.argv[1:])

@@ -1,31 +1,20 @@
 """A virtual machine with a desktop: its power, its mouse and keyboard, commands in it, what is on its screen."""
 
 import base64
+import contextlib
 import json
-import os
 import socket
 import subprocess
+import sys
 import time
 from pathlib import Path
 
-PATIENCE = float(os.environ.get("PELLOMAR_PATIENCE", "300"))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "support"))
+import waiting  # noqa: E402
+from waiting import PATIENCE, Blocked  # noqa: E402
+
 SHARED_KEYS = {" ": "spc", "-": "minus", ".": "dot", "/": "slash", "\n": "ret"}
-
-LOOK = (Path(__file__).parent / "look.py").read_text()
-
-
-class NotReached(Exception):
-    """A step that was not reached in time."""
-
-
-def wait_for(what, condition, seconds=PATIENCE, pause=0.5):
-    """Returns the first true answer of CONDITION."""
-    end = time.monotonic() + seconds
-    while not (answer := condition()):
-        if time.monotonic() > end:
-            raise NotReached(f"{what} did not come within {seconds:.0f} s")
-        time.sleep(pause)
-    return answer
+LOOKING = 20  # seconds that one look at the screen takes at most
 
 
 class Channel:
@@ -42,10 +31,10 @@ class Channel:
         while True:
             line = self.lines.readline()
             if not line:
-                raise NotReached(f"the machine ended before it answered {command}")
+                raise Blocked(f"the machine ended before it answered {command}")
             answer = json.loads(line.lstrip(b"\xff"))
             if "error" in answer:
-                raise NotReached(f"{command}: {answer['error']['desc']}")
+                raise Blocked(f"{command}: {answer['error']['desc']}")
             if "return" in answer:
                 return answer["return"]
 
@@ -79,10 +68,21 @@ class Guest:
         command += ["-chardev", f"socket,path={agent},server=on,wait=off,id=agent"]
         command += ["-device", "virtserialport,chardev=agent,name=org.qemu.guest_agent.0"]
         self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL)
-        wait_for("the machine", lambda: self.process.poll() is None and agent.exists() and control.exists())
+        self.wait_for("the machine", lambda: agent.exists() and control.exists())
         self.control = Channel(str(control))
         self.control.ask("qmp_capabilities")
-        self.agent = wait_for("the machine's agent", lambda: self.agent_at(str(agent)))
+        self.agent = self.wait_for("the machine's agent", lambda: self.agent_at(str(agent)))
+
+    def clock(self):
+        """Seconds, without those in which the machine was ready to run and others had the processor."""
+        waited = [0]  # by its threads, in nanoseconds
+        for thread in Path(f"/proc/{self.process.pid}/task").glob("*/schedstat"):
+            with contextlib.suppress(OSError):  # it ended meanwhile
+                waited.append(int(thread.read_text().split()[1]))
+        return time.monotonic() - max(waited) / 1e9
+
+    def wait_for(self, what, condition, seconds=PATIENCE, pause=0.5):
+        return waiting.wait_for(what, condition, seconds, self.process, pause, self.clock)
 
     @staticmethod
     def agent_at(path):
@@ -106,7 +106,7 @@ class Guest:
         for name in ("control", "agent"):
             (self.folder / name).unlink()
 
-    def run(self, *command, timeout=PATIENCE, check=True, binary=False):
+    def run(self, *command, check=True, binary=False):
         """Runs a command as root; returns what it prints, or None where it fails."""
         words = {"path": command[0], "arg": list(command[1:]), "capture-output": True}
         process = self.agent.ask("guest-exec", **words)["pid"]
@@ -115,12 +115,12 @@ class Guest:
             state = self.agent.ask("guest-exec-status", pid=process)
             return state if state["exited"] else None
 
-        state = wait_for(" ".join(command)[:80], ended, timeout, pause=0.2)
+        state = self.wait_for(" ".join(command)[:80], ended, pause=0.2)
         text, errors = (base64.b64decode(state.get(name, "")) for name in ("out-data", "err-data"))
         if state.get("exitcode") == 0:
             return text if binary else text.decode()
         if check:
-            raise NotReached(f"{' '.join(command)[:80]}: {state.get('exitcode')}\n{(text + errors).decode()}")
+            raise Blocked(f"{' '.join(command)[:80]}: {state.get('exitcode')}\n{(text + errors).decode()}")
         return None
 
     def run_as_user(self, *command, **options):
@@ -130,18 +130,22 @@ class Guest:
         words = [f"XDG_RUNTIME_DIR={place}", f"DBUS_SESSION_BUS_ADDRESS=unix:path={place}/bus", "DISPLAY=:0"]
         return self.run("runuser", "-u", self.user, "--", "env", "LANG=zh_CN.UTF-8", *words, *command, **options)
 
-    def look(self, name, role="", gone=False, seconds=PATIENCE):
-        """Where on screen the object is whose whole name matches, once there is one; with GONE, waits for its end."""
-        words = ("python3", "-W", "ignore", "-c", LOOK, name, role, str(seconds), "gone" if gone else "")
+    def look(self, name, role="", *gone, check=False):
+        """Where on screen the object is whose whole name matches, or with "gone", that; None where it is not so."""
+        command = ("python3", "-B", "-W", "ignore", "/mnt/look.py", name, role, str(LOOKING), *gone)
+        answer = self.run_as_user(*command, check=check)
+        return answer and (tuple(map(int, answer.split())) or "gone")
+
+    def see(self, name, role="", *gone):
+        """Waits until that object is there, or has gone."""
         try:
-            answer = self.run_as_user(*words, timeout=seconds + 60)
-        except NotReached as error:
-            raise NotReached(f"{name!r} {'still' if gone else 'not'} on screen\n{error}") from error
-        return None if gone else tuple(map(int, answer.split()))
+            return self.wait_for(" ".join((name, *gone)), lambda: self.look(name, role, *gone))
+        except Blocked:
+            return self.look(name, role, *gone, check=True)  # what is on screen is in its failure
 
     def press(self, name, role=""):
         """Clicks on an object, once it is there."""
-        x, y = self.look(name, role)
+        x, y = self.see(name, role)
         width, height = self.size
         places = [
             [{"type": "abs", "data": {"axis": axis, "value": value * 0x7FFF // limit}} for axis, value, limit in place]
@@ -168,12 +172,9 @@ class Guest:
         def is_taken():
             self.keys("ctrl", "a")
             self.type(text)
-            try:
-                return self.look(f".{{{len(text)}}}", "password text", seconds=10)
-            except NotReached:
-                return None
+            return self.look(f".{{{len(text)}}}", "password text")
 
-        wait_for("the field for the password", is_taken)
+        self.wait_for("the field for the password", is_taken)
 
     def is_painted(self):
         """Whether the middle of the screen shows more than one colour and the mouse."""
