@@ -96,22 +96,16 @@ FileDescriptor Staging::makeFolder(const std::string& name) const {
     return openFolder(folder(), name);
 }
 
-void Staging::sync() const {
-    if (syncfs(folder()) != 0) {
-        throw systemFailure("the target cannot be written to");
-    }
-}
-
 void Staging::swapIn() const {
     makeFolder(kOldFolder);
     const SwapPlan plan = makeSwapPlan(target(), folder());
     writeSwapPlan(folder(), plan);
-    sync(); // the new must be on disk before the old is moved
+    sync(folder()); // the new must be on disk before the old is moved
     swap(target(), folder(), plan);
 }
 
 void Staging::markDone() const {
-    sync();
+    sync(folder());
     const FileDescriptor mark(openat(folder(), kDone, O_CREAT | O_WRONLY | O_CLOEXEC, S_IRUSR));
     if (!mark.isOpen() || fsync(mark.get()) != 0 || fsync(folder()) != 0) {
         throw systemFailure("the target cannot be written to");
@@ -152,7 +146,12 @@ void Staging::settle() const {
         removeDiscarded();
         commitReceipt(target(), folder());
     } else {
-        undoSwap(target(), folder(), readSwapPlan(folder()));
+        const SwapPlan plan = readSwapPlan(folder());
+        undoSwap(target(), folder(), plan);
+        if (!plan.empty()) {
+            // Syncing this folder alone would let the plan's removal reach the disk before what was undone.
+            sync(folder());
+        }
     }
     // Without its plan, nothing would be undone again; without the mark, what is planned would be. So the
     // plan goes first and the mark last, also on disk.

@@ -56,7 +56,6 @@ class Staging {
     void settle() const;
     void discard(const std::string& name) const;
     void removeDiscarded() const;
-    void sync() const;
 
     FileDescriptor target_;
     FileDescriptor folder_;

@@ -85,11 +85,15 @@ bool renameWhole(int fromFolder, const std::string& fromName, int toFolder, cons
     return renameat(fromFolder, fromName.c_str(), toFolder, toName.c_str()) == 0;
 }
 
-FileDescriptor openFolder(int folder, const std::string& path) {
+FileDescriptor openFolder(int folder, const std::string& path, bool isMade) {
     FileDescriptor opened = openChild(folder, ".");
     for (std::size_t begin = 0; opened.isOpen() && begin < path.size();) {
         const std::size_t end = std::min(path.find('/', begin), path.size());
-        opened = openChild(opened.get(), path.substr(begin, end - begin));
+        const std::string name = path.substr(begin, end - begin);
+        if (isMade && mkdirat(opened.get(), name.c_str(), 0755) != 0 && errno != EEXIST) {
+            throw systemFailure("cannot make the folder " + inQuotes(path));
+        }
+        opened = openChild(opened.get(), name);
         begin = end + 1;
     }
     if (!opened.isOpen()) {
@@ -138,6 +142,12 @@ std::vector<std::string> namesIn(int folder) {
     }
     std::sort(names.begin(), names.end());
     return names;
+}
+
+void sync(int folder) {
+    if (syncfs(folder) != 0) {
+        throw systemFailure("the target cannot be written to");
+    }
 }
 
 void removeTree(int folder, const std::string& name, unsigned depth) {
