@@ -16,6 +16,7 @@
 
 #include <fcntl.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <ctime>
@@ -28,6 +29,7 @@ using namespace package;
 namespace {
 
 constexpr char kPostinstall[] = "postinstall";
+constexpr unsigned kPatience = 60; // seconds for each answer of the file system that the package is on
 
 std::uint64_t freeBytes(const Staging& staging) {
     struct statvfs fileSystem{};
@@ -151,7 +153,7 @@ Receipt receiptFor(const Package& package, const PackageInfo& info) {
     gmtime_r(&now, &time);
     char text[32];
     (void)std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &time);
-    return {info.identifier, info.version, text, package.signer().empty() ? "none" : package.signer(), {}};
+    return {info.identifier, info.version, text, package.signer().empty() ? kNoSigner : package.signer()};
 }
 
 } // namespace
@@ -159,15 +161,20 @@ Receipt receiptFor(const Package& package, const PackageInfo& info) {
 void install(const Request& request, const Staging& staging) {
     const TrustedCertificates trusted = readTrusted(request);
     print("installer: Checking the package\n");
+    // A file system that does not answer must not hold the target: SIGALRM ends this process.
+    const auto expectAnswer = [] { alarm(kPatience); };
+    expectAnswer();
     Package package(openPackage(request), trusted);
     reportSigner(package, trusted);
-    package.makePrivate(staging.folder(), freeBytes(staging));
+    package.makePrivate(staging.folder(), freeBytes(staging), expectAnswer);
+    alarm(0);
     package.verifyEntries();
     const PackageInfo info = readPackageInfo(package);
-    requireNotOlder(staging.target(), info);
+    const bool isSigned = !package.signer().empty();
+    requireNotOlder(staging.target(), info, isSigned);
 
     unpackPayload(package, info, staging);
-    requireOwnPlaces(staging.target(), staging.folder(), info);
+    requireOwnPlaces(staging.target(), staging.folder(), info, isSigned);
     const FileDescriptor scripts = unpackScripts(package, staging);
     writeReceipt(staging.folder(), receiptFor(package, info));
     const std::string slash = request.target.ends_with('/') ? "" : "/";
@@ -178,6 +185,7 @@ void install(const Request& request, const Staging& staging) {
     }
     staging.swapIn();
     runScript(scripts.get(), kPostinstall, arguments);
+    makeReceiptsFolder(staging.target()); // while its failure can still be undone
     staging.markDone();
 }
 

@@ -12,8 +12,8 @@
 // refuses.
 namespace installer {
 
-/// Opens the folder at `path` below `folder`; an empty path is `folder` itself. Folders that are missing on the
-/// way are made first if `isMade`.
+/// Opens the folder at `path` below `folder`; an empty path is `folder` itself. Folders that are missing on
+/// the way are made first if `isMade`.
 FileDescriptor openFolder(int folder, const std::string& path, bool isMade = false);
 
 /// The entry's own status (of a link, not of its target); empty where there is no such entry.

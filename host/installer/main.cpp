@@ -139,7 +139,8 @@ void list(const std::string& target) {
     if (!folder.isOpen()) {
         throw package::systemFailure("the target cannot be examined");
     }
-    installer::forEachReceipt(folder.get(), [](const installer::Receipt& receipt) {
+    installer::forEachReceipt(folder.get(), [](installer::ReceiptReader& reader) {
+        const installer::Receipt& receipt = reader.head();
         installer::printOutcome(receipt.identifier + " " + receipt.version + " " + receipt.time + " " +
                                 receipt.signer + "\n");
     });

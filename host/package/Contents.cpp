@@ -40,7 +40,7 @@ class PayloadCheck : public Measure {
 
     void begin(const PayloadEntry& entry) override {
         isEmpty = false;
-        requireNotReserved(prefix_ + entry.path);
+        requireNotReserved(prefix_ + entry.path, S_ISDIR(entry.type));
     }
 
     bool isEmpty = true;
@@ -63,10 +63,14 @@ class ScriptsCheck : public Measure {
 
 } // namespace
 
-void requireNotReserved(const std::string& place) {
+void requireNotReserved(const std::string& place, bool isFolder) {
     for (const std::string reserved : {kStagingName, kReceiptsParent}) {
         if ((place + "/").starts_with(reserved + "/")) {
             throw Failure("the package has an entry in the installer's own folder: " + inQuotes(place));
+        }
+        if (!isFolder && reserved.starts_with(place + "/")) {
+            throw Failure("the package has a file or link on the way to the installer's own folder: " +
+                          inQuotes(place));
         }
     }
 }

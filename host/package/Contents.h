@@ -17,8 +17,9 @@ struct Entry;
 inline constexpr char kStagingName[] = ".pellomar-installer";
 inline constexpr char kReceiptsParent[] = "var/lib/pellomar-installer";
 
-/// Throws Failure when a place, relative to the target, is in one of them.
-void requireNotReserved(const std::string& place);
+/// Throws Failure when a place, relative to the target, is in one of them, or would be a file or link on the
+/// way to one.
+void requireNotReserved(const std::string& place, bool isFolder);
 
 /// The most bytes that all files in Scripts may hold together.
 inline constexpr std::uint64_t kLargestScripts = 64 << 20;

@@ -18,6 +18,7 @@ namespace package {
 namespace {
 
 constexpr std::size_t kBlock = 1 << 18;
+constexpr std::uint64_t kPiece = 4 << 20;
 constexpr std::uint64_t kLongestSignature = 2048; // bytes, of a 16384-bit key
 
 FileDescriptor namelessFile(int folder) {
@@ -35,19 +36,23 @@ FileDescriptor namelessFile(int folder) {
     return file;
 }
 
-void copyBytes(int from, int to, std::uint64_t left) {
-    std::vector<char> block(kBlock);
-    while (left > 0) {
-        const ssize_t got = read(from, block.data(), std::min<std::uint64_t>(left, block.size()));
-        if (got <= 0) {
-            throw got < 0 ? systemFailure("the package cannot be read")
-                          : Failure("the package is damaged: it breaks off before its end");
-        }
-        left -= static_cast<std::uint64_t>(got);
-        if (!writeAll(to, {block.data(), static_cast<std::size_t>(got)})) {
-            throw systemFailure("the package cannot be copied to the target");
-        }
+// Copies what lies at the two files' positions, `most` bytes at most, and returns how many. The kernel copies
+// or shares them; where it cannot, they go through `buffer`.
+std::size_t copyPiece(int from, int to, std::size_t most, std::vector<char>& buffer) {
+    ssize_t got = buffer.empty() ? copy_file_range(from, nullptr, to, nullptr, most, 0) : 0;
+    if (got > 0) {
+        return static_cast<std::size_t>(got);
     }
+    buffer.resize(kBlock);
+    got = read(from, buffer.data(), std::min(most, buffer.size()));
+    if (got <= 0) {
+        throw got < 0 ? systemFailure("the package cannot be read")
+                      : Failure("the package is damaged: it breaks off before its end");
+    }
+    if (!writeAll(to, {buffer.data(), static_cast<std::size_t>(got)})) {
+        throw systemFailure("the package cannot be copied to the target");
+    }
+    return static_cast<std::size_t>(got);
 }
 
 } // namespace
@@ -113,7 +118,7 @@ void Package::verifySeal(const Seal& seal, const std::string& tableDigest,
                               trusted);
 }
 
-void Package::makePrivate(int folder, std::uint64_t room) {
+void Package::makePrivate(int folder, std::uint64_t room, const std::function<void()>& onPiece) {
     if (size_ > room) {
         throw Failure("not enough free space on the target");
     }
@@ -121,17 +126,12 @@ void Package::makePrivate(int folder, std::uint64_t room) {
     if (lseek(file_.get(), 0, SEEK_SET) < 0) {
         throw systemFailure("the package cannot be copied to the target");
     }
-    // The kernel copies or, from the first byte on, shares; where it cannot, the bytes go through a buffer.
-    std::uint64_t at = 0;
-    while (at < size_) {
-        const ssize_t got = copy_file_range(file_.get(), nullptr, copy.get(), nullptr,
-                                            static_cast<std::size_t>(size_ - at), 0);
-        if (got <= 0) {
-            break;
-        }
-        at += static_cast<std::uint64_t>(got);
+    std::vector<char> buffer;
+    for (std::uint64_t at = 0; at < size_;) {
+        onPiece();
+        const auto most = static_cast<std::size_t>(std::min(size_ - at, kPiece));
+        at += copyPiece(file_.get(), copy.get(), most, buffer);
     }
-    copyBytes(file_.get(), copy.get(), size_ - at);
     if (pwrite(copy.get(), front_.data(), front_.size(), 0) != static_cast<ssize_t>(front_.size())) {
         throw systemFailure("the package cannot be copied to the target");
     }

@@ -5,6 +5,7 @@
 #include "package/Table.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -27,8 +28,9 @@ class Package {
 
     /// Continues with a private copy: a file without a name, below `folder` and on its file system. Its table
     /// is the one that was verified, and whatever happens to the original from then on changes nothing.
+    /// Calls `onPiece` before each piece of some MB, since the original's file system may stop answering.
     /// Throws Failure when it would be larger than `room` bytes.
-    void makePrivate(int folder, std::uint64_t room);
+    void makePrivate(int folder, std::uint64_t room, const std::function<void()>& onPiece);
 
     /// Gives up the private copy: nothing can be read from then on.
     void discardCopy() { file_.reset(); }

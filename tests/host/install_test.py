@@ -121,6 +121,7 @@ class Install(HostTest):
             ("no PackageInfo", xar(Payload=sound), "no PackageInfo"),
             ("script that is no program", package(file("a"), scripts=[file("preinstall", "")]), "not a program"),
             ("script that is a link", package(file("a"), scripts=[link("preinstall", "/bin/true")]), "not a program"),
+            ("link on the way to receipts", holding(link("var/lib", "x")), "on the way to the installer's own folder"),
             ("in the way of the installer", holding(file(f"{STAGING}/new/x")), "the installer's own folder"),
             ("name is not UTF-8", archive("<file><name enctype='base64'>/w==</name></file>", b""), "not UTF-8"),
             ("link to nowhere", holding(link("a", "")), "leads nowhere"),
@@ -176,8 +177,12 @@ class Install(HostTest):
     def test_scripts_end_with_all_they_started(self):
         """And the lock on the target is free again, whether anybody reads the output or not."""
         orphan = f"(setsid sleep 999 >&- 2>&- & echo $! >'{self.scratch}/orphan')"
+        shutil.copy("/bin/sleep", self.scratch / "a\nb")
+        odd = orphan.replace("sleep", f"'{self.scratch}/a\nb'")
+        odd += f"; until grep -q b /proc/$(cat '{self.scratch}/orphan')/comm; do :; done"
         rows = (
             ("succeeds", orphan, (), None),
+            ("an odd name", odd, (), None),
             ("before the next script", f"kill -0 $(cat '{self.scratch}/orphan') || exit 3", (), "failed with status 3"),
             ("the worker is killed", f"{orphan}; kill -9 $PPID; sleep 999", (), "ended by signal 9"),
             ("takes too long", f"{orphan}; sleep 999", tracing("-einject=ppoll:retval=0"), "longer than 10 minutes"),
@@ -204,11 +209,32 @@ class Install(HostTest):
             with self.subTest(redirection, number=number):
                 self.assert_outcome(self.install(b"not a package", *command), cause)
 
-    def test_receipts(self):
-        def versioned(version, identifier="com.example.thing", names=("Applications/A.app/run", "Library/a%\n")):
-            info = f"<pkg-info identifier='{identifier}' version='{version}'/>"
-            return package(*(file(name, version) for name in names), info=info.encode())
+    def test_changed_and_silent_while_it_is_read(self):
+        """What has been read and verified counts, and a file system that stops answering holds nobody up."""
+        events, before = self.scratch / "events", snapshot(self.world)
+        os.mkfifo(events)
+        copy = script("postinstall", f"""cat "$1" >'{self.scratch}/copy'""")
+        good = package(file("a"), scripts=[copy])
+        self.path.write_bytes(good)
+        stop = tracing("-o", events, "-etrace=fstatfs", "-einject=fstatfs:signal=STOP:when=1")
+        with subprocess.Popen((*stop, *self.command), stdout=subprocess.DEVNULL) as process, events.open() as lines:
+            stopped = next(line for line in lines if "stopped by" in line)
+            self.path.write_bytes(good.replace(good[:200], bytes(200)))
+            run("kill", "-CONT", stopped.split()[0])
+            lines.read()
+        self.assertEqual((process.returncode, (self.scratch / "copy").read_bytes()), (0, good))
+        shutil.rmtree(self.target)
+        self.target.mkdir()
+        silent = self.install(good, *tracing("-einject=?alarm,?setitimer:signal=ALRM:when=3"))
+        self.assert_refused(silent, "did not answer")
+        self.assertEqual(snapshot(self.world), before)
 
+    def test_receipts(self):
+        def versioned(version, identifier="com.example.thing", names=("Applications/A.app/run", "Library/a%\n"), by=()):
+            info = f"<pkg-info identifier='{identifier}' version='{version}'/>"
+            return package(*(file(name, version) for name in names), info=info.encode(), chain=by)
+
+        publisher = [Publisher("publisher")]
         rows = (
             ("first", versioned("2.0.9"), ""),
             ("higher", versioned("2.0.10"), ""),
@@ -219,6 +245,9 @@ class Install(HostTest):
             ("other product's file", versioned("9", "other", ["Library/a%\n"]), "another product"),
             ("receipts", versioned("9", "other", [f"{RECEIPTS}/other"]), "installer's own folder"),
             ("other place", versioned("1", "other", ["Library/b"]), ""),
+            ("none that is not signed binds one that is", versioned("2.0.9", by=publisher), ""),
+            ("nor its places", versioned("2.0.9", names=["Library/b"], by=publisher), ""),
+            ("a signed one binds all", versioned("2.0.8"), "newer version is installed: 2.0.9"),
         )
         for name, content, cause in rows:
             with self.subTest(name):
@@ -227,9 +256,40 @@ class Install(HostTest):
                 self.assertEqual(snapshot(self.target) == before, bool(cause))
         listed = run(INSTALLER, "-receipts", "-target", self.target).stdout
         time = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ"
-        self.assertRegex(listed, f"^com.example.thing 2.0.10.0 {time} none\nother 1 {time} none\n$")
-        (self.target / RECEIPTS / "other").write_text("damaged")
-        self.assert_refused(self.install(versioned("3")), "receipt is damaged")
+        self.assertRegex(listed, f"^com.example.thing 2.0.9 {time} [0-9a-f]{{64}}\nother 1 {time} none\n$")
+        receipts = self.target / RECEIPTS
+        begin = "pellomar-installer receipt 1\nidentifier x\nversion 1\n"
+        files = (
+            ("notes", "none", ""),
+            ("cut", begin + "time", '"cut" is damaged'),
+            ("long", begin + "time x\nsigner y\n" + "z" * 9_000 + "\n", '"long" is damaged'),
+            ("com.example.thing", "damaged", '"com.example.thing" is damaged'),
+            (".unfinished", begin, ""),
+        )
+        for name, text, cause in files:
+            with self.subTest(name):
+                self.addCleanup((receipts / name).unlink, missing_ok=True)
+                (receipts / name).write_text(text)
+                self.assert_outcome(self.install(versioned("3", by=publisher)), cause)
+                (receipts / name).unlink(missing_ok=True)
+
+    def test_no_place_for_a_receipt(self):
+        """Is seen while the install can still be undone."""
+        variable = self.target / "var"
+        for change, cause in (
+            (lambda: variable.symlink_to("outside"), '"var" is not a folder'),
+            (lambda: (variable.mkdir(), (variable / "lib").touch()), '"var/lib" is not a folder'),
+            (lambda: (variable.mkdir(), run("mount", "-t", "tmpfs", "-o", "ro", "none", variable)), "Read-only"),
+        ):
+            change()
+            self.addCleanup(run, "umount", variable)
+            self.assert_all_refused([(cause, package(file("a")), cause)])
+            run("umount", variable)
+            run("rm", "-rf", variable)
+        before, later = self.make_old(), script("postinstall", f"touch '{variable}'")
+        self.assert_refused(self.install(update(later)), "Not a directory")
+        variable.unlink()
+        self.assert_put_back(before)
 
     if not IS_SANITIZED:  # sanitizers take memory of their own
 
