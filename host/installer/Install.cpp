@@ -6,6 +6,7 @@
 #include "installer/SetAside.h"
 #include "installer/Staging.h"
 #include "installer/StagingLayout.h"
+#include "installer/Swap.h"
 #include "installer/Tree.h"
 #include "installer/Unpacker.h"
 #include "package/Contents.h"
@@ -20,6 +21,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
 #include <limits>
 
 namespace installer {
@@ -28,7 +30,6 @@ using namespace package;
 
 namespace {
 
-constexpr char kPostinstall[] = "postinstall";
 constexpr unsigned kPatience = 60; // seconds for each answer of the file system that the package is on
 
 std::uint64_t freeBytes(const Staging& staging) {
@@ -136,7 +137,7 @@ void unpackPayload(const Package& package, const PackageInfo& info, const Stagin
           std::to_string(unpacker.bytes() / 1024) + " KiB\n");
 }
 
-FileDescriptor unpackScripts(const Package& package, const Staging& staging) {
+FileDescriptor unpackScripts(const Package& package, const PackageInfo& info, const Staging& staging) {
     FileDescriptor folder = staging.makeFolder("scripts");
     if (const Entry* scripts = package.find("Scripts")) {
         const std::unique_ptr<EntryReader> reader = package.open(*scripts);
@@ -144,6 +145,9 @@ FileDescriptor unpackScripts(const Package& package, const Staging& staging) {
         readPayload(*reader, unpacker);
         unpacker.finish();
     }
+    std::vector<std::string> missing = info.scripts;
+    std::erase_if(missing, [&](const std::string& name) { return statusOf(folder.get(), name).has_value(); });
+    requireNamedScripts(missing);
     return folder;
 }
 
@@ -168,18 +172,20 @@ void install(const Request& request, const Staging& staging) {
     reportSigner(package, trusted);
     package.makePrivate(staging.folder(), freeBytes(staging), expectAnswer);
     alarm(0);
-    package.verifyEntries();
     const PackageInfo info = readPackageInfo(package);
     const bool isSigned = !package.signer().empty();
     requireNotOlder(staging.target(), info, isSigned);
 
     unpackPayload(package, info, staging);
     requireOwnPlaces(staging.target(), staging.folder(), info, isSigned);
-    const FileDescriptor scripts = unpackScripts(package, staging);
+    const FileDescriptor scripts = unpackScripts(package, info, staging);
     writeReceipt(staging.folder(), receiptFor(package, info));
-    const std::string slash = request.target.ends_with('/') ? "" : "/";
-    const ScriptArguments arguments{package.file(), request.target + slash + info.location, request.target};
-    runScript(scripts.get(), "preinstall", arguments);
+    (void)makeSwapPlan(staging.target(), staging.folder()); // what it refuses, before a script has run
+    const std::string target =
+        std::filesystem::canonical("/proc/self/fd/" + std::to_string(staging.target()));
+    const std::string slash = target.ends_with('/') ? "" : "/";
+    const ScriptArguments arguments{package.file(), target + slash + info.location, target};
+    runScript(scripts.get(), kPreinstall, arguments);
     if (!statusOf(scripts.get(), kPostinstall)) {
         package.discardCopy(); // while its pages are dirty: a sync would write them
     }

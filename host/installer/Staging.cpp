@@ -62,8 +62,13 @@ FileDescriptor takeStagingFolder(int target, std::chrono::seconds patience) {
         FileDescriptor folder = openFolder(target, kStagingName);
         struct stat status{};
         if (fstat(folder.get(), &status) != 0 || status.st_uid != geteuid() ||
-            (status.st_mode & 07777) != S_IRWXU) {
+            (status.st_mode & 07777 & ~S_ISGID) != S_IRWXU) {
             throw Failure(std::string("another user can change the target's folder ") + kStagingName);
+        }
+        // What a set-group-id target passes on, what is made in it must not inherit.
+        if ((status.st_mode & S_ISGID) != 0 &&
+            (fchown(folder.get(), -1U, getegid()) != 0 || fchmod(folder.get(), S_IRWXU) != 0)) {
+            throw systemFailure("the target cannot be written to");
         }
         lock(folder.get(), deadline);
         // The process that had it may have removed it between the two steps above.

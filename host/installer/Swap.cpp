@@ -65,6 +65,9 @@ class Planner {
                 plan.push_back(place);
                 continue;
             }
+            if ((S_ISDIR(there->st_mode) && there->st_dev != device_) || isMountPoint(present, name)) {
+                throw Failure("something is mounted in the target's place " + inQuotes(place));
+            }
             if (!comesAsFolder) {
                 if (S_ISDIR(there->st_mode)) {
                     throw Failure("the target has a folder in place of a file: " + inQuotes(place));
@@ -77,9 +80,6 @@ class Planner {
             }
             if (!S_ISDIR(there->st_mode)) {
                 throw Failure("the target has a file in place of a folder: " + inQuotes(place));
-            }
-            if (there->st_dev != device_) {
-                throw Failure("the target's folder is on another file system: " + inQuotes(place));
             }
             if (isBundle(name)) {
                 plan.push_back(place);

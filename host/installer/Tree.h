@@ -16,6 +16,9 @@ namespace installer {
 /// the way are made first if `isMade`.
 FileDescriptor openFolder(int folder, const std::string& path, bool isMade = false);
 
+/// Whether something is mounted there. False also where that can't be told.
+bool isMountPoint(int folder, const std::string& name);
+
 /// The entry's own status (of a link, not of its target); empty where there is no such entry.
 std::optional<struct stat> statusOf(int folder, const std::string& name);
 

@@ -2,6 +2,7 @@
 
 #include "base/ReadWrite.h"
 #include "package/Failure.h"
+#include "package/ReadAhead.h"
 #include "package/Text.h"
 #include "package/Trust.h"
 
@@ -11,14 +12,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <vector>
 
 namespace package {
 
 namespace {
 
-constexpr std::size_t kBlock = 1 << 18;
-constexpr std::uint64_t kPiece = 4 << 20;
 constexpr std::uint64_t kLongestSignature = 2048; // bytes, of a 16384-bit key
 
 FileDescriptor namelessFile(int folder) {
@@ -36,24 +36,68 @@ FileDescriptor namelessFile(int folder) {
     return file;
 }
 
-// Copies what lies at the two files' positions, `most` bytes at most, and returns how many. The kernel copies
-// or shares them; where it cannot, they go through `buffer`.
-std::size_t copyPiece(int from, int to, std::size_t most, std::vector<char>& buffer) {
-    ssize_t got = buffer.empty() ? copy_file_range(from, nullptr, to, nullptr, most, 0) : 0;
-    if (got > 0) {
-        return static_cast<std::size_t>(got);
+// Compares the checksums of a table's entries, in the order of their places, with the file's bytes from its
+// beginning.
+class EntryCheck {
+  public:
+    EntryCheck(const Table& table, std::uint64_t heap, bool isStrengthDemanded) : heap_(heap) {
+        for (const Entry& entry : table.entries) {
+            if (!entry.data || entry.data->stored.length == 0) {
+                continue;
+            }
+            const std::optional<Checksum>& checksum = entry.data->storedChecksum;
+            if (isStrengthDemanded && (!checksum || !isStrong(checksum->kind))) {
+                throw Failure("the package has an entry without a strong checksum: " + inQuotes(entry.path));
+            }
+            if (checksum) {
+                entries_.push_back(&entry);
+            }
+        }
+        std::sort(entries_.begin(), entries_.end(), [](const Entry* a, const Entry* b) {
+            return a->data->stored.offset > b->data->stored.offset; // the last is the next
+        });
     }
-    buffer.resize(kBlock);
-    got = read(from, buffer.data(), std::min(most, buffer.size()));
-    if (got <= 0) {
-        throw got < 0 ? systemFailure("the package cannot be read")
-                      : Failure("the package is damaged: it breaks off before its end");
+
+    void add(std::string_view bytes) {
+        while (!bytes.empty() && !entries_.empty()) {
+            const Extent& stored = entries_.back()->data->stored;
+            const std::uint64_t start = heap_ + stored.offset;
+            const std::uint64_t next = at_ < start ? start : start + stored.length; // where something changes
+            const std::string_view part = bytes.substr(0, next - at_);
+            bytes.remove_prefix(part.size());
+            if (at_ >= start) {
+                digest(part);
+            }
+            at_ += part.size();
+            if (at_ == start + stored.length) {
+                finishEntry();
+            }
+        }
+        at_ += bytes.size();
     }
-    if (!writeAll(to, {buffer.data(), static_cast<std::size_t>(got)})) {
-        throw systemFailure("the package cannot be copied to the target");
+
+  private:
+    void digest(std::string_view part) {
+        if (!digest_) {
+            digest_.emplace(entries_.back()->data->storedChecksum->kind);
+        }
+        digest_->update(part.data(), part.size());
     }
-    return static_cast<std::size_t>(got);
-}
+
+    void finishEntry() {
+        const Entry& entry = *entries_.back();
+        if (digest_->finish() != entry.data->storedChecksum->bytes) {
+            throw Failure("the package is damaged: " + inQuotes(entry.path) + " does not match its checksum");
+        }
+        digest_.reset();
+        entries_.pop_back();
+    }
+
+    std::uint64_t heap_;
+    std::uint64_t at_ = 0;
+    std::vector<const Entry*> entries_;
+    std::optional<Digest> digest_;
+};
 
 } // namespace
 
@@ -74,12 +118,13 @@ Package::Package(FileDescriptor file, const TrustedCertificates* trusted) : file
     if (size_ < kHeaderSize) {
         throw Failure("not a package: it is too short");
     }
-    front_ = bytesAt(0, kHeaderSize);
+    front_ = bytesAt(0, std::min<std::uint64_t>(size_, kLongestHeader));
     const Header header = parseHeader(front_);
+    front_.resize(header.size);
     if (heap() + header.tableLength > size_) {
         throw Failure("not a package, or a damaged one: it breaks off in its table");
     }
-    const std::string packed = bytesAt(kHeaderSize, header.tableLength);
+    const std::string packed = bytesAt(header.size, header.tableLength);
     front_ += packed;
     Digest digest(header.digest);
     digest.update(packed.data(), packed.size());
@@ -123,15 +168,7 @@ void Package::makePrivate(int folder, std::uint64_t room, const std::function<vo
         throw Failure("not enough free space on the target");
     }
     FileDescriptor copy = namelessFile(folder);
-    if (lseek(file_.get(), 0, SEEK_SET) < 0) {
-        throw systemFailure("the package cannot be copied to the target");
-    }
-    std::vector<char> buffer;
-    for (std::uint64_t at = 0; at < size_;) {
-        onPiece();
-        const auto most = static_cast<std::size_t>(std::min(size_ - at, kPiece));
-        at += copyPiece(file_.get(), copy.get(), most, buffer);
-    }
+    readThrough(copy.get(), onPiece);
     if (pwrite(copy.get(), front_.data(), front_.size(), 0) != static_cast<ssize_t>(front_.size())) {
         throw systemFailure("the package cannot be copied to the target");
     }
@@ -162,24 +199,33 @@ std::string Package::heapBytes(const Extent& extent) const {
 }
 
 void Package::verifyEntries() const {
-    for (const Entry& entry : table_.entries) {
-        if (!entry.data || entry.data->stored.length == 0) {
-            continue;
+    readThrough(-1, [] {});
+}
+
+void Package::readThrough(int copy, const std::function<void()>& onPiece) const {
+    EntryCheck check(table_, heap(), isSignatureDemanded_);
+    std::uint64_t at = 0;
+    // Reading and copying take turns in one thread, and the digests are computed in the other.
+    ReadAhead pieces([&, this](char* to, std::size_t most) -> std::size_t {
+        if (at == size_) {
+            return 0;
         }
-        const std::optional<Checksum>& expected = entry.data->storedChecksum;
-        if (isSignatureDemanded_ && (!expected || !isStrong(expected->kind))) {
-            throw Failure("the package has an entry without a strong checksum: " + inQuotes(entry.path));
+        const ssize_t got =
+            pread(file_.get(), to, std::min<std::uint64_t>(most, size_ - at), static_cast<off_t>(at));
+        if (got <= 0) {
+            throw got < 0 ? systemFailure("the package cannot be read")
+                          : Failure("the package is damaged: it breaks off before its end");
         }
-        if (!expected) {
-            continue;
+        const auto size = static_cast<std::size_t>(got);
+        if (copy >= 0 && !writeAll(copy, {to, size})) {
+            throw systemFailure("the package cannot be copied to the target");
         }
-        const std::unique_ptr<EntryReader> reader = openAsStored(entry);
-        try {
-            while (!reader->next().empty()) {
-            }
-        } catch (const Failure&) {
-            throw Failure("the package is damaged: " + inQuotes(entry.path) + " does not match its checksum");
-        }
+        at += size;
+        return size;
+    });
+    for (std::string_view piece = pieces.next(); !piece.empty(); piece = pieces.next()) {
+        check.add(piece);
+        onPiece();
     }
 }
 

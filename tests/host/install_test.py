@@ -1,5 +1,6 @@
 """A sound package is installed whole; a hostile or broken one, or an interrupted run, changes nothing."""
 
+import gzip
 import itertools
 import os
 import shutil
@@ -10,7 +11,7 @@ from pathlib import Path
 
 from harness import APP, BUILD, INSTALLER, IS_SANITIZED, RECEIPTS, SIGNER, STAGING, HostTest
 from harness import contents, run, snapshot, tracing
-from packages import ENTRY_TIME, INFO, Publisher, archive, file, folder, link, package, payload, xar
+from packages import ENTRY_TIME, INFO, Publisher, archive, entry, file, folder, link, package, payload, xar
 
 SUPPORT = "Library/Application Support/NorvikEmu"
 TREE = (
@@ -68,12 +69,14 @@ class Install(HostTest):
         (self.target / "Applications").chmod(0o775)
         # An old copy under another name must not change along with the new one.
         os.link(self.outside / "kept", self.target / SUPPORT / "VirtualBoxStartup.sh")
-        report = f"to='{self.scratch}'; " + '''{ stat -c %a .; cat helper; env; } >"$to/seen"
+        report = f"to='{self.scratch}'; " + '''{ stat -c %a .; cat helper; ulimit -n; echo $3 /proc/$$/fd/*; env; } >"$to/seen"
             echo Error; echo invalid >&2; cat "$1" >"$to/copy"'''
         overwrite = script("preinstall", f"echo >'{self.path}'")
         scripts = (overwrite, script("postinstall", report), file("helper", "helped\n"))
         good = package(*TREE, info=INFO.replace(b"com.example", b"error.invalid"), scripts=scripts)
-        self.assert_installed(self.install(good, "env", "SECRET=leaked"))
+        (self.scratch / "w/at").symlink_to("target")
+        self.command[self.command.index(self.target)] = Path("at")
+        self.assert_installed(self.install(good, "env", f"--chdir={self.world}", "SECRET=leaked"))
         tree = snapshot(self.target)
         self.assertEqual((self.scratch / "copy").read_bytes(), good)
         for name, mode, content, _ in (entry for entry in TREE if entry[0] != "./Applications"):
@@ -83,7 +86,8 @@ class Install(HostTest):
         self.assertEqual(tree["Applications"][0], "0o40775")
         self.assertEqual((self.outside / "kept").read_text(), "kept")
         seen = (self.scratch / "seen").read_text()
-        self.assertRegex(seen, "(?s)^700\nhelped\n.*PATH=/usr/sbin:/usr/bin:/sbin:/bin\n")
+        descriptors = "".join(rf" /proc/\d+/fd/{number}" for number in (0, 1, 10, 11, 2, 3, 4))  # from 4 on the shell's own
+        self.assertRegex(seen, rf"(?s)^700\nhelped\n1024\n{self.target}{descriptors}\n.*PATH=/usr/sbin:/usr/bin:/sbin:/bin\n")
         self.assertNotIn("leaked", seen)
 
     def test_startup_of_the_sample(self):
@@ -100,6 +104,10 @@ class Install(HostTest):
         good, info, sound = package(file("a/b")), INFO.decode(), payload(file("a"))
         nested = f"<file><name>{'n' * 250}</name><type>directory</type>" * 4
         leaves = "".join(f"<file><name>{number}</name></file>" for number in range(2_000))
+        named = "<pkg-info identifier='a' version='1'><scripts>{}</scripts></pkg-info>"
+        folders = entry("PackageInfo", 32, INFO) + entry("Payload", 32 + len(INFO), sound)
+        folders += "<file><name>Scripts</name><type>directory</type></file>"
+        checked = b"070702" + b"%08x" * 13 % (1, 0o100644, 0, 0, 1, 0, 0, 0, 0, 0, 0, 2, 0) + b"a\0"
         size = "<pkg-info identifier='a' version='1'><payload installKBytes='{}'/></pkg-info>"
         (self.target / "way").symlink_to("../outside")
         (self.target / "file").write_text("mine")
@@ -114,9 +122,17 @@ class Install(HostTest):
             ("set-user-id", holding(file("a", "x", 0o4755)), "set-id"),
             ("set-group-id folder", holding(folder("a", 0o2755)), "set-id"),
             ("device", holding(file("a", "", 0o666, stat.S_IFCHR)), "special file"),
-            ("hard link", holding(file("a", "x", links=2), file("b", "x", links=2)), "hard link"),
-            ("payload is no archive", xar(PackageInfo=INFO, Payload=b"plainly"), "payload is damaged"),
-            ("payload without its end", xar(PackageInfo=INFO, Payload=sound[:-9]), "payload is damaged"),
+            ("hard link", holding(file("a", "x", links=2)), "use a copy or a symbolic link"),
+            ("payload is no archive", xar(PackageInfo=INFO, Payload=b"plainly"), "pack it with cpio and gzip"),
+            ("payload without its end", xar(PackageInfo=INFO, Payload=sound[:-9]), "payload breaks off"),
+            ("cpio cut in a file", xar(PackageInfo=INFO, Payload=gzip.compress(gzip.decompress(payload(file("a", "x" * 1_000)))[:500])), "breaks off"),
+            ("cpio with checksums", xar(PackageInfo=INFO, Payload=gzip.compress(checked)), "use odc or newc"),
+            ("product archive", xar(Distribution=b"<x/>", Payload=sound), "a flat package is wanted"),
+            ("version with letters", described(info.replace("1.0", "2.0-rc1")), "only digits and dots"),
+            ("script of another name", described(named.format("<preinstall file='./x'/>")), "names the script"),
+            ("another kind of script", described(named.format("<preflight file='./preflight'/>")), "names the script"),
+            ("script that is missing", described(named.format("<preinstall file='./preinstall'/>")), "missing in Scripts"),
+            ("folder of scripts", archive(folders, INFO + sound), "would not be run"),
             ("payload of nothing", package(folder(".")), "holds nothing"),
             ("no PackageInfo", xar(Payload=sound), "no PackageInfo"),
             ("script that is no program", package(file("a"), scripts=[file("preinstall", "")]), "not a program"),
@@ -140,7 +156,7 @@ class Install(HostTest):
             ("payload flipped", good[:-9] + bytes([good[-9] ^ 1]) + good[-8:], '"Payload" does not match'),
         )
         self.assert_all_refused(rows)
-        control = ("control character", xar(PackageInfo=INFO, Payload=sound, **{"\x7f": b"x"}), "not plain UTF-8")
+        control = ("control character", xar(PackageInfo=INFO, Payload=sound, **{"\x7f": b"x"}), "control characters")
         publisher, signed = Publisher("publisher"), self.scratch / "signed.pkg"
         for name, content, cause in (control, *(row for row in rows if "target" not in row[2])):
             with self.subTest("signing", of=name):
@@ -294,12 +310,13 @@ class Install(HostTest):
     if not IS_SANITIZED:  # sanitizers take memory of their own
 
         def test_memory(self):
-            """Whatever a package of 64 MB holds; the first two took gigabytes where a signature was demanded."""
+            """Whatever a package of 64 MB holds, and whatever is installed already."""
             nested = "".join(f"<file><name>{'n' * 250}</name><type>directory</type>" for _ in range(60))
             leaves = "".join(f"<file><name>{number}</name></file>" for number in range(20_000))
             few, attributes = leaves[:150_000], "".join(f" a{number}=''" for number in range(90_000))
             names = [file(f"{number:06}{'n' * 60}", "") for number in range(100_001)]
             rows = (
+                ("nested elements", archive("<file>" + "<a>" * 250_000, b""), False),
                 ("nested names", archive(nested + few[: few.rindex("<file>")] + "</file>" * 60, b""), False),
                 ("many entries", archive(leaves, b""), False),
                 ("many attributes", archive(f"<file{attributes}/>", b""), False),
@@ -315,6 +332,16 @@ class Install(HostTest):
                     outcome = self.install(content, "/usr/bin/python3", "-Sc", MEASURE)
                     self.assertEqual("successful" in outcome.stdout, succeeds and not trusts, outcome.stdout)
                     self.assertLess(int(outcome.stderr.split()[-1]), 32 << 10)
+            publisher, receipts = Publisher("publisher"), self.target / RECEIPTS
+            (self.trusted / "publisher.pem").write_text(publisher.certificate.read_text())
+            escapes = "%01" * 2_000 + "\n"
+            head = "pellomar-installer receipt 1\nidentifier x\nversion 1\ntime t\nsigner s\n"
+            largest = package(*names[:99_000], chain=[publisher])
+            self.assert_installed(self.install(largest))
+            (receipts / "x").write_text(head + escapes * 5_000)
+            outcome = self.install(largest, "/usr/bin/python3", "-Sc", MEASURE)
+            self.assert_installed(outcome)
+            self.assertLess(int(outcome.stderr.split()[-1]), 64 << 10)
 
     def test_mount_in_what_is_replaced(self):
         """Is not emptied, and what cannot be removed therefore is not in the way of the next install."""
@@ -329,6 +356,25 @@ class Install(HostTest):
         run("umount", left)
         self.assert_installed(self.install(update()))
         self.assert_updated()
+
+    def test_odd_targets(self):
+        """What is mounted in a place is seen before anything is done, and a group that is passed on is not taken."""
+        shared, ran = self.target / "shared", self.scratch / "ran"
+        shared.mkdir()
+        (shared / "a").write_text("old")
+        content = package(file("shared/a", "new"), scripts=[script("preinstall", f"touch '{ran}'")])
+        for place in shared, shared / "a":
+            with self.subTest(place):
+                run("mount", "--bind", place, place)
+                self.addCleanup(run, "umount", place)
+                self.assert_all_refused([("mounted", content, "something is mounted")])
+                self.assertFalse(ran.exists())
+                run("umount", place)
+        os.chown(self.target, 0, 4321)
+        self.target.chmod(0o2755)
+        self.assert_installed(self.install(package(file("new/a"))))
+        self.assertEqual([(self.target / name).stat().st_gid for name in ("new", "new/a")], [0, 0])
+        self.assertEqual((self.target / "new").stat().st_mode & 0o7777, 0o755)
 
     def test_deep_folders_in_what_is_replaced(self):
         self.make_old()
@@ -345,10 +391,9 @@ class Install(HostTest):
         shared.chmod(0o1777)
         victim.write_text("")
         victim.chmod(0o600)
-        run("mount", "--bind", shared, shared)
-        self.addCleanup(run, "umount", shared)
         (shared / ".pellomar-unfinished").symlink_to(victim)
-        self.install(package(file("shared/dir/a")))
+        moved = self.install(package(file("shared/dir/a")), *tracing("-einject=renameat2:error=EXDEV:when=1"))
+        self.assert_installed(moved)
         self.assertEqual(victim.stat().st_mode & 0o777, 0o600)
 
     def test_fault_at_each_move_of_the_swap(self):
