@@ -38,7 +38,7 @@ class Stream {
             const std::string_view block = stream.ahead_.next();
             *bytes = block.data();
             return static_cast<la_ssize_t>(block.size());
-        } catch (const Failure& problem) {
+        } catch (const std::exception& problem) {
             stream.cause_ = problem.what();
             archive_set_error(payload, EILSEQ, "%s", problem.what());
             return -1;
