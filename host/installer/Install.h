@@ -14,8 +14,9 @@ struct Request {
 };
 
 /// Installs the package and commits it with the mark in the staging folder. Prints progress. Throws
-/// package::Failure; what was done until then is undone by closing the staging folder. Takes at most 32 MB of
-/// memory, whatever the package is.
+/// package::Failure; what was done until then is undone by closing the staging folder. Ends the process by
+/// SIGALRM when the file system that the package is on does not answer for a minute. Takes at most 64 MB of
+/// memory, 32 MB if the package is refused before it is unpacked.
 void install(const Request& request, PackageFile& file, const Staging& staging);
 
 } // namespace installer

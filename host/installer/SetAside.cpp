@@ -23,12 +23,6 @@ constexpr char kPieces[] = "pieces";
     throw systemFailure("the target cannot be written to");
 }
 
-void sync(int folder) {
-    if (syncfs(folder) != 0) {
-        failToWrite();
-    }
-}
-
 void moveBundle(int from, int to, int aside) {
     if (renameWhole(from, kBundle, to, kBundle)) {
         return;

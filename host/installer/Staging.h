@@ -60,7 +60,6 @@ class Staging {
     void discard(const std::string& name) const;
     std::string unusedName() const;
     void removeDiscarded() const;
-    void sync() const;
 
     FileDescriptor target_;
     FileDescriptor folder_;

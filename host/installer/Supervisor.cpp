@@ -92,7 +92,7 @@ std::string causeOf(const std::function<void()>& work) {
     for (const int number : {SIGHUP, SIGINT, SIGQUIT}) {
         handle(number, SIG_IGN);
     }
-    for (const int number : {SIGTERM, SIGXCPU}) {
+    for (const int number : {SIGALRM, SIGTERM, SIGXCPU}) {
         handle(number, SIG_DFL);
     }
     handle(SIGUSR1, onParentDeath);
@@ -155,6 +155,9 @@ Ending supervise(const std::function<void()>& work) {
     }
     if (wasStopped) {
         return {false, "stopped by a signal"};
+    }
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) {
+        return {false, "the package's file system did not answer for a minute"};
     }
     return {false, WIFSIGNALED(status) ? "the worker was ended by signal " + std::to_string(WTERMSIG(status))
                                        : "the worker ended without giving a cause"};

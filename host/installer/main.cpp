@@ -8,6 +8,7 @@
 #include "installer/Supervisor.h"
 #include "installer/Tree.h"
 #include "package/Failure.h"
+#include "package/Memory.h"
 
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -20,7 +21,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <new>
 #include <string>
 #include <string_view>
@@ -64,20 +64,6 @@ void prepareProcess() {
         setrlimit(RLIMIT_NOFILE, &files);
     }
     installer::reportWhenStopped();
-}
-
-// A second line of defence: all that a package can make this program allocate is limited where it is read.
-void limitMemory() {
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // both reserve terabytes
-    constexpr rlim_t kMore = 48 << 20;
-    rlim_t pages = 0;
-    rlimit memory{};
-    if (std::ifstream("/proc/self/statm") >> pages && getrlimit(RLIMIT_AS, &memory) == 0) {
-        memory.rlim_cur =
-            std::min(memory.rlim_cur, pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + kMore);
-        setrlimit(RLIMIT_AS, &memory);
-    }
-#endif
 }
 
 struct Arguments : Request {
@@ -124,7 +110,8 @@ void list(const std::string& target) {
     if (!folder.isOpen()) {
         throw package::systemFailure("the target cannot be examined");
     }
-    installer::forEachReceipt(folder.get(), [](const installer::Receipt& receipt) {
+    installer::forEachReceipt(folder.get(), [](installer::ReceiptReader& reader) {
+        const installer::Receipt& receipt = reader.head();
         installer::printOutcome(receipt.identifier + " " + receipt.version + " " + receipt.time + " " +
                                 receipt.signer + "\n");
     });
@@ -134,7 +121,7 @@ void run(const Arguments& request) {
     installer::PackageFile file(request.package); // first: its process must inherit nothing
     const installer::Staging staging(request.target);
     const installer::Ending ending = installer::supervise([&] {
-        limitMemory();
+        package::limitMemory();
         install(request, file, staging);
     });
     const bool isCommitted = staging.isDone(); // whatever happened to the worker after that
