@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <linux/close_range.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -115,13 +116,28 @@ class Launch {
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
-        signal(SIGPIPE, SIG_DFL);
+        for (int number = 1; number < NSIG; ++number) {
+            signal(number, SIG_DFL);
+        }
+        if (child_.endsWithParent) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() != parent_) {
+                _exit(127);
+            }
+        }
+        for (const auto& [kind, soft] : child_.limits) {
+            rlimit limit{};
+            if (getrlimit(static_cast<__rlimit_resource>(kind), &limit) == 0) {
+                limit.rlim_cur = std::min(soft, limit.rlim_max);
+                setrlimit(static_cast<__rlimit_resource>(kind), &limit);
+            }
+        }
         connect(child_.standardInput, STDIN_FILENO);
         connect(child_.standardOutput, STDOUT_FILENO);
         connect(child_.standardError, STDERR_FILENO);
         close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC);
-        if (passDescriptorsOn() &&
-            (child_.workingFolder.empty() || chdir(child_.workingFolder.c_str()) == 0)) {
+        if ((child_.workingFolder.empty() || chdir(child_.workingFolder.c_str()) == 0) &&
+            passDescriptorsOn()) {
             execvpe(child_.path.c_str(), arguments_.data(),
                     child_.environment ? environment_.data() : environ);
         }
@@ -146,6 +162,7 @@ class Launch {
     }
 
     const ChildProcess& child_;
+    const pid_t parent_ = getpid();
     std::vector<std::string> argumentTexts_;
     std::vector<std::string> environmentTexts_;
     std::vector<char*> arguments_;

@@ -1,14 +1,16 @@
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <optional>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
-/// How a child process is started. It inherits the three standard descriptors and those of `passedOn`, no
-/// others.
+/// How a child process is started. No signal is ignored or blocked in it. It inherits the three standard
+/// descriptors and those of `passedOn`, no others.
 struct ChildProcess {
     static constexpr int kInherit = -1;
     static constexpr int kNull = -2; ///< the null device
@@ -19,7 +21,9 @@ struct ChildProcess {
     std::optional<std::vector<std::string>> environment; ///< "NAME=value" entries; absent: inherited
     std::string workingFolder;                           ///< empty: inherited
     bool ownSession = false;                             ///< outlives our terminal and process group
-    int standardInput = kInherit; ///< a descriptor of ours, kInherit or kNull; likewise below
+    bool endsWithParent = false;                         ///< is killed when the thread that starts it ends
+    std::vector<std::pair<int, rlim_t>> limits; ///< soft limits by RLIMIT_*, lowered to the hard ones
+    int standardInput = kInherit;               ///< a descriptor of ours, kInherit or kNull; likewise below
     int standardOutput = kInherit;
     int standardError = kInherit;
     std::vector<int> passedOn; ///< descriptors of ours that the child has as 3, 4, …

@@ -5,7 +5,6 @@
 #include <fcntl.h>
 
 #include <array>
-#include <cstdio>
 
 /// Both ends of a pipe, not inherited by child processes. If it cannot be created, neither end is open and
 /// `errno` is set.
@@ -19,14 +18,5 @@ struct Pipe {
             readEnd = FileDescriptor(ends[0]);
             writeEnd = FileDescriptor(ends[1]);
         }
-    }
-
-    /// The read end as a stream, which owns it from then on; null where none could be made.
-    FILE* takeReadStream() {
-        FILE* const stream = fdopen(readEnd.get(), "r");
-        if (stream != nullptr) {
-            [[maybe_unused]] const int nowTheStreams = readEnd.release();
-        }
-        return stream;
     }
 };

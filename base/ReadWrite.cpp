@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cerrno>
+#include <utility>
 
 bool writeAll(int descriptor, std::string_view bytes) {
     while (!bytes.empty()) {
@@ -17,17 +18,34 @@ bool writeAll(int descriptor, std::string_view bytes) {
     return true;
 }
 
-std::optional<std::string> readAll(int descriptor) {
-    std::string content;
+namespace {
+
+// Until the end, or until `use` returns false.
+template <typename Use>
+bool forEachBlock(int descriptor, Use use) {
     std::array<char, 65536> block{};
     for (;;) {
         const ssize_t count = read(descriptor, block.data(), block.size());
-        if (count > 0) {
-            content.append(block.data(), static_cast<std::size_t>(count));
-        } else if (count == 0) {
-            return content;
-        } else if (errno != EINTR) {
-            return std::nullopt;
+        if (count == 0) {
+            return true;
+        }
+        if (count > 0 ? !use({block.data(), static_cast<std::size_t>(count)}) : errno != EINTR) {
+            return false;
         }
     }
+}
+
+} // namespace
+
+bool copyAll(int from, int to) {
+    return forEachBlock(from, [to](std::string_view block) { return writeAll(to, block); });
+}
+
+std::optional<std::string> readAll(int descriptor) {
+    std::string content;
+    const bool isWhole = forEachBlock(descriptor, [&](std::string_view block) {
+        content += block;
+        return true;
+    });
+    return isWhole ? std::optional(std::move(content)) : std::nullopt;
 }

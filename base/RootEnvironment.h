@@ -4,3 +4,6 @@
 inline constexpr char kRootPath[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
 
 inline constexpr char kRootHome[] = "HOME=/root";
+
+/// The variable that names the user, by number, as whom the package installer opens its package.
+inline constexpr char kPackageUser[] = "INSTALLER_PACKAGE_USER";

@@ -1,4 +1,3 @@
-#include "base/PrivilegedCommands.h"
 #include "download/TemporaryFile.h"
 #include "install/PrivilegedCommand.h"
 #include "install/SystemVersionRule.h"
@@ -8,6 +7,7 @@
 #include "platform/Log.h"
 #include "platform/MainThread.h"
 #include "report/WebStatic.h"
+#include "rights/PrivilegedCommands.h"
 #include "ui/CoreImageView.h"
 #include "ui/StatusTexts.h"
 
@@ -74,6 +74,7 @@ bool CoreImageView::removeOldApplication(InstallAttempt& attempt) {
     updateStatus(status::kUninstalling);
     if (!run(attempt, PrivilegedCommand::RemoveApplication)) {
         // On purpose, no status text reports this and every button stays hidden.
+        removeCoverFile();
         attempt.authRef.reset();
         return false;
     }
@@ -93,6 +94,7 @@ bool CoreImageView::installPackage(InstallAttempt& attempt) {
     // Appended to what the removal printed: the words of either count against the installation.
     run(attempt, PrivilegedCommand::InstallPackage, packagePath());
     if (attempt.authStatus != errAuthorizationSuccess) {
+        removeCoverFile();
         updateStatus(status::kInstallerDidNotStart);
         executeWebStatic("822");
         attempt.authRef.reset();
@@ -106,6 +108,7 @@ bool CoreImageView::installPackage(InstallAttempt& attempt) {
     }
     NSLog("Install Pellomar failed:%s", attempt.output.c_str());
     executeWebStatic("822");
+    removeCoverFile(); // the old application stays, and with it its games
     updateStatus(status::kInstallFailed);
     enterState(ScreenState::DownloadAgain);
     // Not freed on this path, on purpose. Of its rights, the rights service leaves only the driver's query

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/Authorization.h"
+#include "rights/Authorization.h"
 
 #include <cstdio>
 #include <memory>

@@ -1,6 +1,6 @@
 #include "install/WordTests.h"
 
-#include "base/PrivilegedCommands.h"
+#include "rights/PrivilegedCommands.h"
 
 #include <algorithm>
 

@@ -69,7 +69,6 @@ QWidget* programWindow() {
 int Alert::runModal() const {
     QWidget* const window = programWindow();
     AlertBox box(mustBeAnswered, window);
-    box.setStyleSheet("* { button-layout: 0 }"); // the same order on every desktop
     box.setWindowTitle(window == nullptr ? QString() : window->windowTitle());
     constexpr int kIconSize = 48;
     box.setIconPixmap(
@@ -79,6 +78,7 @@ int Alert::runModal() const {
     arrange(box, !informativeText.empty());
     std::vector<QAbstractButton*> added;
     for (const std::string& label : buttons) {
+        // Buttons of this role stand in the order in which they are added, on every desktop.
         QPushButton* const button = box.addButton(viewText(label), QMessageBox::ActionRole);
         if (added.empty()) {
             box.setDefaultButton(button);

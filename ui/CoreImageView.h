@@ -1,6 +1,5 @@
 #pragma once
 
-#include "base/PrivilegedCommands.h"
 #include "platform/NotificationCenter.h"
 #include "platform/WorkerThread.h"
 #include "ui/Geometry.h"
@@ -19,6 +18,7 @@
 class CurlMessage;
 struct ComParam;
 struct InstallAttempt;
+enum class PrivilegedCommand;
 
 /// The download panel: the view that fills the window and shows both screens, receives the buttons' messages
 /// and handles the transfer's records. Its methods are defined in the folders they belong to:

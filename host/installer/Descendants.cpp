@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 
 namespace installer {
@@ -21,12 +22,13 @@ void killChildren() {
     std::error_code problem;
     for (const auto& entry : std::filesystem::directory_iterator("/proc", problem)) {
         const int process = std::atoi(entry.path().filename().c_str());
-        std::string status;
-        if (process <= 0 || !std::getline(std::ifstream(entry.path() / "stat"), status)) {
+        if (process <= 0) {
             continue;
         }
+        std::ifstream file(entry.path() / "stat");
+        const std::string status{std::istreambuf_iterator<char>(file), {}};
         int parent = 0;
-        const std::size_t nameEnd = status.rfind(')'); // the name may hold anything
+        const std::size_t nameEnd = status.rfind(')'); // the name may hold anything, line feeds too
         if (nameEnd != std::string::npos && std::sscanf(status.c_str() + nameEnd, ") %*c %d", &parent) == 1 &&
             parent == getpid()) {
             kill(process, SIGKILL);
@@ -41,7 +43,9 @@ void adoptOrphans() {
 }
 
 void endDescendants() {
-    for (;;) {
+    constexpr timespec kInterval{0, 5'000'000};
+    constexpr int kTries = 2'000;
+    for (int i = 0; i < kTries; ++i) {
         killChildren();
         pid_t ended = 0;
         while ((ended = waitpid(-1, nullptr, WNOHANG)) > 0) {
@@ -49,7 +53,6 @@ void endDescendants() {
         if (ended < 0) {
             return;
         }
-        constexpr timespec kInterval{0, 5'000'000};
         ppoll(nullptr, 0, &kInterval, nullptr);
     }
 }

@@ -7,7 +7,8 @@ namespace installer {
 /// inherit this.
 void adoptOrphans();
 
-/// Kills all descendants and waits until they have ended. Requires a previous call of adoptOrphans.
+/// Kills all descendants and waits until they have ended, ten seconds at most: one that waits for a device or
+/// a file system does not end before that answers. Requires a previous call of adoptOrphans.
 void endDescendants();
 
 } // namespace installer

@@ -1,11 +1,13 @@
 #include "installer/Install.h"
 
 #include "installer/Output.h"
+#include "installer/PackageFile.h"
 #include "installer/Receipt.h"
 #include "installer/Scripts.h"
 #include "installer/SetAside.h"
 #include "installer/Staging.h"
 #include "installer/StagingLayout.h"
+#include "installer/Swap.h"
 #include "installer/Tree.h"
 #include "installer/Unpacker.h"
 #include "package/Contents.h"
@@ -14,11 +16,12 @@
 #include "package/Payload.h"
 #include "package/Trust.h"
 
-#include <fcntl.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
 #include <limits>
 
 namespace installer {
@@ -27,7 +30,7 @@ using namespace package;
 
 namespace {
 
-constexpr char kPostinstall[] = "postinstall";
+constexpr unsigned kPatience = 60; // seconds for each answer of the file system that the package is on
 
 std::uint64_t freeBytes(const Staging& staging) {
     struct statvfs fileSystem{};
@@ -54,17 +57,6 @@ TrustedCertificates readTrusted(const Request& request) {
         trusted.addFolder(folder);
     }
     return trusted;
-}
-
-FileDescriptor openPackage(const Request& request) {
-    // Opening must not block, whatever the file is; that it is a regular one is checked before it is read.
-    FileDescriptor file(request.descriptor >= 0
-                            ? fcntl(request.descriptor, F_DUPFD_CLOEXEC, 0)
-                            : open(request.package.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (!file.isOpen()) {
-        throw systemFailure("the package cannot be opened");
-    }
-    return file;
 }
 
 void reportSigner(const Package& package, const TrustedCertificates& trusted) {
@@ -134,7 +126,7 @@ void unpackPayload(const Package& package, const PackageInfo& info, const Stagin
           std::to_string(unpacker.bytes() / 1024) + " KiB\n");
 }
 
-FileDescriptor unpackScripts(const Package& package, const Staging& staging) {
+FileDescriptor unpackScripts(const Package& package, const PackageInfo& info, const Staging& staging) {
     FileDescriptor folder = staging.makeFolder("scripts");
     if (const Entry* scripts = package.find("Scripts")) {
         const std::unique_ptr<EntryReader> reader = package.open(*scripts);
@@ -142,6 +134,9 @@ FileDescriptor unpackScripts(const Package& package, const Staging& staging) {
         readPayload(*reader, unpacker);
         unpacker.finish();
     }
+    std::vector<std::string> missing = info.scripts;
+    std::erase_if(missing, [&](const std::string& name) { return statusOf(folder.get(), name).has_value(); });
+    requireNamedScripts(missing);
     return folder;
 }
 
@@ -151,33 +146,41 @@ Receipt receiptFor(const Package& package, const PackageInfo& info) {
     gmtime_r(&now, &time);
     char text[32];
     (void)std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &time);
-    return {info.identifier, info.version, text, package.signer().empty() ? "none" : package.signer(), {}};
+    return {info.identifier, info.version, text, package.signer().empty() ? kNoSigner : package.signer()};
 }
 
 } // namespace
 
-void install(const Request& request, const Staging& staging) {
+void install(const Request& request, PackageFile& file, const Staging& staging) {
     const TrustedCertificates trusted = readTrusted(request);
     print("installer: Checking the package\n");
-    Package package(openPackage(request), trusted);
+    // A file system that does not answer must not hold the target: SIGALRM ends this process.
+    const auto expectAnswer = [] { alarm(kPatience); };
+    expectAnswer();
+    Package package(file.open(), trusted);
     reportSigner(package, trusted);
-    package.makePrivate(staging.folder(), freeBytes(staging));
-    package.verifyEntries();
+    package.makePrivate(staging.folder(), freeBytes(staging), expectAnswer);
+    alarm(0);
     const PackageInfo info = readPackageInfo(package);
-    requireNotOlder(staging.target(), info);
+    const bool isSigned = !package.signer().empty();
+    requireNotOlder(staging.target(), info, isSigned);
 
     unpackPayload(package, info, staging);
-    requireOwnPlaces(staging.target(), staging.folder(), info);
-    const FileDescriptor scripts = unpackScripts(package, staging);
+    requireOwnPlaces(staging.target(), staging.folder(), info, isSigned);
+    const FileDescriptor scripts = unpackScripts(package, info, staging);
     writeReceipt(staging.folder(), receiptFor(package, info));
-    const std::string slash = request.target.ends_with('/') ? "" : "/";
-    const ScriptArguments arguments{package.file(), request.target + slash + info.location, request.target};
-    runScript(scripts.get(), "preinstall", arguments);
+    (void)makeSwapPlan(staging.target(), staging.folder()); // what it refuses, before a script has run
+    const std::string target =
+        std::filesystem::canonical("/proc/self/fd/" + std::to_string(staging.target()));
+    const std::string slash = target.ends_with('/') ? "" : "/";
+    const ScriptArguments arguments{package.file(), target + slash + info.location, target};
+    runScript(scripts.get(), kPreinstall, arguments);
     if (!statusOf(scripts.get(), kPostinstall)) {
         package.discardCopy(); // while its pages are dirty: a sync would write them
     }
     staging.swapIn();
     runScript(scripts.get(), kPostinstall, arguments);
+    makeReceiptsFolder(staging.target()); // while its failure can still be undone
     staging.markDone();
 }
 

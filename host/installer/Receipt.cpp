@@ -1,5 +1,6 @@
 #include "installer/Receipt.h"
 
+#include "base/OursAlone.h"
 #include "base/ReadWrite.h"
 #include "installer/StagingLayout.h"
 #include "installer/Swap.h"
@@ -15,9 +16,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <array>
 #include <cerrno>
-#include <optional>
+#include <string_view>
+#include <vector>
 
 namespace installer {
 
@@ -46,48 +48,9 @@ std::string escaped(const std::string& place) {
     return text;
 }
 
-std::string unescaped(std::string_view text) {
-    std::string place;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '%') {
-            place += text[i];
-            continue;
-        }
-        const std::optional<std::string> byte = fromHex(text.substr(i + 1, 2));
-        if (!byte || byte->size() != 1) {
-            throw Failure("a receipt is damaged");
-        }
-        place += *byte;
-        i += 2;
-    }
-    return place;
-}
-
-std::string_view takeLine(std::string_view& text) {
-    const std::size_t end = text.find('\n');
-    if (end == std::string_view::npos) {
-        throw Failure("a receipt is damaged");
-    }
-    const std::string_view line = text.substr(0, end);
-    text.remove_prefix(end + 1);
-    return line;
-}
-
-std::string takeField(std::string_view& text, std::string_view name) {
-    const std::string_view line = takeLine(text);
-    if (!line.starts_with(name) || line.size() < name.size() + 2 || line[name.size()] != ' ') {
-        throw Failure("a receipt is damaged");
-    }
-    return std::string(line.substr(name.size() + 1));
-}
-
-std::string readFile(int folder, const std::string& name) {
-    const FileDescriptor file(openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    std::optional<std::string> text = file.isOpen() ? readAll(file.get()) : std::nullopt;
-    if (!text) {
-        throw systemFailure("a receipt cannot be read");
-    }
-    return *std::move(text);
+// Whoever could have a package without a signature installed could otherwise keep the publisher's out.
+bool binds(const Receipt& receipt, bool isSigned) {
+    return !isSigned || receipt.signer != kNoSigner;
 }
 
 FileDescriptor openToWrite(int folder, const std::string& name) {
@@ -99,148 +62,210 @@ FileDescriptor openToWrite(int folder, const std::string& name) {
     return file;
 }
 
-void requireOursAlone(int folder) {
+// Not open where that is no regular file.
+FileDescriptor openToRead(int folder, const std::string& name) {
+    FileDescriptor file(openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file.isOpen() && errno != ELOOP) {
+        throw systemFailure("the receipt " + inQuotes(name) + " cannot be read");
+    }
     struct stat status{};
-    if (fstat(folder, &status) != 0 || status.st_uid != geteuid() ||
-        (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) ? std::move(file) : FileDescriptor();
+}
+
+bool beginsLikeReceipt(int file) {
+    std::array<char, sizeof kFirstLine - 1> begin{};
+    return pread(file, begin.data(), begin.size(), 0) == static_cast<ssize_t>(begin.size()) &&
+           std::string_view(begin.data(), begin.size()) == kFirstLine;
+}
+
+// Not open where it does not exist.
+FileDescriptor openReceipts(int target) {
+    const auto status = statusOf(target, receiptsPath());
+    if (!status) {
+        return FileDescriptor();
+    }
+    if (!isOursAlone(*status)) {
         throw Failure("the folder of receipts can be changed by others");
     }
+    return openFolder(target, receiptsPath());
 }
 
-// The folder at `path`; none where it does not exist and is not to be made.
-FileDescriptor openReceipts(int target, bool isMade) {
-    FileDescriptor folder = openFolder(target, "");
+void requirePlaceForReceipts(int target) {
     const std::string path = receiptsPath();
-    for (std::size_t begin = 0; begin < path.size();) {
-        const std::size_t end = std::min(path.find('/', begin), path.size());
-        const std::string name = path.substr(begin, end - begin);
-        if (!isMade && !statusOf(folder.get(), name)) {
-            return FileDescriptor();
+    std::string deepest = ".";
+    for (std::size_t slash = 0; slash != std::string::npos;) {
+        slash = path.find('/', slash + 1);
+        const std::string folder = path.substr(0, slash);
+        const auto status = statusOf(target, folder);
+        if (!status) {
+            break;
         }
-        if (isMade && mkdirat(folder.get(), name.c_str(), 0755) != 0 && errno != EEXIST) {
-            throw systemFailure("a receipt cannot be written");
+        if (!S_ISDIR(status->st_mode)) {
+            throw Failure("no receipt can be kept in the target: " + inQuotes(folder) + " is not a folder");
         }
-        folder = openFolder(folder.get(), name);
-        begin = end + 1;
+        deepest = folder;
     }
-    requireOursAlone(folder.get());
-    return folder;
+    if (faccessat(target, deepest.c_str(), W_OK, 0) != 0) {
+        throw systemFailure("no receipt can be kept in the target's folder " + inQuotes(deepest));
+    }
 }
 
-// Writes in pieces: there may be many places.
-class Writer {
-  public:
-    explicit Writer(int file) : file_(file) {}
-
-    void add(const std::string& line) {
-        constexpr std::size_t kBlock = 65536;
-        text_ += line + '\n';
-        if (text_.size() >= kBlock) {
-            flush();
-        }
+void writeLine(std::FILE* file, const std::string& line) {
+    if (std::fputs((line + '\n').c_str(), file) < 0) {
+        throw systemFailure("a receipt cannot be written");
     }
+}
 
-    void flush() {
-        if (!writeAll(file_, text_)) {
-            throw systemFailure("a receipt cannot be written");
-        }
-        text_.clear();
-    }
-
-  private:
-    int file_;
-    std::string text_;
-};
-
-void addPlaces(int folder, const std::string& path, Writer& writer) {
+void addPlaces(int folder, const std::string& path, std::FILE* file) {
     for (const std::string& name : namesIn(folder)) {
         std::string place = path.empty() ? path : path + '/';
         place += name;
         if (isFolder(folder, name) && !isBundle(name)) {
-            addPlaces(openFolder(folder, name).get(), place, writer);
+            addPlaces(openFolder(folder, name).get(), place, file);
         } else {
-            writer.add(escaped(place));
+            writeLine(file, escaped(place));
         }
     }
 }
 
 } // namespace
 
-Receipt parseReceipt(std::string text) {
-    std::string_view rest = text;
-    if (takeLine(rest) != kFirstLine) {
-        throw Failure("a receipt is damaged");
+ReceiptReader::ReceiptReader(FileDescriptor file, const std::string& name)
+    : file_(fdopen(file.get(), "r")), name_(inQuotes(name)) {
+    if (!file_) {
+        damaged();
     }
-    Receipt receipt;
-    receipt.identifier = takeField(rest, "identifier");
-    receipt.version = takeField(rest, "version");
-    receipt.time = takeField(rest, "time");
-    receipt.signer = takeField(rest, "signer");
-    text.erase(0, text.size() - rest.size());
-    receipt.places = std::move(text);
-    for (rest = receipt.places; !rest.empty();) {
-        unescaped(takeLine(rest));
+    (void)file.release(); // owned by the stream
+    if (nextLine() != kFirstLine) {
+        damaged();
     }
-    return receipt;
+    head_.identifier = field("identifier");
+    head_.version = field("version");
+    head_.time = field("time");
+    head_.signer = field("signer");
 }
 
-void forEachReceipt(int target, const std::function<void(const Receipt&)>& use) {
-    const FileDescriptor folder = openReceipts(target, false);
-    if (!folder.isOpen()) {
+void ReceiptReader::damaged() const {
+    throw Failure("the receipt " + name_ + " is damaged");
+}
+
+std::optional<std::string> ReceiptReader::nextLine() {
+    std::array<char, 4 * 2 * kLongestPath> line{}; // of two paths, with three bytes for each
+    if (!std::fgets(line.data(), line.size(), file_.get())) {
+        if (std::ferror(file_.get())) {
+            throw systemFailure("the receipt " + name_ + " cannot be read");
+        }
+        return {};
+    }
+    std::string text = line.data();
+    if (!text.ends_with('\n')) { // too long, not whole, or with a byte of zero
+        damaged();
+    }
+    text.pop_back();
+    return text;
+}
+
+std::string ReceiptReader::field(const std::string& name) {
+    const std::string line = nextLine().value_or("");
+    if (!line.starts_with(name + ' ') || line.size() < name.size() + 2) {
+        damaged();
+    }
+    return line.substr(name.size() + 1);
+}
+
+std::optional<std::string> ReceiptReader::nextPlace() {
+    const std::optional<std::string> line = nextLine();
+    if (!line) {
+        return {};
+    }
+    std::string place;
+    for (std::size_t i = 0; i < line->size(); ++i) {
+        if ((*line)[i] != '%') {
+            place += (*line)[i];
+            continue;
+        }
+        const std::optional<std::string> byte = fromHex(std::string_view(*line).substr(i + 1, 2));
+        if (!byte || byte->size() != 1) {
+            damaged();
+        }
+        place += *byte;
+        i += 2;
+    }
+    return place;
+}
+
+void forEachReceipt(int target, const std::function<void(ReceiptReader&)>& use) {
+    const FileDescriptor folder = openReceipts(target);
+    for (const std::string& name : folder.isOpen() ? namesIn(folder.get()) : std::vector<std::string>()) {
+        FileDescriptor file = name.front() == '.' ? FileDescriptor() : openToRead(folder.get(), name);
+        if (file.isOpen() && beginsLikeReceipt(file.get())) {
+            ReceiptReader receipt(std::move(file), name);
+            use(receipt);
+        }
+    }
+}
+
+void requireNotOlder(int target, const PackageInfo& info, bool isSigned) {
+    requirePlaceForReceipts(target);
+    const FileDescriptor folder = openReceipts(target);
+    if (!folder.isOpen() || !statusOf(folder.get(), info.identifier)) {
         return;
     }
-    for (const std::string& name : namesIn(folder.get())) {
-        if (name != kUnfinished) {
-            use(parseReceipt(readFile(folder.get(), name)));
-        }
+    const ReceiptReader receipt(openToRead(folder.get(), info.identifier), info.identifier);
+    if (binds(receipt.head(), isSigned) && compareVersions(info.version, receipt.head().version) < 0) {
+        throw Failure("a newer version is installed: " + receipt.head().version);
     }
 }
 
-void requireNotOlder(int target, const PackageInfo& info) {
-    forEachReceipt(target, [&](const Receipt& receipt) {
-        if (receipt.identifier == info.identifier && compareVersions(info.version, receipt.version) < 0) {
-            throw Failure("a newer version is installed: " + receipt.version);
-        }
-    });
-}
-
-void requireOwnPlaces(int target, int staging, const PackageInfo& info) {
+void requireOwnPlaces(int target, int staging, const PackageInfo& info, bool isSigned) {
     const FileDescriptor coming = openFolder(staging, kNewFolder);
-    forEachReceipt(target, [&](const Receipt& receipt) {
-        std::string_view places = receipt.places;
-        while (receipt.identifier != info.identifier && !places.empty()) {
-            const std::string place = unescaped(takeLine(places));
+    forEachReceipt(target, [&](ReceiptReader& receipt) {
+        if (receipt.head().identifier == info.identifier || !binds(receipt.head(), isSigned)) {
+            return;
+        }
+        while (const std::optional<std::string> place = receipt.nextPlace()) {
             struct stat status{};
-            if (fstatat(coming.get(), place.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+            if (fstatat(coming.get(), place->c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
                 throw Failure("another product is installed in the same place: " +
-                              inQuotes(receipt.identifier));
+                              inQuotes(receipt.head().identifier));
             }
         }
     });
 }
 
 void writeReceipt(int staging, const Receipt& receipt) {
-    const FileDescriptor file = openToWrite(staging, kReceipt);
-    Writer writer(file.get());
-    writer.add(kFirstLine);
-    writer.add("identifier " + receipt.identifier);
-    writer.add("version " + receipt.version);
-    writer.add("time " + receipt.time);
-    writer.add("signer " + receipt.signer);
-    addPlaces(openFolder(staging, kNewFolder).get(), "", writer);
-    writer.flush();
+    FileDescriptor opened = openToWrite(staging, kReceipt);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(fdopen(opened.get(), "w"), std::fclose);
+    (void)opened.release(); // owned by the stream
+    writeLine(file.get(), kFirstLine);
+    writeLine(file.get(), "identifier " + receipt.identifier);
+    writeLine(file.get(), "version " + receipt.version);
+    writeLine(file.get(), "time " + receipt.time);
+    writeLine(file.get(), "signer " + receipt.signer);
+    addPlaces(openFolder(staging, kNewFolder).get(), "", file.get());
+    if (std::fflush(file.get()) != 0) {
+        throw systemFailure("a receipt cannot be written");
+    }
+}
+
+void makeReceiptsFolder(int target) {
+    (void)openFolder(target, receiptsPath(), true);
 }
 
 void commitReceipt(int target, int staging) {
     if (!statusOf(staging, kReceipt)) {
         return;
     }
-    const std::string text = readFile(staging, kReceipt);
-    const std::string name = parseReceipt(text).identifier;
-    const FileDescriptor folder = openReceipts(target, true);
+    FileDescriptor from = openToRead(staging, kReceipt);
+    makeReceiptsFolder(target);
+    const FileDescriptor folder = openReceipts(target);
     const FileDescriptor file = openToWrite(folder.get(), kUnfinished);
-    if (!writeAll(file.get(), text) || fsync(file.get()) != 0 ||
-        renameat(folder.get(), kUnfinished, folder.get(), name.c_str()) != 0 || fsync(folder.get()) != 0) {
+    if (!copyAll(from.get(), file.get()) || lseek(from.get(), 0, SEEK_SET) != 0) {
+        throw systemFailure("a receipt cannot be written");
+    }
+    const std::string name = ReceiptReader(std::move(from), kReceipt).head().identifier;
+    if (fsync(file.get()) != 0 || renameat(folder.get(), kUnfinished, folder.get(), name.c_str()) != 0 ||
+        fsync(folder.get()) != 0) {
         throw systemFailure("a receipt cannot be written");
     }
 }

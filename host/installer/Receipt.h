@@ -1,47 +1,79 @@
 #pragma once
 
+#include "base/FileDescriptor.h"
+
+#include <cstdio>
 #include <functional>
+#include <memory>
+#include <optional>
 #include <string>
 
 namespace package {
 struct PackageInfo;
 }
 
-/// What is installed: one file for each package below var/lib/pellomar-installer/receipts of the target. It
-/// is written to the staging folder before the install is committed, and moved to its place after that,
-/// before anything else is done in the target; so the two agree whenever the run is interrupted. To allow
-/// an older version or another product, remove the receipt as root. Every function throws package::Failure
-/// when it fails.
+/// What is installed: one file for each package below var/lib/pellomar-installer/receipts of the target,
+/// named after its identifier. It is written to the staging folder before the install is committed, and moved
+/// to its place after that, before anything else is done in the target; so the two agree whenever the run is
+/// interrupted. To allow an older version or another product, remove the receipt as root. A receipt of a
+/// package that was not signed binds only others that are not. Every function throws package::Failure when it
+/// fails.
 namespace installer {
 
 struct Receipt {
     std::string identifier;
     std::string version;
     std::string time;   ///< of the install, ISO 8601 in UTC
-    std::string signer; ///< fingerprint of the certificate, or "none"
-    /// Paths of the installed files, links and bundles, relative to the target, one a line; control
-    /// characters and "%" are written as %XX.
-    std::string places;
+    std::string signer; ///< fingerprint of the certificate, or kNoSigner
 };
 
-/// Reads a receipt's text. Throws Failure when it is not one.
-Receipt parseReceipt(std::string text);
+inline constexpr char kNoSigner[] = "none";
 
-/// Calls `use` for each receipt of the target, by identifier; one at a time is in memory.
-void forEachReceipt(int target, const std::function<void(const Receipt&)>& use);
+/// Reads a receipt, in memory that does not depend on its size.
+class ReceiptReader {
+  public:
+    /// Reads the head. `name` is the file's, for messages. Throws Failure when this is no receipt.
+    ReceiptReader(FileDescriptor file, const std::string& name);
 
-/// Throws Failure when a higher version of the package is installed in the target.
-void requireNotOlder(int target, const package::PackageInfo& info);
+    const Receipt& head() const { return head_; }
+
+    /// The next path of an installed file, link or bundle, relative to the target; none at the end. In the
+    /// file they are one a line, with control characters and "%" as %XX.
+    std::optional<std::string> nextPlace();
+
+  private:
+    struct Close {
+        void operator()(std::FILE* file) const { std::fclose(file); }
+    };
+
+    [[noreturn]] void damaged() const;
+    std::optional<std::string> nextLine();
+    std::string field(const std::string& name);
+
+    std::unique_ptr<std::FILE, Close> file_;
+    std::string name_;
+    Receipt head_;
+};
+
+/// Calls `use` for each receipt of the target, by identifier. Hidden files, and those that do not begin like
+/// a receipt, are none.
+void forEachReceipt(int target, const std::function<void(ReceiptReader&)>& use);
+
+/// Throws Failure when a higher version of the package is installed in the target, or its receipt could not
+/// be kept there.
+void requireNotOlder(int target, const package::PackageInfo& info, bool isSigned);
 
 /// Throws Failure when the package, whose new files are in `staging`, would replace what another one has
 /// installed.
-void requireOwnPlaces(int target, int staging, const package::PackageInfo& info);
+void requireOwnPlaces(int target, int staging, const package::PackageInfo& info, bool isSigned);
 
-/// Writes the receipt to the staging folder. Its places are those of what is staged there; `receipt.places`
-/// is ignored.
+/// Writes the receipt, with the places of what is staged, to the staging folder.
 void writeReceipt(int staging, const Receipt& receipt);
 
-/// Moves the receipt from the staging folder to its place. Does nothing where it has been moved already.
+/// Makes the folder of receipts in the target, if it is missing.
+void makeReceiptsFolder(int target);
+
+/// Moves the receipt from the staging folder to its place. Does nothing where there is none.
 void commitReceipt(int target, int staging);
 
 } // namespace installer

@@ -1,5 +1,6 @@
 #include "installer/Scripts.h"
 
+#include "base/ChildProcess.h"
 #include "base/FileDescriptor.h"
 #include "base/RootEnvironment.h"
 #include "installer/Descendants.h"
@@ -9,13 +10,11 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
@@ -27,33 +26,8 @@ using namespace package;
 namespace {
 
 constexpr std::time_t kTimeLimit = 600; // seconds
-constexpr int kPackageDescriptor = 3;
 
 volatile pid_t running = 0; // NOLINT(*-avoid-non-const-global-variables): a signal handler has no other way
-
-// Only calls that are safe between fork and exec.
-[[noreturn]] void become(int folder, char* const* arguments, char* const* environment, int package,
-                         pid_t parent) {
-    constexpr int kCannotStart = 127;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) {
-        _exit(kCannotStart);
-    }
-    for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGXFSZ, SIGUSR1}) {
-        signal(number, SIG_DFL);
-    }
-    rlimit memory{};
-    if (getrlimit(RLIMIT_AS, &memory) == 0) { // this program's own limit
-        memory.rlim_cur = memory.rlim_max;
-        setrlimit(RLIMIT_AS, &memory);
-    }
-    const int nothing = open("/dev/null", O_RDWR);
-    if (nothing >= 0 && dup2(nothing, STDIN_FILENO) >= 0 && dup2(STDERR_FILENO, STDOUT_FILENO) >= 0 &&
-        setsid() >= 0 && fchdir(folder) == 0 && dup2(package, kPackageDescriptor) >= 0) {
-        execve(arguments[0], arguments, environment);
-    }
-    _exit(kCannotStart);
-}
 
 // Whether the process has ended within the time limit.
 bool endsInTime(pid_t process) {
@@ -70,15 +44,12 @@ bool endsInTime(pid_t process) {
     return ready > 0;
 }
 
-// For reading only, at a number that no other descriptor needed by the script has.
-FileDescriptor openForScript(int package) {
-    const std::string path = "/proc/self/fd/" + std::to_string(package);
-    const FileDescriptor opened(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    FileDescriptor moved(fcntl(opened.get(), F_DUPFD_CLOEXEC, kPackageDescriptor + 1));
-    if (!moved.isOpen()) {
+FileDescriptor openForReading(int package) {
+    FileDescriptor opened(open(("/proc/self/fd/" + std::to_string(package)).c_str(), O_RDONLY | O_CLOEXEC));
+    if (!opened.isOpen()) {
         throw systemFailure("the package cannot be opened for a script");
     }
-    return moved;
+    return opened;
 }
 
 } // namespace
@@ -97,26 +68,24 @@ void runScript(int folder, const std::string& name, const ScriptArguments& argum
     }
     const std::string what = "the package's " + name + " script";
     requireProgram(name, status->st_mode);
-    std::array<std::string, 5> words{"./" + name, "/dev/fd/" + std::to_string(kPackageDescriptor),
-                                     arguments.location, arguments.target, "/"};
-    std::array<std::string, 4> settings{kRootPath, kRootHome, "SHELL=/bin/sh", "LANG=C.UTF-8"};
-    std::array<char*, words.size() + 1> argv{};
-    std::array<char*, settings.size() + 1> environment{};
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        argv[i] = words[i].data();
-    }
-    for (std::size_t i = 0; i < settings.size(); ++i) {
-        environment[i] = settings[i].data();
-    }
-    const FileDescriptor package = openForScript(arguments.package);
-    const FileDescriptor movedFolder(fcntl(folder, F_DUPFD_CLOEXEC, kPackageDescriptor + 1));
-    const pid_t self = getpid();
-    const pid_t script = fork();
-    if (script < 0) {
-        throw systemFailure(what + " cannot be started");
-    }
-    if (script == 0) {
-        become(movedFolder.get(), argv.data(), environment.data(), package.get(), self);
+    const FileDescriptor package = openForReading(arguments.package);
+    constexpr rlim_t kFiles =
+        1024; // the usual limit; this program has raised its own, and limited its memory
+    ChildProcess child;
+    child.path = "./" + name;
+    child.arguments = {"/dev/fd/3", arguments.location, arguments.target, "/"};
+    child.environment = {kRootPath, kRootHome, "SHELL=/bin/sh", "LANG=C.UTF-8"};
+    child.workingFolder = "/proc/self/fd/" + std::to_string(folder);
+    child.ownSession = true;
+    child.endsWithParent = true;
+    child.limits = {{RLIMIT_AS, RLIM_INFINITY}, {RLIMIT_NOFILE, kFiles}};
+    child.standardInput = ChildProcess::kNull;
+    child.standardOutput = STDERR_FILENO;
+    child.passedOn = {package.get()};
+    std::error_code failure;
+    const pid_t script = child.start(failure);
+    if (failure) {
+        throw Failure(what + " cannot be started: " + failure.message());
     }
     running = script;
     const bool isInTime = endsInTime(script);

@@ -23,12 +23,6 @@ constexpr char kPieces[] = "pieces";
     throw systemFailure("the target cannot be written to");
 }
 
-void sync(int folder) {
-    if (syncfs(folder) != 0) {
-        failToWrite();
-    }
-}
-
 void moveBundle(int from, int to, int aside) {
     if (renameWhole(from, kBundle, to, kBundle)) {
         return;
@@ -114,6 +108,12 @@ void putBack(int target, int staging) {
     }
     sync(staging);
     removeTree(staging, kAside);
+}
+
+void moveApplication(int target, int staging, const std::string& name) {
+    if (isApplicationPresent(target)) {
+        moveTree(openFolder(target, kFolder).get(), kBundle, staging, name);
+    }
 }
 
 std::uint64_t bytesSetAside(int staging) {

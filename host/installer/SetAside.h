@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 /// The installed application, moved out of the way while another version is installed in its place. It lies
 /// in the folder `aside` of the staging folder. It is there as a whole or, while a move entry by entry is
@@ -22,6 +23,9 @@ void setAside(int target, int staging);
 
 /// Moves it back, or completes such a move. Nothing but a part of it may be at its place.
 void putBack(int target, int staging);
+
+/// Moves whatever is at the application's place, if anything is, into the staging folder under `name`.
+void moveApplication(int target, int staging, const std::string& name);
 
 /// The bytes that removing it would free.
 std::uint64_t bytesSetAside(int staging);

@@ -62,8 +62,13 @@ FileDescriptor takeStagingFolder(int target, std::chrono::seconds patience) {
         FileDescriptor folder = openFolder(target, kStagingName);
         struct stat status{};
         if (fstat(folder.get(), &status) != 0 || status.st_uid != geteuid() ||
-            (status.st_mode & 07777) != S_IRWXU) {
+            (status.st_mode & 07777 & ~S_ISGID) != S_IRWXU) {
             throw Failure(std::string("another user can change the target's folder ") + kStagingName);
+        }
+        // What a set-group-id target passes on, what is made in it must not inherit.
+        if ((status.st_mode & S_ISGID) != 0 &&
+            (fchown(folder.get(), -1U, getegid()) != 0 || fchmod(folder.get(), S_IRWXU) != 0)) {
+            throw systemFailure("the target cannot be written to");
         }
         lock(folder.get(), deadline);
         // The process that had it may have removed it between the two steps above.
@@ -96,22 +101,16 @@ FileDescriptor Staging::makeFolder(const std::string& name) const {
     return openFolder(folder(), name);
 }
 
-void Staging::sync() const {
-    if (syncfs(folder()) != 0) {
-        throw systemFailure("the target cannot be written to");
-    }
-}
-
 void Staging::swapIn() const {
     makeFolder(kOldFolder);
     const SwapPlan plan = makeSwapPlan(target(), folder());
     writeSwapPlan(folder(), plan);
-    sync(); // the new must be on disk before the old is moved
+    sync(folder()); // the new must be on disk before the old is moved
     swap(target(), folder(), plan);
 }
 
 void Staging::markDone() const {
-    sync();
+    sync(folder());
     const FileDescriptor mark(openat(folder(), kDone, O_CREAT | O_WRONLY | O_CLOEXEC, S_IRUSR));
     if (!mark.isOpen() || fsync(mark.get()) != 0 || fsync(folder()) != 0) {
         throw systemFailure("the target cannot be written to");
@@ -127,14 +126,24 @@ void Staging::discardAside() const {
     removeDiscarded();
 }
 
+void Staging::discardApplication() const {
+    moveApplication(target(), folder(), unusedName());
+    removeDiscarded();
+}
+
+std::string Staging::unusedName() const {
+    for (int i = 0;; ++i) {
+        std::string name = kDiscarded + std::to_string(i);
+        if (!statusOf(folder(), name)) {
+            return name;
+        }
+    }
+}
+
 // Renaming first ensures that nothing partly removed is taken for the whole, and that what cannot be removed
 // is not in the way of the next install.
 void Staging::discard(const std::string& name) const {
-    std::string newName;
-    for (int i = 0; newName.empty() || statusOf(folder(), newName); ++i) {
-        newName = kDiscarded + std::to_string(i);
-    }
-    if (renameat(folder(), name.c_str(), folder(), newName.c_str()) != 0 && errno != ENOENT) {
+    if (renameat(folder(), name.c_str(), folder(), unusedName().c_str()) != 0 && errno != ENOENT) {
         throw systemFailure("cannot move " + inQuotes(name));
     }
 }
@@ -152,7 +161,12 @@ void Staging::settle() const {
         removeDiscarded();
         commitReceipt(target(), folder());
     } else {
-        undoSwap(target(), folder(), readSwapPlan(folder()));
+        const SwapPlan plan = readSwapPlan(folder());
+        undoSwap(target(), folder(), plan);
+        if (!plan.empty()) {
+            // Syncing this folder alone would let the plan's removal reach the disk before what was undone.
+            sync(folder());
+        }
     }
     // Without its plan, nothing would be undone again; without the mark, what is planned would be. So the
     // plan goes first and the mark last, also on disk.

@@ -47,6 +47,9 @@ class Staging {
     /// Removes the application that was moved aside.
     void discardAside() const;
 
+    /// Removes what is at the application's place, if anything is.
+    void discardApplication() const;
+
     /// Leaves the target as it was, unless the install is committed, and removes the folder if nothing is set
     /// aside in it. Throws Failure when something of the target could not be put back; it is kept for another
     /// try.
@@ -55,8 +58,8 @@ class Staging {
   private:
     void settle() const;
     void discard(const std::string& name) const;
+    std::string unusedName() const;
     void removeDiscarded() const;
-    void sync() const;
 
     FileDescriptor target_;
     FileDescriptor folder_;

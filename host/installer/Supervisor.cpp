@@ -2,7 +2,6 @@
 
 #include "base/Pipe.h"
 #include "installer/Descendants.h"
-#include "installer/Output.h"
 #include "installer/Scripts.h"
 #include "package/Failure.h"
 
@@ -25,7 +24,6 @@ using namespace package;
 namespace {
 
 constexpr std::array kEndingSignals{SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGXCPU};
-constexpr char kStopped[] = "stopped by a signal";
 
 volatile pid_t worker = 0; // NOLINT(*-avoid-non-const-global-variables): a signal handler has no other way
 volatile std::sig_atomic_t wasStopped = 0;
@@ -34,11 +32,17 @@ void closeAll() {
     close_range(STDERR_FILENO + 1, ~0U, 0);
 }
 
+// For signal handlers, which must not allocate: system calls only.
+template <std::size_t size>
+[[noreturn]] void endWith(const char (&line)[size]) {
+    closeAll(); // the lock on the target, too: printing may take any time
+    (void)!write(STDOUT_FILENO, line, size - 1);
+    _exit(EXIT_FAILURE);
+}
+
 extern "C" void onEndingSignal(int) {
     if (worker <= 0) {
-        closeAll();
-        printFailure(kStopped);
-        _exit(EXIT_FAILURE);
+        endWith("installer: Error - stopped by a signal\n");
     }
     wasStopped = 1;
     kill(worker, SIGKILL);
@@ -46,9 +50,7 @@ extern "C" void onEndingSignal(int) {
 
 extern "C" void onParentDeath(int) {
     killRunningScript();
-    closeAll(); // the lock on the target, too: printing may take any time
-    printFailure("the supervising process was killed");
-    _exit(EXIT_FAILURE);
+    endWith("installer: Error - the supervising process was killed\n");
 }
 
 sigset_t endingSignals() {
@@ -90,7 +92,7 @@ std::string causeOf(const std::function<void()>& work) {
     for (const int number : {SIGHUP, SIGINT, SIGQUIT}) {
         handle(number, SIG_IGN);
     }
-    for (const int number : {SIGTERM, SIGXCPU}) {
+    for (const int number : {SIGALRM, SIGTERM, SIGXCPU}) {
         handle(number, SIG_DFL);
     }
     handle(SIGUSR1, onParentDeath);
@@ -152,7 +154,10 @@ Ending supervise(const std::function<void()>& work) {
         return {false, {text.data(), static_cast<std::size_t>(size)}};
     }
     if (wasStopped) {
-        return {false, kStopped};
+        return {false, "stopped by a signal"};
+    }
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) {
+        return {false, "the package's file system did not answer for a minute"};
     }
     return {false, WIFSIGNALED(status) ? "the worker was ended by signal " + std::to_string(WTERMSIG(status))
                                        : "the worker ended without giving a cause"};

@@ -65,6 +65,9 @@ class Planner {
                 plan.push_back(place);
                 continue;
             }
+            if ((S_ISDIR(there->st_mode) && there->st_dev != device_) || isMountPoint(present, name)) {
+                throw Failure("something is mounted in the target's place " + inQuotes(place));
+            }
             if (!comesAsFolder) {
                 if (S_ISDIR(there->st_mode)) {
                     throw Failure("the target has a folder in place of a file: " + inQuotes(place));
@@ -77,9 +80,6 @@ class Planner {
             }
             if (!S_ISDIR(there->st_mode)) {
                 throw Failure("the target has a file in place of a folder: " + inQuotes(place));
-            }
-            if (there->st_dev != device_) {
-                throw Failure("the target's folder is on another file system: " + inQuotes(place));
             }
             if (isBundle(name)) {
                 plan.push_back(place);
@@ -94,16 +94,6 @@ class Planner {
   private:
     dev_t device_;
 };
-
-// A folder that was removed since must not keep the rest from being put back.
-void makeParents(int root, const std::string& path) {
-    for (std::size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-        const Place place(root, path.substr(0, slash));
-        if (mkdirat(place.folder.get(), place.name.c_str(), 0755) != 0 && errno != EEXIST) {
-            throw systemFailure("cannot make " + inQuotes(path.substr(0, slash)));
-        }
-    }
-}
 
 } // namespace
 
@@ -170,7 +160,10 @@ void swap(int target, int staging, const SwapPlan& plan) {
 
 void undoSwap(int target, int staging, const SwapPlan& plan) {
     for (std::size_t i = plan.size(); i-- > 0;) {
-        makeParents(target, plan[i]);
+        if (const std::size_t slash = plan[i].rfind('/'); slash != std::string::npos) {
+            // A folder that was removed since must not keep the rest from being put back.
+            (void)openFolder(target, plan[i].substr(0, slash), true);
+        }
         const Places places(target, staging, plan, i);
         if (!places.coming.isTaken() && places.proper.isTaken()) {
             places.proper.moveTo(places.coming);

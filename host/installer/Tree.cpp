@@ -33,12 +33,17 @@ FileDescriptor openChild(int folder, const std::string& name) {
     return FileDescriptor(openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Unlike openChild, fails with EXDEV for a mount point.
-FileDescriptor openOnSameMount(int folder, const std::string& name) {
+// Unlike openat, fails with EXDEV for a mount point.
+FileDescriptor openWithinMount(int folder, const std::string& name, std::uint64_t flags) {
     open_how how{};
-    how.flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    how.flags = flags | O_NOFOLLOW | O_CLOEXEC;
     how.resolve = RESOLVE_NO_XDEV;
-    FileDescriptor opened(static_cast<int>(syscall(SYS_openat2, folder, name.c_str(), &how, sizeof how)));
+    return FileDescriptor(static_cast<int>(syscall(SYS_openat2, folder, name.c_str(), &how, sizeof how)));
+}
+
+// A folder that is no mount point; the cause is EXDEV where it is one.
+FileDescriptor openOnSameMount(int folder, const std::string& name) {
+    FileDescriptor opened = openWithinMount(folder, name, O_RDONLY | O_DIRECTORY);
     if (opened.isOpen() || (errno != ENOSYS && errno != EPERM)) {
         return opened;
     }
@@ -85,11 +90,15 @@ bool renameWhole(int fromFolder, const std::string& fromName, int toFolder, cons
     return renameat(fromFolder, fromName.c_str(), toFolder, toName.c_str()) == 0;
 }
 
-FileDescriptor openFolder(int folder, const std::string& path) {
+FileDescriptor openFolder(int folder, const std::string& path, bool isMade) {
     FileDescriptor opened = openChild(folder, ".");
     for (std::size_t begin = 0; opened.isOpen() && begin < path.size();) {
         const std::size_t end = std::min(path.find('/', begin), path.size());
-        opened = openChild(opened.get(), path.substr(begin, end - begin));
+        const std::string name = path.substr(begin, end - begin);
+        if (isMade && mkdirat(opened.get(), name.c_str(), 0755) != 0 && errno != EEXIST) {
+            throw systemFailure("cannot make the folder " + inQuotes(path));
+        }
+        opened = openChild(opened.get(), name);
         begin = end + 1;
     }
     if (!opened.isOpen()) {
@@ -140,19 +149,25 @@ std::vector<std::string> namesIn(int folder) {
     return names;
 }
 
+bool isMountPoint(int folder, const std::string& name) {
+    return !openWithinMount(folder, name, O_PATH).isOpen() && errno == EXDEV;
+}
+
+void sync(int folder) {
+    if (syncfs(folder) != 0) {
+        throw systemFailure("the target cannot be written to");
+    }
+}
+
 void removeTree(int folder, const std::string& name, unsigned depth) {
     constexpr unsigned kDeepest = 4096; // what a stack of some megabytes has room for
     if (unlinkat(folder, name.c_str(), 0) == 0 || errno == ENOENT) {
         return;
     }
-    const FileDescriptor opened = openOnSameMount(folder, name);
+    const FileDescriptor opened = errno == EISDIR ? openOnSameMount(folder, name) : FileDescriptor();
     if (!opened.isOpen()) {
-        const int cause = errno;
-        if (cause == EXDEV) {
-            throw Failure("cannot remove " + inQuotes(name) + ": something is mounted there");
-        }
-        errno = cause;
-        throw systemFailure("cannot remove " + inQuotes(name));
+        throw errno == EXDEV ? Failure("cannot remove " + inQuotes(name) + ": something is mounted there")
+                             : systemFailure("cannot remove " + inQuotes(name));
     }
     if (geteuid() != 0) {
         (void)fchmod(opened.get(), S_IRWXU);

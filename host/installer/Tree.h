@@ -12,8 +12,12 @@
 // refuses.
 namespace installer {
 
-/// Opens the folder at `path` below `folder`; an empty path is `folder` itself.
-FileDescriptor openFolder(int folder, const std::string& path);
+/// Opens the folder at `path` below `folder`; an empty path is `folder` itself. Folders that are missing on
+/// the way are made first if `isMade`.
+FileDescriptor openFolder(int folder, const std::string& path, bool isMade = false);
+
+/// Whether something is mounted there. False also where that can't be told.
+bool isMountPoint(int folder, const std::string& name);
 
 /// The entry's own status (of a link, not of its target); empty where there is no such entry.
 std::optional<struct stat> statusOf(int folder, const std::string& name);
@@ -27,6 +31,9 @@ std::vector<std::string> namesIn(int folder);
 /// Removes the entry and everything below it, but nothing on another mount or more than 4096 folders deep. A
 /// missing entry is no failure. `depth` is that of the entry.
 void removeTree(int folder, const std::string& name, unsigned depth = 0);
+
+/// Writes everything that was changed on the folder's file system to disk.
+void sync(int folder);
 
 /// Renames the entry unless the new name is taken. False, with errno set, when the system refuses.
 bool renameWhole(int fromFolder, const std::string& fromName, int toFolder, const std::string& toName);

@@ -7,6 +7,7 @@
 
 #include <archive_entry.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <new>
@@ -71,7 +72,7 @@ void Unpacker::begin(const PayloadEntry& entry) {
     usage_.addEntry();
     checkAllowance();
     current_ = location_.empty() ? entry.path : location_ + "/" + entry.path;
-    requireNotReserved(current_);
+    requireNotReserved(current_, S_ISDIR(entry.type));
     unwritten_ = 0;
     archive_entry_copy_pathname(entry.entry, current_.c_str());
     archive_entry_set_perm(entry.entry, archive_entry_perm(entry.entry) & kAllowedMode);

@@ -2,11 +2,13 @@
 #include "base/StandardStreams.h"
 #include "installer/Install.h"
 #include "installer/Output.h"
+#include "installer/PackageFile.h"
 #include "installer/Receipt.h"
 #include "installer/Staging.h"
 #include "installer/Supervisor.h"
 #include "installer/Tree.h"
 #include "package/Failure.h"
+#include "package/Memory.h"
 
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -14,13 +16,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <charconv>
 #include <climits>
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <new>
 #include <string>
 #include <string_view>
@@ -46,11 +46,8 @@ constexpr char kUsage[] =
     "  -receipts     list what is installed: identifier, version, time and the signer's fingerprint\n"
     "  --help        show this text\n"
     "\n"
-    "Where the environment variable INSTALLER_PACKAGE_FD is set, the package is read from the open file of "
-    "that\n"
-    "number, and FILE is not opened.\n";
-
-constexpr char kDescriptorVariable[] = "INSTALLER_PACKAGE_FD";
+    "Where the environment variable INSTALLER_PACKAGE_USER is set, FILE must be a file of the user of that\n"
+    "number, and is opened with that user's rights.\n";
 
 void prepareProcess() {
     occupyStandardStreams();
@@ -69,31 +66,8 @@ void prepareProcess() {
     installer::reportWhenStopped();
 }
 
-// A second line of defence: all that a package can make this program allocate is limited where it is read.
-void limitMemory() {
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // both reserve terabytes
-    constexpr rlim_t kMore = 48 << 20;
-    rlim_t pages = 0;
-    rlimit memory{};
-    if (std::ifstream("/proc/self/statm") >> pages && getrlimit(RLIMIT_AS, &memory) == 0) {
-        memory.rlim_cur =
-            std::min(memory.rlim_cur, pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + kMore);
-        setrlimit(RLIMIT_AS, &memory);
-    }
-#endif
-}
-
-int descriptorFrom(std::string_view text) {
-    int number = -1;
-    const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (problem != std::errc() || end != text.data() + text.size() || number <= STDERR_FILENO ||
-        fcntl(number, F_GETFD) < 0) {
-        throw Failure(std::string(kDescriptorVariable) + " is not the number of an open file");
-    }
-    return number;
-}
-
 struct Arguments : Request {
+    std::string package;
     bool isList = false; // of receipts
 };
 
@@ -128,9 +102,6 @@ Arguments parse(int argc, char** argv) {
     if (arguments.package.empty() || arguments.target.empty()) {
         throw Failure("-pkg FILE and -target DIR are needed; see installer --help");
     }
-    if (const char* number = std::getenv(kDescriptorVariable)) {
-        arguments.descriptor = descriptorFrom(number);
-    }
     return arguments;
 }
 
@@ -139,17 +110,19 @@ void list(const std::string& target) {
     if (!folder.isOpen()) {
         throw package::systemFailure("the target cannot be examined");
     }
-    installer::forEachReceipt(folder.get(), [](const installer::Receipt& receipt) {
+    installer::forEachReceipt(folder.get(), [](installer::ReceiptReader& reader) {
+        const installer::Receipt& receipt = reader.head();
         installer::printOutcome(receipt.identifier + " " + receipt.version + " " + receipt.time + " " +
                                 receipt.signer + "\n");
     });
 }
 
-void run(const Request& request) {
+void run(const Arguments& request) {
+    installer::PackageFile file(request.package); // first: its process must inherit nothing
     const installer::Staging staging(request.target);
     const installer::Ending ending = installer::supervise([&] {
-        limitMemory();
-        install(request, staging);
+        package::limitMemory();
+        install(request, file, staging);
     });
     const bool isCommitted = staging.isDone(); // whatever happened to the worker after that
     try {

@@ -2,15 +2,14 @@
 // installation as root calls `hold` before the application is removed, and ends its input when the attempt is
 // over, however it ended; a systemd unit calls `end` at boot when the folder /.pellomar-installer exists.
 //
-// `begin` does what `end` does, then moves /Applications/Pellomar.app, if it exists, into the folder
-// /.pellomar-installer/aside. Should that fail, the application is back in its place.
-//
 // `end` undoes an install that was interrupted before it was committed, or completes one that was interrupted
-// after that. Then, if an application is set aside: where something is at its place, the copy set aside is
-// removed; otherwise it is moved back. Last it removes /.pellomar-installer if nothing is left in it.
+// after that. Then, if an application is set aside, it is moved back; anything else that is at its place is
+// removed. Last it removes /.pellomar-installer if nothing is left in it.
 //
-// `hold` does what `begin` does, writes one byte to standard output, waits for the end of standard input and
-// does what `end` does.
+// `hold` does what `end` does, then moves /Applications/Pellomar.app, if it exists, into the folder
+// /.pellomar-installer/aside. Should that fail, the application is back in its place. It writes one of the
+// bytes of base/TransactionAnswer.h to standard output, waits for the end of standard input and does what
+// `end` does.
 //
 // An install that is committed removes the copy set aside itself. Each verb waits until every `hold` that
 // began earlier has ended, and for a running installer to end, half an hour at most; each can be killed at
@@ -19,6 +18,7 @@
 // next run; 2 for wrong use.
 #include "base/ReadWrite.h"
 #include "base/StandardStreams.h"
+#include "base/TransactionAnswer.h"
 #include "installer/SetAside.h"
 #include "installer/Staging.h"
 #include "installer/StagingLayout.h"
@@ -43,23 +43,24 @@ using installer::Staging;
 
 constexpr char kTarget[] = "/";
 constexpr char kUsage[] =
-    "Usage: pellomar-installer-transaction begin|end|hold\n"
+    "Usage: pellomar-installer-transaction hold|end\n"
     "\n"
-    "  begin   set /Applications/Pellomar.app aside before it is replaced\n"
+    "  hold    set /Applications/Pellomar.app aside before it is replaced; at the end of standard input, "
+    "end\n"
     "  end     put it back unless another version is installed; finish or undo an interrupted install\n"
-    "  hold    begin, and at the end of standard input end\n"
     "  --help  show this text\n";
 
 // Longer than an installer with two scripts at their time limits takes.
 constexpr std::chrono::minutes kPatience{30};
 
+void complain(const char* text) {
+    std::fprintf(stderr, "pellomar-installer-transaction: %s\n", text);
+}
+
+// Only a commit gives the old application up, and removes it then: what is at its place is of no version.
 void settleAside(const Staging& staging) {
-    if (!installer::isSetAside(staging.folder())) {
-        return;
-    }
-    if (installer::isApplicationPresent(staging.target())) {
-        staging.discardAside();
-    } else {
+    if (installer::isSetAside(staging.folder())) {
+        staging.discardApplication();
         installer::putBack(staging.target(), staging.folder());
     }
 }
@@ -74,7 +75,7 @@ void end() {
     staging.close();
 }
 
-void begin() {
+void setAside() {
     const Staging staging(kTarget, kPatience);
     settleAside(staging);
     if (installer::isApplicationPresent(staging.target())) {
@@ -84,10 +85,17 @@ void begin() {
     }
 }
 
+// The turn is kept where setting aside fails, too: the installer that comes next may replace the application.
 void hold() {
-    begin();
-    if (!writeAll(STDOUT_FILENO, "\n") || !readAll(STDIN_FILENO)) {
-        std::fputs("pellomar-installer-transaction: the caller cannot be reached\n", stderr);
+    char answer = kSetAside;
+    try {
+        setAside();
+    } catch (const std::exception& problem) {
+        complain(problem.what());
+        answer = kNotSetAside;
+    }
+    if (!writeAll(STDOUT_FILENO, {&answer, 1}) || !readAll(STDIN_FILENO)) {
+        complain("the caller cannot be reached");
     }
     end();
 }
@@ -111,7 +119,7 @@ int main(int argc, char** argv) try {
     std::signal(SIGXFSZ, SIG_IGN); // a write that fails is reported instead
     umask(S_IWGRP | S_IWOTH);
     std::signal(SIGPIPE, SIG_IGN);
-    void (*const work)() = verb == "begin" ? begin : verb == "end" ? end : verb == "hold" ? hold : nullptr;
+    void (*const work)() = verb == "hold" ? hold : verb == "end" ? end : nullptr;
     if (work == nullptr) {
         std::fputs(kUsage, verb == "--help" ? stdout : stderr);
         return verb == "--help" ? EXIT_SUCCESS : kWrongUse;
@@ -120,6 +128,6 @@ int main(int argc, char** argv) try {
     work();
     return EXIT_SUCCESS;
 } catch (const std::exception& problem) {
-    std::fprintf(stderr, "pellomar-installer-transaction: %s\n", problem.what());
+    complain(problem.what());
     return EXIT_FAILURE;
 }

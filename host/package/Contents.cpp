@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include <limits>
+#include <utility>
 
 namespace package {
 
@@ -40,7 +41,7 @@ class PayloadCheck : public Measure {
 
     void begin(const PayloadEntry& entry) override {
         isEmpty = false;
-        requireNotReserved(prefix_ + entry.path);
+        requireNotReserved(prefix_ + entry.path, S_ISDIR(entry.type));
     }
 
     bool isEmpty = true;
@@ -51,22 +52,30 @@ class PayloadCheck : public Measure {
 
 class ScriptsCheck : public Measure {
   public:
-    ScriptsCheck() : Measure(kLargestScripts) {}
+    explicit ScriptsCheck(std::vector<std::string> named)
+        : Measure(kLargestScripts), missing(std::move(named)) {}
 
     void begin(const PayloadEntry& entry) override {
         const std::string top = entry.path.substr(0, entry.path.find('/'));
-        if (top == "preinstall" || top == "postinstall") {
+        if (isScript(top)) {
             requireProgram(top, entry.path == top ? archive_entry_mode(entry.entry) : S_IFDIR);
+            std::erase(missing, top);
         }
     }
+
+    std::vector<std::string> missing;
 };
 
 } // namespace
 
-void requireNotReserved(const std::string& place) {
+void requireNotReserved(const std::string& place, bool isFolder) {
     for (const std::string reserved : {kStagingName, kReceiptsParent}) {
         if ((place + "/").starts_with(reserved + "/")) {
             throw Failure("the package has an entry in the installer's own folder: " + inQuotes(place));
+        }
+        if (!isFolder && reserved.starts_with(place + "/")) {
+            throw Failure("the package has a file or link on the way to the installer's own folder: " +
+                          inQuotes(place));
         }
     }
 }
@@ -80,6 +89,17 @@ const Entry& requireEntry(const Package& package, const char* name) {
 }
 
 PackageInfo readPackageInfo(const Package& package) {
+    if (package.find("Distribution") && !package.find("PackageInfo")) {
+        throw Failure(
+            "the package is a product archive, with a Distribution; a flat package is wanted, as it has "
+            "inside");
+    }
+    for (const Entry& entry : package.table().entries) {
+        if (entry.isFolder && entry.path == "Scripts") {
+            throw Failure(
+                "the package's Scripts is a folder, which would not be run; pack it with cpio and gzip");
+        }
+    }
     return parsePackageInfo(package.text(requireEntry(package, "PackageInfo"), kLargestPackageInfo));
 }
 
@@ -96,16 +116,25 @@ void requireProgram(const std::string& script, mode_t mode) {
     }
 }
 
+void requireNamedScripts(const std::vector<std::string>& missing) {
+    if (!missing.empty()) {
+        throw Failure("the package's " + missing.front() +
+                      " script is named in PackageInfo and missing in Scripts");
+    }
+}
+
 void checkContents(const Package& package) {
-    PayloadCheck payload(readPackageInfo(package));
+    const PackageInfo info = readPackageInfo(package);
+    PayloadCheck payload(info);
     readPayload(*package.open(requireEntry(package, "Payload")), payload);
     if (payload.isEmpty) {
         throw Failure("the package's payload holds nothing");
     }
+    ScriptsCheck scripts(info.scripts);
     if (const Entry* entry = package.find("Scripts")) {
-        ScriptsCheck scripts;
         readPayload(*package.open(*entry), scripts);
     }
+    requireNamedScripts(scripts.missing);
 }
 
 } // namespace package

@@ -2,9 +2,11 @@
 
 #include "package/Failure.h"
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
-#include <charconv>
+#include <algorithm>
+#include <new>
 
 namespace package {
 
@@ -80,14 +82,15 @@ std::string Digest::finish() {
 }
 
 std::string toHex(std::string_view bytes) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(2 * bytes.size());
-    for (const char c : bytes) {
-        const auto byte = static_cast<unsigned char>(c);
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 15];
+    std::string text(2 * bytes.size() + 1, '\0');
+    if (OPENSSL_buf2hexstr_ex(text.data(), text.size(), nullptr,
+                              reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(),
+                              '\0') != 1) {
+        throw std::bad_alloc();
     }
+    text.pop_back();
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](char c) { return c >= 'A' ? static_cast<char>(c - 'A' + 'a') : c; });
     return text;
 }
 
@@ -97,13 +100,12 @@ std::optional<std::string> fromHex(std::string_view text) {
     }
     std::string bytes;
     for (std::size_t i = 0; i < text.size(); i += 2) {
-        const char* pair = text.data() + i;
-        unsigned char byte = 0;
-        const auto [end, problem] = std::from_chars(pair, pair + 2, byte, 16);
-        if (problem != std::errc() || end != pair + 2) {
+        const int high = OPENSSL_hexchar2int(static_cast<unsigned char>(text[i]));
+        const int low = OPENSSL_hexchar2int(static_cast<unsigned char>(text[i + 1]));
+        if (high < 0 || low < 0) {
             return {};
         }
-        bytes += static_cast<char>(byte);
+        bytes += static_cast<char>(high * 16 + low);
     }
     return bytes;
 }

@@ -9,6 +9,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <new>
 #include <vector>
@@ -49,7 +50,7 @@ class Source {
     int file_;
     std::uint64_t at_;
     std::uint64_t left_;
-    std::uint64_t consumed_ = 0;
+    std::atomic<std::uint64_t> consumed_ = 0;
     std::vector<char> block_;
 };
 
@@ -57,10 +58,13 @@ class Source {
     throw Failure("the package is damaged: " + how);
 }
 
+constexpr int kZlibForm = MAX_WBITS;
+constexpr int kGzipForm = MAX_WBITS + 16;
+
 class Inflater {
   public:
-    Inflater() {
-        if (inflateInit(&stream_) != Z_OK) {
+    explicit Inflater(int form) {
+        if (inflateInit2(&stream_, form) != Z_OK) {
             throw std::bad_alloc();
         }
     }
@@ -70,6 +74,12 @@ class Inflater {
 
     bool needsInput() const { return stream_.avail_in == 0; }
     bool hasEnded() const { return ended_; }
+    char nextByte() const { return static_cast<char>(*stream_.next_in); }
+
+    void beginAgain() {
+        inflateReset(&stream_);
+        ended_ = false;
+    }
 
     void give(std::string_view packed) {
         stream_.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(packed.data()));
@@ -129,7 +139,7 @@ class ZlibDecoder : public EntryReader::Decoder {
     }
 
   private:
-    Inflater inflater_;
+    Inflater inflater_{kZlibForm};
     std::vector<char> block_;
 };
 
@@ -187,7 +197,8 @@ std::unique_ptr<EntryReader::Decoder> makeDecoder(int file, const Extent& extent
         return std::make_unique<FilterDecoder>(file, extent, archive_read_support_filter_bzip2);
     }
     // Others could take any amount of memory, and no package uses them.
-    throw Failure("the package has a part in an unknown encoding: " + inQuotes(encoding));
+    throw Failure("the package has a part in the encoding " + inQuotes(encoding) +
+                  "; use gzip, bzip2 or none instead");
 }
 
 } // namespace
@@ -224,9 +235,83 @@ std::uint64_t EntryReader::consumed() const {
     return decoder_->source.consumed();
 }
 
+class GzipReader::State {
+  public:
+    explicit State(EntryReader& reader) : reader_(reader) {}
+
+    std::size_t read(char* to, std::size_t most) {
+        if (!isBegun_) {
+            begin();
+        }
+        return isPlain_ ? copy(to, most) : inflate(to, most);
+    }
+
+  private:
+    void begin() {
+        isBegun_ = true;
+        packed_ = reader_.next();
+        isPlain_ = packed_.starts_with("0707");
+        if (!isPlain_ && !packed_.starts_with("\x1f\x8b")) {
+            throw Failure(
+                "the package's payload is damaged or of an unknown form; pack it with cpio and gzip");
+        }
+        inflater_.give(packed_);
+    }
+
+    std::size_t copy(char* to, std::size_t most) {
+        if (packed_.empty()) {
+            packed_ = reader_.next();
+        }
+        const std::size_t size = packed_.copy(to, most);
+        packed_.remove_prefix(size);
+        return size;
+    }
+
+    std::size_t inflate(char* to, std::size_t most) {
+        std::size_t got = 0;
+        while (got < most && hasMore()) {
+            got += inflater_.take(to + got, most - got);
+        }
+        return got;
+    }
+
+    // Makes input ready. A stream may be followed by another, or by anything else, which is ignored.
+    bool hasMore() {
+        if (inflater_.needsInput()) {
+            packed_ = reader_.next();
+            if (packed_.empty() && !inflater_.hasEnded()) {
+                damaged("its payload breaks off");
+            }
+            inflater_.give(packed_);
+        }
+        if (inflater_.hasEnded() && !packed_.empty() && inflater_.nextByte() == '\x1f') {
+            inflater_.beginAgain();
+        }
+        if (inflater_.hasEnded()) { // what follows counts for the checksum
+            while (!reader_.next().empty()) {
+            }
+        }
+        return !inflater_.hasEnded();
+    }
+
+    EntryReader& reader_;
+    std::string_view packed_;
+    bool isBegun_ = false;
+    bool isPlain_ = false;
+    Inflater inflater_{kGzipForm};
+};
+
+GzipReader::GzipReader(EntryReader& reader) : state_(std::make_unique<State>(reader)) {}
+
+GzipReader::~GzipReader() = default;
+
+std::size_t GzipReader::read(char* to, std::size_t most) {
+    return state_->read(to, most);
+}
+
 std::string inflated(std::string_view packed, std::size_t size, const std::string& what) {
     std::string text(size + 1, '\0'); // one more, to see a stream that is too long
-    Inflater inflater;
+    Inflater inflater(kZlibForm);
     inflater.give(packed);
     std::size_t got = 0;
     while (!inflater.hasEnded() && got < text.size()) {

@@ -22,7 +22,7 @@ class EntryReader {
     /// damaged: in its encoding, its size, or its checksum, which is compared at the end.
     std::string_view next();
 
-    /// How many of the stored bytes have been read.
+    /// How many of the stored bytes have been read. Any thread.
     std::uint64_t consumed() const;
 
     class Decoder; ///< decodes, without regard to size and checksum
@@ -33,6 +33,24 @@ class EntryReader {
     std::unique_ptr<Digest> digest_;
     std::uint64_t decoded_ = 0;
     bool ended_ = false;
+};
+
+/// Unpacks what another reader gives: gzip, or a cpio archive as it is. Not thread-safe.
+class GzipReader {
+  public:
+    /// The other reader must outlive this one.
+    explicit GzipReader(EntryReader& reader);
+    GzipReader(const GzipReader&) = delete;
+    GzipReader& operator=(const GzipReader&) = delete;
+    ~GzipReader();
+
+    /// Puts up to `most` bytes at `to` and returns how many; 0 at the end, when the other reader is at its
+    /// own. Throws Failure when the contents are damaged, or begin like neither.
+    std::size_t read(char* to, std::size_t most);
+
+  private:
+    class State;
+    std::unique_ptr<State> state_;
 };
 
 /// All of a zlib stream that is known to be `size` bytes when unpacked. Throws Failure when it is not.

@@ -2,6 +2,7 @@
 
 #include "base/ReadWrite.h"
 #include "package/Failure.h"
+#include "package/ReadAhead.h"
 #include "package/Text.h"
 #include "package/Trust.h"
 
@@ -11,13 +12,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <vector>
 
 namespace package {
 
 namespace {
 
-constexpr std::size_t kBlock = 1 << 18;
 constexpr std::uint64_t kLongestSignature = 2048; // bytes, of a 16384-bit key
 
 FileDescriptor namelessFile(int folder) {
@@ -35,20 +36,68 @@ FileDescriptor namelessFile(int folder) {
     return file;
 }
 
-void copyBytes(int from, int to, std::uint64_t left) {
-    std::vector<char> block(kBlock);
-    while (left > 0) {
-        const ssize_t got = read(from, block.data(), std::min<std::uint64_t>(left, block.size()));
-        if (got <= 0) {
-            throw got < 0 ? systemFailure("the package cannot be read")
-                          : Failure("the package is damaged: it breaks off before its end");
+// Compares the checksums of a table's entries, in the order of their places, with the file's bytes from its
+// beginning.
+class EntryCheck {
+  public:
+    EntryCheck(const Table& table, std::uint64_t heap, bool isStrengthDemanded) : heap_(heap) {
+        for (const Entry& entry : table.entries) {
+            if (!entry.data || entry.data->stored.length == 0) {
+                continue;
+            }
+            const std::optional<Checksum>& checksum = entry.data->storedChecksum;
+            if (isStrengthDemanded && (!checksum || !isStrong(checksum->kind))) {
+                throw Failure("the package has an entry without a strong checksum: " + inQuotes(entry.path));
+            }
+            if (checksum) {
+                entries_.push_back(&entry);
+            }
         }
-        left -= static_cast<std::uint64_t>(got);
-        if (!writeAll(to, {block.data(), static_cast<std::size_t>(got)})) {
-            throw systemFailure("the package cannot be copied to the target");
-        }
+        std::sort(entries_.begin(), entries_.end(), [](const Entry* a, const Entry* b) {
+            return a->data->stored.offset > b->data->stored.offset; // the last is the next
+        });
     }
-}
+
+    void add(std::string_view bytes) {
+        while (!bytes.empty() && !entries_.empty()) {
+            const Extent& stored = entries_.back()->data->stored;
+            const std::uint64_t start = heap_ + stored.offset;
+            const std::uint64_t next = at_ < start ? start : start + stored.length; // where something changes
+            const std::string_view part = bytes.substr(0, next - at_);
+            bytes.remove_prefix(part.size());
+            if (at_ >= start) {
+                digest(part);
+            }
+            at_ += part.size();
+            if (at_ == start + stored.length) {
+                finishEntry();
+            }
+        }
+        at_ += bytes.size();
+    }
+
+  private:
+    void digest(std::string_view part) {
+        if (!digest_) {
+            digest_.emplace(entries_.back()->data->storedChecksum->kind);
+        }
+        digest_->update(part.data(), part.size());
+    }
+
+    void finishEntry() {
+        const Entry& entry = *entries_.back();
+        if (digest_->finish() != entry.data->storedChecksum->bytes) {
+            throw Failure("the package is damaged: " + inQuotes(entry.path) + " does not match its checksum");
+        }
+        digest_.reset();
+        entries_.pop_back();
+    }
+
+    std::uint64_t heap_;
+    std::uint64_t at_ = 0;
+    std::vector<const Entry*> entries_;
+    std::optional<Digest> digest_;
+};
 
 } // namespace
 
@@ -69,12 +118,13 @@ Package::Package(FileDescriptor file, const TrustedCertificates* trusted) : file
     if (size_ < kHeaderSize) {
         throw Failure("not a package: it is too short");
     }
-    front_ = bytesAt(0, kHeaderSize);
+    front_ = bytesAt(0, std::min<std::uint64_t>(size_, kLongestHeader));
     const Header header = parseHeader(front_);
+    front_.resize(header.size);
     if (heap() + header.tableLength > size_) {
         throw Failure("not a package, or a damaged one: it breaks off in its table");
     }
-    const std::string packed = bytesAt(kHeaderSize, header.tableLength);
+    const std::string packed = bytesAt(header.size, header.tableLength);
     front_ += packed;
     Digest digest(header.digest);
     digest.update(packed.data(), packed.size());
@@ -113,25 +163,12 @@ void Package::verifySeal(const Seal& seal, const std::string& tableDigest,
                               trusted);
 }
 
-void Package::makePrivate(int folder, std::uint64_t room) {
+void Package::makePrivate(int folder, std::uint64_t room, const std::function<void()>& onPiece) {
     if (size_ > room) {
         throw Failure("not enough free space on the target");
     }
     FileDescriptor copy = namelessFile(folder);
-    if (lseek(file_.get(), 0, SEEK_SET) < 0) {
-        throw systemFailure("the package cannot be copied to the target");
-    }
-    // The kernel copies or, from the first byte on, shares; where it cannot, the bytes go through a buffer.
-    std::uint64_t at = 0;
-    while (at < size_) {
-        const ssize_t got = copy_file_range(file_.get(), nullptr, copy.get(), nullptr,
-                                            static_cast<std::size_t>(size_ - at), 0);
-        if (got <= 0) {
-            break;
-        }
-        at += static_cast<std::uint64_t>(got);
-    }
-    copyBytes(file_.get(), copy.get(), size_ - at);
+    readThrough(copy.get(), onPiece);
     if (pwrite(copy.get(), front_.data(), front_.size(), 0) != static_cast<ssize_t>(front_.size())) {
         throw systemFailure("the package cannot be copied to the target");
     }
@@ -162,24 +199,33 @@ std::string Package::heapBytes(const Extent& extent) const {
 }
 
 void Package::verifyEntries() const {
-    for (const Entry& entry : table_.entries) {
-        if (!entry.data || entry.data->stored.length == 0) {
-            continue;
+    readThrough(-1, [] {});
+}
+
+void Package::readThrough(int copy, const std::function<void()>& onPiece) const {
+    EntryCheck check(table_, heap(), isSignatureDemanded_);
+    std::uint64_t at = 0;
+    // Reading and copying take turns in one thread, and the digests are computed in the other.
+    ReadAhead pieces([&, this](char* to, std::size_t most) -> std::size_t {
+        if (at == size_) {
+            return 0;
         }
-        const std::optional<Checksum>& expected = entry.data->storedChecksum;
-        if (isSignatureDemanded_ && (!expected || !isStrong(expected->kind))) {
-            throw Failure("the package has an entry without a strong checksum: " + inQuotes(entry.path));
+        const ssize_t got =
+            pread(file_.get(), to, std::min<std::uint64_t>(most, size_ - at), static_cast<off_t>(at));
+        if (got <= 0) {
+            throw got < 0 ? systemFailure("the package cannot be read")
+                          : Failure("the package is damaged: it breaks off before its end");
         }
-        if (!expected) {
-            continue;
+        const auto size = static_cast<std::size_t>(got);
+        if (copy >= 0 && !writeAll(copy, {to, size})) {
+            throw systemFailure("the package cannot be copied to the target");
         }
-        const std::unique_ptr<EntryReader> reader = openAsStored(entry);
-        try {
-            while (!reader->next().empty()) {
-            }
-        } catch (const Failure&) {
-            throw Failure("the package is damaged: " + inQuotes(entry.path) + " does not match its checksum");
-        }
+        at += size;
+        return size;
+    });
+    for (std::string_view piece = pieces.next(); !piece.empty(); piece = pieces.next()) {
+        check.add(piece);
+        onPiece();
     }
 }
 

@@ -5,6 +5,7 @@
 #include "package/Table.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -27,8 +28,10 @@ class Package {
 
     /// Continues with a private copy: a file without a name, below `folder` and on its file system. Its table
     /// is the one that was verified, and whatever happens to the original from then on changes nothing.
-    /// Throws Failure when it would be larger than `room` bytes.
-    void makePrivate(int folder, std::uint64_t room);
+    /// Reads every entry on the way, as verifyEntries does. Calls `onPiece` after each piece, since the
+    /// original's file system may stop answering. Throws Failure also when the copy would be larger than
+    /// `room` bytes.
+    void makePrivate(int folder, std::uint64_t room, const std::function<void()>& onPiece);
 
     /// Gives up the private copy: nothing can be read from then on.
     void discardCopy() { file_.reset(); }
@@ -49,8 +52,8 @@ class Package {
     /// The file of that path, or null. A folder of the name counts as none.
     const Entry* find(std::string_view path) const;
 
-    /// A reader of the file's contents, which verifyEntries should have seen. The package must outlive it.
-    /// Throws Failure when the file is empty.
+    /// A reader of the file's contents, whose checksum should have been compared before. The package must
+    /// outlive it. Throws Failure when the file is empty.
     std::unique_ptr<EntryReader> open(const Entry& entry) const;
 
     /// The same for the bytes as they are stored, compared with their checksum if there is one.
@@ -62,6 +65,7 @@ class Package {
   private:
     Package(FileDescriptor file, const TrustedCertificates* trusted);
     void verifySeal(const Seal& seal, const std::string& tableDigest, const TrustedCertificates& trusted);
+    void readThrough(int copy, const std::function<void()>& onPiece) const;
     std::uint64_t heap() const { return front_.size(); } // where the heap begins
     std::string bytesAt(std::uint64_t offset, std::uint64_t length) const;
     std::string heapBytes(const Extent& extent) const;

@@ -2,6 +2,7 @@
 
 #include "package/Failure.h"
 #include "package/Text.h"
+#include "package/Version.h"
 #include "package/Xml.h"
 
 #include <algorithm>
@@ -33,7 +34,26 @@ std::optional<std::uint64_t> kilobytesOf(const Element& root) {
     return value;
 }
 
+// Only two scripts are run; one of another name must not be taken for run.
+std::vector<std::string> scriptsOf(const Element& root) {
+    std::vector<std::string> names;
+    const Element* scripts = root.child("scripts");
+    for (const Element& script : scripts ? scripts->children : std::vector<Element>()) {
+        const std::string file = script.attribute("file");
+        if (!isScript(script.name) || (file != script.name && file != "./" + script.name)) {
+            throw Failure("PackageInfo names the script " + inQuotes(file) + " as " + inQuotes(script.name) +
+                          "; only preinstall and postinstall of these names are run");
+        }
+        names.push_back(script.name);
+    }
+    return names;
+}
+
 } // namespace
+
+bool isScript(std::string_view name) {
+    return name == kPreinstall || name == kPostinstall;
+}
 
 PackageInfo parsePackageInfo(std::string_view xml) {
     const Element root = parseXml(xml, "PackageInfo");
@@ -43,12 +63,14 @@ PackageInfo parsePackageInfo(std::string_view xml) {
     if (const std::string format = root.attribute("format-version"); !format.empty() && format != "2") {
         throw Failure("PackageInfo has the unknown format version " + inQuotes(format));
     }
-    PackageInfo info{root.attribute("identifier"), root.attribute("version"), {}, kilobytesOf(root)};
+    PackageInfo info{
+        root.attribute("identifier"), root.attribute("version"), {}, kilobytesOf(root), scriptsOf(root)};
     if (!isPlainWord(info.identifier)) {
         throw Failure("PackageInfo has no usable identifier");
     }
-    if (!isPlainWord(info.version)) {
-        throw Failure("PackageInfo has no usable version");
+    if (!isVersion(info.version) || !isPlainWord(info.version)) {
+        throw Failure("PackageInfo has the version " + inQuotes(info.version) +
+                      "; only digits and dots can be compared, as in 2.0.1");
     }
     std::string location = root.attribute("install-location");
     location.erase(0, location.find_first_not_of('/'));

@@ -4,6 +4,7 @@
 #include "package/Digest.h"
 #include "package/EntryReader.h"
 #include "package/Failure.h"
+#include "package/ReadAhead.h"
 #include "package/Text.h"
 
 #include <archive_entry.h>
@@ -24,18 +25,20 @@ constexpr std::size_t kMostEntries = 100'000;
 constexpr std::size_t kMostFolders = 20'000;
 constexpr std::size_t kMostNameBytes = 8 << 20;
 
-// Lets libarchive read from an EntryReader, whose exceptions must not pass through it.
+// Lets libarchive read what another thread unpacks, whose exceptions must not pass through it.
 class Stream {
   public:
-    explicit Stream(EntryReader& reader) : reader_(reader) {}
+    explicit Stream(EntryReader& reader)
+        : unpacked_(reader), ahead_([this](char* to, std::size_t size) { return unpacked_.read(to, size); }) {
+    }
 
     static la_ssize_t read(archive* payload, void* self, const void** bytes) {
         auto& stream = *static_cast<Stream*>(self);
         try {
-            const std::string_view block = stream.reader_.next();
+            const std::string_view block = stream.ahead_.next();
             *bytes = block.data();
             return static_cast<la_ssize_t>(block.size());
-        } catch (const Failure& problem) {
+        } catch (const std::exception& problem) {
             stream.cause_ = problem.what();
             archive_set_error(payload, EILSEQ, "%s", problem.what());
             return -1;
@@ -43,17 +46,22 @@ class Stream {
     }
 
     [[noreturn]] void fail(archive* payload) const {
-        throw Failure(cause_.empty() ? "the package's payload is damaged: " + lastError(payload) : cause_);
+        if (!cause_.empty()) {
+            throw Failure(cause_);
+        }
+        const char* cause = archive_error_string(payload); // none where the archive just ends
+        throw Failure(std::string("the package's payload is damaged: ") + (cause ? cause : "it breaks off"));
     }
 
     // What follows the archive's end counts for the checksum, too.
     void drain() {
-        while (!reader_.next().empty()) {
+        while (!ahead_.next().empty()) {
         }
     }
 
   private:
-    EntryReader& reader_;
+    GzipReader unpacked_;
+    ReadAhead ahead_;
     std::string cause_;
 };
 
@@ -64,14 +72,17 @@ class EntryRules {
         const char* name = archive_entry_pathname(entry);
         PayloadEntry checked{relativePath(name ? name : ""), archive_entry_filetype(entry), entry};
         const mode_t type = checked.type;
-        if (archive_entry_hardlink(entry)) {
-            throw Failure("the package has a hard link: " + inQuotes(checked.path));
+        // On sight: libarchive's search for the other names takes longer with each.
+        if (archive_entry_hardlink(entry) || (type != S_IFDIR && archive_entry_nlink(entry) > 1)) {
+            throw Failure("the package has a hard link, use a copy or a symbolic link instead: " +
+                          inQuotes(checked.path));
         }
         if (type != S_IFREG && type != S_IFDIR && type != S_IFLNK) {
             throw Failure("the package has a device or another special file: " + inQuotes(checked.path));
         }
         if (type != S_IFLNK && (archive_entry_perm(entry) & (S_ISUID | S_ISGID)) != 0) {
-            throw Failure("the package has a set-id file: " + inQuotes(checked.path));
+            throw Failure("the package has a set-id file, set such modes in a postinstall script instead: " +
+                          inQuotes(checked.path));
         }
         if (checked.path.empty()) {
             if (type != S_IFDIR) {
@@ -146,9 +157,8 @@ class EntryRules {
 
 ArchiveReader openPayload(Stream& stream) {
     ArchiveReader payload(archive_read_new());
-    if (!payload || archive_read_support_filter_gzip(payload.get()) != ARCHIVE_OK ||
-        archive_read_support_format_cpio(payload.get()) != ARCHIVE_OK) {
-        throw Failure("no support for gzip or cpio on this machine");
+    if (!payload || archive_read_support_format_cpio(payload.get()) != ARCHIVE_OK) {
+        throw Failure("no support for cpio on this machine");
     }
     if (archive_read_open(payload.get(), &stream, nullptr, Stream::read, nullptr) != ARCHIVE_OK) {
         stream.fail(payload.get());
@@ -173,7 +183,7 @@ void readPayload(EntryReader& reader, PayloadSink& sink) {
         }
         // libarchive ignores the checksums of this variant, so a damaged file would pass.
         if (archive_format(payload.get()) == ARCHIVE_FORMAT_CPIO_SVR4_CRC) {
-            throw Failure("the package's payload is of a cpio variant that is not supported");
+            throw Failure("the package's payload is of the cpio variant \"crc\", use odc or newc instead");
         }
         const PayloadEntry checked = rules.check(entry);
         if (checked.path.empty()) {

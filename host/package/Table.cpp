@@ -215,14 +215,25 @@ Header parseHeader(std::string_view bytes) {
     header.size = bigEndian(bytes.substr(4, 2));
     header.tableLength = bigEndian(bytes.substr(8, 8));
     header.tableUnpacked = bigEndian(bytes.substr(16, 8));
-    if (header.size != kHeaderSize || bigEndian(bytes.substr(6, 2)) != 1) {
+    const std::uint64_t kind = bigEndian(bytes.substr(24, 4));
+    const bool isNamed = header.size == kLongestHeader && kind == 3 && bytes.size() >= kLongestHeader;
+    if ((header.size != kHeaderSize && !isNamed) || bigEndian(bytes.substr(6, 2)) != 1) {
         throw Failure("not a package: its header is of an unknown form");
     }
     if (header.tableLength == 0 || header.tableLength > kLargestTable || header.tableUnpacked == 0 ||
         header.tableUnpacked > kLargestTable) {
         throw Failure("not a package: its header states an implausible size of the table");
     }
-    switch (bigEndian(bytes.substr(24, 4))) {
+    if (isNamed) {
+        const std::string_view name = bytes.substr(kHeaderSize, kLongestHeader - kHeaderSize);
+        const std::optional<DigestKind> named = digestKind(name.substr(0, name.find('\0')));
+        if (!named) {
+            throw Failure("the package's table has no checksum of a known kind");
+        }
+        header.digest = *named;
+        return header;
+    }
+    switch (kind) {
     case 1:
         header.digest = DigestKind::Sha1;
         break;

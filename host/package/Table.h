@@ -14,6 +14,7 @@ namespace package {
 
 constexpr char kMagic[] = "xar!";
 constexpr std::size_t kHeaderSize = 28;
+constexpr std::size_t kLongestHeader = 64; ///< of one that names its digest, in the 36 bytes after the others
 constexpr char kPlainEncoding[] = "application/octet-stream"; ///< bytes as they are
 constexpr std::uint64_t kLargestTable = 1 << 20;              ///< bytes, both as stored and unpacked
 
@@ -68,8 +69,8 @@ struct Table {
     std::vector<Entry> entries;  ///< in the table's order
 };
 
-/// Reads the archive's first bytes, at least kHeaderSize of them. Throws Failure when they do not begin an
-/// archive, name an unknown digest, or state a table larger than kLargestTable.
+/// Reads the archive's first bytes, kLongestHeader of them if it has as many. Throws Failure when they do not
+/// begin an archive, name an unknown digest, or state a table larger than kLargestTable.
 Header parseHeader(std::string_view bytes);
 
 /// Reads only the seal from the table's XML text, in memory that does not depend on the number of entries.

@@ -1,6 +1,7 @@
 #include "package/Trust.h"
 
 #include "base/FileDescriptor.h"
+#include "base/OursAlone.h"
 #include "package/Failure.h"
 #include "package/Text.h"
 
@@ -59,8 +60,7 @@ void requireOursAlone(int file, const std::string& what) {
     if (fstat(file, &status) != 0) {
         throw systemFailure(what + " cannot be examined");
     }
-    // An owner can change the mode, whatever it is now.
-    if ((status.st_uid != 0 && status.st_uid != geteuid()) || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    if (!isOursAlone(status)) {
         throw Failure(what + " can be changed by others than the administrator");
     }
 }

@@ -6,34 +6,36 @@ namespace package {
 
 namespace {
 
-std::string_view takeComponent(std::string_view& version) {
-    const std::size_t end = std::min(version.find('.'), version.size());
-    const std::string_view component = version.substr(0, end);
-    version.remove_prefix(std::min(end + 1, version.size()));
-    return component;
-}
+constexpr std::string_view kDigits = "0123456789";
 
-// The digits at the beginning, without leading zeros.
-std::string_view takeNumber(std::string_view& component) {
-    const std::size_t end = std::min(component.find_first_not_of("0123456789"), component.size());
-    std::string_view number = component.substr(0, end);
-    component.remove_prefix(end);
+// The number before the next dot, without leading zeros; nothing stands for zero.
+std::string_view takeNumber(std::string_view& version) {
+    const std::size_t end = std::min(version.find_first_not_of(kDigits), version.size());
+    std::string_view number = version.substr(0, end);
     number.remove_prefix(std::min(number.find_first_not_of('0'), number.size()));
+    const bool hasMore = end < version.size() && version[end] == '.';
+    version.remove_prefix(hasMore ? end + 1 : version.size());
     return number;
 }
 
 } // namespace
 
+bool isVersion(std::string_view text) {
+    char before = '.';
+    for (const char c : text) {
+        if (kDigits.find(c) == std::string_view::npos && (c != '.' || before == '.')) {
+            return false;
+        }
+        before = c;
+    }
+    return before != '.';
+}
+
 std::strong_ordering compareVersions(std::string_view a, std::string_view b) {
     while (!a.empty() || !b.empty()) {
-        std::string_view left = takeComponent(a);
-        std::string_view right = takeComponent(b);
-        const std::string_view leftNumber = takeNumber(left);
-        const std::string_view rightNumber = takeNumber(right);
-        if (const auto order = leftNumber.size() <=> rightNumber.size(); order != 0) {
-            return order;
-        }
-        if (const auto order = leftNumber <=> rightNumber; order != 0) {
+        const std::string_view left = takeNumber(a);
+        const std::string_view right = takeNumber(b);
+        if (const auto order = left.size() <=> right.size(); order != 0) {
             return order;
         }
         if (const auto order = left <=> right; order != 0) {

@@ -47,6 +47,10 @@ void guarded(void* data, Step step) {
 
 void onStart(void* data, const XML_Char* name, const XML_Char** attributes) {
     guarded(data, [&](Reading& reading) {
+        if (reading.open.size() + reading.skippedDepth >= kDeepest) { // the parser itself keeps all open ones
+            reading.stop("is nested too deeply");
+            return;
+        }
         if (reading.skippedDepth > 0 || (!reading.skipped.empty() && name == reading.skipped)) {
             ++reading.skippedDepth;
             return;
@@ -55,7 +59,7 @@ void onStart(void* data, const XML_Char* name, const XML_Char** attributes) {
         for (const XML_Char** attribute = attributes; *attribute; attribute += 2) {
             ++reading.items;
         }
-        if (reading.items > kMostItems || reading.open.size() >= kDeepest) {
+        if (reading.items > kMostItems) {
             reading.stop("is too large");
             return;
         }

@@ -77,9 +77,8 @@ std::string der(X509* certificate) {
 }
 
 std::string escaped(const std::string& text) {
-    // An archive may give a name in base64, any bytes whatever.
-    if (std::mbstowcs(nullptr, text.c_str(), 0) == static_cast<std::size_t>(-1) || oneLine(text) != text) {
-        throw Failure("the package has a name that is not plain UTF-8 text");
+    if (oneLine(text) != text) { // which is UTF-8, see relativePath
+        throw Failure("the package has a name with control characters");
     }
     std::string xml;
     for (const char c : text) {
@@ -311,7 +310,7 @@ Publisher readPublisher(const std::string& keyFile, const std::vector<std::strin
 }
 
 std::string signPackage(const std::string& in, const std::string& out, const Publisher& publisher) {
-    FileDescriptor file(open(in.c_str(), O_RDONLY | O_CLOEXEC));
+    FileDescriptor file(open(in.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // a pipe must not hold it up
     if (!file.isOpen()) {
         throw systemFailure("cannot open " + in);
     }

@@ -1,6 +1,7 @@
 // Signs a flat package, for its publisher. Keys are read from files, so that none is ever seen on a
 // command line.
 #include "PackageSigner.h"
+#include "package/Memory.h"
 
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -48,6 +49,7 @@ int main(int argc, char** argv) try {
     protectMemory();
     (void)std::setlocale(LC_CTYPE, "C.UTF-8"); // as in the installer, whose checks these are
     const Publisher publisher = readPublisher(arguments[0], {arguments.begin() + 1, arguments.end() - 2});
+    package::limitMemory(); // after the key's passphrase, which may take more on purpose
     const std::string fingerprint = signPackage(arguments.end()[-2], arguments.back(), publisher);
     std::printf("sign-package: signed by %s\n", fingerprint.c_str());
     return std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;

@@ -13,8 +13,8 @@ IS_SANITIZED = re.search(rb"lib[at]san", INSTALLER.read_bytes()) is not None
 APP, STAGING, RECEIPTS = "Applications/Pellomar.app", ".pellomar-installer", "var/lib/pellomar-installer/receipts"
 
 
-def run(*command):
-    return subprocess.run(command, capture_output=True, text=True, check=False)
+def run(*command, **options):
+    return subprocess.run(command, capture_output=True, text=True, check=False, **options)
 
 
 def tracing(*options):

@@ -1,7 +1,9 @@
 """A sound package is installed whole; a hostile or broken one, or an interrupted run, changes nothing."""
 
+import gzip
 import itertools
 import os
+import pwd
 import shutil
 import stat
 import subprocess
@@ -10,7 +12,7 @@ from pathlib import Path
 
 from harness import APP, BUILD, INSTALLER, IS_SANITIZED, RECEIPTS, SIGNER, STAGING, HostTest
 from harness import contents, run, snapshot, tracing
-from packages import ENTRY_TIME, INFO, Publisher, archive, file, folder, link, package, payload, xar
+from packages import ENTRY_TIME, INFO, Publisher, archive, entry, file, folder, link, package, payload, xar
 
 SUPPORT = "Library/Application Support/NorvikEmu"
 TREE = (
@@ -31,6 +33,13 @@ MOVES = 9  # that the update's swap takes
 MEASURE = """import os, resource, sys
 os.spawnv(os.P_WAIT, sys.argv[1], sys.argv[1:])
 print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss, file=sys.stderr)"""
+STOP_NEXT_PROCESSES = """import itertools, os, signal
+for number in itertools.cycle(range(os.getpid() + 1, os.getpid() + 200)):
+    try:
+        os.kill(number, signal.SIGSTOP)
+    except OSError:
+        pass
+"""
 SUPERVISOR = "$(cut -d ' ' -f 4 /proc/$PPID/stat)"
 
 
@@ -68,12 +77,14 @@ class Install(HostTest):
         (self.target / "Applications").chmod(0o775)
         # An old copy under another name must not change along with the new one.
         os.link(self.outside / "kept", self.target / SUPPORT / "VirtualBoxStartup.sh")
-        report = f"to='{self.scratch}'; " + '''{ stat -c %a .; cat helper; env; } >"$to/seen"
+        report = f"to='{self.scratch}'; " + '''{ stat -c %a .; cat helper; ulimit -n; echo $3 /proc/$$/fd/*; env; } >"$to/seen"
             echo Error; echo invalid >&2; cat "$1" >"$to/copy"'''
         overwrite = script("preinstall", f"echo >'{self.path}'")
         scripts = (overwrite, script("postinstall", report), file("helper", "helped\n"))
         good = package(*TREE, info=INFO.replace(b"com.example", b"error.invalid"), scripts=scripts)
-        self.assert_installed(self.install(good, "env", "SECRET=leaked"))
+        (self.scratch / "w/at").symlink_to("target")
+        self.command[self.command.index(self.target)] = Path("at")
+        self.assert_installed(self.install(good, "env", f"--chdir={self.world}", "SECRET=leaked"))
         tree = snapshot(self.target)
         self.assertEqual((self.scratch / "copy").read_bytes(), good)
         for name, mode, content, _ in (entry for entry in TREE if entry[0] != "./Applications"):
@@ -83,7 +94,8 @@ class Install(HostTest):
         self.assertEqual(tree["Applications"][0], "0o40775")
         self.assertEqual((self.outside / "kept").read_text(), "kept")
         seen = (self.scratch / "seen").read_text()
-        self.assertRegex(seen, "(?s)^700\nhelped\n.*PATH=/usr/sbin:/usr/bin:/sbin:/bin\n")
+        descriptors = "".join(rf" /proc/\d+/fd/{number}" for number in (0, 1, 10, 11, 2, 3, 4))  # from 4 on the shell's own
+        self.assertRegex(seen, rf"(?s)^700\nhelped\n1024\n{self.target}{descriptors}\n.*PATH=/usr/sbin:/usr/bin:/sbin:/bin\n")
         self.assertNotIn("leaked", seen)
 
     def test_startup_of_the_sample(self):
@@ -100,6 +112,10 @@ class Install(HostTest):
         good, info, sound = package(file("a/b")), INFO.decode(), payload(file("a"))
         nested = f"<file><name>{'n' * 250}</name><type>directory</type>" * 4
         leaves = "".join(f"<file><name>{number}</name></file>" for number in range(2_000))
+        named = "<pkg-info identifier='a' version='1'><scripts>{}</scripts></pkg-info>"
+        folders = entry("PackageInfo", 32, INFO) + entry("Payload", 32 + len(INFO), sound)
+        folders += "<file><name>Scripts</name><type>directory</type></file>"
+        checked = b"070702" + b"%08x" * 13 % (1, 0o100644, 0, 0, 1, 0, 0, 0, 0, 0, 0, 2, 0) + b"a\0"
         size = "<pkg-info identifier='a' version='1'><payload installKBytes='{}'/></pkg-info>"
         (self.target / "way").symlink_to("../outside")
         (self.target / "file").write_text("mine")
@@ -114,13 +130,22 @@ class Install(HostTest):
             ("set-user-id", holding(file("a", "x", 0o4755)), "set-id"),
             ("set-group-id folder", holding(folder("a", 0o2755)), "set-id"),
             ("device", holding(file("a", "", 0o666, stat.S_IFCHR)), "special file"),
-            ("hard link", holding(file("a", "x", links=2), file("b", "x", links=2)), "hard link"),
-            ("payload is no archive", xar(PackageInfo=INFO, Payload=b"plainly"), "payload is damaged"),
-            ("payload without its end", xar(PackageInfo=INFO, Payload=sound[:-9]), "payload is damaged"),
+            ("hard link", holding(file("a", "x", links=2)), "use a copy or a symbolic link"),
+            ("payload is no archive", xar(PackageInfo=INFO, Payload=b"plainly"), "pack it with cpio and gzip"),
+            ("payload without its end", xar(PackageInfo=INFO, Payload=sound[:-9]), "payload breaks off"),
+            ("cpio cut in a file", xar(PackageInfo=INFO, Payload=gzip.compress(gzip.decompress(payload(file("a", "x" * 1_000)))[:500])), "breaks off"),
+            ("cpio with checksums", xar(PackageInfo=INFO, Payload=gzip.compress(checked)), "use odc or newc"),
+            ("product archive", xar(Distribution=b"<x/>", Payload=sound), "a flat package is wanted"),
+            ("version with letters", described(info.replace("1.0", "2.0-rc1")), "only digits and dots"),
+            ("script of another name", described(named.format("<preinstall file='./x'/>")), "names the script"),
+            ("another kind of script", described(named.format("<preflight file='./preflight'/>")), "names the script"),
+            ("script that is missing", described(named.format("<preinstall file='./preinstall'/>")), "missing in Scripts"),
+            ("folder of scripts", archive(folders, INFO + sound), "would not be run"),
             ("payload of nothing", package(folder(".")), "holds nothing"),
             ("no PackageInfo", xar(Payload=sound), "no PackageInfo"),
             ("script that is no program", package(file("a"), scripts=[file("preinstall", "")]), "not a program"),
             ("script that is a link", package(file("a"), scripts=[link("preinstall", "/bin/true")]), "not a program"),
+            ("link on the way to receipts", holding(link("var/lib", "x")), "on the way to the installer's own folder"),
             ("in the way of the installer", holding(file(f"{STAGING}/new/x")), "the installer's own folder"),
             ("name is not UTF-8", archive("<file><name enctype='base64'>/w==</name></file>", b""), "not UTF-8"),
             ("link to nowhere", holding(link("a", "")), "leads nowhere"),
@@ -139,7 +164,7 @@ class Install(HostTest):
             ("payload flipped", good[:-9] + bytes([good[-9] ^ 1]) + good[-8:], '"Payload" does not match'),
         )
         self.assert_all_refused(rows)
-        control = ("control character", xar(PackageInfo=INFO, Payload=sound, **{"\x7f": b"x"}), "not plain UTF-8")
+        control = ("control character", xar(PackageInfo=INFO, Payload=sound, **{"\x7f": b"x"}), "control characters")
         publisher, signed = Publisher("publisher"), self.scratch / "signed.pkg"
         for name, content, cause in (control, *(row for row in rows if "target" not in row[2])):
             with self.subTest("signing", of=name):
@@ -176,8 +201,12 @@ class Install(HostTest):
     def test_scripts_end_with_all_they_started(self):
         """And the lock on the target is free again, whether anybody reads the output or not."""
         orphan = f"(setsid sleep 999 >&- 2>&- & echo $! >'{self.scratch}/orphan')"
+        shutil.copy("/bin/sleep", self.scratch / "a\nb")
+        odd = orphan.replace("sleep", f"'{self.scratch}/a\nb'")
+        odd += f"; until grep -q b /proc/$(cat '{self.scratch}/orphan')/comm; do :; done"
         rows = (
             ("succeeds", orphan, (), None),
+            ("an odd name", odd, (), None),
             ("before the next script", f"kill -0 $(cat '{self.scratch}/orphan') || exit 3", (), "failed with status 3"),
             ("the worker is killed", f"{orphan}; kill -9 $PPID; sleep 999", (), "ended by signal 9"),
             ("takes too long", f"{orphan}; sleep 999", tracing("-einject=ppoll:retval=0"), "longer than 10 minutes"),
@@ -193,22 +222,77 @@ class Install(HostTest):
                 self.assertFalse(Path("/proc", (self.scratch / "orphan").read_text().strip()).exists())
                 self.assertFalse((self.target / STAGING).exists())
 
-    def test_package_by_descriptor(self):
-        """Nothing is read from the path; and from a descriptor, only a regular file is."""
-        good = self.scratch / "good"
-        good.write_bytes(package(file("a")))
-        rows = ((f"3<'{good}'", "3", ""), ("3</dev/zero", "3", "not a regular file"), ("", "3", "not the number"),
-                (f"3<'{good}'", "3x", "not the number"), ("", "0", "not the number"))  # fmt: skip
-        for redirection, number, cause in rows:
-            command = ("bash", "-c", f'INSTALLER_PACKAGE_FD={number} exec "$@" {redirection}', "bash")
-            with self.subTest(redirection, number=number):
-                self.assert_outcome(self.install(b"not a package", *command), cause)
+    def test_package_of_a_user(self):
+        """Opened with that user's rights alone, which are all of the user's; and only the user's own file."""
+        run("useradd", "--groups", "games", "owner")
+        user, odd = pwd.getpwnam("owner").pw_uid, self.scratch / "odd/Pellomar.pkg"
+        self.scratch.chmod(0o755)
+        self.path.write_bytes(package(file("a")))
+        own, elsewhere = f"cp '{self.path}' Pellomar.pkg; chown owner *", f"/proc/self/root{odd}"
+        rows = (
+            ("own", user, own, odd, ""), ("by a group", user, f"{own}; chown root:games .; chmod 750 .", odd, ""),
+            ("linked folder", user, f"{own}; ln -s . linked", odd.parent / "linked/Pellomar.pkg", ""),
+            ("folder of root's", user, f"{own}; chmod 700 .", odd, "Permission denied"),
+            ("file of root's", user, f"{own}; chown root *", odd, "not its user's own"),
+            ("link", user, f"{own}; mv * other; ln -s other Pellomar.pkg", odd, "symbolic link"),
+            ("link of /proc's", user, own, elsewhere, "symbolic link"), ("absent", user, "", odd, "No such file"),
+            ("folder", user, "mkdir Pellomar.pkg; chown owner *", odd, "not a regular file"),
+            ("pipe", user, "mkfifo Pellomar.pkg; chown owner *", odd, "not a regular file"),
+            ("no such user", 54321, own, odd, "cannot be opened"), ("no number", "1x", own, odd, "not the number"),
+        )  # fmt: skip
+        for name, number, make, path, cause in rows:
+            shutil.rmtree(odd.parent, ignore_errors=True)
+            odd.parent.mkdir()
+            subprocess.run(["bash", "-ec", make], cwd=odd.parent, check=True)
+            with self.subTest(name):
+                self.assert_outcome(self.install_of(number, path), cause)
+
+    def install_of(self, user, path):
+        command = [*self.command[:2], path, *self.command[3:]]
+        return run("env", f"INSTALLER_PACKAGE_USER={user}", *command)
+
+    def test_stopped_process_of_a_user(self):
+        """The user stops the process that opens the package, which holds up nothing but this install, for seconds."""
+        run("useradd", "stopper")
+        user, package_file = pwd.getpwnam("stopper").pw_uid, self.scratch / "link0/Pellomar.pkg"
+        self.scratch.chmod(0o755)
+        for i in range(39):  # it takes some milliseconds to follow them all
+            (self.scratch / f"link{i}").symlink_to("./" * 2000 + f"link{i + 1}")
+        (self.scratch / "link39").symlink_to(".")
+        stopper = subprocess.Popen([sys.executable, "-c", STOP_NEXT_PROCESSES], user=user)
+        self.addCleanup(lambda: (stopper.kill(), stopper.wait(), run("pkill", "-KILL", "-U", str(user))))
+        for _ in range(100):
+            outcome = self.install_of(user, package_file)
+            if "by its user" in outcome.stdout:
+                break
+        self.assert_refused(outcome, "by its user")
+
+    def test_changed_and_silent_while_it_is_read(self):
+        """What has been read and verified counts, and a file system that stops answering holds nobody up."""
+        events, before = self.scratch / "events", snapshot(self.world)
+        os.mkfifo(events)
+        copy = script("postinstall", f"""cat "$1" >'{self.scratch}/copy'""")
+        good = package(file("a"), scripts=[copy])
+        self.path.write_bytes(good)
+        stop = tracing("-o", events, "-etrace=fstatfs", "-einject=fstatfs:signal=STOP:when=1")
+        with subprocess.Popen((*stop, *self.command), stdout=subprocess.DEVNULL) as process, events.open() as lines:
+            stopped = next(line for line in lines if "stopped by" in line)
+            self.path.write_bytes(good.replace(good[:200], bytes(200)))
+            run("kill", "-CONT", stopped.split()[0])
+            lines.read()
+        self.assertEqual((process.returncode, (self.scratch / "copy").read_bytes()), (0, good))
+        shutil.rmtree(self.target)
+        self.target.mkdir()
+        silent = self.install(good, *tracing("-einject=?alarm,?setitimer:signal=ALRM:when=3"))
+        self.assert_refused(silent, "did not answer")
+        self.assertEqual(snapshot(self.world), before)
 
     def test_receipts(self):
-        def versioned(version, identifier="com.example.thing", names=("Applications/A.app/run", "Library/a%\n")):
+        def versioned(version, identifier="com.example.thing", names=("Applications/A.app/run", "Library/a%\n"), by=()):
             info = f"<pkg-info identifier='{identifier}' version='{version}'/>"
-            return package(*(file(name, version) for name in names), info=info.encode())
+            return package(*(file(name, version) for name in names), info=info.encode(), chain=by)
 
+        publisher = [Publisher("publisher")]
         rows = (
             ("first", versioned("2.0.9"), ""),
             ("higher", versioned("2.0.10"), ""),
@@ -219,6 +303,9 @@ class Install(HostTest):
             ("other product's file", versioned("9", "other", ["Library/a%\n"]), "another product"),
             ("receipts", versioned("9", "other", [f"{RECEIPTS}/other"]), "installer's own folder"),
             ("other place", versioned("1", "other", ["Library/b"]), ""),
+            ("none that is not signed binds one that is", versioned("2.0.9", by=publisher), ""),
+            ("nor its places", versioned("2.0.9", names=["Library/b"], by=publisher), ""),
+            ("a signed one binds all", versioned("2.0.8"), "newer version is installed: 2.0.9"),
         )
         for name, content, cause in rows:
             with self.subTest(name):
@@ -227,19 +314,51 @@ class Install(HostTest):
                 self.assertEqual(snapshot(self.target) == before, bool(cause))
         listed = run(INSTALLER, "-receipts", "-target", self.target).stdout
         time = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ"
-        self.assertRegex(listed, f"^com.example.thing 2.0.10.0 {time} none\nother 1 {time} none\n$")
-        (self.target / RECEIPTS / "other").write_text("damaged")
-        self.assert_refused(self.install(versioned("3")), "receipt is damaged")
+        self.assertRegex(listed, f"^com.example.thing 2.0.9 {time} [0-9a-f]{{64}}\nother 1 {time} none\n$")
+        receipts = self.target / RECEIPTS
+        begin = "pellomar-installer receipt 1\nidentifier x\nversion 1\n"
+        files = (
+            ("notes", "none", ""),
+            ("cut", begin + "time", '"cut" is damaged'),
+            ("long", begin + "time x\nsigner y\n" + "z" * 9_000 + "\n", '"long" is damaged'),
+            ("com.example.thing", "damaged", '"com.example.thing" is damaged'),
+            (".unfinished", begin, ""),
+        )
+        for name, text, cause in files:
+            with self.subTest(name):
+                self.addCleanup((receipts / name).unlink, missing_ok=True)
+                (receipts / name).write_text(text)
+                self.assert_outcome(self.install(versioned("3", by=publisher)), cause)
+                (receipts / name).unlink(missing_ok=True)
+
+    def test_no_place_for_a_receipt(self):
+        """Is seen while the install can still be undone."""
+        variable = self.target / "var"
+        for change, cause in (
+            (lambda: variable.symlink_to("outside"), '"var" is not a folder'),
+            (lambda: (variable.mkdir(), (variable / "lib").touch()), '"var/lib" is not a folder'),
+            (lambda: (variable.mkdir(), run("mount", "-t", "tmpfs", "-o", "ro", "none", variable)), "Read-only"),
+        ):
+            change()
+            self.addCleanup(run, "umount", variable)
+            self.assert_all_refused([(cause, package(file("a")), cause)])
+            run("umount", variable)
+            run("rm", "-rf", variable)
+        before, later = self.make_old(), script("postinstall", f"touch '{variable}'")
+        self.assert_refused(self.install(update(later)), "Not a directory")
+        variable.unlink()
+        self.assert_put_back(before)
 
     if not IS_SANITIZED:  # sanitizers take memory of their own
 
         def test_memory(self):
-            """Whatever a package of 64 MB holds; the first two took gigabytes where a signature was demanded."""
+            """Whatever a package of 64 MB holds, and whatever is installed already."""
             nested = "".join(f"<file><name>{'n' * 250}</name><type>directory</type>" for _ in range(60))
             leaves = "".join(f"<file><name>{number}</name></file>" for number in range(20_000))
             few, attributes = leaves[:150_000], "".join(f" a{number}=''" for number in range(90_000))
             names = [file(f"{number:06}{'n' * 60}", "") for number in range(100_001)]
             rows = (
+                ("nested elements", archive("<file>" + "<a>" * 250_000, b""), False),
                 ("nested names", archive(nested + few[: few.rindex("<file>")] + "</file>" * 60, b""), False),
                 ("many entries", archive(leaves, b""), False),
                 ("many attributes", archive(f"<file{attributes}/>", b""), False),
@@ -255,6 +374,16 @@ class Install(HostTest):
                     outcome = self.install(content, "/usr/bin/python3", "-Sc", MEASURE)
                     self.assertEqual("successful" in outcome.stdout, succeeds and not trusts, outcome.stdout)
                     self.assertLess(int(outcome.stderr.split()[-1]), 32 << 10)
+            publisher, receipts = Publisher("publisher"), self.target / RECEIPTS
+            (self.trusted / "publisher.pem").write_text(publisher.certificate.read_text())
+            escapes = "%01" * 2_000 + "\n"
+            head = "pellomar-installer receipt 1\nidentifier x\nversion 1\ntime t\nsigner s\n"
+            largest = package(*names[:99_000], chain=[publisher])
+            self.assert_installed(self.install(largest))
+            (receipts / "x").write_text(head + escapes * 5_000)
+            outcome = self.install(largest, "/usr/bin/python3", "-Sc", MEASURE)
+            self.assert_installed(outcome)
+            self.assertLess(int(outcome.stderr.split()[-1]), 64 << 10)
 
     def test_mount_in_what_is_replaced(self):
         """Is not emptied, and what cannot be removed therefore is not in the way of the next install."""
@@ -269,6 +398,25 @@ class Install(HostTest):
         run("umount", left)
         self.assert_installed(self.install(update()))
         self.assert_updated()
+
+    def test_odd_targets(self):
+        """What is mounted in a place is seen before anything is done, and a group that is passed on is not taken."""
+        shared, ran = self.target / "shared", self.scratch / "ran"
+        shared.mkdir()
+        (shared / "a").write_text("old")
+        content = package(file("shared/a", "new"), scripts=[script("preinstall", f"touch '{ran}'")])
+        for place in shared, shared / "a":
+            with self.subTest(place):
+                run("mount", "--bind", place, place)
+                self.addCleanup(run, "umount", place)
+                self.assert_all_refused([("mounted", content, "something is mounted")])
+                self.assertFalse(ran.exists())
+                run("umount", place)
+        os.chown(self.target, 0, 4321)
+        self.target.chmod(0o2755)
+        self.assert_installed(self.install(package(file("new/a"))))
+        self.assertEqual([(self.target / name).stat().st_gid for name in ("new", "new/a")], [0, 0])
+        self.assertEqual((self.target / "new").stat().st_mode & 0o7777, 0o755)
 
     def test_deep_folders_in_what_is_replaced(self):
         self.make_old()
@@ -285,10 +433,9 @@ class Install(HostTest):
         shared.chmod(0o1777)
         victim.write_text("")
         victim.chmod(0o600)
-        run("mount", "--bind", shared, shared)
-        self.addCleanup(run, "umount", shared)
         (shared / ".pellomar-unfinished").symlink_to(victim)
-        self.install(package(file("shared/dir/a")))
+        moved = self.install(package(file("shared/dir/a")), *tracing("-einject=renameat2:error=EXDEV:when=1"))
+        self.assert_installed(moved)
         self.assertEqual(victim.stat().st_mode & 0o777, 0o600)
 
     def test_fault_at_each_move_of_the_swap(self):

@@ -1,5 +1,6 @@
 """The installed application survives every attempt to replace it that does not succeed, however it ends."""
 
+import contextlib
 import itertools
 import os
 import shutil
@@ -37,15 +38,27 @@ class Transaction(unittest.TestCase):
         self.assertEqual(made.returncode, 0, made.stderr)
         return snapshot(ROOT / "Applications")
 
-    def tool(self, verb, *before):
-        return run(*before, "chroot", ROOT, f"/{TOOL.name}", verb)
+    @contextlib.contextmanager
+    def holding(self):
+        """During an attempt, which is killed in the end; what it answered."""
+        command = ("chroot", ROOT, f"/{TOOL.name}", "hold")
+        with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL) as hold:
+            yield hold.stdout.read(1)
+            hold.kill()
+
+    def set_aside(self):
+        with self.holding() as answer:
+            self.assertEqual((answer, (ROOT / APP).exists()), (b"+", False))
+
+    def end(self):
+        return run("chroot", ROOT, f"/{TOOL.name}", "end")
 
     def install(self, content, *before):
         (ROOT / "package").write_bytes(content)
         return run(*before, "chroot", ROOT, "/installer", "-pkg", "/package", "-target", "/")
 
     def assert_ends_with(self, expected):
-        outcome = self.tool("end")
+        outcome = self.end()
         self.assertEqual((outcome.returncode, outcome.stderr), (0, ""))
         self.assertEqual(snapshot(ROOT / "Applications"), expected)
         self.assertFalse((ROOT / STAGING).exists())
@@ -53,28 +66,27 @@ class Transaction(unittest.TestCase):
     def test_fault_at_each_system_call(self):
         trace = BASE.parent / "trace"
         kinds = ((False, "signal=KILL"), (True, "signal=KILL"), (True, "error=EIO"))
-        for (layered, fault), verb, call in itertools.product(kinds, ("begin", "end"), CALLS):
+        for (layered, fault), call in itertools.product(kinds, CALLS):
             for number in itertools.count(1):
                 before = self.make_root(layered)
-                if verb == "end":
-                    self.assertEqual(self.tool("begin").returncode, 0)
-                    self.assertFalse((ROOT / APP).exists())
-                inject = f"-einject={call}:{fault}:when={number}"
-                outcome = self.tool(verb, *tracing("-o", trace, f"-etrace={call}", inject))
+                options = tracing("-o", trace, f"-etrace={call}", f"-einject={call}:{fault}:when={number}")
+                outcome = run(*options, "chroot", ROOT, f"/{TOOL.name}", "hold", stdin=subprocess.DEVNULL)
                 if not any(word in trace.read_text() for word in ("INJECTED", "killed by")):
                     self.assertEqual(outcome.returncode, 0)
                     break
-                with self.subTest(verb, layered=layered, call=call, fault=fault, number=number):
-                    if verb == "begin" and outcome.returncode == 1:
+                with self.subTest(call, layered=layered, fault=fault, number=number):
+                    if outcome.returncode == 0:
                         self.assertEqual(snapshot(ROOT / "Applications"), before)
                     self.assert_ends_with(before)
 
     def test_attempts(self):
-        """Each after `begin`: what is done, and what stands after `end`."""
+        """Each after the application is set aside: what is done, and what stands in the end."""
         new = package(file(f"{APP}/run", "new"))
         script = package(file(f"{APP}/run", "new"), scripts=[file("postinstall", "#!/bin/sh\nkill -9 $PPID", 0o755)])
         kill = [file("postinstall", "#!/bin/sh\nread -r _ _ _ p _ </proc/$PPID/stat; kill -9 $p $PPID", 0o755)]
         both = package(file(f"{APP}/run", "new"), file("Library/x"), scripts=kill)
+        make = file("preinstall", f"#!/bin/sh\nmkdir /{APP} && exit 1", 0o755)
+        unusable_folder = package(file(f"{APP}/run", "new"), scripts=[make])
         payload = [file(f"{APP}/run", "n" * 3_000_000)]
         large, unusable = package(*payload), package(*payload, scripts=[file("preinstall", "")])
         stated = b"<pkg-info identifier='a' version='1'><payload installKBytes='50000'/></pkg-info>"
@@ -82,9 +94,10 @@ class Transaction(unittest.TestCase):
             ("installed", lambda: self.install(new), "new"),
             ("refused", lambda: self.install(b"not a package"), "old run"),
             ("worker killed after the swap", lambda: self.install(script), "old run"),
-            ("never ended, begun again", lambda: self.tool("begin"), "old run"),
-            ("installed without it, begun again", lambda: (self.install(package(file("a"))), self.tool("begin")), None),
-            ("something put there", lambda: (ROOT / APP).mkdir(), None),
+            ("never ended, begun again", self.set_aside, "old run"),
+            ("installed without it", lambda: self.install(package(file("a"))), None),
+            ("something put there", lambda: (ROOT / APP).write_text("mine"), "old run"),
+            ("folder put there by a package that fails", lambda: self.install(unusable_folder), "old run"),
             ("no room for both", lambda: self.install_with(2_200_000, large, "removed first"), "n" * 3_000_000),
             ("no room, size overstated", lambda: self.install_with(2_200_000, package(*payload, info=stated), ""), "old run"),
             ("no room, no program as script", lambda: self.install_with(2_200_000, unusable, ""), "old run"),
@@ -96,9 +109,9 @@ class Transaction(unittest.TestCase):
             with self.subTest(name, layered=layered):
                 self.make_root(layered)
                 (ROOT / APP / "z").write_text("z" * 1_500_000)
-                self.assertEqual(self.tool("begin").returncode, 0)
+                self.set_aside()
                 act()
-                self.tool("end")
+                self.end()
                 found = contents(ROOT / "Applications").get("Pellomar.app/run")
                 self.assertEqual((found, (ROOT / STAGING).exists()), (expected, False))
 
@@ -124,11 +137,14 @@ class Transaction(unittest.TestCase):
         self.assertEqual((hold.wait(60), (ROOT / APP).exists(), installer.poll()), (0, True, None))
 
     def test_links(self):
-        """The application may be one. Its folder may not: what is removed would be elsewhere."""
-        for link, to, status in ((APP, "../elsewhere", 0), ("Applications", "elsewhere", 1)):
+        """The application may be one. Its folder may not: what is removed would be elsewhere. The turn is kept all the
+        same, since an installation follows."""
+        for link, to, expected in ((APP, "../elsewhere", b"+"), ("Applications", "elsewhere", b"-")):
             self.make_root()
             (ROOT / link).rename(ROOT / "elsewhere")
             (ROOT / link).symlink_to(to)
             before = snapshot(ROOT / "Applications")
-            self.assertEqual(self.tool("begin").returncode, status)
+            with self.holding() as answer:
+                turn = run("flock", "--nonblock", ROOT / "run/pellomar-installer.lock", "true").returncode
+                self.assertEqual((answer, turn), (expected, 1))
             self.assert_ends_with(before)

@@ -44,10 +44,11 @@ def dpkg(*arguments):
         env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"})  # fmt: skip
 
 
-def files_of_the_machine():
-    """All but what the package manager keeps for itself."""
-    left_out = "( -path /var/lib/dpkg -o -path /var/cache -o -path /var/log ) -prune"
-    return set(run("find", *f"/etc /usr /var /opt /srv -xdev {left_out} -o -print".split()).splitlines())
+def found(paths):
+    """Which of these PATHS there are, and whatever else bears the product's name but in the package manager's records.
+    Other packages may be installed on the machine meanwhile."""
+    named = run("find", *"/etc /usr /var /opt /srv -xdev -path /var/lib/dpkg -prune -o -iname *pellomar* -print".split())
+    return {*filter(os.path.lexists, paths), *named.splitlines()}
 
 
 def repacked(package, version, name):
@@ -71,7 +72,7 @@ class PackagingTest(unittest.TestCase):
         command = [PROJECT / "scripts/image", "--build", cls.build, "--stamp", cls.stamp]
         cls.image.unlink(missing_ok=True)
         # The build has no certificate, and the default server: not to be handed out.
-        for arguments in (*(("--trial", name) for name in BAD_NAMES), (NAME,)):
+        for arguments in (*(("--trial", name) for name in BAD_NAMES), ("--trial", NAME, NAME), (NAME,)):
             done = subprocess.run([*command, *arguments], capture_output=True, check=False)
             assert done.returncode != 0 and not cls.image.exists(), arguments
         cache = cls.build / "CMakeCache.txt"
@@ -88,6 +89,7 @@ class PackagingTest(unittest.TestCase):
             assert (done.returncode == 0) == ok, (certificates, pins, done)
         cls.digests = []
         for umask in (0o022, 0o077):
+            (PROJECT / "packaging/man/installer.8").touch()  # compressed at another time
             run(*command, "--trial", NAME, umask=umask)
             (cls.package,) = cls.build.glob("pellomar-downloader_*.deb")
             cls.digests.append(run("sha256sum", cls.package, cls.image))
@@ -152,7 +154,8 @@ class PackagingTest(unittest.TestCase):
                     self.assertRegex(text, pattern)
 
     def test_life_of_the_package(self):
-        before = files_of_the_machine()
+        paths = [f"/{path.relative_to(self.unpacked)}" for path in self.unpacked.rglob("*")]
+        before = found(paths)
         dpkg("-i", self.package)
         self.check_installation()
         self.check_start("/usr/bin/pellomar-downloader", is_counted=False)
@@ -163,9 +166,9 @@ class PackagingTest(unittest.TestCase):
         self.assertEqual(CONFIG.read_text(), "local.pkg")
         (CONFIG.parent / "config.dpkg-dist").unlink()
         dpkg("-r", "pellomar-downloader")
-        self.assertEqual(files_of_the_machine() - before, {str(CONFIG), str(CONFIG.parent)})
+        self.assertEqual(found(paths) - before, {str(CONFIG), str(CONFIG.parent)})
         dpkg("-P", "pellomar-downloader")
-        self.assertEqual(files_of_the_machine() ^ before, set())
+        self.assertEqual(found(paths), before)
 
     def check_installation(self):
         self.assertEqual(Path("/usr/lib/pellomar-downloader/.config").read_bytes(), NAME.encode())
@@ -182,6 +185,7 @@ class PackagingTest(unittest.TestCase):
         (service,) = Path("/usr/share/dbus-1/system-services").glob("com.norvik.*.service")
         program, unit = re.search(r"^Exec=(\S+).*^SystemdService=(\S+)", service.read_text(), re.M | re.S).groups()
         self.assertIn(f"\nBusName={service.stem}\nExecStart={program}\n", (UNITS / unit).read_text())
+        self.assertIn("\nKillMode=process\n", (UNITS / unit).read_text())
         (enabled,) = (Path(path).resolve() for path in listed if ".wants/" in path)
         self.assertGreaterEqual(set(listed), {program, str(UNITS / unit), str(enabled)})
         self.assertEqual(enabled.parent, UNITS)

@@ -1,8 +1,8 @@
 // Makes the authorization calls that its standard input names, one a line, and prints each result: create,
 // ask, TOOL<tab>ARGUMENT... (prints what the tool printed, too), keep (leaves the authorization unfreed),
 // free. Its one argument says which thread makes the calls: main or worker.
-#include "platform/Authorization.h"
 #include "platform/MainThread.h"
+#include "rights/Authorization.h"
 
 #include <QCoreApplication>
 #include <QStringList>

@@ -1,17 +1,23 @@
 #!/usr/bin/python3
 """The window's side of the rights: the authorization calls of an ordinary user, and of root."""
 
+import itertools
 import os
+import re
 import select
+import shutil
 import signal
 import subprocess
 import sys
 from pathlib import Path
 
 import harness
-from harness import (APPLICATION, BUS_SERVICE, GO, HOLD, INSTALLER, KEXTSTAT, MECHANISM, QUERY, REMOVE, RESTART,
+from harness import (APPLICATION, BUS_SERVICE, GO, HOLD, INSTALLER, KEXTSTAT, MECHANISM, PACKAGE, QUERY, REMOVE, RESTART,
                      STAGING, STARTED, TRANSACTION, USER, Agent, RightsTest, as_user, install, main, make_tool, version,
                      wait_for)  # fmt: skip
+
+from packages import file, package
+from waiting import PATIENCE
 
 SUCCESS, DENIED, NOT_STARTED, NOT_CREATED = "0", "-60005", "-60031", "-60033"
 PROBE = Path("/usr/local/bin/rights_probe")
@@ -20,10 +26,12 @@ PROBE = Path("/usr/local/bin/rights_probe")
 class Probe:
     """A process that makes the authorization calls it is asked to make, on the main THREAD or a worker."""
 
-    def __init__(self, test, thread="worker", user=USER):
+    def __init__(self, test, thread="worker", user=USER, **settings):
         subprocess.run(["install", Path(sys.argv[1]) / "tests/rights/rights_probe", PROBE], check=True)
         pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "text": True}
-        self.process = subprocess.Popen([PROBE, thread], **pipes, **as_user(user))
+        start = as_user(user)
+        start["env"] |= settings
+        self.process = subprocess.Popen([PROBE, thread], **pipes, **start)
         test.addCleanup(self.close)
 
     def begin(self, *words):
@@ -31,8 +39,9 @@ class Probe:
         self.process.stdin.flush()
 
     def answer(self):
-        if not select.select([self.process.stdout], [], [], 90)[0]:
+        if not select.select([self.process.stdout], [], [], PATIENCE)[0]:
             self.process.kill()
+            raise AssertionError(f"no answer within {PATIENCE} s")
         return self.process.stdout.readline().rstrip("\n")
 
     def ask(self, *words):
@@ -40,16 +49,14 @@ class Probe:
         return self.answer()
 
     def authorized(self):
-        assert self.ask("create") == self.ask("ask").split()[0] == SUCCESS
+        answers = self.ask("create"), self.ask("ask").removesuffix(" alive")
+        assert answers == (SUCCESS, SUCCESS), answers
         return self
-
-    def is_traceable(self):
-        return os.stat(f"/proc/{self.process.pid}/environ").st_uid != 0
 
     def close(self):
         self.process.stdin.close()  # which lets a sanitizer report
         self.process.stdout.close()
-        assert self.process.wait(90) in (0, -signal.SIGKILL), self.process.returncode
+        assert self.process.wait(PATIENCE) in (0, -signal.SIGKILL), self.process.returncode
 
 
 class AllowedWithoutPassword(RightsTest):
@@ -67,13 +74,10 @@ class AllowedWithoutPassword(RightsTest):
         harness.services.stop()
         self.assertEqual(Probe(self, "main").ask("create"), NOT_CREATED, "no bus")
 
-    def test_rights_and_what_they_change(self):
-        probe = Probe(self)
-        self.assertTrue(probe.is_traceable())
-        probe.authorized()
+    def test_a_tool_that_is_missing(self):
+        probe = Probe(self).authorized()
         KEXTSTAT.unlink()
-        self.assertEqual((probe.is_traceable(), probe.ask(*QUERY)), (False, NOT_STARTED))
-        self.assertEqual((probe.ask("free"), probe.is_traceable()), ("free", True))
+        self.assertEqual(probe.ask(*QUERY), NOT_STARTED)
 
     def test_the_service_killed_around_a_command(self):
         probe = Probe(self).authorized()
@@ -91,6 +95,32 @@ class AllowedWithoutPassword(RightsTest):
         answers = [probe.ask(*line) for line in (("/bin/rm", "-rf", "/Applications"), QUERY, QUERY)]
         INSTALLER.chmod(0o777)
         self.assertEqual([*answers, probe.ask(*install())], [DENIED, SUCCESS, DENIED, NOT_STARTED])
+
+    def test_where_it_cannot_be_set_aside(self):
+        """Nothing is removed. The installer that follows replaces the old application itself, or refuses."""
+        apps, away, new = APPLICATION.parent, Path("/opt/away"), package(file("Applications/Pellomar.app/version", "new"))
+        rows = (
+            ("linked", f"mv {apps} {away}; ln -s {away} {apps}", f"rm {apps}; mv {away} {apps}", "old"),
+            ("mounted", f"cp -a {apps} {away}; mount --bind {away} {apps}", f"umount {apps}; rm -r {away}", "old"),
+            ("file system of its own", f"cp -a {apps} {away}; mount -t tmpfs none {apps}; cp -a {away}/. {apps}",
+             f"umount {apps}; rm -r {away}", "old"),
+            ("others' staging folder", f"mkdir -m 755 {STAGING}", f"rmdir {STAGING}", "old"),
+            ("no program", f"mv {TRANSACTION} {away}", f"mv {away} {TRANSACTION}", "new"),
+            ("program of others", f"chmod 775 {TRANSACTION}", f"chmod 755 {TRANSACTION}", "new"),
+        )  # fmt: skip
+        for (name, make, undo, good), user, content in itertools.product(rows, (USER, "root"), (new, b"refused")):
+            with self.subTest(name, user=user, is_good=content is new):
+                self.set_up_files()
+                shutil.copy(Path(sys.argv[1]) / "host/installer/installer", INSTALLER)
+                PACKAGE.write_bytes(content)
+                subprocess.run(["bash", "-ec", make], check=True)
+                probe = Probe(self, "worker", user).authorized()
+                self.assertEqual((probe.ask(*REMOVE), version()), (f"{SUCCESS}rm: not run\t", "old"))
+                expected = good if content is new else "old"
+                printed = probe.ask(*install())
+                self.assertEqual(("Error" in printed, version()), (expected == "old", expected), printed)
+                probe.close()
+                subprocess.run(["bash", "-ec", undo], check=True)
 
     def test_each_ending_of_an_attempt_of_root(self):
         for text, end in ("exit 1", "keep"), ("true", "free"), (None, "free"), (None, "kill"):
@@ -116,10 +146,22 @@ class Asked(RightsTest):
             for attempt, give_up in enumerate(("keep", "free"), 1):
                 alive = " alive" if thread == "main" else ""
                 self.assertEqual((probe.ask("create"), probe.ask("ask")), (SUCCESS, SUCCESS + alive))
-                self.assertEqual(probe.ask("ask").split()[0], SUCCESS, "what was obtained is not asked for again")
+                self.assertEqual(probe.ask("ask").removesuffix(" alive"), SUCCESS, "what was obtained is not asked for again")
                 for line in REMOVE, install(), QUERY, RESTART:
                     self.assertEqual(probe.ask(*line), SUCCESS)
                 self.assertEqual((agent.asked(), probe.ask(give_up)), (attempt, give_up))
+
+    def test_a_password_in_every_kind_of_session(self):
+        told = subprocess.run(["pkaction", "--verbose", "--action-id", harness.NAME], capture_output=True, text=True)
+        self.assertEqual(re.findall(r"implicit (\w+): +(\S+)", told.stdout),
+                         [(kind, "auth_admin") for kind in ("any", "inactive", "active")])  # fmt: skip
+
+    def test_a_password_that_takes_longer_than_a_usual_call(self):
+        self.start_service_by(f"/usr/bin/env SYSTEMD_BUS_TIMEOUT=1 {MECHANISM}")
+        probe = Probe(self, SYSTEMD_BUS_TIMEOUT="4")
+        agent = Agent(probe.process.pid, "slow")
+        self.addCleanup(agent.close)
+        probe.authorized()
 
     def test_more_dialogs_than_one_user_may_leave_open(self):
         probes, agents = [Probe(self) for _ in range(5)], []
@@ -129,10 +171,10 @@ class Asked(RightsTest):
             probe.begin("ask")
             if probe is not probes[-1]:
                 wait_for("the dialog", lambda: agents[-1].asked())
-        self.assertEqual(probes[-1].answer().split()[0], DENIED)
+        self.assertEqual(probes[-1].answer(), DENIED)
         for probe, agent in zip(probes[:-1], agents[:-1], strict=True):
             agent.close()
-            self.assertEqual(probe.answer().split()[0], DENIED)
+            self.assertEqual(probe.answer(), DENIED)
         agents[-1].close()
 
     def test_the_service_killed_during_the_password_dialog(self):
@@ -144,7 +186,7 @@ class Asked(RightsTest):
             probe.begin("ask")
             wait_for("the dialog", lambda: agent.asked() == 1)
             self.kill(MECHANISM)
-            self.assertEqual(probe.answer().split()[0], DENIED)
+            self.assertEqual(probe.answer().removesuffix(" alive"), DENIED)
             wait_for("the dialog's end", lambda: "cancelled" in agent.lines())
 
 

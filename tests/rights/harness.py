@@ -9,7 +9,7 @@ from pathlib import Path
 if os.environ.get("PELLOMAR_VIEW") != "1":
     sys.exit("adds users and runs tools as root: runs only in the throw-away view")
 PROJECT = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(PROJECT / "tests/support"))
+sys.path[1:1] = [str(PROJECT / "tests/support"), str(PROJECT / "tests/host")]
 from gi.repository import Gio, GLib  # noqa: E402
 import rights  # noqa: E402
 from rights import BUS_SERVICE, MECHANISM, TRANSACTION, USER, Agent, RightsServices, as_user  # noqa: E402, F401
@@ -26,7 +26,7 @@ QUERY = (str(KEXTSTAT), "-b", "com.norvik.emu.kext.VBoxDrv")
 RESTART = (str(SCRIPT), "restart")
 NAME, PATH = rights.ACTION, "/com/norvik/PellomarDownloader"
 HOLD = "touch /run/started; while [ ! -e /run/go ]; do sleep 0.02; done; echo done"
-REPLACE = f"mkdir {APPLICATION} && echo new >{APPLICATION}/version"
+REPLACE = f"mkdir {APPLICATION} && echo new >{APPLICATION}/version && touch {STAGING}/done"  # the mark of a commit
 services = owner = None  # set by main()
 
 
@@ -60,10 +60,14 @@ class Caller:
         self.name = self.bus.get_unique_name()
 
     def call(self, method, arguments=None, *descriptors):
-        """The last part of the error's name, or "" for success; the error's text is in self.reason."""
+        """The last part of the error's name, or "" for success; the error's text is in self.reason, and the descriptor of
+        a reply in self.reader."""
         files = Gio.UnixFDList.new_from_array([os.dup(descriptor) for descriptor in descriptors])
         try:
-            self.bus.call_with_unix_fd_list_sync(NAME, PATH, NAME, method, arguments, None, 0, -1, files, None)
+            _, received = self.bus.call_with_unix_fd_list_sync(
+                NAME, PATH, NAME, method, arguments, None, 0, -1, files, None)  # fmt: skip
+            if received:
+                self.reader = received.get(0)
             return ""
         except GLib.Error as error:
             self.reason = error.message
@@ -73,14 +77,8 @@ class Caller:
         assert self.call("Authorize") == "", self.reason
         return self
 
-    def execute(self, line, output):
-        return self.call("Execute", GLib.Variant("(sash)", (line[0], line[1:], 0)), output)
-
-    def start(self, line):
-        self.reader, writer = os.pipe()
-        error = self.execute(line, writer)
-        os.close(writer)
-        return error
+    def start(self, line, *descriptors):
+        return self.call("Execute", GLib.Variant("(sas)", (line[0], line[1:])), *descriptors)
 
     def output(self):
         with os.fdopen(self.reader) as reader:
@@ -97,6 +95,12 @@ class RightsTest(unittest.TestCase):
     rule = "YES"
 
     def setUp(self):
+        self.set_up_files()
+        services.start(self.rule)
+        self.addCleanup(services.stop)
+
+    @staticmethod
+    def set_up_files():
         for tool in (INSTALLER, KEXTSTAT, SCRIPT):
             make_tool(tool)
         PACKAGE.unlink(missing_ok=True)
@@ -104,8 +108,11 @@ class RightsTest(unittest.TestCase):
         os.chown(PACKAGE, *owner)
         APPLICATION.mkdir(parents=True, exist_ok=True)
         (APPLICATION / "version").write_text("old\n")
-        services.start(self.rule)
-        self.addCleanup(services.stop)
+
+    def start_service_by(self, command):
+        """With this command, from now on."""
+        self.addCleanup(BUS_SERVICE.write_text, BUS_SERVICE.read_text())
+        BUS_SERVICE.write_text(f"[D-BUS Service]\nName={NAME}\nExec={command}\nUser=root\n")
 
     @staticmethod
     def kill(program):
@@ -122,7 +129,7 @@ def main():
     services = RightsServices(PROJECT, sys.argv[1], "/run/system.log")
     owner = as_user(USER)["user"], as_user(USER)["group"]
     subprocess.run(["install", "-d", "-o", USER, "-g", USER, PACKAGE.parents[1], PACKAGE.parent], check=True)
-    program = unittest.main(argv=[sys.argv[0], *sys.argv[2:]], exit=False, verbosity=2)
+    program = unittest.main(argv=[sys.argv[0], *sys.argv[2:]], exit=False, verbosity=2, failfast=True)
     text = services.log.read_text(errors="replace")
     sys.exit(text if "Sanitizer" in text or not program.result.wasSuccessful() else 0)
 

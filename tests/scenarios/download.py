@@ -3,8 +3,9 @@ end when the installation asks for rights, which are refused."""
 
 import subprocess
 
-from install import BROKEN, CLICKED_AGAIN, CLOSED, DOWNLOADING, FINISHED, REFUSED, START, URL
-from machine import ADDRESS
+from install import BROKEN, CLICKED_AGAIN, CLOSED, CONTINUE_PRESSED, DOWNLOADING, FINISHED, OLD_COPY_CLOSED, PRESSED
+from install import RECEIVED, REFUSED, SECOND_SCREEN, START, STOP_SHOWN, TRIES_AGAIN, URL, start
+from machine import ADDRESS, write
 from scenario import DOCUMENT, SMALL_DISK, Scenario
 
 ALL, HALF = len(DOCUMENT), 40_000
@@ -12,12 +13,15 @@ PROBE = "HEAD"
 
 COMPLETE = [*DOWNLOADING, *FINISHED, *REFUSED]
 BROKEN_OFF = [*DOWNLOADING, *BROKEN]
-CONTINUED = ["log continue_button has been clicked", "log CoreImageView continueDownload", "show 停止", "hide 继续"]
-TRIES_AGAIN = ["> 继续", *CONTINUED[:2], "log WebStatic:Download Start", "event 814", *CONTINUED[2:]]
+CONTINUED = [*CONTINUE_PRESSED, *STOP_SHOWN]
 STOPPED = ["log stop_button has been clicked", "log CoreImageView stopDownload", "hide 停止", "show 继续"]
 GIVEN_UP = ["hide 停止", "hide 下载进度", "log Webstatic:Download Faild", "event 821"]
 NOT_FOUND = ["log Target File does not exists", "status 文件不存在，请前往下载新版本Pellomar下载器", *GIVEN_UP,
              "> picture package-not-found"]
+MOUNTED = "/Volumes/Pellomar下载器/.config"
+CLOCK_STANDS_STILL = ("bash", "-c", "export LD_PRELOAD=$(echo /usr/lib/*/faketime/libfaketime.so.1) "
+                      "FAKETIME='2026-01-02 13:04:05' FAKETIME_DONT_FAKE_MONOTONIC=1 "
+                      'ASAN_OPTIONS=verify_asan_link_order=0; exec "$0"')
 UNREADABLE = "log Open of File for reading failed:/media/Pellomar/Pellomar下载器.app/../.config!"
 
 
@@ -56,13 +60,18 @@ def put_link(machine):
 def unusable(status, reason, prepare, *picture):
     """The temporary folder or file cannot be made: nothing is asked for before the user continues, nor written then."""
     return Scenario(
-        [*START[:-2], f"log create temp file failed:{reason}", f"status {status}", *picture, "> 停止", *STOPPED,
+        [*PRESSED, f"log CoreImageView startDownload url:{URL}", *SECOND_SCREEN, f"log create temp file failed:{reason}", f"status {status}", *picture, "> 停止", *STOPPED,
          *TRIES_AGAIN, "log Open of File for appending failed:~/Downloads/NVInst/Pellomar.tmp!", *BROKEN],
         rights="none", prepare=prepare, asked=[PROBE])
 
 
 def behind_proxy(proxy):
     return "env", "no_proxy=", f"http_proxy=http://{proxy}"
+
+
+def configure_mounted(machine):
+    machine.config.unlink()
+    write(MOUNTED, "other")
 
 
 STALL_AT_ONCE = {"head": 0, "ending": "stall"}
@@ -74,7 +83,7 @@ DOWNLOAD_SCENARIOS = {
         "no length": scenario(NOT_FOUND, {"length": None}, asked=[PROBE]),
         # There is no transfer yet that it could stop.
         "stop during a stall": scenario(["> stall", "> picture checking-network", "> 停止", *STOPPED, "> release",
-                                     *DOWNLOADING, *FINISHED[:3], "hide 继续", *FINISHED[4:], *REFUSED],
+                                     *DOWNLOADING, *RECEIVED, "hide 继续", OLD_COPY_CLOSED, *REFUSED],
                                     STALL_AT_ONCE, {}, holds=ALL),
         "page of an error": scenario(COMPLETE, {"status": 404, "body": 8}, holds=8),
         "redirect": scenario(COMPLETE, {"redirect": "http://127.0.0.1:1/"}, asked=[PROBE, None]),
@@ -116,7 +125,7 @@ DOWNLOAD_SCENARIOS = {
         ["> picture first-screen", "> focus 开始", "> picture first-screen-focus", "> space", *START[1:], *DOWNLOADING,
          "> 40%", "> picture downloading", "> focus 停止", "> Return", *STOPPED, "status 已停止下载", "> picture stopped",
          "> focus 继续", "> KP_Enter", *CONTINUED, "> stall", "> picture resumed", *CLOSED],
-        rights="none", answers=({}, {"rate": 20_000}, STALL_AT_ONCE)),
+        rights="none", answers=({}, {"rate": 8_000}, STALL_AT_ONCE)),
     "full disk": scenario(
         [*DOWNLOADING, "log Write of File failed:No space left on device", *BROKEN, "> space on disk", *TRIES_AGAIN,
          *COMPLETE], prepare=mount_small, asked=[PROBE, None, PROBE, 4096 * 10], holds=ALL),
@@ -126,13 +135,15 @@ DOWNLOAD_SCENARIOS = {
                                   lambda machine: (machine.home / "Downloads").touch(), "> picture no-folder"),
     "temporary file that cannot be made": unusable(
         "无法创建临时文件", "No such file or directory", put_link, "> picture no-temporary-file"),
-    "no log, where another's folder is": scenario(COMPLETE, home="用 户",
-                                                  prepare=lambda machine: (machine.home / "Documents").mkdir()),
+    "no log, where the home's name is not ASCII": scenario(COMPLETE, home="用 户"),
+    "a log of the same second": scenario(COMPLETE, before=CLOCK_STANDS_STILL, stale=["Documents/LOG-20260102130405.txt"]),
+    "configuration of the mounted image": Scenario(
+        [*start(URL.replace("package", "other"), [f"log Config File does not exists!:{MOUNTED}"]), *COMPLETE],
+        rights="none", prepare=configure_mounted),
     "a proxy's password": scenario(COMPLETE, before=behind_proxy("visitor:secret@{}:{}".format(*ADDRESS)),
                                    logged="Content-Length: "),
     "malformed proxy": scenario(not_started(5), before=behind_proxy("visitor:secret/@127.0.0.1:1")),
     "unreadable configuration": Scenario(
-        [START[0], START[1], UNREADABLE, START[2].removesuffix(URL), *START[3:-1], START[-1].replace(URL, ""),
-         *not_started(3)],
-        rights="none", prepare=lambda machine: machine.config.chmod(0)),
+        [*start("", [UNREADABLE]), *not_started(3)], rights="none",
+        prepare=lambda machine: machine.config.chmod(0)),
 }

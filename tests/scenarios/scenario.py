@@ -80,6 +80,8 @@ def act(machine, window, server, action):
             machine.start_agent(window, answer)
         case ["asked"]:
             window.wait_for("the password dialog", lambda: machine.agent.asked() == 1)
+        case ["no", "rights"]:  # are held while a dialog is open
+            window.wait_for("the end of the rights", lambda: machine.held_rights(window) == 0)
         case ["no", "rule"]:  # of polkit's from now on
             machine.rights.stop()
             machine.rights.start()
@@ -95,22 +97,16 @@ def act(machine, window, server, action):
             window.invoke(button)
 
 
-def is_started(line):
-    """Whether the program started it without waiting for its end."""
-    return line.startswith(("event", "opens"))
+def compared(machine):
+    names = {machine.help_page: "the help page"}
+    return [line for line in trace(machine.home, names) if not line.startswith(NOT_COMPARED)]
 
 
 def differences(scenario, machine, window, server):
     """All that is not as it must be."""
     lines = [line.replace("user ", f"{machine.owner} ") for line in scenario.lines if not line.startswith("> ")]
-    log, names = window.log(), {machine.help_page: "the help page"}
-    parts = trace(machine.home, names)
-    seen, started = ([line for line in part if not line.startswith(NOT_COMPARED)] for part in parts)
-    for must_be, is_so in (
-        ([line for line in lines if not is_started(line)], seen),
-        ([line for line in lines if is_started(line) or " runs " in line], started),
-    ):
-        yield from difflib.ndiff(must_be, is_so) if must_be != is_so else ()
+    log, seen = window.log(), compared(machine)
+    yield from difflib.ndiff(lines, seen) if lines != seen else ()
     if window.process.poll() != 0:
         yield f"ended with status {window.process.poll()}"
     if (machine.home / FLAG).exists() != scenario.flag:
@@ -118,7 +114,7 @@ def differences(scenario, machine, window, server):
     if scenario.logged not in log or "secret" in log:
         yield f"not in the log: {scenario.logged}, or in it: secret"
     for path in (machine.home / "Documents").glob("*"):
-        is_named = re.search(r"/LOG-\d{14}\.txt$", str(path)) and re.search(rf"\] {path}\n", ERRORS.read_text())
+        is_named = re.search(r"^[ -~]+/LOG-\d{14}\.txt$", str(path)) and re.search(rf"\] {path}\n", ERRORS.read_text())
         if not is_named or path.stat().st_mode & 0o777 != 0o600:
             yield f"no log, or not its owner's alone: {path}"
         if not re.match(r".*\] PellomarDownloader \d+\.\d+\.\d+ on ", log):
@@ -132,13 +128,9 @@ def differences(scenario, machine, window, server):
 
 
 def run_lines(scenario, machine, window, server):
-    def wait_until_seen(lines):
-        count = sum(not line.startswith("> ") and not is_started(line) for line in lines)
-
-        def is_seen():
-            return sum(not line.startswith(NOT_COMPARED) for line in trace(machine.home)[0]) >= count
-
-        window.wait_for(f"all before {scenario.lines[len(lines) :][:1] or 'the end'}", is_seen)
+    def wait_until_seen(lines, wait=window.wait_for):
+        count = sum(not line.startswith("> ") for line in lines)
+        wait(f"all before {scenario.lines[len(lines) :][:1] or 'the end'}", lambda: len(compared(machine)) >= count)
 
     for number, line in enumerate(scenario.lines):
         if line.startswith("> "):
@@ -153,8 +145,7 @@ def run_lines(scenario, machine, window, server):
         scenario.lines += ["log window close", "events submitted"]
         window.ask_to_close()
     wait_for("the end of the window", lambda: window.process.poll() is not None)
-    count = sum(is_started(line) or " runs " in line for line in scenario.lines)
-    wait_for("all that was started", lambda: len(trace(machine.home)[1]) >= count)
+    wait_until_seen(scenario.lines, wait_for)
     if "> asked" in scenario.lines:
         wait_for("the end of the password dialog", lambda: "cancelled" in machine.agent.lines())
 

@@ -143,7 +143,7 @@ def demonstration(machine, results="/run/results", *options):
                 assert f'range="bytes={held}-" 206' in (files / "logs/access.log").read_text()
     finally:
         subprocess.run([*serve, "--stop", files], check=True)
-        lines = trace(machine.home)[1]
+        lines = trace(machine.home)
         commands = [line[10:].replace("|", " ") for line in lines if line.startswith("root runs ")]
         events = [line for line in lines if line.startswith("event")]
         shutil.copy(files / "logs/access.log", results / "server-access.log")

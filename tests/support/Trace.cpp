@@ -1,6 +1,7 @@
 // A plugin of the toolkit that writes what assistive technologies are told of the window to the program's
 // standard error, where its log is: "@status TEXT", "@no speed", "@show NAME", "@hide NAME", "@dialog TEXTS"
-// and "@dialog closed". So the order among these and the log's lines is the program's own.
+// and "@dialog closed". So the order among these and the log's lines is the program's own. Where the program
+// starts another, that is "@NUMBER " with six digits, which the other finds in PELLOMAR_STARTED.
 
 #include <QAccessible>
 #include <QAccessibleWidget>
@@ -9,9 +10,14 @@
 #include <QMessageBox>
 #include <QPushButton>
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -58,6 +64,19 @@ void onUpdate(QAccessibleEvent* event) {
     QAccessible::installUpdateHandler(onUpdate);
 }
 
+char variable[] = "PELLOMAR_STARTED=000000";
+thread_local char number[7];
+
+void beforeFork() {
+    static std::atomic<unsigned> last{0};
+    snprintf(number, sizeof number, "%06u", ++last % 1'000'000);
+    tell(QString(number) + ' ');
+}
+
+void inChild() {
+    std::memcpy(std::strchr(variable, '=') + 1, number, sizeof number);
+}
+
 } // namespace
 
 class Trace : public QGenericPlugin {
@@ -67,6 +86,8 @@ class Trace : public QGenericPlugin {
   public:
     QObject* create(const QString& /*name*/, const QString& /*specification*/) override {
         QAccessible::installUpdateHandler(onUpdate);
+        putenv(variable);
+        pthread_atfork(beforeFork, nullptr, inChild);
         return new QObject;
     }
 };

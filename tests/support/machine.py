@@ -31,22 +31,26 @@ ADDRESS = ("127.0.0.1", 18080)
 START = "log start_button has been clicked"
 ERRORS = Path("/run/standard-error")  # of the window; its log, where it can have no other
 
-# A tool writes its process's number and its command line into the log of the only window. BODIES are lines of bash,
-# of the first, the second … call; the last one is that of all later calls.
-FIND_LOG = f"""#!/bin/bash
+# What a window starts writes into the log of the only window which start it was, where the window knows (Trace.cpp).
+NOTE = f"""#!/bin/bash
 log=(/home/*/Documents/LOG-* {ERRORS})
 [[ -e $log ]] || log={ERRORS}
+note() {{ echo "@${{PELLOMAR_STARTED:+$PELLOMAR_STARTED }}$*" >>"$log"; }}
 """
-TOOL = f"""{FIND_LOG}
+# A tool writes its command line. BODIES are lines of bash, of the first, the second … call; the last one is that of all
+# later calls.
+TOOL = f"""{NOTE}
 [[ $0 != */rm || $* == *Pellomar.app ]] || exec {REAL}/rm "$@"
-(IFS="|"; echo "@$$ $(id -un) runs $0|$*") >>"$log"
+(IFS="|"; note "$(id -un) runs $0|$*")
 bodies=(%s)
 number=$(grep -cF " runs $0|" "$log")
 eval "${{bodies[number - 1]-${{bodies[-1]}}}}"
 """
 # What the tools do, as lines of bash.
 REMOVES = f'{REAL}/rm "$@"'
-INSTALLS = 'cp -r /opt/product /Applications/Pellomar.app; ls "${2%/*}"; echo installer: The install was successful.'
+COMMITS = "true 2>/dev/null >/.pellomar-installer/done"  # where an old copy is set aside
+INSTALLS = (f'cp -r /opt/product /Applications/Pellomar.app; {COMMITS}; '
+            'ls "${2%/*}"; echo installer: The install was successful.')  # fmt: skip
 LOADED = "echo 'Index Refs Name'; echo '120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)'"
 SCRIPTED = {"/bin/rm": [REMOVES], INSTALLER: [INSTALLS], KEXTSTAT: [LOADED], STARTUP: ["echo Started."]}
 
@@ -60,8 +64,8 @@ def write(path, text, mode=0o644):
 
 
 def note(text):
-    """A program that writes a line with its process's number into the log."""
-    return f'{FIND_LOG}echo "@$$ {text}" >>"$log"\n'
+    """A program that writes a line into the log."""
+    return f'{NOTE}note "{text}"\n'
 
 
 def plist(key, value):
@@ -93,8 +97,10 @@ class Machine:
         HOLD.chmod(0o666)
         APPLICATION.parent.mkdir(exist_ok=True)
         write("/opt/product/Contents/Info.plist", plist("CFBundleExecutable", "Pellomar"))
-        write("/opt/product/Contents/MacOS/Pellomar", note("opens $([[ -e ${0%/MacOS/*}/of-the-old-copy ]] "
-              "&& echo mixed || echo new) Pellomar, $(id -un) in $PWD"), 0o755)
+        kind = "[[ -e ${0%/MacOS/*}/of-the-old-copy ]] && echo mixed || echo new"
+        session = "ps -o sid= $$ | grep -qw $$ && echo a session of its own"
+        write("/opt/product/Contents/MacOS/Pellomar",
+              note(f"opens $({kind}) Pellomar, $(id -un) in $PWD, in $({session})"), 0o755)
         write("/usr/bin/xdg-open", note("opens $*"), 0o755)
         add_users(*(["--uid", user_number, "--non-unique"] if user_number else []))
         self.rights = RightsServices(PROJECT, build, "/run/system.log")
@@ -166,22 +172,20 @@ class Machine:
 
 
 def trace(home, names=()):
-    """What the log holds since start was pressed: in its order what the window did and the commands that it waited for,
-    and in the order of their processes those commands and the programs that it did not wait for. NAMES is a dict of
-    texts and what stands for them."""
+    """What the log holds since start was pressed, in the window's own order: what it did, and what it started, at the
+    place where it started that. NAMES is a dict of texts and what stands for them."""
     log = next((home / "Documents").glob("LOG-*"), ERRORS)
     seen, started = [], {}
     text = log.read_text(errors="replace")
     for long, short in ({str(home): "~"} | dict(names)).items():
         text = text.replace(long, short)
-    line = r"(?m)^(?:@(?:(\d+) )?(.*)|[^\[\n]+ PellomarDownloader\[[^]\n]+\] (.*))"
-    for process, written, logged in re.findall(line, text):
-        if process:
-            started[int(process)] = written
-        if logged:
-            seen.append(f"log {logged}")
-        elif not process or " runs " in written:
-            seen.append(written)
+    line = r"(?m)^(?:@(?:(\d{6}) )?(.*)|[^\[\n]+ PellomarDownloader\[[^]\n]+\] (.*))"
+    for number, written, logged in re.findall(line, text):
+        if number and written:
+            started[number] = written
+        else:
+            seen.append(number or written or f"log {logged}")
+    seen = [started.get(line, line) for line in seen]
     # A newer toolkit reports the first screen, too, where there is no log but standard error.
     start = seen.index(START) if START in seen else 0
-    return seen[start:], [started[process] for process in sorted(started)]
+    return [line for line in seen[start:] if not re.fullmatch(r"\d{6}", line)]

@@ -63,7 +63,7 @@ class RightsServices:
         self.log, self.bus, self.polkit = Path(log), None, None
         packaging = Path(project) / "packaging"
         for source, target, mode in (
-            (Path(build) / "host/rights" / MECHANISM.name, MECHANISM, "755"),
+            (Path(build) / "rights/service" / MECHANISM.name, MECHANISM, "755"),
             (Path(build) / "host/installer" / TRANSACTION.name, TRANSACTION, "755"),
             (packaging / f"{ACTION}.service", BUS_SERVICE, "644"),
             (packaging / f"{ACTION}.conf", f"/usr/share/dbus-1/system.d/{ACTION}.conf", "644"),
@@ -138,7 +138,8 @@ class RightsServices:
 
 
 # What the user does at the password dialog, as an agent's DIALOG (see agent.py).
-DIALOGS = {"right": 'echo "$2"', "wrong": '[[ ! $3 ]] && echo "not $2"', "close": "false", "wait": "exec sleep 600"}
+DIALOGS = {"right": 'echo "$2"', "wrong": '[[ ! $3 ]] && echo "not $2"', "close": "false", "wait": "exec sleep 600",
+           "slow": 'sleep 6; echo "$2"'}  # fmt: skip
 
 
 class Agent(Part):

@@ -6,7 +6,7 @@ As a program, for `FaultServer([{}, {"cut": 40_000, "ending": "stall"}], documen
     server.py --document DOCUMENT -- "" "cut=40000 ending=stall"
 
 It prints its port, then a line for each request: method, path and the first byte asked for ("-" where no range is).
-A line on its standard input releases what is stalled, the end of its standard input ends it.
+The end of its standard input ends it.
 
 Answers are taken in order, one a request (a download is a HEAD and then a GET), and the last one repeats. Each is a
 dict of the following, {} being the right answer. Every connection is closed after one answer.
@@ -21,8 +21,7 @@ dict of the following, {} being the right answer. Every connection is closed aft
     cut      how many bytes of the body are sent; negative: all but so many
     ending   after `head` or `cut`: "close", "reset", or "stall": the rest follows on release()
     rate     bytes of the body a second
-    arrival  of the client that would get this answer: "refuse" (from now on, for good) or "hole" (its connecting
-             hangs until release()); both begin when the answer before it does
+    arrival  of the client that would get this answer: "refuse", from when the answer before it begins, and for good
 """
 
 import contextlib
@@ -37,15 +36,13 @@ from pathlib import Path
 
 class FaultServer:
     """port: where it listens; requests: (method, path, first byte or None) in order; stalled: the connections that
-    wait for release() now, the ones in a hole left out. It serves in a `with` block; any thread may use it."""
+    wait for release() now. It serves in a `with` block; any thread may use it."""
 
     def __init__(self, answers=({},), address=("127.0.0.1", 0), document=bytes(range(251)) * 400, prints=False):
         self._answers, self._document, self._prints = answers, document, prints
         self._listener = socket.create_server(address, backlog=128)
-        self._address = self._listener.getsockname()[:2]
-        self.port, self.requests, self.stalled = self._address[1], [], []
-        self._lock, self._released, self._parked = threading.Lock(), threading.Event(), threading.Event()
-        self._is_hole, self._hole = False, []  # the connections that keep the queue full
+        self.port, self.requests, self.stalled = self._listener.getsockname()[1], [], []
+        self._lock, self._released = threading.Lock(), threading.Event()
 
     def __enter__(self):
         threading.Thread(target=self._accept, daemon=True).start()
@@ -58,12 +55,8 @@ class FaultServer:
         self._listener.close()
 
     def release(self):
-        """Ends every stall and every hole, also of answers that are still to come."""
+        """Ends every stall, also of answers that are still to come."""
         self._released.set()
-        if self._hole:
-            self._listener.listen(128)
-        for filler in self._hole:
-            filler.close()
 
     def _close(self):
         with contextlib.suppress(OSError):  # refuses already
@@ -73,23 +66,13 @@ class FaultServer:
         return self._answers[min(number, len(self._answers) - 1)]
 
     def _prepare_for(self, number):
-        arrival = self._answer(number).get("arrival")
-        if arrival == "refuse":
+        if self._answer(number).get("arrival") == "refuse":
             self._close()
-        elif arrival == "hole" and not self._is_hole and not self._released.is_set():
-            self._is_hole = True
-            self._hole.append(socket.create_connection(self._address))  # halts the accepting thread
-            self._parked.wait()
-            self._listener.listen(0)
-            self._hole.append(socket.create_connection(self._address))  # fills the queue: the next SYN is dropped
 
     def _accept(self):
         with contextlib.suppress(OSError):  # it is closed
             while True:
                 connection, _ = self._listener.accept()
-                if self._is_hole and not self._released.is_set():
-                    self._parked.set()
-                    self._released.wait()
                 threading.Thread(target=self._respond, args=(connection,), daemon=True).start()
 
     def _respond(self, connection):
@@ -157,8 +140,7 @@ def main(_document, document, _answers, *answers):
     answers = [{key: value(text) for key, text in answer.items()} for answer in answers]
     with FaultServer(answers, document=Path(document).read_bytes(), prints=True) as server:
         print(server.port, flush=True)
-        for _ in sys.stdin:
-            server.release()
+        sys.stdin.read()
 
 
 if __name__ == "__main__":

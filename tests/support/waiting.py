@@ -21,9 +21,9 @@ def step(text):
 step.start = time.monotonic()
 
 
-def wait_for(what, condition, seconds=PATIENCE, while_running=None):
-    """The first true value of CONDITION, asked again and again until the deadline."""
-    deadline = time.monotonic() + seconds
+def wait_for(what, condition, seconds=PATIENCE, while_running=None, pause=0.01, clock=time.monotonic):
+    """The first true value of CONDITION, asked again and again until CLOCK reaches the deadline."""
+    deadline = clock() + seconds
     while True:
         has_ended = while_running is not None and while_running.poll() is not None
         value = condition()
@@ -31,11 +31,11 @@ def wait_for(what, condition, seconds=PATIENCE, while_running=None):
             return value
         if has_ended:
             raise Blocked(f"{what}: the process ended first, with status {while_running.returncode}")
-        if time.monotonic() > deadline:
+        if clock() > deadline:
             raise Blocked(f"{what}: not seen within {seconds:g} s")
         while GLib.MainContext.default().iteration(False):
             pass  # what windows report meanwhile
-        time.sleep(0.01)
+        time.sleep(pause)
 
 
 def processes(executable):

@@ -54,10 +54,12 @@ class Accessible:
         nodes = self.ask(lambda node: [node.get_child_at_index(i) for i in range(node.get_child_count())], [])
         return [Accessible(node) for node in nodes if node is not None]
 
-    def walk(self):
-        yield self
-        for child in self.children():
-            yield from child.walk()
+    def walk(self, state=None):
+        """This object and all below it; with STATE, only those that have it, and what is below these."""
+        if state is None or self.has(state):
+            yield self
+            for child in self.children():
+                yield from child.walk(state)
 
 
 class Screen:

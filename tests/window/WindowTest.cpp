@@ -1,5 +1,6 @@
 #include "app/KvWindowController.h"
 #include "app/MainInterface.h"
+#include "platform/Alert.h"
 #include "platform/Bundle.h"
 #include "platform/FileManager.h"
 #include "platform/MainThread.h"
@@ -7,19 +8,20 @@
 #include "platform/Text.h"
 #include "support/CapturedLog.h"
 #include "support/ScratchFolder.h"
+#include "support/WaitUntil.h"
 #include "transfer/CurlMessage.h"
 #include "ui/ViewController.h"
 
 #include <QAccessible>
 #include <QApplication>
 #include <QPainter>
-#include <QPushButton>
 #include <QScreen>
 #include <QTest>
 #include <QTimer>
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <thread>
@@ -79,7 +81,8 @@ TEST_F(Window, ActsOncePerClick) {
         const char* what;
         std::function<void()> press;
         bool acts;
-    } rows[] = {{"click", [&] { QTest::mouseClick(&box, Qt::LeftButton); }, true},
+        int hits = 0;
+    } rows[] = {{"click", [&] { QTest::mouseClick(&box, Qt::LeftButton); }, true, 1},
                 {"double click",
                  [&] {
                      for (const QEvent::Type press :
@@ -92,8 +95,9 @@ TEST_F(Window, ActsOncePerClick) {
                          }
                      }
                  },
-                 true},
-                {"right click", [&] { QTest::mouseClick(&box, Qt::RightButton); }, false},
+                 true, 2},
+                {"right click", [&] { QTest::mouseClick(&box, Qt::RightButton); }, false, 1},
+                {"beside it", [&] { QTest::mouseClick(&panel_, Qt::LeftButton, {}, {9, 9}); }, false, 1},
                 {"key", [&] { QTest::keyClick(&box, Qt::Key_Space); }, true},
                 {"another key", [&] { QTest::keyClick(&box, Qt::Key_A); }, false},
                 {"key held down",
@@ -102,12 +106,15 @@ TEST_F(Window, ActsOncePerClick) {
                      QApplication::sendEvent(&box, &event);
                  },
                  false}};
-    for (const auto& [what, press, acts] : rows) {
+    for (const auto& [what, press, acts, hits] : rows) {
+        SCOPED_TRACE(what);
         const bool wasTicked = box.getStatus();
         const int before = log_.count("checkbox has been clicked");
+        const int hitsBefore = log_.count("CoreImageView hitTest");
         press();
-        EXPECT_EQ(box.getStatus() != wasTicked, acts) << what;
-        EXPECT_EQ(log_.count("checkbox has been clicked") - before, acts) << what;
+        EXPECT_EQ(box.getStatus() != wasTicked, acts);
+        EXPECT_EQ(log_.count("checkbox has been clicked") - before, acts);
+        EXPECT_EQ(log_.count("CoreImageView hitTest") - hitsBefore, hits);
     }
 }
 
@@ -130,6 +137,32 @@ TEST_F(Window, AButtonShowsItsPressAndActsOnRelease) {
     QTest::mousePress(&stop, Qt::LeftButton);
     QTest::mouseRelease(&stop, Qt::LeftButton, {}, QPoint(-200, -200));
     EXPECT_EQ(log_.count("CoreImageView stopDownload"), 1);
+
+    // Hidden while focused: a key that follows acts on no button, not even on the one in its place.
+    button("continue_button").hide();
+    stop.show();
+    stop.setFocus();
+    button("continue_button").show();
+    stop.hide();
+    EXPECT_EQ(panel_.window()->focusWidget(), &panel_);
+}
+
+TEST_F(Window, ClosedByTheProgramEndsItsDialogAndSubmits) {
+    const std::string tool = bundlePath() + "/Contents/MacOS/WebStatistics";
+    std::ofstream(tool) << "#!/bin/sh\necho \"$@\" >\"$HOME/submitted\"\n";
+    std::filesystem::permissions(tool, std::filesystem::perms::owner_all);
+    QTimer::singleShot(0, [&] {
+        panel_.window()->close();
+        if (QWidget* const left = QApplication::activeModalWidget()) {
+            left->close();
+        }
+    });
+    Alert guide;
+    guide.buttons = {"立即前往"};
+    EXPECT_EQ(guide.runModal(), 0);
+    EXPECT_EQ(log_.count("window closeEx"), 1);
+    EXPECT_TRUE(waitUntil([&] { return readFile(home_.path() + "/submitted") == "13\n"; }));
+    std::filesystem::remove(tool);
 }
 
 TEST_F(Window, StartsOnlyWithConsent) {
@@ -149,9 +182,6 @@ TEST_F(Window, StartsOnlyWithConsent) {
     consent.performClick();
     EXPECT_EQ(start.image(), start.normalImage());
     EXPECT_FALSE(start.getStatus());
-    consent.setNormalImage(nullptr); // as where its picture is missing
-    consent.setImage(nullptr);
-    EXPECT_TRUE(consent.getStatus());
 }
 
 TEST_F(Window, PlacesItsViews) {
@@ -223,47 +253,49 @@ TEST_F(Window, DrawsThePicturesOfItsScale) {
         const char* const scale = panel_.devicePixelRatioF() > 1 ? "@2x" : "";
         return QPixmap(viewText(bundleResourcePath(name + scale, "png")));
     };
-    const auto expect = [&](const char* background, const char* picture, const char* name) {
-        button(name).show();
+    const auto expect = [&](const char* background, const char* name, const std::string& picture) {
         QImage expected = of(background).toImage().convertToFormat(QImage::Format_RGB32);
         QPainter(&expected).drawPixmap(button(name).pos(), of(picture));
-        EXPECT_TRUE(drawn() == expected) << picture;
+        EXPECT_TRUE(drawn() == expected) << name << " does not show " << picture;
+    };
+    const auto expectBoth = [&](const char* background, const char* name, const std::string& picture) {
+        button(name).show();
+        expect(background, name, picture + "_normal");
+        QTest::mousePress(&button(name), Qt::LeftButton);
+        expect(background, name, picture + "_deep");
         button(name).hide();
+        QTest::mouseRelease(&panel_, Qt::LeftButton);
     };
-    expect("firstbackground", "start_normal", "start_button");
+    expectBoth("firstbackground", "start_button", "start");
+    ImageButtonView& consent = button("checkbox");
+    consent.show();
+    expect("firstbackground", "checkbox", "checked");
+    consent.performClick();
+    expect("firstbackground", "checkbox", "uncheck");
+    consent.hide();
+    button("start_button").show();
+    expect("firstbackground", "start_button", "start_gray");
+    consent.show();
+    consent.performClick();
     openSecondScreen();
-    bar().hide();
-    speed().hide();
-    status().hide();
-    expect("secondbackground", "stop_normal", "stop_button");
-    expect("secondbackground", "continue_normal", "continue_button");
-    expect("secondbackground", "retry_normal", "retryDownload_button");
-}
-
-TEST_F(Window, DrawsDialogsWithRoomForTheirWords) {
-    const auto look = [] {
-        QWidget& box = *QApplication::activeModalWidget();
-        QRegion taken;
-        for (QWidget* const view : box.findChildren<QWidget*>()) {
-            if (view->isVisible() && view->findChildren<QWidget*>().isEmpty()) {
-                const QRect place(view->mapTo(&box, QPoint()), view->size());
-                EXPECT_TRUE(box.rect().contains(place) && !taken.intersects(place));
-                taken += place;
-                EXPECT_GE(view->width(), view->minimumSizeHint().width());
-                EXPECT_GE(view->height(), view->heightForWidth(view->width()));
-            }
-        }
-        box.findChild<QPushButton*>()->click();
-    };
-    for (const std::function<void()>& ask : {std::function<void()>([&] { panel_.isCoverInstall(); }),
-                                             std::function<void()>(CoreImageView::installFaildGuide),
-                                             std::function<void()>(CoreImageView::installFaildDueToSip)}) {
-        QTimer::singleShot(0, look);
-        ask();
+    for (QWidget* const other :
+         std::initializer_list<QWidget*>{&bar(), &speed(), &status(), &button("stop_button")}) {
+        other->hide();
     }
+    expectBoth("secondbackground", "stop_button", "stop");
+    expectBoth("secondbackground", "continue_button", "continue");
+    expectBoth("secondbackground", "retryDownload_button", "retry");
 }
 
 using Records = Window;
+
+TEST_F(Records, OfAFailedProbeHideBarAndSpeed) {
+    openSecondScreen();
+    CurlMessage message;
+    message.setItype(CurlMessageTypeProbeFailed);
+    panel_.onCallbackMessage(message);
+    EXPECT_FALSE(bar().isVisible() || speed().isVisible());
+}
 
 TEST_F(Records, MoveBarAndSpeed) {
     openSecondScreen();

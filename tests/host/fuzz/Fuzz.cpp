@@ -1,13 +1,22 @@
 // The entry points of the fuzz targets; each target is built for one of them.
+#include "base/ReadWrite.h"
+#include "installer/Receipt.h"
+#include "installer/Swap.h"
 #include "package/Contents.h"
 #include "package/Failure.h"
 #include "package/Package.h"
 #include "package/Payload.h"
 #include "package/Trust.h"
+#include "package/Version.h"
 
+#include <fcntl.h>
 #include <openssl/x509.h>
 #include <sys/mman.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
 
 // NOLINTBEGIN(misc-use-internal-linkage): each target uses one of these functions
 namespace package {
@@ -18,18 +27,39 @@ void require(bool isTrue) {
     }
 }
 
+void requireInside(const std::string& path) {
+    require(!path.starts_with('/') && ("/" + path + "/").find("/../") == std::string::npos);
+}
+
+FileDescriptor fileWith(std::string_view content) {
+    FileDescriptor file(memfd_create("input", MFD_CLOEXEC));
+    require(writeAll(file.get(), content) && lseek(file.get(), 0, SEEK_SET) == 0);
+    return file;
+}
+
+// A folder that holds the input only.
+const std::string& folderWith(const char* name, std::string_view content) {
+    static const std::string folder = [] {
+        char path[] = "/dev/shm/fuzz.XXXXXX";
+        return std::string(mkdtemp(path));
+    }();
+    static std::string last;
+    unlink(last.c_str());
+    last = folder + "/" + name;
+    const FileDescriptor file(open(last.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600));
+    require(writeAll(file.get(), content));
+    return folder;
+}
+
 struct Nowhere : PayloadSink {
-    void begin(const PayloadEntry& entry) override {
-        require(!entry.path.empty() && entry.path.front() != '/' && !entry.path.starts_with(".."));
-    }
+    void begin(const PayloadEntry& entry) override { requireInside(entry.path); }
     void data(const void*, std::size_t, std::int64_t) override {}
     void end() override {}
 };
 
 // A package's file or, since no random change would get a digest right, a payload.
 void fuzzPackage(const std::string& input) {
-    FileDescriptor file(memfd_create("package", MFD_CLOEXEC));
-    (void)!write(file.get(), input.data(), input.size());
+    FileDescriptor file = fileWith(input);
     if (!input.starts_with(kMagic)) {
         EntryReader payload(file.get(), 0, {{0, input.size()}, input.size(), kPlainEncoding, {}, {}});
         Nowhere sink;
@@ -47,7 +77,7 @@ void fuzzTable(const std::string& input) {
     require(seal.digest.offset == table.seal.digest.offset);
     require(bool(seal.signature) == bool(table.seal.signature));
     for (const Entry& entry : table.entries) {
-        require(("/" + entry.path + "/").find("/../") == std::string::npos);
+        requireInside(entry.path);
     }
     accountsForAll(table, input.size());
 }
@@ -67,6 +97,63 @@ void fuzzSignature(const std::string& input) {
         X509_free(certificate);
     }
     verifySignature({DigestKind::Sha256, parts[0], parts[1], {parts.begin() + 2, parts.end()}}, trusted);
+}
+
+void fuzzInfo(const std::string& input) {
+    const PackageInfo info = parsePackageInfo(input);
+    require(isVersion(info.version));
+    requireInside(info.location);
+}
+
+// Two versions, a line each.
+void fuzzVersion(const std::string& input) {
+    const std::size_t end = std::min(input.find('\n'), input.size());
+    const std::string one = input.substr(0, end);
+    const std::string other = input.substr(std::min(end + 1, input.size()));
+    require((compareVersions(one, other) < 0) == (compareVersions(other, one) > 0));
+    require(compareVersions(one, one) == 0);
+}
+
+void fuzzReceipt(const std::string& input) {
+    installer::ReceiptReader receipt(fileWith(input), "input");
+    while (receipt.nextPlace()) {
+    }
+}
+
+void fuzzPlan(const std::string& input) {
+    const FileDescriptor folder(open(folderWith("plan", input).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::string again;
+    for (const std::string& place : installer::readSwapPlan(folder.get())) {
+        again += place + '\0';
+    }
+    require(again == input || again == input + '\0');
+}
+
+// A file of certificates or, behind a first "k", of keys.
+void fuzzTrust(const std::string& input) {
+    const bool areKeys = input.starts_with('k');
+    TrustedCertificates trusted;
+    trusted.addFolder(
+        folderWith(areKeys ? "a.keys" : "a.pem", std::string_view(input).substr(areKeys ? 1 : 0)));
+}
+
+// Bytes in each encoding. The first one chooses.
+void fuzzDecoder(const std::string& input) {
+    constexpr const char* kEncodings[] = {kPlainEncoding, "application/x-gzip", "application/x-bzip2"};
+    const FileDescriptor file = fileWith(input);
+    const std::uint64_t size = std::max<std::size_t>(input.size(), 1) - 1;
+    const std::size_t kind = input.empty() ? 0 : static_cast<unsigned char>(input[0]) % 3;
+    const std::uint64_t unpacked = kind == 0 ? size : std::uint64_t(1) << 62; // refused at the end
+    EntryReader reader(file.get(), 1, {{0, size}, unpacked, kEncodings[kind], {}, {}});
+    GzipReader gzip(reader);
+    std::array<char, 1000> block{};
+    for (std::size_t left = 1 << 24; left > 0;) {
+        const std::size_t got = gzip.read(block.data(), std::min(block.size(), left));
+        left -= got;
+        if (got == 0) {
+            return;
+        }
+    }
 }
 
 } // namespace package

@@ -1,0 +1,79 @@
+#pragma once
+
+#include "base/FileDescriptor.h"
+#include "rights/BusObjects.h"
+#include "rights/RootTools.h"
+
+#include <systemd/sd-event.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace rights {
+
+class Service;
+
+using EventSource = std::unique_ptr<sd_event_source, Unref<sd_event_source_disable_unref>>;
+
+/// What one connection asks of the service, from its Authorize until it calls Release or ends.
+///
+///     caller                   state here         what this starts, and what comes back
+///     Authorize -------------> Identifying        the bus is asked whose connection it is: a user's number
+///                              Asking             polkit is asked, which asks the user: yes, no, dismissed
+///                              AwaitingEarlier    transaction `end`: its output ends with the last attempt
+///     <--------- empty reply - Ready
+///     Execute rm ------------> SettingAside       transaction `hold`: one byte, set aside or not
+///     <------- rm's output --- Running            rm: its exit. Not set aside: Ready, with one line as
+///     output Execute installer -----> Running            installer: its exit, and in it the transaction's
+///     <---- its output ------- Ready
+///     Execute kextstat … ----> Running
+///     Release ---------------> (removed)          the transaction ends with whoever still holds it
+///
+/// A tool goes on when its call has ended; the system reaps it with the service. An Execute that comes while
+/// a tool is Running waits for its end. Every other end of the call, at any state, is a refusal of the
+/// message that is not answered yet. Nothing here waits: each state is left by an event.
+class Call {
+  public:
+    Call(Service& service, std::string name) : service_(service), name_(std::move(name)) {}
+
+    int authorize(sd_bus_message* message);
+    int execute(sd_bus_message* message);
+
+    /// Cancels what is asked and refuses what is not answered. The object is destroyed after this.
+    void end(const char* error, const std::string& reason);
+
+    bool isQuestionOf(uid_t user) const { return state_ == State::Asking && user_ == user; }
+
+  private:
+    enum class State { New, Identifying, Asking, AwaitingEarlier, Ready, SettingAside, Running };
+
+    template <typename... Arguments>
+    void ask(sd_bus_message_handler_t onAnswer, const char* destination, const char* path,
+             const char* interface, const char* member, const char* types, Arguments... arguments);
+    int onUser(sd_bus_message* answer);
+    int onPolkitAnswer(sd_bus_message* answer);
+    void await(State state, FileDescriptor descriptor);
+    void onReadable();
+    void proceed();
+    void startTool();
+    void onToolExit(const siginfo_t& end);
+    void reply(State next, const FileDescriptor& output = FileDescriptor());
+    int refuse(const char* error, const std::string& reason);
+
+    Service& service_;
+    const std::string name_; // of the connection
+    State state_ = State::New;
+    uid_t user_ = static_cast<uid_t>(-1); // until the bus has named it
+    BusMessage message_;                  // the Authorize or Execute that is not answered yet
+
+    BusSlot question_;       // Identifying, Asking
+    FileDescriptor awaited_; // AwaitingEarlier, SettingAside
+    EventSource event_;      // that something is to be read there, or that the tool has ended
+
+    GrantedCommands commands_;
+    std::vector<std::string> line_; // of the command that is being started or runs
+    PrivilegedCommand command_{};
+};
+
+} // namespace rights
