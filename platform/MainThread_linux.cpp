@@ -36,8 +36,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr auto kSpin =
-    100us; ///< the longest wait without sleeping; less than a block takes at a gigabit a second
+/// The longest wait without sleeping: less than a block takes at a gigabit a second.
+constexpr auto kSpin = 100us;
 constexpr auto kLongestWithoutEvents = 6ms; ///< how long the main thread may keep events waiting
 
 /// Polls `condition` until it holds or kSpin has passed. Returns whether it held.
@@ -185,7 +185,7 @@ class Mailbox {
     std::atomic<std::uint32_t> state_{kInLoop}; ///< of the main thread; what it parks on
     std::atomic<std::uint32_t> finished_{0};    ///< pieces; what posters sleep on
     std::atomic<unsigned> sleepers_{0};         ///< posters that sleep or are about to
-    std::atomic<Clock::time_point> lastPosted_{};
+    std::atomic<Clock::time_point> lastPosted_;
     std::atomic<int> cpu_{-1};  ///< on which the main thread last ran
     bool canSpin_ = false;      ///< main thread only, as is what follows
     std::deque<Work*> pending_; ///< a nested event loop runs the rest

@@ -65,8 +65,11 @@ FileDescriptor openToWrite(int folder, const std::string& name) {
 // Not open where that is no regular file.
 FileDescriptor openToRead(int folder, const std::string& name) {
     FileDescriptor file(openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!file.isOpen() && errno != ELOOP) {
-        throw systemFailure("the receipt " + inQuotes(name) + " cannot be read");
+    if (!file.isOpen()) {
+        if (errno != ELOOP) {
+            throw systemFailure("the receipt " + inQuotes(name) + " cannot be read");
+        }
+        return FileDescriptor();
     }
     struct stat status{};
     return fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) ? std::move(file) : FileDescriptor();
@@ -131,7 +134,7 @@ void addPlaces(int folder, const std::string& path, std::FILE* file) {
 } // namespace
 
 ReceiptReader::ReceiptReader(FileDescriptor file, const std::string& name)
-    : file_(fdopen(file.get(), "r")), name_(inQuotes(name)) {
+    : file_(file.isOpen() ? fdopen(file.get(), "r") : nullptr), name_(inQuotes(name)) {
     if (!file_) {
         damaged();
     }
@@ -150,7 +153,7 @@ void ReceiptReader::damaged() const {
 }
 
 std::optional<std::string> ReceiptReader::nextLine() {
-    std::array<char, 4 * 2 * kLongestPath> line{}; // of two paths, with three bytes for each
+    std::array<char, std::size_t{4} * 2 * kLongestPath> line{}; // of two paths, with three bytes for each
     if (!std::fgets(line.data(), line.size(), file_.get())) {
         if (std::ferror(file_.get())) {
             throw systemFailure("the receipt " + name_ + " cannot be read");
@@ -259,6 +262,9 @@ void commitReceipt(int target, int staging) {
     FileDescriptor from = openToRead(staging, kReceipt);
     makeReceiptsFolder(target);
     const FileDescriptor folder = openReceipts(target);
+    if (!from.isOpen() || !folder.isOpen()) { // removed meanwhile
+        throw systemFailure("a receipt cannot be written");
+    }
     const FileDescriptor file = openToWrite(folder.get(), kUnfinished);
     if (!copyAll(from.get(), file.get()) || lseek(from.get(), 0, SEEK_SET) != 0) {
         throw systemFailure("a receipt cannot be written");

@@ -50,17 +50,17 @@ class EntryCheck {
                 throw Failure("the package has an entry without a strong checksum: " + inQuotes(entry.path));
             }
             if (checksum) {
-                entries_.push_back(&entry);
+                parts_.push_back({&entry.path, &entry.data->stored, &*checksum});
             }
         }
-        std::sort(entries_.begin(), entries_.end(), [](const Entry* a, const Entry* b) {
-            return a->data->stored.offset > b->data->stored.offset; // the last is the next
+        std::sort(parts_.begin(), parts_.end(), [](const Part& a, const Part& b) {
+            return a.stored->offset > b.stored->offset; // the last is the next
         });
     }
 
     void add(std::string_view bytes) {
-        while (!bytes.empty() && !entries_.empty()) {
-            const Extent& stored = entries_.back()->data->stored;
+        while (!bytes.empty() && !parts_.empty()) {
+            const Extent& stored = *parts_.back().stored;
             const std::uint64_t start = heap_ + stored.offset;
             const std::uint64_t next = at_ < start ? start : start + stored.length; // where something changes
             const std::string_view part = bytes.substr(0, next - at_);
@@ -70,32 +70,38 @@ class EntryCheck {
             }
             at_ += part.size();
             if (at_ == start + stored.length) {
-                finishEntry();
+                finishPart();
             }
         }
         at_ += bytes.size();
     }
 
   private:
-    void digest(std::string_view part) {
+    struct Part {
+        const std::string* path;
+        const Extent* stored;
+        const Checksum* checksum;
+    };
+
+    void digest(std::string_view bytes) {
         if (!digest_) {
-            digest_.emplace(entries_.back()->data->storedChecksum->kind);
+            digest_.emplace(parts_.back().checksum->kind);
         }
-        digest_->update(part.data(), part.size());
+        digest_->update(bytes.data(), bytes.size());
     }
 
-    void finishEntry() {
-        const Entry& entry = *entries_.back();
-        if (digest_->finish() != entry.data->storedChecksum->bytes) {
-            throw Failure("the package is damaged: " + inQuotes(entry.path) + " does not match its checksum");
+    void finishPart() {
+        const Part& part = parts_.back();
+        if (!digest_ || digest_->finish() != part.checksum->bytes) {
+            throw Failure("the package is damaged: " + inQuotes(*part.path) + " does not match its checksum");
         }
         digest_.reset();
-        entries_.pop_back();
+        parts_.pop_back();
     }
 
     std::uint64_t heap_;
     std::uint64_t at_ = 0;
-    std::vector<const Entry*> entries_;
+    std::vector<Part> parts_;
     std::optional<Digest> digest_;
 };
 
