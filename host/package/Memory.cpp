@@ -11,6 +11,7 @@
 namespace package {
 
 void limitMemory() {
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // both need terabytes and large stacks
     // A thread's own arena and a stack of the usual size take far more address space than the threads here
     // need.
     constexpr std::size_t kStack = 512 << 10;
@@ -21,7 +22,6 @@ void limitMemory() {
         (void)pthread_setattr_default_np(&attributes);
         pthread_attr_destroy(&attributes);
     }
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // both reserve terabytes
     constexpr rlim_t kMore = 48 << 20;
     rlim_t pages = 0;
     rlimit memory{};

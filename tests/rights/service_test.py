@@ -106,7 +106,7 @@ class Grants(RightsTest):
         """The service waits for no tool, and serves others."""
         if subprocess.run(["strace", "true"], capture_output=True, check=False).returncode != 0:
             self.skipTest("no permission to trace here")
-        trace = "/usr/bin/strace -f -o/dev/null -EASAN_OPTIONS=detect_leaks=0 -einject=pidfd_open:error=EMFILE"
+        trace = "/usr/bin/strace -o/dev/null -EASAN_OPTIONS=detect_leaks=0 -einject=pidfd_open:error=EMFILE"
         self.start_service_by(f"{trace} {MECHANISM}")
         make_tool(INSTALLER, HOLD)
         caller = Caller().authorize()
