@@ -22,7 +22,8 @@ def environment(home):
 
 def machine():
     model = re.search(r"model name\s*: (.*)", Path("/proc/cpuinfo").read_text())
-    return f"Linux {os.uname().release}, {os.cpu_count()} CPUs ({model[1] if model else os.uname().machine})"
+    release = re.match(r"[\d.]+", os.uname().release)[0]  # without a machine's own build
+    return f"Linux {release}, {os.cpu_count()} CPUs ({model[1] if model else os.uname().machine})"
 
 
 def timed(command, **options):
