@@ -84,7 +84,7 @@ class Trace : public QGenericPlugin {
     Q_PLUGIN_METADATA(IID QGenericPluginFactoryInterface_iid FILE "Trace.json")
 
   public:
-    QObject* create(const QString& /*name*/, const QString& /*specification*/) override {
+    QObject* create(const QString& /*name*/, const QString& /*unused*/) override {
         QAccessible::installUpdateHandler(onUpdate);
         putenv(variable);
         pthread_atfork(beforeFork, nullptr, inChild);
