@@ -69,13 +69,14 @@ build_preset() { # PRESET [CMAKE-OPTION...]
     cmake --build "$project/build/$1" --parallel "$(job_count)" || fail "the build failed"
 }
 
-# A fresh system at ROOT, from the mirror and with the proxies that this machine's apt uses.
+# A fresh system at ROOT, from the mirror and with the proxies that this machine's apt uses; if it has no mirror, from
+# debootstrap's own.
 make_debian() { # RELEASE ROOT
     local mirror
     local -A code_names=([12]=bookworm [13]=trixie)
     # shellcheck disable=SC2016 # the words in $() are apt's
     mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Label: Debian' | head -n 1)
-    as_root debootstrap --variant=minbase "${code_names[$1]}" "$2" "${mirror:-http://deb.debian.org/debian}" \
+    as_root debootstrap --variant=minbase "${code_names[$1]}" "$2" ${mirror:+"$mirror"} \
         >"$2.debootstrap.log" || fail "debootstrap failed, see $2.debootstrap.log"
     apt-config dump | grep -E '^Acquire::(https?|Check)' | as_root tee "$2/etc/apt/apt.conf.d/50machine" >/dev/null || true
     as_root install -m 644 /etc/resolv.conf /etc/hosts "$2/etc"
