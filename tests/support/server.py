@@ -20,7 +20,7 @@ dict of the following, {} being the right answer. Every connection is closed aft
     head     how many bytes of status line and headers are sent
     cut      how many bytes of the body are sent; negative: all but so many
     ending   after `head` or `cut`: "close", "reset", or "stall": the rest follows on release()
-    rate     bytes of the body a second
+    rate     bytes of the body a second, until release()
     arrival  of the client that would get this answer: "refuse", from when the answer before it begins, and for good
 """
 
@@ -30,7 +30,6 @@ import socket
 import struct
 import sys
 import threading
-import time
 from pathlib import Path
 
 
@@ -55,7 +54,7 @@ class FaultServer:
         self._listener.close()
 
     def release(self):
-        """Ends every stall, also of answers that are still to come."""
+        """Ends every stall and every rate, also of answers that are still to come."""
         self._released.set()
 
     def _close(self):
@@ -121,7 +120,7 @@ class FaultServer:
         for at in range(0, up_to, block):
             connection.sendall(rest[at : min(at + block, up_to)])
             if rate:
-                time.sleep(block / rate)
+                self._released.wait(block / rate)
         if up_to < len(rest) and answer.get("ending") == "stall":
             self.stalled.append(connection)
             self._released.wait()
