@@ -3,7 +3,7 @@
 #include "platform/FileManager.h"
 #include "platform/Folders.h"
 #include "platform/Log.h"
-#include "platform/StandardStreams.h"
+#include "platform/OutputStreams.h"
 
 #include <algorithm>
 #include <array>
@@ -23,10 +23,13 @@ void AppDelegate::applicationDidFinishLaunching() {
 void AppDelegate::applicationWillTerminate() {}
 
 void AppDelegate::redirectNSlogToDocumentFolder() {
-    const std::string path = logFilePath(documentsDirectory(), std::time(nullptr));
+    const std::string path = logFilePath(createDocumentsDirectory(), std::time(nullptr));
     static_cast<void>(removeItem(path));
     NSLog("%s", path.c_str());
-    redirectStandardStreams(isAscii(path) ? path : "");
+    if (isAscii(path)) {
+        redirectStandardStreams(path);
+    }
+    ignoreOutputErrors();
 }
 
 std::string logFilePath(const std::string& documents, std::time_t time) {

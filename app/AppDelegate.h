@@ -9,10 +9,10 @@ class AppDelegate {
     void applicationDidFinishLaunching();
     void applicationWillTerminate();
 
-    /// Redirects standard output and standard error (the log) to a new file in the user's Documents. When its
-    /// path has non-ASCII characters, or it can't be opened, both streams stay as they are.
+    /// Redirects standard output and standard error (the log) to a new file in the user's Documents. If its
+    /// path has non-ASCII characters, or it cannot be opened, both streams keep their destination.
     static void redirectNSlogToDocumentFolder();
 };
 
-/// The path of the log for a start at `time` (local time), with a resolution of one second.
+/// The path of the log of a start at `time`. It holds the local time to the second.
 std::string logFilePath(const std::string& documents, std::time_t time);

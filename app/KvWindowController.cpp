@@ -3,8 +3,8 @@
 #include "platform/Alert.h"
 #include "platform/Log.h"
 #include "platform/Text.h"
+#include "report/Leave.h"
 #include "transfer/CurlLibrary.h"
-#include "ui/Leave.h"
 #include "ui/ViewController.h"
 
 #include <QCloseEvent>
@@ -56,7 +56,7 @@ void KvWindowController::windowShouldClose() {
 void KvWindowController::windowWillClose() {
     Alert::stopModal(0);
     NSLog("window closeEx");
-    shutDown();
+    submitAndCleanUp();
 }
 
 void KvWindowController::showWindow() {

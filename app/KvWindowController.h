@@ -18,10 +18,11 @@ class KvWindowController {
     /// The user asked to close the window: ends the process at once, without waiting for running threads.
     [[noreturn]] void windowShouldClose();
 
-    /// The program itself closes the window: ends any modal loop and shuts down. Does not end the process.
+    /// The program itself closes the window: ends any modal loop, submits the statistics and cleans up. The
+    /// toolkit then ends the event loop, and with it the process.
     void windowWillClose();
 
-    /// Shows the window in the middle of the screen with the pointer, where the window system lets programs
+    /// Shows the window in the middle of the screen with the pointer, if the window system lets programs
     /// place windows.
     void showWindow();
     [[nodiscard]] QWidget* window() const { return window_.get(); }

@@ -8,11 +8,10 @@
 #include "platform/Bundle.h"
 #include "platform/Log.h"
 #include "platform/MainThread.h"
-#include "platform/StandardStreams.h"
+#include "platform/OutputStreams.h"
 #include "platform/SystemVersion.h"
 #include "platform/Text.h"
 #include "transfer/CurlLibrary.h"
-#include "ui/Leave.h"
 
 #include <QApplication>
 #include <QIcon>

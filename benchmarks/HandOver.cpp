@@ -22,7 +22,7 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     const QCoreApplication application(argc, argv);
     MainThread::attach();
-    WorkerThread::start([] {
+    startWorkerThread([] {
         benchmark::RunSpecifiedBenchmarks();
         QCoreApplication::exit(0);
     });

@@ -5,6 +5,7 @@
 #include "platform/Log.h"
 #include "platform/Text.h"
 #include "platform/UrlRequest.h"
+#include "platform/WorkerThread.h"
 #include "report/VersionStamp.h"
 #include "report/WebStatic.h"
 #include "transfer/CurlMessage.h"
@@ -16,7 +17,7 @@ namespace {
 
 void reportDownloadStart() {
     NSLog("WebStatic:Download Start");
-    executeWebStatic("814");
+    executeWebStatic(event::kDownloadStarted);
 }
 
 } // namespace
@@ -71,10 +72,8 @@ void CoreImageView::retryDownload() {
 }
 
 std::optional<std::string> CoreImageView::prepareTemporaryFile() {
-    const std::string directory = downloadDirectory();
-    const std::string problem = createTemporaryFile(directory);
-    if (!problem.empty()) {
-        updateStatus(problem);
+    if (const auto problem = createTemporaryFile(downloadDirectory())) {
+        updateStatus(*problem);
         return std::nullopt;
     }
     return temporaryFilePath();
@@ -82,7 +81,7 @@ std::optional<std::string> CoreImageView::prepareTemporaryFile() {
 
 void CoreImageView::startWorker(std::int64_t startPos, const std::string& filePath) {
     const ComParam param{startPos, filePath, _strDownloadUrl};
-    _downloadThread = WorkerThread::start([param] { downloadThread(param); });
+    _downloadThread = startWorkerThread([param] { downloadThread(param); });
 }
 
 void CoreImageView::downloadThread(const ComParam& param) {

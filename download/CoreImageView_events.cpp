@@ -22,7 +22,7 @@ void CoreImageView::onCallbackMessage(const CurlMessage& message) {
         }
         break;
     case CurlMessageTypeFinished:
-        executeWebStatic("815");
+        executeWebStatic(event::kDownloaded);
         downloadFinished();
         break;
     case CurlMessageTypeStop:
@@ -57,7 +57,7 @@ void CoreImageView::dataReceived(const CurlMessage& message) {
 void CoreImageView::transferFailed() {
     enterState(ScreenState::NetworkFailure);
     updateStatus(status::kNetworkFailure);
-    executeWebStatic("821");
+    executeWebStatic(event::kDownloadFailed);
 }
 
 void CoreImageView::probeFailed(std::int32_t probeStatus) {
@@ -69,7 +69,7 @@ void CoreImageView::probeFailed(std::int32_t probeStatus) {
     }
     enterState(ScreenState::ProbeFailed);
     NSLog("Webstatic:Download Faild");
-    executeWebStatic("821");
+    executeWebStatic(event::kDownloadFailed);
 }
 
 void CoreImageView::updateProgress() {

@@ -1,8 +1,5 @@
 #include "download/Progress.h"
 
-#include <algorithm>
-#include <climits>
-
 double percentOf(std::int64_t received, std::int64_t total) {
     return static_cast<double>(received) * 100.0 / static_cast<double>(total);
 }
@@ -12,7 +9,5 @@ std::optional<std::string> speedText(std::int64_t bytes, double seconds) {
         return std::nullopt;
     }
     const double rate = static_cast<double>(bytes) / seconds * 0.0009765625;
-    const int shown =
-        static_cast<int>(std::clamp(rate, static_cast<double>(INT_MIN), static_cast<double>(INT_MAX)));
-    return std::to_string(shown) + " KB/s";
+    return std::to_string(static_cast<int>(rate)) + " KB/s";
 }

@@ -8,5 +8,5 @@
 double percentOf(std::int64_t received, std::int64_t total);
 
 /// The text of the speed label for `bytes` received in `seconds`, in whole units of 1,024 bytes per second;
-/// nothing, so that the label keeps its text, when the interval is not longer than a second.
+/// below 2 TB/s. Nothing, so that the label keeps its text, if the interval is not longer than a second.
 std::optional<std::string> speedText(std::int64_t bytes, double seconds);

@@ -5,21 +5,18 @@
 #include "platform/Log.h"
 #include "ui/StatusTexts.h"
 
-#include <cerrno>
-
 namespace {
 
 constexpr char kFileName[] = "/Pellomar.tmp";
 
-std::error_code makeFolder(const std::string& directory) {
-    bool isDirectory = false;
-    const bool exists = fileExists(directory, &isDirectory);
-    if (isDirectory) {
-        // A failure is ignored: creating the file then fails for the same reason.
+/// Makes `directory` a folder without a temporary file.
+std::error_code prepareFolder(const std::string& directory) {
+    if (isFolder(directory)) {
+        // If this fails, creating the file fails for the same reason.
         static_cast<void>(removeItem(directory + kFileName));
         return {};
     }
-    if (exists) {
+    if (fileExists(directory)) {
         if (const std::error_code failure = removeItem(directory)) {
             return failure;
         }
@@ -41,15 +38,15 @@ std::string packagePath() {
     return downloadDirectory() + "/Pellomar.pkg";
 }
 
-std::string createTemporaryFile(const std::string& directory) {
-    if (const std::error_code failure = makeFolder(directory)) {
+std::optional<std::string> createTemporaryFile(const std::string& directory) {
+    if (const std::error_code failure = prepareFolder(directory)) {
         NSLog("create temp file failed:%s", systemErrorText(failure.value()));
-        return localizedDescription(failure);
+        return status::causeOf(failure);
     }
-    if (!createFile(directory + kFileName)) {
-        NSLog("create temp file failed:%s", systemErrorText(errno));
+    if (const std::error_code failure = createFile(directory + kFileName)) {
+        NSLog("create temp file failed:%s", systemErrorText(failure.value()));
         return status::kCannotCreateTemporaryFile;
     }
     NSLog("create temp file successful");
-    return "";
+    return std::nullopt;
 }

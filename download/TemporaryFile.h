@@ -1,14 +1,15 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
-/// Where the download is stored under the user's home, which is read on each call.
+/// Where the download is stored below the user's home. $HOME is read on each call.
 std::string downloadDirectory();
 std::string temporaryFilePath();
 std::string packagePath();
 
 /// Creates the empty temporary file in `directory`, replacing the last download's. Creates the folder if it
-/// is missing; a plain file in its place is removed. Returns "" on success, else the text for the user: the
-/// system's cause when the folder can't be created, or that the file can't be. The outcome is logged. Any
-/// thread.
-std::string createTemporaryFile(const std::string& directory);
+/// is missing; a plain file in its place is removed. Returns nothing on success, else a text for the user:
+/// the system's reason if the folder can't be created, a fixed text if the file can't be. The outcome is
+/// logged. Any thread.
+std::optional<std::string> createTemporaryFile(const std::string& directory);

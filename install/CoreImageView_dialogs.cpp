@@ -12,7 +12,7 @@ std::string flagFolder() {
     return NSHomeDirectory() + "/Library/Application Support/PellomarData";
 }
 
-// While it exists, the product overwrites what was installed in it.
+// While this file exists, the product overwrites the games that were installed in it.
 std::string flagFile() {
     return flagFolder() + "/CoverInstallFlag";
 }
@@ -39,7 +39,7 @@ void CoreImageView::isCoverInstall() {
     if (!fileExists(flagFolder())) {
         static_cast<void>(createDirectory(flagFolder()));
     }
-    createFile(flagFile());
+    static_cast<void>(createFile(flagFile()));
 }
 
 void CoreImageView::removeCoverFile() {

@@ -1,11 +1,13 @@
 #include "download/TemporaryFile.h"
-#include "install/PrivilegedCommand.h"
+#include "install/InstallAttempt.h"
 #include "install/SystemVersionRule.h"
 #include "install/WordTests.h"
 #include "platform/FileManager.h"
 #include "platform/LeakChecker.h"
 #include "platform/Log.h"
 #include "platform/MainThread.h"
+#include "platform/SystemVersion.h"
+#include "platform/WorkerThread.h"
 #include "report/WebStatic.h"
 #include "rights/PrivilegedCommands.h"
 #include "ui/CoreImageView.h"
@@ -42,12 +44,12 @@ void CoreImageView::downloadFinished() {
         return;
     }
     if (!_bAlreadyInstallPkg) {
-        fileExists(kApplicationPath, &attempt->existingAppIsDir);
+        attempt->existingAppIsDir = isFolder(kApplicationPath);
         if (attempt->existingAppIsDir) {
             MainThread::performAndWait([this] { isCoverInstall(); });
         }
     }
-    WorkerThread::start([this, attempt] { installWorker(*attempt); });
+    startWorkerThread([this, attempt] { installWorker(*attempt); });
 }
 
 void CoreImageView::installWorker(InstallAttempt& attempt) {
@@ -65,7 +67,7 @@ void CoreImageView::installWorker(InstallAttempt& attempt) {
     if (!(isRetry ? startDriver(attempt) : queryDriver(attempt))) {
         return;
     }
-    executeWebStatic(isRetry ? "825" : "826");
+    executeWebStatic(isRetry ? event::kDriverStarted : event::kDriverFound);
     attempt.authRef.reset();
     startTovaniPlayer(nullptr);
 }
@@ -89,30 +91,30 @@ bool CoreImageView::removeOldApplication(InstallAttempt& attempt) {
 
 bool CoreImageView::installPackage(InstallAttempt& attempt) {
     updateStatus(status::kInstalling);
-    executeWebStatic("817");
+    executeWebStatic(event::kInstallStarted);
     NSLog("Installing Pellomar");
     // Appended to what the removal printed: the words of either count against the installation.
     run(attempt, PrivilegedCommand::InstallPackage, packagePath());
     if (attempt.authStatus != errAuthorizationSuccess) {
         removeCoverFile();
         updateStatus(status::kInstallerDidNotStart);
-        executeWebStatic("822");
+        executeWebStatic(event::kInstallFailed);
         attempt.authRef.reset();
         return false;
     }
     _bAlreadyInstallPkg = !saysFailure(attempt.output);
     if (_bAlreadyInstallPkg) {
         NSLog("Install Pellomar Success:%s", attempt.output.c_str());
-        executeWebStatic("818");
+        executeWebStatic(event::kInstalled);
         return true;
     }
     NSLog("Install Pellomar failed:%s", attempt.output.c_str());
-    executeWebStatic("822");
+    executeWebStatic(event::kInstallFailed);
     removeCoverFile(); // the old application stays, and with it its games
     updateStatus(status::kInstallFailed);
     enterState(ScreenState::DownloadAgain);
-    // Not freed on this path, on purpose. Of its rights, the rights service leaves only the driver's query
-    // when the installer exits with a failure.
+    // Not freed on this path, on purpose. After an installer that failed, the rights service allows only the
+    // driver's query.
     leftUnreleasedOnPurpose(attempt.authRef.release());
     return false;
 }
@@ -160,9 +162,9 @@ bool CoreImageView::runDriverTool(InstallAttempt& attempt, PrivilegedCommand com
 
 void CoreImageView::driverFailed(InstallAttempt& attempt, DriverPass pass) {
     // A failure in the retry pass is not reported again.
-    const auto report = [pass](const char* event) {
+    const auto report = [pass](const char* code) {
         if (pass == DriverPass::First) {
-            executeWebStatic(event);
+            executeWebStatic(code);
         }
     };
     if (isOlderThan10_14_5(systemVersion())) {
@@ -171,10 +173,10 @@ void CoreImageView::driverFailed(InstallAttempt& attempt, DriverPass pass) {
         attempt.authRef.reset();
         updateStatus(status::kDriverFailed);
         enterState(ScreenState::InstallAgain);
-        report("823");
+        report(event::kDriverBlocked);
         MainThread::performAndWait(installFaildGuide);
     } else {
-        report("824");
+        report(event::kDriverNotAccepted);
         updateStatus(status::kSeeForum);
         NSLog("10.14.5以上系统没有关闭sip");
         attempt.authRef.reset();

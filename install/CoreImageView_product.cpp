@@ -2,9 +2,9 @@
 #include "base/Pipe.h"
 #include "platform/Log.h"
 #include "platform/Workspace.h"
+#include "report/Leave.h"
 #include "rights/PrivilegedCommands.h"
 #include "ui/CoreImageView.h"
-#include "ui/Leave.h"
 #include "ui/StatusTexts.h"
 
 void CoreImageView::killTovaniPlayer() {

@@ -2,9 +2,9 @@
 
 #include <string>
 
-/// The user's home folder: $HOME where it is set to an absolute path, else the account's. Any thread.
+/// The user's home folder: $HOME if that is an absolute path, else the account's. Any thread.
 std::string NSHomeDirectory();
 
-/// The user's Documents folder, `$HOME/Documents` whatever the desktop's language, created when missing. The
-/// path is returned even when it could not be created. Any thread.
-std::string documentsDirectory();
+/// Creates the user's Documents folder if it is missing: `$HOME/Documents`, whatever the desktop's language.
+/// Returns its path even if it could not be created. Any thread.
+std::string createDocumentsDirectory();

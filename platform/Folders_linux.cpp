@@ -20,10 +20,8 @@ std::string NSHomeDirectory() {
     return "/";
 }
 
-std::string documentsDirectory() {
+std::string createDocumentsDirectory() {
     std::string path = NSHomeDirectory() + "/Documents";
-    if (!fileExists(path)) {
-        static_cast<void>(createDirectory(path)); // a log that cannot be opened is dealt with later
-    }
+    static_cast<void>(createDirectory(path)); // if this fails, opening the log fails too
     return path;
 }

@@ -15,7 +15,7 @@
 
 namespace {
 
-// The executable's own, also where it was started by a link of another name.
+// The executable's own name, even if it was started through a symbolic link.
 const char* programName() {
     static const std::string name = std::filesystem::path(executablePath()).filename().string();
     return name.c_str();
@@ -57,7 +57,7 @@ void NSLog(const char* format, ...) {
     std::string line = lineHead() + formatted(format, arguments);
     va_end(arguments);
     line += '\n';
-    writeAll(STDERR_FILENO, line); // a log that cannot be written is nothing to stop for
+    writeAll(STDERR_FILENO, line); // failing to log is ignored
     errno = savedErrno;
 }
 

@@ -1,6 +1,5 @@
 #include "platform/NotificationCenter.h"
 
-#include <atomic>
 #include <utility>
 
 /// An entry of a list that grows at its end, so that posts walk it without a lock. Entries are never freed,
@@ -12,10 +11,6 @@ struct NotificationCenter::Observer {
     std::atomic<Observer*> next{nullptr};
 };
 
-namespace {
-std::atomic<NotificationCenter::Observer*> firstObserver{nullptr};
-} // namespace
-
 NotificationCenter& NotificationCenter::defaultCenter() {
     static NotificationCenter center;
     return center;
@@ -23,7 +18,7 @@ NotificationCenter& NotificationCenter::defaultCenter() {
 
 NotificationCenter::Observer* NotificationCenter::addObserver(std::string name, Handler handler) {
     auto* const observer = new Observer{std::move(name), std::move(handler)};
-    std::atomic<Observer*>* end = &firstObserver;
+    std::atomic<Observer*>* end = &first_;
     Observer* occupant = nullptr;
     while (!end->compare_exchange_strong(occupant, observer)) {
         end = &occupant->next;
@@ -37,7 +32,7 @@ void NotificationCenter::removeObserver(Observer* observer) {
 }
 
 void NotificationCenter::postNotification(std::string_view name, const void* object) {
-    for (Observer* observer = firstObserver; observer != nullptr; observer = observer->next) {
+    for (Observer* observer = first_; observer != nullptr; observer = observer->next) {
         if (observer->active && observer->name == name) {
             observer->handler(object);
         }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -22,4 +23,7 @@ class NotificationCenter {
 
     /// Any thread, concurrently too. Returns when every observer of `name` has handled the object.
     void postNotification(std::string_view name, const void* object);
+
+  private:
+    std::atomic<Observer*> first_{nullptr};
 };

@@ -48,7 +48,7 @@ std::optional<std::string> synchronousGet(const std::string& url, long timeout) 
     curl_easy_setopt(handle.get(), CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(handle.get(), CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(handle.get(), CURLOPT_MAXREDIRS, 16L);
-    curl_easy_setopt(handle.get(), CURLOPT_CONNECTTIMEOUT, 30L);
+    curl_easy_setopt(handle.get(), CURLOPT_CONNECTTIMEOUT, kConnectTimeout);
     ReplyDeadline deadline(handle.get(), timeout);
     curl_easy_setopt(handle.get(), CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, appendTo);

@@ -2,9 +2,9 @@
 
 #include <utility>
 
-WorkerThread WorkerThread::start(std::function<void()> work) {
+std::thread::id startWorkerThread(std::function<void()> work) {
     std::thread thread(std::move(work));
-    const WorkerThread started(thread.get_id());
+    const std::thread::id started = thread.get_id();
     thread.detach();
     return started;
 }

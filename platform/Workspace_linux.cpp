@@ -35,8 +35,7 @@ void openUrl(const std::string& url) {
 }
 
 std::optional<std::string> launchApplication(const std::string& bundlePath) {
-    bool isDirectory = false;
-    if (!fileExists(bundlePath, &isDirectory) || !isDirectory) {
+    if (!isFolder(bundlePath)) {
         return "The application " + bundlePath + " does not exist";
     }
     const auto name = propertyListString(bundlePath + "/Contents/Info.plist", "CFBundleExecutable");

@@ -2,6 +2,7 @@
 
 #include "platform/LeakChecker.h"
 #include "platform/Log.h"
+#include "platform/UrlRequest.h"
 #include "transfer/CurlMessage.h"
 
 #include <curl/curl.h>
@@ -145,7 +146,7 @@ int CurlWrapper::SyncDownload(const std::string& url, FILE* stream, const std::i
         curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, OnDownLoadFile);
         curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, stream);
         curl_easy_setopt(handle.get(), CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(startPos));
-        curl_easy_setopt(handle.get(), CURLOPT_CONNECTTIMEOUT, 30L);
+        curl_easy_setopt(handle.get(), CURLOPT_CONNECTTIMEOUT, kConnectTimeout);
         post(CurlMessageTypeStarted, 0, tokenOf(stream), -1);
         result = curl_easy_perform(handle.get());
         outcome = outcomeOf(handle.get(), result);

@@ -10,6 +10,31 @@
 #include <QMouseEvent>
 #include <QStyleHints>
 
+namespace {
+
+/// Calls `action` with each direct subview of the class `View`.
+template <typename View, typename Action>
+void forEachSubview(const QWidget& panel, const Action& action) {
+    for (QObject* const child : panel.children()) {
+        if (auto* const view = dynamic_cast<View*>(child); view != nullptr) {
+            action(*view);
+        }
+    }
+}
+
+/// The panel's button of this name, or null.
+ImageButtonView* buttonNamed(const QWidget& panel, std::string_view name) {
+    ImageButtonView* found = nullptr;
+    forEachSubview<ImageButtonView>(panel, [&](ImageButtonView& view) {
+        if (view.imageName() == name) {
+            found = &view;
+        }
+    });
+    return found;
+}
+
+} // namespace
+
 CoreImageView::CoreImageView(const Frame& frame, QWidget* superview) : QWidget(superview) {
     setGeometry(toolkitRect(frame, qRound(frame.height)));
     _observer =
@@ -73,48 +98,31 @@ void CoreImageView::mouseDoubleClickEvent(QMouseEvent* event) {
 }
 
 void CoreImageView::setImage(const Image::Ref& image) {
-    for (QObject* const child : children()) {
-        if (auto* const view = dynamic_cast<ImageView*>(child)) {
-            view->setImage(image);
-        }
-    }
+    forEachSubview<ImageView>(*this, [&image](ImageView& view) { view.setImage(image); });
 }
 
 void CoreImageView::enableStart(bool enabled) {
-    for (QObject* const child : children()) {
-        auto* const view = dynamic_cast<ImageButtonView*>(child);
-        if (view != nullptr && view->imageName() == button::kStart) {
-            view->setImage(enabled ? view->normalImage() : view->grayImage());
-            return;
-        }
+    if (auto* const start = buttonNamed(*this, button::kStart); start != nullptr) {
+        start->setImage(enabled ? start->normalImage() : start->grayImage());
     }
 }
 
 bool CoreImageView::consentGiven() const {
-    for (QObject* const child : children()) {
-        const auto* const view = dynamic_cast<ImageButtonView*>(child);
-        if (view != nullptr && view->iType() == ImageButtonView::kCheckbox) {
-            return view->getStatus();
-        }
-    }
-    return false;
+    const auto* const box = buttonNamed(*this, button::kCheckbox);
+    return box != nullptr && box->getStatus();
 }
 
 void CoreImageView::buildSecondScreen() {
-    for (QObject* const child : children()) {
-        auto* const view = dynamic_cast<QWidget*>(child);
-        if (dynamic_cast<ImageButtonView*>(view) != nullptr || dynamic_cast<TextField*>(view) != nullptr) {
-            view->hide();
-        }
-    }
+    forEachSubview<ImageButtonView>(*this, [](ImageButtonView& view) { view.hide(); });
+    forEachSubview<TextField>(*this, [](TextField& view) { view.hide(); });
     setImage(Image::named("secondbackground"));
 
     const ButtonPictures stop{Image::named("stop_normal"), Image::named("stop_deep"), nullptr};
     const ButtonPictures resume{Image::named("continue_normal"), Image::named("continue_deep"), nullptr};
     const ButtonPictures retry{Image::named("retry_normal"), Image::named("retry_deep"),
                                Image::named("retry_gray")};
-    // All buttons share one place; its size is that of the stop picture, or of the continue picture for the
-    // rest.
+    // All buttons share one position. Stop has its own picture's size; the others have the continue
+    // picture's.
     const auto add = [this](const char* name, const char* accessibleName, const ButtonPictures& pictures,
                             const QSize& size) {
         const Frame spot = frameAt((width() - size.width()) * 0.5, size.height(), size);
@@ -164,13 +172,8 @@ void CoreImageView::enterState(ScreenState state) {
 }
 
 void CoreImageView::setButtonVisibility(const char* imageName, Visibility visibility) {
-    if (visibility == Visibility::Unchanged) {
-        return;
-    }
-    for (QObject* const child : children()) {
-        auto* const view = dynamic_cast<ImageButtonView*>(child);
-        if (view != nullptr && view->imageName() == imageName) {
-            view->setHidden(visibility == Visibility::Hidden);
-        }
+    if (auto* const view = buttonNamed(*this, imageName);
+        view != nullptr && visibility != Visibility::Unchanged) {
+        view->setHidden(visibility == Visibility::Hidden);
     }
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "platform/NotificationCenter.h"
-#include "platform/WorkerThread.h"
 #include "ui/Geometry.h"
 #include "ui/ImageButtonView.h"
 #include "ui/ProgressIndicator.h"
@@ -13,7 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
+#include <thread>
 
 class CurlMessage;
 struct ComParam;
@@ -47,7 +46,7 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
     void addButton(std::int32_t type, const char* name, const char* accessibleName,
                    const ButtonPictures& pictures, const Frame& frame, bool hidden = false);
 
-    /// The view under `point`, or the panel itself when there is none. Logged.
+    /// The view under `point`, or the panel itself if there is no view. Logged.
     QWidget* hitTest(const QPoint& point);
 
     /// Sets the picture of every direct subview that is an image view, including hidden ones and buttons.
@@ -78,7 +77,8 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
     /// nothing when the request failed or the reply is not UTF-8. Blocks. Any thread.
     static std::optional<std::string> getRequest(const std::string& url);
 
-    /// Asks the update server for the current version and rewrites the stamp file. Blocks. Any thread.
+    /// Asks the update server for the current version and rewrites the stamp file. Blocks. Any thread. The
+    /// window does not call it; it is part of the panel's interface.
     static void modifyVersion();
 
     // --- events -----------------------------------------------------------------------------------------
@@ -87,7 +87,7 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
     void onCallbackMessage(const CurlMessage& message);
     void updateProgress();
     void updateSpeed();
-    void downloadReceived(const void* unused);
+    void downloadReceived(const void* unused); ///< does nothing; no caller: part of the panel's interface
 
     // --- install ----------------------------------------------------------------------------------------
 
@@ -149,7 +149,7 @@ class CoreImageView : public QWidget, public ImageButtonTarget {
     std::optional<std::string> prepareTemporaryFile();
     void startWorker(std::int64_t startPos, const std::string& filePath);
 
-    WorkerThread _downloadThread; ///< the most recent; an older one may still run
+    std::thread::id _downloadThread; ///< the most recent worker; an older one may still run
     std::string _strDownloadUrl;
 
     // --- events: shared by workers and the main thread --------------------------------------------------

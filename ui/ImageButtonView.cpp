@@ -79,8 +79,8 @@ void ImageButtonView::mouseDoubleClickEvent(QMouseEvent* event) {
 }
 
 void ImageButtonView::mouseReleaseEvent(QMouseEvent* event) {
-    // The toolkit may send a release to a button that got no press, when the pressed one was hidden
-    // meanwhile.
+    // If the pressed button was hidden meanwhile, the toolkit may send its release to a button that got no
+    // press.
     if (event->button() == Qt::LeftButton && pressClickCount_ != 0) {
         mouseUp(std::exchange(pressClickCount_, 0));
     }
@@ -112,11 +112,11 @@ void ImageButtonView::sendMessage() {
         const char* name;
         Message message;
     } kMessages[] = {
-        {"start_button", &ImageButtonTarget::startDownload},
-        {"stop_button", &ImageButtonTarget::stopDownload},
-        {"continue_button", &ImageButtonTarget::continueDownload},
-        {"continueInsTall_button", &ImageButtonTarget::downloadFinished},
-        {"retryDownload_button", &ImageButtonTarget::retryDownload},
+        {button::kStart, &ImageButtonTarget::startDownload},
+        {button::kStop, &ImageButtonTarget::stopDownload},
+        {button::kContinue, &ImageButtonTarget::continueDownload},
+        {button::kContinueInstall, &ImageButtonTarget::downloadFinished},
+        {button::kRetryDownload, &ImageButtonTarget::retryDownload},
     };
     ImageButtonTarget& target = superview();
     for (const auto& [name, message] : kMessages) {
@@ -150,7 +150,7 @@ void ImageButtonView::keyPressEvent(QKeyEvent* event) {
 }
 
 void ImageButtonView::hideEvent(QHideEvent* event) {
-    // Hidden while pressed, it gets no release; it must not reappear pressed.
+    // A button that is hidden while it is pressed gets no release, and must not reappear pressed.
     if (std::exchange(pressClickCount_, 0) != 0 && iType_ == kPushButton && image() == deepImage_) {
         setImage(normalImage_);
     }

@@ -5,6 +5,16 @@
 #include <cstdint>
 #include <string>
 
+/// The names of the panel's buttons. A button is found by its name, which also decides what a release does.
+namespace button {
+inline constexpr char kStart[] = "start_button";
+inline constexpr char kCheckbox[] = "checkbox";
+inline constexpr char kStop[] = "stop_button";
+inline constexpr char kContinue[] = "continue_button";
+inline constexpr char kContinueInstall[] = "continueInsTall_button";
+inline constexpr char kRetryDownload[] = "retryDownload_button";
+} // namespace button
+
 /// What the view that contains image buttons provides: the messages that a release sends, and a click count
 /// that continues when one button has replaced another.
 class ImageButtonTarget {
@@ -92,5 +102,5 @@ class ImageButtonView : public ImageView {
     Image::Ref normalImage_;
     Image::Ref deepImage_;
     Image::Ref grayImage_;
-    int pressClickCount_ = 0; ///< of the press whose release is still to come; 0: there is none
+    int pressClickCount_ = 0; ///< click count of the press that is not yet released, or 0
 };

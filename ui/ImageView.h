@@ -4,7 +4,7 @@
 
 #include <QWidget>
 
-/// Shows a picture, each axis scaled independently to fill the frame; nothing when there is none. Main
+/// Shows a picture, each axis scaled independently to fill the frame. Draws nothing without a picture. Main
 /// thread.
 class ImageView : public QWidget {
   public:

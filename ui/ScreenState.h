@@ -1,15 +1,5 @@
 #pragma once
 
-/// The names of the panel's buttons, by which they are found and which decide what a release does.
-namespace button {
-inline constexpr char kStart[] = "start_button";
-inline constexpr char kCheckbox[] = "checkbox";
-inline constexpr char kStop[] = "stop_button";
-inline constexpr char kContinue[] = "continue_button";
-inline constexpr char kContinueInstall[] = "continueInsTall_button";
-inline constexpr char kRetryDownload[] = "retryDownload_button";
-} // namespace button
-
 /// The states of the second screen as the user sees them. The table of what each shows is in ScreenState.cpp.
 enum class ScreenState {
     Downloading,    ///< the second screen when it is built

@@ -1,6 +1,9 @@
 #pragma once
 
-/// The texts of the status and speed labels, except for the system's causes of failure.
+#include <string>
+#include <system_error>
+
+/// The texts of the status and speed labels.
 namespace status {
 
 inline constexpr char kNoSpeed[] = "0 KB/s";
@@ -25,5 +28,8 @@ inline constexpr char kDriverFailed[] = "安装vbox驱动失败，请重试";
 inline constexpr char kSeeForum[] = "安装Pellomar失败，请前往论坛查看安装教程";
 inline constexpr char kLaunching[] = "正在启动Pellomar";
 inline constexpr char kLaunchFailed[] = "启动Pellomar失败";
+
+/// A short text that names the cause of a failed file operation.
+std::string causeOf(const std::error_code& error);
 
 } // namespace status

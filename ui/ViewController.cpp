@@ -15,7 +15,7 @@ void ViewController::viewDidLoad() {
 
     addStartButton();
     addAgreement();
-    panel_->setFocus(); // where the toolkit would choose a button
+    panel_->setFocus(); // otherwise the toolkit would focus a button
 }
 
 void ViewController::addStartButton() {

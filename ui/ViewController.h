@@ -5,7 +5,7 @@
 #include <QWidget>
 
 /// Builds the first screen: the content view that fills the window, the panel in it, and on the panel the
-/// background, the start button and the agreement. The window owns the views, of which this keeps pointers.
+/// background, the start button and the agreement. The window owns the views; this class only points to them.
 /// Main thread.
 class ViewController {
   public:
@@ -13,7 +13,8 @@ class ViewController {
     explicit ViewController(QWidget* superview);
 
     void viewDidLoad();
-    void setRepresentedObject(const void* object);
+    void
+    setRepresentedObject(const void* object); ///< does nothing; no caller: part of the platform's interface
 
     [[nodiscard]] QWidget* view() const { return view_; }
     [[nodiscard]] CoreImageView* panel() const { return panel_; }

@@ -46,7 +46,7 @@ struct Poster {
     std::atomic<bool> isBack{false};
 
     void start(std::vector<std::function<void()>> pieces) {
-        WorkerThread::start([this, pieces = std::move(pieces)] {
+        startWorkerThread([this, pieces = std::move(pieces)] {
             id = gettid();
             for (const auto& piece : pieces) {
                 MainThread::performAndWait(piece);
@@ -108,7 +108,7 @@ TEST(HandOver, RunsEachPieceOnceAndInOrder) {
     static std::array<int, 3> last;
     static std::atomic<int> unfinished(last.size());
     for (int& mine : last) {
-        WorkerThread::start([&mine] {
+        startWorkerThread([&mine] {
             for (int i = 1; i <= 1000; ++i) {
                 MainThread::performAndWait([&] { EXPECT_EQ(std::exchange(mine, i), i - 1); });
                 EXPECT_EQ(mine, i) << "it returns when the work is done";
@@ -130,7 +130,7 @@ TEST(HandOver, HandlesEventsWhilePiecesCome) {
     static bool isHandled;
     static std::atomic<int> pieces;
     static std::atomic<bool> isOver;
-    WorkerThread::start([] {
+    startWorkerThread([] {
         while (!isOver && pieces <= 20 * kMost) {
             MainThread::performAndWait([] {
                 spend(10us);
@@ -148,7 +148,7 @@ TEST(HandOver, HandlesEventsWhilePiecesCome) {
 
 TEST(HandOver, RunsAPiecePostedWhenTheMainThreadGoesToSleep) {
     static std::atomic<bool> isOver;
-    WorkerThread::start([] {
+    startWorkerThread([] {
         cpu_set_t cpus; // threads on the same one do not spin
         CPU_ZERO(&cpus);
         CPU_SET(1, &cpus);

@@ -1,6 +1,6 @@
 #include "base/ChildProcess.h"
 #include "platform/Log.h"
-#include "platform/StandardStreams.h"
+#include "platform/OutputStreams.h"
 #include "support/CapturedLog.h"
 
 #include <fcntl.h>

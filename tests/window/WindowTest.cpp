@@ -10,6 +10,7 @@
 #include "support/ScratchFolder.h"
 #include "support/WaitUntil.h"
 #include "transfer/CurlMessage.h"
+#include "ui/StatusTexts.h"
 #include "ui/ViewController.h"
 
 #include <QAccessible>
@@ -224,7 +225,7 @@ TEST_F(Window, DrawsEveryTextWholeAndApart) {
     }
     EXPECT_GE(texts.size(), 20U);
     for (int code = 1; code <= EHWPOISON; ++code) {
-        texts.push_back(localizedDescription({code, std::generic_category()}));
+        texts.push_back(::status::causeOf({code, std::generic_category()}));
     }
     const std::pair<TextField*, std::vector<std::string>> rows[] = {{&speed(), {"12345678 KB/s"}},
                                                                     {&status(), texts}};

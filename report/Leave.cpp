@@ -1,4 +1,4 @@
-#include "ui/Leave.h"
+#include "report/Leave.h"
 
 #include "platform/Application.h"
 #include "report/WebStatic.h"
@@ -6,7 +6,7 @@
 
 #include <mutex>
 
-void shutDown() {
+void submitAndCleanUp() {
     static std::once_flag isDone;
     std::call_once(isDone, [] {
         submitWebStatic();
@@ -15,6 +15,6 @@ void shutDown() {
 }
 
 void leave() {
-    shutDown();
+    submitAndCleanUp();
     exitProcess(0);
 }

@@ -1,6 +1,6 @@
 #include "base/FileDescriptor.h"
 #include "base/ReadWrite.h"
-#include "platform/StandardStreams.h"
+#include "platform/OutputStreams.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -24,20 +24,8 @@ bool canBeWritten(const std::string& path) {
 }
 
 ssize_t takeAll(void* /*cookie*/, const char* data, std::size_t size) {
-    writeAll(STDOUT_FILENO, {data, size}); // what can't be written is lost
+    writeAll(STDOUT_FILENO, {data, size}); // output that cannot be written is dropped
     return static_cast<ssize_t>(size);
-}
-
-/// Makes writing to standard output always succeed: libcurl prints a probe's headers there and fails the
-/// probe when that fails, as it does on a full disk.
-void ignoreOutputErrors() {
-    fflush(stdout);
-    cookie_io_functions_t functions{};
-    functions.write = takeAll;
-    if (FILE* const output = fopencookie(nullptr, "w", functions)) {
-        setvbuf(output, nullptr, _IOLBF, BUFSIZ);
-        stdout = output; // in glibc, stdout is a variable
-    }
 }
 
 } // namespace
@@ -47,14 +35,20 @@ void ignoreBrokenPipes() {
 }
 
 void redirectStandardStreams(const std::string& path) {
-    if (!path.empty() && canBeWritten(path)) {
+    if (canBeWritten(path)) {
         reopen(path, stdout);
         reopen(path, stderr);
     }
-    ignoreOutputErrors();
 }
 
-void flushStandardStreams() {
+// libcurl prints the probe's headers to standard output, and the probe fails if that fails, as it does on a
+// full disk.
+void ignoreOutputErrors() {
     fflush(stdout);
-    fflush(stderr);
+    cookie_io_functions_t functions{};
+    functions.write = takeAll;
+    if (FILE* const output = fopencookie(nullptr, "w", functions); output != nullptr) {
+        setvbuf(output, nullptr, _IOLBF, BUFSIZ);
+        stdout = output; // in glibc, stdout is a variable
+    }
 }

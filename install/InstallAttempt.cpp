@@ -1,4 +1,4 @@
-#include "install/PrivilegedCommand.h"
+#include "install/InstallAttempt.h"
 
 #include "base/ChildProcess.h"
 #include "platform/Log.h"
