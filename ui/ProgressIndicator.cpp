@@ -23,6 +23,10 @@ double ProgressIndicator::filledWidth() const {
     return width() * std::clamp(shownValue_, 0.0, 100.0) / 100.0;
 }
 
+int ProgressIndicator::filledPixels() const {
+    return static_cast<int>(filledWidth() * devicePixelRatioF());
+}
+
 void ProgressIndicator::setDoubleValue(double percent) {
     doubleValue_ = percent;
     // Called for every block of a transfer, far more often than the screen needs to change.
@@ -32,11 +36,17 @@ void ProgressIndicator::setDoubleValue(double percent) {
 }
 
 void ProgressIndicator::showValue() {
+    const int paintedPixels = filledPixels();
     shownValue_ = doubleValue_;
-    // QProgressBar::setValue would repaint synchronously.
-    setUpdatesEnabled(false);
-    setValue(static_cast<int>(std::clamp(shownValue_, 0.0, 100.0)));
-    setUpdatesEnabled(true);
+    if (const int percent = static_cast<int>(std::clamp(shownValue_, 0.0, 100.0)); percent != value()) {
+        // QProgressBar::setValue would repaint synchronously.
+        setUpdatesEnabled(false);
+        setValue(percent);
+        setUpdatesEnabled(true);
+    } else if (filledPixels() !=
+               paintedPixels) { // a slow transfer moves it by a pixel only a few times a second
+        update();
+    }
     nextFrame_.start(kFrame, this);
 }
 

@@ -8,10 +8,8 @@ class ProgressIndicator : public QProgressBar {
   public:
     explicit ProgressIndicator(QWidget* superview);
 
-    [[nodiscard]] double doubleValue() const { return doubleValue_; }
-
     /// Sets the value. It is painted when the event loop next runs, at most about thirty times a second: a
-    /// change within 33 ms of the last one shown is shown when they have passed.
+    /// change within 33 ms of the last frame waits for the next frame.
     void setDoubleValue(double percent);
 
   protected:
@@ -22,6 +20,7 @@ class ProgressIndicator : public QProgressBar {
   private:
     void showValue();
     [[nodiscard]] double filledWidth() const;
+    [[nodiscard]] int filledPixels() const; ///< of the screen
 
     double doubleValue_ = 0;
     double shownValue_ = 0;
