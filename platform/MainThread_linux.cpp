@@ -76,8 +76,8 @@ class Mailbox {
     Mailbox() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
         notifier_ = std::make_unique<QSocketNotifier>(wake_.get(), QSocketNotifier::Read);
         QObject::connect(notifier_.get(), &QSocketNotifier::activated, [this] {
-            std::uint64_t count = 0;
-            [[maybe_unused]] const ssize_t got = read(wake_.get(), &count, sizeof count);
+            eventfd_t count = 0;
+            eventfd_read(wake_.get(), &count);
             serve();
         });
     }
@@ -111,10 +111,7 @@ class Mailbox {
     static constexpr std::uint32_t kAwake = 1;  ///< looks at the list before it sleeps
     static constexpr std::uint32_t kParked = 2; ///< must be woken through the futex
 
-    void wakeLoop() {
-        const std::uint64_t one = 1;
-        [[maybe_unused]] const ssize_t put = write(wake_.get(), &one, sizeof one);
-    }
+    void wakeLoop() { eventfd_write(wake_.get(), 1); }
 
     void serve() {
         const Clock::time_point end = Clock::now() + kLongestWithoutEvents;
