@@ -1,7 +1,7 @@
 // Measures a download by the product's window: presses start through the X server and, when the record of the
 // finished transfer is posted, writes a line of JSON to the file named by the first argument and ends the
 // process, before anything is installed. With a second argument, "probe", it also measures the delay of
-// timers and mouse moves meanwhile.
+// timers and mouse moves during the download.
 #include "InterfaceProbe.h"
 #include "app/MainInterface.h"
 #include "platform/MainThread.h"
@@ -73,7 +73,7 @@ class Watcher : public QObject {
 
     bool eventFilter(QObject* watched, QEvent* event) override {
         auto* const button = dynamic_cast<ImageButtonView*>(watched);
-        if (button != nullptr && button->imageName() == "start_button") {
+        if (button != nullptr && button->imageName() == button::kStart) {
             if (event->type() == QEvent::Paint && !std::exchange(seen_, true)) {
                 QTimer::singleShot(untilTheNextStart(), button, [this, button] { press(*button); });
             } else if (event->type() == QEvent::MouseButtonRelease) {

@@ -2,7 +2,7 @@
 """Measures a download over a connection with latency, in its own network namespace.
 
 Called as: unshare --net distant.py SOCKET DELAY HOME window|command COMMAND...
-SOCKET is the server's; DELAY is the one-way latency in seconds. The kernel delays the packets (tc netem) or, where it
+SOCKET is the server's; DELAY is the one-way latency in seconds. The kernel delays the packets (tc netem) or, if it
 can't, a relay does.
 """
 import asyncio

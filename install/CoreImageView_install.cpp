@@ -93,7 +93,7 @@ bool CoreImageView::installPackage(InstallAttempt& attempt) {
     updateStatus(status::kInstalling);
     executeWebStatic(event::kInstallStarted);
     NSLog("Installing Pellomar");
-    // Appended to what the removal printed: the words of either count against the installation.
+    // The output is appended to the removal's: failure words of either count against the installation.
     run(attempt, PrivilegedCommand::InstallPackage, packagePath());
     if (attempt.authStatus != errAuthorizationSuccess) {
         removeCoverFile();

@@ -18,7 +18,7 @@ struct InstallAttempt {
 /// How a privileged command was started.
 struct CommandStart {
     OSStatus authStatus;                        ///< of the start; the tool's own exit status is not seen
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe; ///< its standard output; null where it did not start
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe; ///< its standard output; null if it did not start
 };
 
 /// Asks for administrator rights and blocks until the user has answered. False on refusal, with the reason in

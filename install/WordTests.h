@@ -16,7 +16,7 @@ class caseinsensitive_equal {
     std::locale locale_;
 };
 
-/// Index of the first place where `haystack` holds `needle`, case-insensitively; -1 where it does not. An
+/// Index of the first place where `haystack` holds `needle`, case-insensitively; -1 if it does not. An
 /// empty needle is found at 0. In the classic locale only ASCII letters fold.
 int ci_find_substr(const std::string& haystack, const std::string& needle,
                    const std::locale& locale = std::locale());

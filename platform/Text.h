@@ -11,7 +11,7 @@
 /// `bytes` as text, or nothing when they are not strictly valid UTF-8. A byte-order mark is kept.
 std::optional<std::string> decodedUtf8(std::string_view bytes);
 
-/// The text, or "(null)" where there is none, as it is written to the log, to addresses and to files.
+/// The text, or "(null)" if there is no text, as it is written to the log, to addresses and to files.
 std::string described(const std::optional<std::string>& text);
 
 /// The text as the toolkit's string, for views.

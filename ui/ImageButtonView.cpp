@@ -79,8 +79,8 @@ void ImageButtonView::mouseDoubleClickEvent(QMouseEvent* event) {
 }
 
 void ImageButtonView::mouseReleaseEvent(QMouseEvent* event) {
-    // If the pressed button was hidden meanwhile, the toolkit may send its release to a button that got no
-    // press.
+    // If the pressed button is hidden before its release, the toolkit may send the release to a button that
+    // got no press.
     if (event->button() == Qt::LeftButton && pressClickCount_ != 0) {
         mouseUp(std::exchange(pressClickCount_, 0));
     }

@@ -1,7 +1,7 @@
 // The sample's password dialog: password-dialog MESSAGE ADMINISTRATOR PASSWORD [again]
 //
-// It stands in for the desktop's dialog and says what to type. Prints what was typed and exits with 0, or
-// with 1 when the dialog was closed.
+// Takes the place of the desktop's dialog, and shows the password. Prints the text that was typed and exits
+// with 0, or with 1 when the dialog was closed.
 #include <QApplication>
 #include <QDialog>
 #include <QDialogButtonBox>
