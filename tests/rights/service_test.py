@@ -85,7 +85,7 @@ class Grants(RightsTest):
         self.assertEqual((attacker.run(QUERY), victim.run(QUERY)), ("NotAuthorized", ""), "in the order sent")
 
     def test_the_idle_service_exits(self):
-        service = subprocess.Popen([MECHANISM, "0"], stderr=subprocess.DEVNULL)
+        service = subprocess.Popen([MECHANISM, "1"], stderr=subprocess.DEVNULL)
         wait_for("the end of a service that nobody calls", lambda: service.poll() is not None)
         self.start_service_by(f"{MECHANISM} 0")
         make_tool(INSTALLER, HOLD)
@@ -155,6 +155,8 @@ class Application(RightsTest):
                 self.ends_with(expected)
 
     def test_an_installer_that_outlives_its_caller_or_the_service(self):
+        unit = (harness.PROJECT / "packaging/pellomar-downloader-rights.service").read_text()
+        self.assertIn("\nKillMode=process\n", unit, "the service manager ends no installer either")
         for outcome, kill in ("new", False), ("new", True), ("old", False), ("old", True):
             with self.subTest(outcome, kill=kill):
                 make_tool(INSTALLER, f"{HOLD}; {REPLACE if outcome == 'new' else 'exit 1'}")
