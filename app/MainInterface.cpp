@@ -3,7 +3,7 @@
 #include "BuildConstants.h"
 #include "app/AppDelegate.h"
 #include "app/KvWindowController.h"
-#include "base/StandardStreams.h"
+#include "base/StandardDescriptors.h"
 #include "platform/Application.h"
 #include "platform/Bundle.h"
 #include "platform/Log.h"
@@ -45,7 +45,7 @@ void setUpLook() {
 }
 
 int NSApplicationMain(int& argc, char** argv) {
-    occupyStandardStreams();
+    occupyStandardDescriptors();
     ignoreBrokenPipes();
     QApplication application(argc, argv);
     QApplication::setApplicationName("PellomarDownloader");

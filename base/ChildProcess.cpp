@@ -1,17 +1,11 @@
 #include "base/ChildProcess.h"
 
-#include "base/Pipe.h"
-#include "base/ReadWrite.h"
-
 #include <fcntl.h>
-#include <linux/close_range.h>
-#include <sys/prctl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 
 namespace {
@@ -26,168 +20,97 @@ std::vector<char*> pointers(const std::vector<std::string>& texts) {
     return result;
 }
 
-// Everything that needs memory is made ready before the fork: the child of a process with several threads
-// may only make system calls.
-class Launch {
+// Everything that needs memory is made ready at first: after a fork, the child of a process with several
+// threads may only make system calls.
+class Spawn {
   public:
-    explicit Launch(const ChildProcess& child)
-        : child_(child), argumentTexts_(child.arguments),
-          environmentTexts_(child.environment.value_or(std::vector<std::string>{})) {
-        argumentTexts_.insert(argumentTexts_.begin(), child.path);
-        arguments_ = pointers(argumentTexts_);
-        environment_ = pointers(environmentTexts_);
-        passedOn_ = child.passedOn;
+    explicit Spawn(const ChildProcess& child) : child_(child), arguments_(pointers(child.arguments)) {
+        arguments_.insert(arguments_.begin(), const_cast<char*>(child.path.c_str()));
+        if (child.environment) {
+            environment_ = pointers(*child.environment);
+        }
+        posix_spawn_file_actions_init(&actions_);
+        posix_spawnattr_init(&attributes_);
+        connect(child.standardInput, STDIN_FILENO);
+        connect(child.standardOutput, STDOUT_FILENO);
+        connect(child.standardError, STDERR_FILENO);
+        connect(child.passedOn.value_or(ChildProcess::kInherit), kPassedOn);
+        note(posix_spawn_file_actions_addclosefrom_np(&actions_, child.passedOn ? kPassedOn + 1 : kPassedOn));
+        if (!child.workingFolder.empty()) {
+            note(posix_spawn_file_actions_addchdir_np(&actions_, child.workingFolder.c_str()));
+        }
+        sigset_t signals;
+        sigemptyset(&signals);
+        posix_spawnattr_setsigmask(&attributes_, &signals);
+        sigfillset(&signals);
+        posix_spawnattr_setsigdefault(&attributes_, &signals);
+        const int session = child.ownSession ? POSIX_SPAWN_SETSID : 0;
+        posix_spawnattr_setflags(
+            &attributes_, static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | session));
+    }
+    Spawn(const Spawn&) = delete;
+    Spawn& operator=(const Spawn&) = delete;
+    ~Spawn() {
+        posix_spawn_file_actions_destroy(&actions_);
+        posix_spawnattr_destroy(&attributes_);
     }
 
-    pid_t run(bool detached, std::error_code& failure) {
-        if (noReport_ != 0) {
-            failure = {noReport_, std::system_category()};
-            return -1;
-        }
-        const pid_t pid = fork();
-        if (pid == 0) {
-            if (detached) {
-                const pid_t second = _Fork(); // fork() runs handlers, which may wait for other threads' locks
-                if (second != 0) {
-                    if (second < 0) {
-                        reportFailure();
-                    }
-                    _exit(0);
-                }
-            }
-            becomeProgram();
-        }
-        if (pid < 0) {
-            failure = {errno, std::system_category()};
-            return -1;
-        }
-        if (detached) {
-            waitUntilExit(pid);
-        }
-        failure = awaitProgram();
-        if (failure && !detached) {
-            waitUntilExit(pid);
-        }
-        return failure ? -1 : pid;
+    // 0, or the number of the error.
+    int run(pid_t& process) const {
+        return failure_ != 0
+                   ? failure_
+                   : posix_spawnp(&process, child_.path.c_str(), &actions_, &attributes_, arguments_.data(),
+                                  child_.environment ? environment_.data() : environ);
     }
 
   private:
-    static void connect(int source, int target) {
+    static constexpr int kPassedOn = STDERR_FILENO + 1;
+
+    void connect(int source, int target) {
         if (source == ChildProcess::kNull) {
-            source = open("/dev/null", O_RDWR);
-        }
-        if (source == target) {
-            fcntl(target, F_SETFD, 0);
+            note(posix_spawn_file_actions_addopen(&actions_, target, "/dev/null", O_RDWR, 0));
         } else if (source >= 0) {
-            dup2(source, target);
+            note(posix_spawn_file_actions_adddup2(&actions_, source, target));
         }
     }
 
-    // The numbers that the child is to have may be in use here, by a descriptor that is passed on or reported
-    // to.
-    bool moveOutOfTheWay(int& descriptor) const {
-        const int firstFree = STDERR_FILENO + 1 + static_cast<int>(passedOn_.size());
-        const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, firstFree);
-        descriptor = moved < 0 ? descriptor : moved; // the cause must still be reported
-        return moved >= 0;
-    }
-
-    bool passDescriptorsOn() {
-        if (passedOn_.empty()) {
-            return true;
-        }
-        if (!moveOutOfTheWay(reportTo_) ||
-            !std::ranges::all_of(passedOn_, [this](int& moved) { return moveOutOfTheWay(moved); })) {
-            return false;
-        }
-        int number = STDERR_FILENO;
-        for (const int descriptor : passedOn_) {
-            if (dup2(descriptor, ++number) < 0) {
-                return false;
-            }
-        }
-        return true;
-    }
-
-    [[noreturn]] void becomeProgram() {
-        if (child_.ownSession) {
-            setsid();
-        }
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        for (int number = 1; number < NSIG; ++number) {
-            signal(number, SIG_DFL);
-        }
-        if (child_.endsWithParent) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (getppid() != parent_) {
-                _exit(127);
-            }
-        }
-        for (const auto& [kind, soft] : child_.limits) {
-            rlimit limit{};
-            if (getrlimit(static_cast<__rlimit_resource>(kind), &limit) == 0) {
-                limit.rlim_cur = std::min(soft, limit.rlim_max);
-                setrlimit(static_cast<__rlimit_resource>(kind), &limit);
-            }
-        }
-        connect(child_.standardInput, STDIN_FILENO);
-        connect(child_.standardOutput, STDOUT_FILENO);
-        connect(child_.standardError, STDERR_FILENO);
-        close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC);
-        if ((child_.workingFolder.empty() || chdir(child_.workingFolder.c_str()) == 0) &&
-            passDescriptorsOn()) {
-            execvpe(child_.path.c_str(), arguments_.data(),
-                    child_.environment ? environment_.data() : environ);
-        }
-        reportFailure();
-        _exit(127);
-    }
-
-    void reportFailure() const {
-        const int cause = errno;
-        writeAll(reportTo_, {reinterpret_cast<const char*>(&cause), sizeof cause});
-    }
-
-    // The pipe closes when the program is executed; a cause arrives on it when that failed.
-    std::error_code awaitProgram() {
-        report_.writeEnd.reset();
-        int cause = 0;
-        ssize_t count = 0;
-        do {
-            count = read(report_.readEnd.get(), &cause, sizeof cause);
-        } while (count < 0 && errno == EINTR);
-        return count == sizeof cause ? std::error_code(cause, std::system_category()) : std::error_code();
-    }
+    void note(int failure) { failure_ = failure_ != 0 ? failure_ : failure; }
 
     const ChildProcess& child_;
-    const pid_t parent_ = getpid();
-    std::vector<std::string> argumentTexts_;
-    std::vector<std::string> environmentTexts_;
     std::vector<char*> arguments_;
     std::vector<char*> environment_;
-    std::vector<int> passedOn_;
-    Pipe report_; // open until the program is executed
-    int noReport_ = report_.writeEnd.isOpen() ? 0 : errno;
-    int reportTo_ = report_.writeEnd.get();
+    posix_spawn_file_actions_t actions_{};
+    posix_spawnattr_t attributes_{};
+    int failure_ = 0;
 };
 
 } // namespace
 
-pid_t ChildProcess::start(std::error_code& failure) const {
-    return Launch(*this).run(false, failure);
+pid_t ChildProcess::start() const {
+    pid_t process = -1;
+    errno = Spawn(*this).run(process);
+    return errno == 0 ? process : -1;
 }
 
-std::error_code ChildProcess::startDetached() const {
-    std::error_code failure;
-    Launch(*this).run(true, failure);
-    return failure;
-}
-
-void waitUntilExit(pid_t pid) {
-    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+bool ChildProcess::startDetached() const {
+    const Spawn spawn(*this);
+    pid_t process = fork();
+    if (process == 0) {
+        _exit(spawn.run(process));
     }
+    if (process < 0) {
+        return false;
+    }
+    const int status = waitUntilExit(process);
+    errno = WIFEXITED(status) ? WEXITSTATUS(status) : 0;
+    return errno == 0;
+}
+
+int waitUntilExit(pid_t pid) {
+    int status = -1;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
 }
 
 void reapEveryChild() {

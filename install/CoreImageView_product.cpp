@@ -19,8 +19,7 @@ void CoreImageView::killTovaniPlayer() {
     killall.standardOutput = output.writeEnd.get();
     killall.standardError = errors.writeEnd.get();
     // It is no error when no copy runs or killall is missing.
-    std::error_code ignored;
-    if (const pid_t pid = killall.start(ignored); pid > 0) {
+    if (const pid_t pid = killall.start(); pid > 0) {
         waitUntilExit(pid);
     }
 }

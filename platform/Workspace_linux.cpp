@@ -5,6 +5,8 @@
 #include "platform/PropertyList.h"
 #include "platform/Workspace.h"
 
+#include <cerrno>
+
 namespace {
 
 ChildProcess detached(const std::string& path) {
@@ -21,7 +23,7 @@ ChildProcess detached(const std::string& path) {
 void openWithDesktop(const std::string& target) {
     ChildProcess opener = detached("xdg-open");
     opener.arguments = {target};
-    [[maybe_unused]] const std::error_code ignored = opener.startDetached();
+    [[maybe_unused]] const bool isStarted = opener.startDetached();
 }
 
 } // namespace
@@ -43,8 +45,8 @@ std::optional<std::string> launchApplication(const std::string& bundlePath) {
         return "The application " + bundlePath + " does not name its executable";
     }
     const std::string executable = bundlePath + "/Contents/MacOS/" + *name;
-    if (const std::error_code failure = detached(executable).startDetached()) {
-        return "The executable " + executable + " could not be started: " + systemErrorText(failure.value());
+    if (!detached(executable).startDetached()) {
+        return "The executable " + executable + " could not be started: " + systemErrorText(errno);
     }
     return std::nullopt;
 }

@@ -12,7 +12,7 @@ void startTool(std::vector<std::string> arguments) {
     ChildProcess tool;
     tool.path = webStatisticsPath(executablePath());
     tool.arguments = std::move(arguments);
-    [[maybe_unused]] const std::error_code ignored = tool.startDetached();
+    [[maybe_unused]] const bool isStarted = tool.startDetached();
 }
 
 } // namespace

@@ -27,18 +27,6 @@ constexpr std::uint64_t kNoTimeOut = UINT64_MAX; // the user may be typing a pas
 
 class PolkitAuthorization : public AuthorizationOpaque {
   public:
-    PolkitAuthorization() = default;
-    PolkitAuthorization(const PolkitAuthorization&) = delete;
-    PolkitAuthorization& operator=(const PolkitAuthorization&) = delete;
-
-    ~PolkitAuthorization() override {
-        // The service is not to be started just for this.
-        if (const BusMessage message = bus_ ? newCall("Release") : nullptr; message != nullptr) {
-            sd_bus_message_set_auto_start(message.get(), 0);
-            sd_bus_send(bus_.get(), message.get(), nullptr);
-        }
-    }
-
     bool connect() {
         sd_bus* bus = nullptr;
         const bool isConnected = sd_bus_open_system(&bus) >= 0;
@@ -149,7 +137,7 @@ class PolkitAuthorization : public AuthorizationOpaque {
         aside.join();
     }
 
-    BusConnection bus_;
+    BusConnection bus_; // whose end gives the rights up
 };
 
 } // namespace

@@ -12,8 +12,7 @@
 ///     the tool has been started, which waits for the caller's previous tool to end, with the read end of a
 ///     pipe to which the tool alone writes. After an installer that failed, only the driver query is allowed.
 ///
-/// Release()
-///     Ends the authorization, as does the end of the connection.
+/// The end of the connection ends the authorization.
 namespace rights {
 
 /// The service's name on the bus, its interface, and polkit's name of the right.

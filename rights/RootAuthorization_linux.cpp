@@ -4,7 +4,7 @@
 #include "platform/Log.h"
 #include "rights/RootTools.h"
 
-#include <unistd.h>
+#include <cerrno>
 
 namespace {
 
@@ -25,16 +25,16 @@ class RootAuthorization : public AuthorizationOpaque {
             NSLog("not run as root: %s", refusal.c_str());
             return errAuthorizationDenied;
         }
-        std::error_code failure;
         if (*command == PrivilegedCommand::RemoveApplication) {
-            if (!GrantedCommands::isSetAside(commands_.setAside(failure).get())) {
-                NSLog("/bin/rm is not run, the application cannot be set aside: %s",
-                      failure ? systemErrorText(failure.value()) : "the cause stands above");
+            const FileDescriptor answer = commands_.setAside();
+            const char* const cause = answer.isOpen() ? "the cause stands above" : systemErrorText(errno);
+            if (!GrantedCommands::isSetAside(answer.get())) {
+                NSLog("/bin/rm is not run, the application cannot be set aside: %s", cause);
                 output = GrantedCommands::outputOfNoRemoval();
                 return output.isOpen() ? errAuthorizationSuccess : errAuthorizationToolExecuteFailure;
             }
         }
-        const bool isStarted = commands_.start(*command, line, std::nullopt, output, failure) > 0;
+        const bool isStarted = commands_.start(*command, line, std::nullopt, output) > 0;
         return isStarted ? errAuthorizationSuccess : errAuthorizationToolExecuteFailure;
     }
 

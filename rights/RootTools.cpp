@@ -1,6 +1,7 @@
 #include "rights/RootTools.h"
 
 #include "base/ChildProcess.h"
+#include "base/Ownership.h"
 #include "base/Pipe.h"
 #include "base/ReadWrite.h"
 #include "base/RootEnvironment.h"
@@ -11,6 +12,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 namespace {
@@ -28,27 +31,42 @@ ChildProcess rootProgram(const std::string& path, std::vector<std::string> argum
     return program;
 }
 
-std::error_code whyNotRun(const std::string& path) {
-    if (access(path.c_str(), F_OK) != 0) {
-        return {errno, std::generic_category()};
+// Whether the file, every folder above it, every symbolic link on the way and what each leads to can be
+// changed by root alone.
+bool isOursAloneAt(const std::filesystem::path& file) {
+    struct stat status{};
+    if (!file.is_absolute() || lstat(file.c_str(), &status) != 0) {
+        return false;
     }
-    return isRootsAlone(path) ? std::error_code() : std::make_error_code(std::errc::operation_not_permitted);
+    const std::filesystem::path folder = file.parent_path();
+    if (S_ISLNK(status.st_mode)) { // whoever can write to its folder can replace it
+        std::error_code failure;
+        const std::filesystem::path target = std::filesystem::read_symlink(file, failure);
+        return !failure && isOursAloneAt(folder) && isOursAloneAt(folder / target);
+    }
+    return isOursAlone(status) && (file == folder || isOursAloneAt(folder));
+}
+
+// Sets errno if not.
+bool mayRun(const std::string& path) {
+    if (access(path.c_str(), F_OK) != 0) { // also if links lead round in a circle
+        return false;
+    }
+    errno = EPERM;
+    return isOursAloneAt(path);
 }
 
 // Returns what the program writes to. It runs until its work is done and all copies of `hold` are closed.
-FileDescriptor runTransactionProgram(const char* verb, FileDescriptor& hold, std::error_code& failure) {
+FileDescriptor runTransactionProgram(const char* verb, FileDescriptor& hold) {
     Pipe input;
     Pipe output;
     ChildProcess program = rootProgram("/usr/libexec/pellomar-installer-transaction", {verb});
     program.ownSession = true;
     program.standardInput = input.readEnd.get();
     program.standardOutput = output.writeEnd.get();
-    failure = whyNotRun(program.path);
-    if (!failure) {
-        failure = program.startDetached();
-    }
-    if (failure) {
-        return {};
+    if (!input.readEnd.isOpen() || !output.writeEnd.isOpen() || !mayRun(program.path) ||
+        !program.startDetached()) {
+        return FileDescriptor();
     }
     hold = std::move(input.writeEnd);
     return std::move(output.readEnd);
@@ -56,32 +74,13 @@ FileDescriptor runTransactionProgram(const char* verb, FileDescriptor& hold, std
 
 } // namespace
 
-bool isRootsAlone(const std::filesystem::path& file) {
-    std::error_code failure;
-    struct stat status{};
-    if (!file.is_absolute() || !std::filesystem::exists(file, failure) || lstat(file.c_str(), &status) != 0 ||
-        status.st_uid != 0) {
-        return false;
-    }
-    if (file == file.root_path()) {
-        return (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
-    }
-    const std::filesystem::path folder = file.parent_path();
-    if (S_ISLNK(status.st_mode)) { // its mode has no meaning: who can write to its folder can replace it
-        const std::filesystem::path target = std::filesystem::read_symlink(file, failure);
-        return !failure && isRootsAlone(folder) && isRootsAlone(folder / target);
-    }
-    return (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 && isRootsAlone(folder);
-}
-
 FileDescriptor endEarlierAttempts() {
-    std::error_code ignored;
-    FileDescriptor unused;
-    return runTransactionProgram("end", unused, ignored);
+    FileDescriptor hold;
+    return runTransactionProgram("end", hold);
 }
 
-FileDescriptor GrantedCommands::setAside(std::error_code& failure) {
-    return runTransactionProgram("hold", hold_, failure);
+FileDescriptor GrantedCommands::setAside() {
+    return runTransactionProgram("hold", hold_);
 }
 
 bool GrantedCommands::isSetAside(int answer) {
@@ -114,13 +113,9 @@ void GrantedCommands::endInstallation() {
 }
 
 pid_t GrantedCommands::start(PrivilegedCommand command, const std::vector<std::string>& line,
-                             std::optional<uid_t> user, FileDescriptor& output, std::error_code& failure) {
-    failure = whyNotRun(line.front());
+                             std::optional<uid_t> user, FileDescriptor& output) {
     Pipe pipe;
-    if (!failure && !pipe.writeEnd.isOpen()) {
-        failure = {errno, std::generic_category()};
-    }
-    if (failure) {
+    if (!pipe.writeEnd.isOpen() || !mayRun(line.front())) {
         return -1;
     }
     const bool isInstaller = command == PrivilegedCommand::InstallPackage;
@@ -132,9 +127,9 @@ pid_t GrantedCommands::start(PrivilegedCommand command, const std::vector<std::s
     tool.standardInput = ChildProcess::kNull;
     tool.standardOutput = pipe.writeEnd.get();
     if ((isInstaller || command == PrivilegedCommand::RemoveApplication) && hold_.isOpen()) {
-        tool.passedOn.push_back(hold_.get());
+        tool.passedOn = hold_.get();
     }
-    const pid_t process = tool.start(failure);
+    const pid_t process = tool.start();
     if (process > 0) {
         output = std::move(pipe.readEnd);
         if (isInstaller) {

@@ -5,22 +5,16 @@
 
 #include <sys/types.h>
 
-#include <filesystem>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <vector>
 
 /// What root does to run the commands of an installation: for the rights service, and for a window that is
 /// root.
 
-/// Whether the file exists, and it, every folder above it, every symbolic link on the way and what each leads
-/// to belong to root and are writable by no one else. False for a relative path.
-bool isRootsAlone(const std::filesystem::path& file);
-
 /// Starts a process that waits until every earlier attempt is over, and ends one that was interrupted, for
-/// example by a power failure. Returns at once with what reaches end of file when that process is done, and
-/// is not open where it could not be started.
+/// example by a power failure. Returns immediately; what it returns reads end of file when that process has
+/// ended, and is not open if it could not be started.
 FileDescriptor endEarlierAttempts();
 
 /// The commands of one grant, and the attempt to replace the installed application that they make.
@@ -32,22 +26,23 @@ class GrantedCommands {
 
     /// Starts a process that sets the application aside once every earlier attempt is over, and puts it back
     /// when this attempt is over unless another version has been installed: when this object, the removal and
-    /// the installer have all ended, however they ended. Returns at once with what its answer arrives on. Not
-    /// open, with the cause in `failure`, where it could not be started.
-    FileDescriptor setAside(std::error_code& failure);
+    /// the installer have all ended, however they ended. Returns immediately with the descriptor from which
+    /// its answer is to be read; not open, with `errno` set, if it could not be started.
+    FileDescriptor setAside();
 
     /// Reads that answer: whether the application is set aside or there is none. Otherwise nothing may be
     /// removed.
     static bool isSetAside(int answer);
 
     /// Starts a command that was taken as a child process with a clean environment. The installer opens the
-    /// package as `user`, if one is given. Returns the process id, with the read end of a pipe in `output` to
-    /// which only the tool writes; or -1 and why in `failure`.
+    /// package as `user`, if one is given. The tool, and every folder and symbolic link on the way to it,
+    /// must be root's and writable by no one else. Returns the process id, with the read end of a pipe in
+    /// `output` to which only the tool writes; or -1 with `errno` set.
     pid_t start(PrivilegedCommand command, const std::vector<std::string>& line, std::optional<uid_t> user,
-                FileDescriptor& output, std::error_code& failure);
+                FileDescriptor& output);
 
     /// What is read in place of the output of a removal that is not to be started: one line, with none of the
-    /// words by which outcomes are judged. Not open, with `errno` set, where no pipe can be made.
+    /// words by which outcomes are judged. Not open, with `errno` set, if no pipe can be made.
     static FileDescriptor outputOfNoRemoval();
 
     /// After an installer that failed: allows nothing more than the driver query, which changes nothing. The

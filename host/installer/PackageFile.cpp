@@ -76,8 +76,9 @@ bool becomeUser(uid_t user) {
     how.flags = kHow | O_NOFOLLOW;
     how.resolve = RESOLVE_NO_MAGICLINKS; // which lead anywhere, whoever may enter the folders above
     long opened = -1;
-    if (dup2(socket, STDIN_FILENO) == STDIN_FILENO && close_range(STDIN_FILENO + 1, ~0U, 0) == 0 &&
-        becomeUser(user)) {
+    const bool isConnected = dup2(socket, STDIN_FILENO) == STDIN_FILENO;
+    closefrom(STDIN_FILENO + 1);
+    if (isConnected && becomeUser(user)) {
         opened = syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how);
     }
     send(STDIN_FILENO, static_cast<int>(opened), opened < 0 ? errno : 0);

@@ -1,6 +1,6 @@
 #include "installer/Receipt.h"
 
-#include "base/OursAlone.h"
+#include "base/Ownership.h"
 #include "base/ReadWrite.h"
 #include "installer/StagingLayout.h"
 #include "installer/Swap.h"

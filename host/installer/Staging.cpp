@@ -42,18 +42,19 @@ bool isSameFolder(int opened, int parent, const std::string& name) {
            status.st_dev == named->st_dev;
 }
 
-void lock(int folder, std::chrono::steady_clock::time_point deadline) {
+// Uses up some of `patience`.
+void lock(int folder, std::chrono::milliseconds& patience) {
     constexpr std::chrono::milliseconds kInterval{100};
     while (flock(folder, LOCK_EX | LOCK_NB) != 0) {
-        if (std::chrono::steady_clock::now() >= deadline) {
+        if (patience < kInterval) {
             throw Failure(kBusy);
         }
         std::this_thread::sleep_for(kInterval);
+        patience -= kInterval;
     }
 }
 
-FileDescriptor takeStagingFolder(int target, std::chrono::seconds patience) {
-    const auto deadline = std::chrono::steady_clock::now() + patience;
+FileDescriptor takeStagingFolder(int target, std::chrono::milliseconds patience) {
     constexpr int kTries = 100;
     for (int i = 0; i < kTries; ++i) {
         if (mkdirat(target, kStagingName, S_IRWXU) != 0 && errno != EEXIST) {
@@ -70,7 +71,7 @@ FileDescriptor takeStagingFolder(int target, std::chrono::seconds patience) {
             (fchown(folder.get(), -1U, getegid()) != 0 || fchmod(folder.get(), S_IRWXU) != 0)) {
             throw systemFailure("the target cannot be written to");
         }
-        lock(folder.get(), deadline);
+        lock(folder.get(), patience);
         // The process that had it may have removed it between the two steps above.
         if (isSameFolder(folder.get(), target, kStagingName)) {
             return folder;

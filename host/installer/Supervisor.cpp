@@ -1,5 +1,6 @@
 #include "installer/Supervisor.h"
 
+#include "base/ChildProcess.h"
 #include "base/Pipe.h"
 #include "installer/Descendants.h"
 #include "installer/Scripts.h"
@@ -11,7 +12,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
@@ -28,14 +28,10 @@ constexpr std::array kEndingSignals{SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGXCPU};
 volatile pid_t worker = 0; // NOLINT(*-avoid-non-const-global-variables): a signal handler has no other way
 volatile std::sig_atomic_t wasStopped = 0;
 
-void closeAll() {
-    close_range(STDERR_FILENO + 1, ~0U, 0);
-}
-
 // For signal handlers, which must not allocate: system calls only.
 template <std::size_t size>
 [[noreturn]] void endWith(const char (&line)[size]) {
-    closeAll(); // the lock on the target, too: printing may take any time
+    closefrom(STDERR_FILENO + 1); // the lock on the target, too: printing may take any time
     (void)!write(STDOUT_FILENO, line, size - 1);
     _exit(EXIT_FAILURE);
 }
@@ -109,13 +105,6 @@ std::string causeOf(const std::function<void()>& work) {
     _exit(cause.empty() ? EXIT_SUCCESS : EXIT_FAILURE);
 }
 
-int waitForWorker() {
-    int status = 0;
-    while (waitpid(worker, &status, 0) < 0 && errno == EINTR) {
-    }
-    return status;
-}
-
 } // namespace
 
 void reportWhenStopped() {
@@ -141,7 +130,7 @@ Ending supervise(const std::function<void()>& work) {
         throw systemFailure("cannot start");
     }
     causes.writeEnd.reset();
-    const int status = waitForWorker();
+    const int status = waitUntilExit(child);
     handleEndingSignals(SIG_IGN);
     endDescendants();
 

@@ -1,5 +1,5 @@
 // Installs a flat package, completely or not at all.
-#include "base/StandardStreams.h"
+#include "base/StandardDescriptors.h"
 #include "installer/Install.h"
 #include "installer/Output.h"
 #include "installer/PackageFile.h"
@@ -50,7 +50,7 @@ constexpr char kUsage[] =
     "number, and is opened with that user's rights.\n";
 
 void prepareProcess() {
-    occupyStandardStreams();
+    occupyStandardDescriptors();
     // What the caller passed on is for this program, not for the package's scripts.
     close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC);
     (void)std::setlocale(LC_CTYPE, "C.UTF-8"); // names in the archive are UTF-8
@@ -138,10 +138,10 @@ void run(const Arguments& request) {
     }
 }
 
-// Before the outcome is printed, which takes until the caller reads it: others wait for the end of an
-// attempt, which is when all descriptors of its transaction are closed.
+// Before the outcome is printed: printing may take any time, and others wait for the end of the attempt,
+// which is when all descriptors of its transaction are closed.
 void closePassedOn() {
-    close_range(STDERR_FILENO + 1, UINT_MAX, 0);
+    closefrom(STDERR_FILENO + 1);
 }
 
 } // namespace

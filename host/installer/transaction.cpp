@@ -17,7 +17,7 @@
 // nothing to do; 1 on failure, with the cause on standard error, and what could not be moved is kept for the
 // next run; 2 for wrong use.
 #include "base/ReadWrite.h"
-#include "base/StandardStreams.h"
+#include "base/StandardDescriptors.h"
 #include "base/TransactionAnswer.h"
 #include "installer/SetAside.h"
 #include "installer/Staging.h"
@@ -115,7 +115,7 @@ void takeTurn() {
 int main(int argc, char** argv) try {
     constexpr int kWrongUse = 2;
     const std::string_view verb = argc == 2 ? argv[1] : "";
-    occupyStandardStreams();
+    occupyStandardDescriptors();
     std::signal(SIGXFSZ, SIG_IGN); // a write that fails is reported instead
     umask(S_IWGRP | S_IWOTH);
     std::signal(SIGPIPE, SIG_IGN);

@@ -1,7 +1,7 @@
 #include "package/Trust.h"
 
 #include "base/FileDescriptor.h"
-#include "base/OursAlone.h"
+#include "base/Ownership.h"
 #include "package/Failure.h"
 #include "package/Text.h"
 

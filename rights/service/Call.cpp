@@ -1,11 +1,11 @@
-#include "rights/service/Call.h"
-
 #include "rights/Protocol.h"
 #include "rights/service/Service.h"
 
 #include <sys/epoll.h>
 #include <sys/wait.h>
 
+#include <cerrno>
+#include <cstring>
 #include <string_view>
 #include <utility>
 
@@ -120,10 +120,7 @@ void Call::onReadable() {
 }
 
 int Call::execute(sd_bus_message* message) {
-    if (state_ < State::Ready) {
-        return sd_bus_reply_method_errorf(message, kErrorNotAuthorized, "not authorized");
-    }
-    if (message_ != nullptr) {
+    if (message_) {
         return sd_bus_reply_method_errorf(message, kErrorNotAllowed, "another command is being started");
     }
     message_.reset(sd_bus_message_ref(message));
@@ -132,36 +129,31 @@ int Call::execute(sd_bus_message* message) {
 }
 
 void Call::proceed() {
-    if (state_ != State::Ready || message_ == nullptr) {
+    if (state_ != State::Ready || !message_) {
         return;
     }
     line_ = readLine(message_.get());
     std::string refusal;
-    std::error_code failure;
     const auto command = commands_.take(line_, refusal);
     if (!command) {
         refuse(kErrorNotAllowed, refusal);
-        return;
-    }
-    command_ = *command;
-    if (command_ != PrivilegedCommand::RemoveApplication) {
+    } else if (command_ = *command; command_ != PrivilegedCommand::RemoveApplication) {
         startTool();
-        return;
+    } else {
+        FileDescriptor answer = commands_.setAside();
+        if (!answer.isOpen()) {
+            log(std::string("the application cannot be set aside: ") + strerror(errno));
+        }
+        await(State::SettingAside, std::move(answer));
     }
-    FileDescriptor answer = commands_.setAside(failure);
-    if (failure) {
-        log("the application cannot be set aside: " + failure.message());
-    }
-    await(State::SettingAside, std::move(answer));
 }
 
 void Call::startTool() {
     FileDescriptor output;
-    std::error_code failure;
-    const pid_t tool = commands_.start(command_, line_, user_, output, failure);
+    const pid_t tool = commands_.start(command_, line_, user_, output);
     if (tool < 0) {
         state_ = State::Ready;
-        refuse(kErrorNotStarted, line_.front() + ": " + failure.message());
+        refuse(kErrorNotStarted, line_.front() + ": " + strerror(errno));
         return;
     }
     // The arguments are not logged: the package's path comes from the caller and may hold any characters.
@@ -181,8 +173,7 @@ void Call::startTool() {
 }
 
 void Call::onToolExit(const siginfo_t& end) {
-    const bool hasFailed = end.si_code != CLD_EXITED || end.si_status != 0;
-    if (command_ == PrivilegedCommand::InstallPackage && hasFailed) {
+    if (command_ == PrivilegedCommand::InstallPackage && (end.si_code != CLD_EXITED || end.si_status != 0)) {
         commands_.endInstallation();
     }
     event_.reset();
@@ -192,8 +183,8 @@ void Call::onToolExit(const siginfo_t& end) {
 
 void Call::reply(State next, const FileDescriptor& output) {
     state_ = next;
-    sd_bus_reply_method_return(message_.get(), output.isOpen() ? "h" : nullptr, output.get());
-    message_.reset();
+    sd_bus_reply_method_return(std::exchange(message_, nullptr).get(), output.isOpen() ? "h" : nullptr,
+                               output.get());
 }
 
 void Call::end(const char* error, const std::string& reason) {
@@ -202,7 +193,7 @@ void Call::end(const char* error, const std::string& reason) {
         sd_bus_call_method_async(service_.bus(), nullptr, kPolkit, kAuthorityPath, kAuthority,
                                  "CancelCheckAuthorization", nullptr, nullptr, "s", name_.c_str());
     }
-    if (message_ != nullptr) {
+    if (message_) {
         refuse(error, reason);
     }
 }

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 namespace rights {
 
@@ -16,7 +15,6 @@ constexpr sd_bus_vtable kCalls[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD("Authorize", "", "", (handle<Service, &Service::onAuthorize>), SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD("Execute", "sas", "h", (handle<Service, &Service::onExecute>), SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("Release", "", "", (handle<Service, &Service::onRelease>), SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END,
 };
 
@@ -29,7 +27,6 @@ void log(const std::string& text) {
 int Service::run() {
     sd_event* loop = nullptr;
     sd_bus* bus = nullptr;
-    sd_event_source* timer = nullptr;
     int result = sd_event_new(&loop);
     loop_.reset(loop);
     const auto then = [&](auto function, auto... arguments) {
@@ -37,18 +34,16 @@ int Service::run() {
     };
     then(sd_bus_open_system, &bus);
     bus_.reset(bus);
-    const auto onTimer = [](sd_event_source*, std::uint64_t, void* service) {
-        return static_cast<Service*>(service)->onIdle();
-    };
-    then(sd_event_add_time_relative, loop, &timer, CLOCK_MONOTONIC, idleTime_.count(), 0, onTimer, this);
-    idleTimer_.reset(timer);
-    then(sd_bus_set_method_call_timeout, bus, UINT64_MAX); // polkit answers when the user has
+    then(sd_bus_set_method_call_timeout, bus, UINT64_MAX); // the user may take any time to type the password
     then(sd_bus_set_exit_on_disconnect, bus, 1);
     then(sd_bus_attach_event, bus, loop, SD_EVENT_PRIORITY_NORMAL);
     then(sd_bus_add_object_vtable, bus, nullptr, kObjectPath, kBusName, kCalls, this);
     then(sd_bus_add_match, bus, nullptr, kNamesLost, handle<Service, &Service::onNameLost>, this);
     then(sd_bus_request_name, bus, kBusName, 0);
-    then(sd_event_loop, loop);
+    while (result >= 0 && sd_event_get_state(loop) != SD_EVENT_FINISHED && !isOver()) {
+        result =
+            sd_event_run(loop, calls_.empty() ? static_cast<std::uint64_t>(idleTime_.count()) : UINT64_MAX);
+    }
     return result;
 }
 
@@ -59,20 +54,16 @@ int Service::onAuthorize(sd_bus_message* message) {
 
 int Service::onExecute(sd_bus_message* message) {
     const auto place = calls_.find(sd_bus_message_get_sender(message));
-    return place == calls_.end() ? sd_bus_reply_method_errorf(message, kErrorNotAuthorized, "not authorized")
-                                 : place->second.execute(message);
-}
-
-int Service::onRelease(sd_bus_message* message) {
-    end(sd_bus_message_get_sender(message), kErrorRefused, "released by the caller");
-    return sd_bus_reply_method_return(message, nullptr);
+    return place != calls_.end() && place->second.isGranted()
+               ? place->second.execute(message)
+               : sd_bus_reply_method_errorf(message, kErrorNotAuthorized, "not authorized");
 }
 
 int Service::onNameLost(sd_bus_message* signal) {
     // The match rule does not check the sender of a signal that is sent directly to this connection.
-    const char* const sender = sd_bus_message_get_sender(signal);
     const char* name = nullptr;
-    if (sender != nullptr && strcmp(sender, kBusDaemon) == 0 && sd_bus_message_read(signal, "s", &name) > 0) {
+    if (std::string_view(sd_bus_message_get_sender(signal)) == kBusDaemon &&
+        sd_bus_message_read(signal, "s", &name) > 0) {
         end(name, kErrorRefused, "the connection has ended");
     }
     return 0;
@@ -84,25 +75,20 @@ long Service::questionsOf(uid_t user) const {
 
 void Service::end(const std::string& name, const char* error, const std::string& reason) {
     if (const auto node = calls_.extract(name); !node.empty()) {
-        startIdleTime();
+        lastUse_ = std::chrono::steady_clock::now();
         node.mapped().end(error, reason);
     }
 }
 
-void Service::startIdleTime() {
-    sd_event_source_set_time_relative(idleTimer_.get(), static_cast<std::uint64_t>(idleTime_.count()));
-    sd_event_source_set_enabled(idleTimer_.get(), SD_EVENT_ONESHOT);
-}
-
-int Service::onIdle() {
-    if (!calls_.empty()) {
-        return 0; // the timer is restarted when the last call ends
+bool Service::isOver() {
+    if (!calls_.empty() || std::chrono::steady_clock::now() < lastUse_ + idleTime_) {
+        return false;
     }
     // Calls that arrived before the name was released are served; later ones start a new process.
     sd_bus_release_name(bus_.get(), kBusName);
     while (sd_bus_process(bus_.get(), nullptr) > 0) {
     }
-    return calls_.empty() ? sd_event_exit(loop_.get(), 0) : sd_bus_request_name(bus_.get(), kBusName, 0);
+    return calls_.empty() || sd_bus_request_name(bus_.get(), kBusName, 0) < 0;
 }
 
 } // namespace rights

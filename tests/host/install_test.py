@@ -174,12 +174,21 @@ class Install(HostTest):
                 self.assertIn(cause, outcome.stderr)
                 self.assertEqual(list(self.scratch.glob("signed*")), [])
 
-    def test_full_disk(self):
-        mount = ("unshare", "-m", "bash", "-euc", 'mount -t tmpfs -o "$0" none "$1"; shift; "$@"')
-        zeros = package(file("zeros", "\0" * 3_000_000), file("b"))  # tiny in the package and large on disk
-        rows = (("size=1m", "not enough free space"), ("size=8m,nr_inodes=2", "No space left"), ("size=8m", ""))
-        for options, cause in rows:
-            self.assert_outcome(self.install(zeros, *mount, options, self.target), cause)
+    def test_odd_disks(self):
+        mount = ("unshare", "-m", "bash", "-euc", 'mount -t tmpfs -o "$0" none "$1"; cd "$1"; touch b; eval "$2"; shift 2; "$@"')
+        zeros = file("zeros", "\0" * 3_000_000)  # tiny in the package and large on disk
+        content = package(zeros, file("b"), scripts=[script("preinstall", "")])
+        rows = (
+            ("size=1m", "", "not enough free space"),
+            ("size=8m,nr_inodes=4", "", "No space left"),
+            ("size=8m,noexec", "", "preinstall script cannot be started: Permission denied"),
+            ("size=8m", "chattr +i b", 'cannot move "b": Operation not permitted'),
+            ("size=8m", "", ""),
+        )
+        for options, change, cause in rows:
+            with self.subTest(options, change=change):
+                outcome = self.install(content, *mount, options, self.target, change)
+                self.assert_outcome(outcome, cause)
 
     def test_failed_and_killed_at_each_stage(self):
         before, swapped = self.make_old(), f"test -e '{self.target}/top' || exit 9; "
@@ -209,6 +218,7 @@ class Install(HostTest):
             ("an odd name", odd, (), None),
             ("before the next script", f"kill -0 $(cat '{self.scratch}/orphan') || exit 3", (), "failed with status 3"),
             ("the worker is killed", f"{orphan}; kill -9 $PPID; sleep 999", (), "ended by signal 9"),
+            ("stopped by a signal", f"{odd}; kill -15 {SUPERVISOR}; sleep 999", (), "stopped by a signal"),
             ("takes too long", f"{orphan}; sleep 999", tracing("-einject=ppoll:retval=0"), "longer than 10 minutes"),
             ("unread", orphan, tracing("-einject=poll:retval=0"), None),
             ("the caller ignores the end of children", orphan, ("env", "--ignore-signal=CHLD"), None),

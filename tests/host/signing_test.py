@@ -35,18 +35,26 @@ class Signing(HostTest):
         return xar([Publisher(name, chain[0] if chain else None, **wanted), *chain], **CONTENTS)
 
     def test_sound_signatures(self):
-        unsigned, signed = self.scratch / "unsigned.pkg", self.scratch / "signed.pkg"
+        unsigned, signed, pipe = (self.scratch / name for name in ("unsigned.pkg", "signed.pkg", "pipe.pkg"))
         unsigned.write_bytes(self.by())
+        os.mkfifo(pipe)
         (self.scratch / "signed.pkg.part").symlink_to(self.outside / "kept")
-        for key, cause in ((self.root.key, "is not the key's"), (self.publisher.key, "")):
+        for key, path, cause in (
+            (self.root.key, unsigned, "is not the key's"),
+            (self.publisher.key, pipe, "not a regular file"),
+            (self.publisher.key, unsigned, ""),
+        ):
             self.assertFalse(signed.exists())
-            self.assertIn(cause, run(SIGNER, key, self.publisher.certificate, unsigned, signed).stderr)
+            outcome = run(SIGNER, key, self.publisher.certificate, path, signed, timeout=60)
+            self.assertIn(cause, outcome.stderr)
         self.assertEqual((self.outside / "kept").read_text(), "kept")
         signer = Publisher("signer", Publisher("middle", self.root, purpose=None))
         two_steps = xar([signer, signer.issuer, self.root], **CONTENTS)
         self.assert_refused(self.install(two_steps), "but is not trusted itself")
         (self.trusted / "publisher.keys").write_text(f"{'0' * 64}\n{signer.key_digest()}\n")
-        for name, sound in (("by the tool", signed.read_bytes()), ("two steps", two_steps)):
+        by_tool = signed.read_bytes()
+        named = by_tool[:4] + b"\0\x40" + by_tool[6:28] + b"sha256".ljust(36, b"\0") + by_tool[28:]
+        for name, sound in (("by the tool", by_tool), ("header names its digest", named), ("two steps", two_steps)):
             outcome = self.install(sound)
             self.assert_installed(outcome)
             self.assertRegex(outcome.stdout, "\ninstaller: Signed by [0-9a-f]{64}\n", name)

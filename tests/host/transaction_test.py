@@ -1,8 +1,10 @@
 """The installed application survives every attempt to replace it that does not succeed, however it ends."""
 
 import contextlib
+import fcntl
 import itertools
 import os
+import re
 import shutil
 import subprocess
 import unittest
@@ -135,6 +137,19 @@ class Transaction(unittest.TestCase):
         os.close(held)
         self.addCleanup(lambda: (installer.kill(), installer.wait(), hold.wait(), hold.stdout.close()))
         self.assertEqual((hold.wait(60), (ROOT / APP).exists(), installer.poll()), (0, True, None))
+
+    def test_patience_with_a_running_installer(self):
+        self.make_root()
+        (ROOT / STAGING).mkdir(mode=0o700)
+        folder = os.open(ROOT / STAGING, os.O_RDONLY)
+        self.addCleanup(os.close, folder)
+        fcntl.flock(folder, fcntl.LOCK_EX)
+        trace = BASE.parent / "trace"
+        sleeps = tracing("-o", trace, "-etrace=clock_nanosleep", "-einject=clock_nanosleep:retval=0")
+        outcome = run(*sleeps, "chroot", ROOT, f"/{TOOL.name}", "end")
+        self.assertIn("another install is under way", outcome.stderr)
+        slept = sum(int(part) for part in re.findall(r"tv_nsec=([0-9]+)", trace.read_text()))
+        self.assertGreaterEqual(slept / 1e9, 30 * 60, "two scripts may take ten minutes each")
 
     def test_links(self):
         """The application may be one. Its folder may not: what is removed would be elsewhere. The turn is kept all the

@@ -77,6 +77,9 @@ class Caller:
         assert self.call("Authorize") == "", self.reason
         return self
 
+    def close(self):
+        self.bus.close_sync()
+
     def start(self, line, *descriptors):
         return self.call("Execute", GLib.Variant("(sas)", (line[0], line[1:])), *descriptors)
 

@@ -40,7 +40,7 @@ class Refusals(RightsTest):
     def test_descriptors_of_a_caller(self):
         caller, count = Caller().authorize(), 16
         with open("/dev/null") as file:
-            for method in "Authorize", "Release", "Execute":
+            for method in "Authorize", "Execute":
                 with self.subTest(method):
                     self.assertEqual(caller.call(method, None, *[file.fileno()] * count), "AccessDenied")
             self.assertEqual(caller.start(QUERY, file.fileno()), "AccessDenied")
@@ -76,7 +76,6 @@ class Grants(RightsTest):
                 self.assertEqual((other.run(QUERY), caller.run(install())), ("NotAuthorized", "ran\n"))
                 self.assertEqual((caller.run(RESTART), caller.run(REMOVE) if restart else ""), (restart, restart))
                 self.assertEqual((caller.run(QUERY), caller.run(QUERY)), ("", "NotAllowed"), "the query stays allowed")
-                self.assertEqual((caller.call("Release"), caller.run(QUERY)), ("", "NotAuthorized"))
 
     def test_a_forged_end_of_a_connection_ends_no_grant(self):
         victim, attacker = Caller().authorize(), Caller()
@@ -86,20 +85,19 @@ class Grants(RightsTest):
         self.assertEqual((attacker.run(QUERY), victim.run(QUERY)), ("NotAuthorized", ""), "in the order sent")
 
     def test_the_idle_service_exits(self):
-        service = subprocess.Popen([MECHANISM, "0"], stderr=subprocess.DEVNULL)
+        service = subprocess.Popen([MECHANISM, "1"], stderr=subprocess.DEVNULL)
         wait_for("the end of a service that nobody calls", lambda: service.poll() is not None)
         self.start_service_by(f"{MECHANISM} 0")
         make_tool(INSTALLER, HOLD)
-        for name, end in (
-            ("released", lambda caller: caller.call("Release")), ("closed", lambda caller: caller.bus.close_sync()),
-            ("released before its tool ends",
-             lambda caller: (caller.start(install()), caller.call("Release"), caller.call("Release"), GO.touch())),
-        ):  # fmt: skip
-            with self.subTest(name):
+        for is_running in True, False:
+            with self.subTest(is_running=is_running):
                 caller = Caller().authorize()
                 first = harness.services.mechanism()
                 self.assertEqual((caller.start(["/bin/rm"]), harness.services.mechanism()), ("NotAllowed", first))
-                end(caller)
+                if is_running:
+                    caller.start(install())
+                caller.close()
+                GO.touch()
                 wait_for("the service's end", lambda: harness.services.mechanism() != first)
 
     def test_a_tool_whose_end_cannot_be_seen(self):
@@ -111,7 +109,8 @@ class Grants(RightsTest):
         make_tool(INSTALLER, HOLD)
         caller = Caller().authorize()
         self.assertEqual(caller.start(install()), "")
-        self.assertEqual((caller.call("Release"), Caller().authorize().call("Release")), ("", ""))
+        caller.close()
+        Caller().authorize()
         GO.touch()
         self.assertEqual(caller.output(), "done\n")
 
@@ -124,6 +123,12 @@ class Grants(RightsTest):
                          f"{'0' * 16}\n0\n0 0022 /\n{words}| {environment}| /dev/null\n")  # fmt: skip
 
 
+def begin():
+    caller = Caller().authorize()
+    assert (caller.run(REMOVE), version()) == ("", None)
+    return caller
+
+
 class Application(RightsTest):
     def ends_with(self, expected):
         Caller().authorize()  # is answered when the attempt before is over
@@ -134,17 +139,14 @@ class Application(RightsTest):
         for name, end, expected in (
             ("installer fails", "exit 1", "old"), ("installer killed", "kill -9 $$", "old"),
             ("installer does nothing", "true", "old"), ("installed", REPLACE, "new"),
-            ("released", lambda caller: caller.call("Release"), "old"),
-            ("connection closed", lambda caller: caller.bus.close_sync(), "old"),
+            ("connection closed", Caller.close, "old"),
             ("service killed", lambda _: self.kill(MECHANISM), "old"),
-            ("begun six times more", lambda caller: [(caller.call("Release"), caller.authorize().run(REMOVE))
-                                                     for _ in range(6)] and caller.call("Release"), "old"),
-            ("transaction killed", lambda caller: (self.kill(TRANSACTION), caller.call("Release")), "old"),
+            ("begun again", lambda caller: (caller.close(), begin().close()), "old"),
+            ("transaction killed", lambda caller: (self.kill(TRANSACTION), caller.close()), "old"),
             ("both killed", lambda _: (self.kill(TRANSACTION), self.kill(MECHANISM)), "old"),
         ):  # fmt: skip
             with self.subTest(name):
-                caller = Caller().authorize()
-                self.assertEqual((caller.run(REMOVE), version()), ("", None))
+                caller = begin()
                 if isinstance(end, str):
                     make_tool(INSTALLER, end)
                     self.assertEqual(caller.run(install()), "")
@@ -153,25 +155,26 @@ class Application(RightsTest):
                 self.ends_with(expected)
 
     def test_an_installer_that_outlives_its_caller_or_the_service(self):
+        unit = (harness.PROJECT / "packaging/pellomar-downloader-rights.service").read_text()
+        self.assertIn("\nKillMode=process\n", unit, "the service manager ends no installer either")
         for outcome, kill in ("new", False), ("new", True), ("old", False), ("old", True):
             with self.subTest(outcome, kill=kill):
                 make_tool(INSTALLER, f"{HOLD}; {REPLACE if outcome == 'new' else 'exit 1'}")
-                caller = Caller().authorize()
-                self.assertEqual((caller.run(REMOVE), caller.start(install())), ("", ""))
+                caller = begin()
+                self.assertEqual(caller.start(install()), "")
                 wait_for("the installer", STARTED.exists)
-                self.kill(MECHANISM) if kill else caller.call("Release")
+                self.kill(MECHANISM) if kill else caller.close()
                 GO.touch()
                 self.assertEqual(caller.output(), "done\n")
                 self.ends_with(outcome)
 
     def test_attempts_run_one_at_a_time(self):
-        first, second = Caller().authorize(), Caller()
-        self.assertEqual(first.run(REMOVE), "")
+        first, second = begin(), Caller()
         with ThreadPoolExecutor() as aside:
             asking = aside.submit(second.call, "Authorize")
             wait_for("its turn's process", lambda: len(harness.rights.processes(TRANSACTION)) == 2)
             self.assertFalse(asking.done(), "another attempt is not over")
-            first.call("Release")
+            first.close()
             self.assertEqual((asking.result(), version()), ("", "old"))
 
 

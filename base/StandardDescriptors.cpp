@@ -1,9 +1,9 @@
-#include "base/StandardStreams.h"
+#include "base/StandardDescriptors.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
-void occupyStandardStreams() {
+void occupyStandardDescriptors() {
     int lowest = 0;
     do {
         lowest = open("/dev/null", O_RDWR);
