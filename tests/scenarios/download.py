@@ -83,8 +83,8 @@ DOWNLOAD_SCENARIOS = {
         "no length": scenario(NOT_FOUND, {"length": None}, asked=[PROBE]),
         # There is no transfer yet that it could stop.
         "stop during a stall": scenario(["> stall", "> picture checking-network", "> 停止", *STOPPED, "> release",
-                                     *DOWNLOADING, *RECEIVED, "hide 继续", OLD_COPY_CLOSED, *REFUSED],
-                                    STALL_AT_ONCE, {}, holds=ALL),
+                                         *DOWNLOADING, *RECEIVED, "hide 继续", OLD_COPY_CLOSED, *REFUSED],
+                                        STALL_AT_ONCE, {}, holds=ALL),
         "page of an error": scenario(COMPLETE, {"status": 404, "body": 8}, holds=8),
         "redirect": scenario(COMPLETE, {"redirect": "http://127.0.0.1:1/"}, asked=[PROBE, None]),
     },
@@ -119,7 +119,7 @@ DOWNLOAD_SCENARIOS = {
                            holds=HALF),
     },
     "a second attempt at the rights does not download again": scenario([*COMPLETE, *CLICKED_AGAIN, *REFUSED], {},
-                                                                  asked=[PROBE, None], holds=ALL),
+                                                                       asked=[PROBE, None], holds=ALL),
     "closed on the first screen": Scenario(),
     "by keys, and closed before the server answers": Scenario(
         ["> picture first-screen", "> focus 开始", "> picture first-screen-focus", "> space", *START[1:], *DOWNLOADING,

@@ -6,7 +6,6 @@ import random
 import re
 import subprocess
 import time
-from pathlib import Path
 
 from scenario import DOCUMENT, SMALL_DISK, Scenario, opened  # first: it finds tests/support
 from desktop import output, xdotool
@@ -60,7 +59,7 @@ def any_answer(draw):
     """A correct answer in most cases, else a faulty one."""
     cut = draw.randrange(draw.choice((200, len(DOCUMENT))))
     faults = ({"status": 404, "body": PAGE}, {"range": "ignore"}, {"range": "shift"}, {"length": None}, {"cut": cut},
-              {"cut": cut, "ending": "reset"})  # fmt: skip
+              {"cut": cut, "ending": "reset"})
     return {"rate": draw.choice((0, 0, 200_000, 1_000_000)), **(draw.choice(faults) if draw.random() < 0.3 else {})}
 
 
@@ -113,7 +112,7 @@ def random_clicks(machine):
             STARTUP: draw.choice((["true"], ["echo Error VBoxDrv VirtualBox"], MISSING)),
         }
         scenario = Scenario(tools=tools, old=draw.random() < 0.5, system=draw.choice(("", "10.14.6")), rights="root",
-                    answers=[any_answer(draw) for _ in range(40)])  # fmt: skip
+                            answers=[any_answer(draw) for _ in range(40)])
         with opened(machine, scenario) as (window, _):
             xdotool(*any_clicks(draw, *window.windows()))
             wait_for("the window's end", lambda: dismissed_until(window, lambda: output("wmctrl", "-c", WINDOW_TITLE)))
@@ -122,7 +121,7 @@ def random_clicks(machine):
                 for path in (machine.home / "Downloads").rglob("Pellomar.*"):
                     held = path.read_bytes()
                     page = len(os.path.commonprefix((held, PAGE)))
-                    assert held[page:] == DOCUMENT[page : len(held)], f"{path} holds what was not sent there"
+                    assert held[page:] == DOCUMENT[page: len(held)], f"{path} holds what was not sent there"
 
 
 def contents(folder):

@@ -70,7 +70,7 @@ def wayland(machine, file="/run/wayland.png"):
     machine.trust_sample()
     document = (machine.build / SAMPLE).read_bytes()
     scenario = Scenario(real=True, tools=HELD_INSTALLER, old=True, rights="root", document=document,
-                answers=({}, {"rate": 1_000_000}) * 2)  # fmt: skip
+                        answers=({}, {"rate": 1_000_000}) * 2)
     with opened(machine, scenario) as (window, server):
         at = {"downloading": lambda: take(file), "continued": server.release}
         held = install_through_the_window(machine, window, lambda name: at.get(name, bool)())
@@ -156,7 +156,7 @@ def demonstration(machine, results="/run/results", *options):
         subprocess.run(["chown", "-R", "--reference", results.parent, results], check=True)
         machine.stop_programs()
     must_be = [f"/bin/rm -rf {APPLICATION}", "/usr/sbin/installer -pkg ~/Downloads/NVInst/Pellomar.pkg -target /",
-               "/usr/sbin/kextstat -b com.norvik.emu.kext.VBoxDrv"]  # fmt: skip
+               "/usr/sbin/kextstat -b com.norvik.emu.kext.VBoxDrv"]
     codes = ["event 814", "event 815", "event 817", "event 818", "event 826", "events submitted"]
     assert is_watched or (events, commands) == (codes, must_be)
     step("the installation reached its end")

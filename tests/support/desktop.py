@@ -92,7 +92,7 @@ class Compositor(Part):
         settings.write_text(WESTON)
         # Only with --debug may a program take pictures.
         command = ("weston", "--backend=headless-backend.so", "--use-pixman", "--width=1100", "--height=760", "--debug",
-                   f"--config={settings}", "--socket=wayland-pellomar", "--idle-time=0")  # fmt: skip
+                   f"--config={settings}", "--socket=wayland-pellomar", "--idle-time=0")
         super().__init__(*command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         wait_for("the compositor", (runtime / "wayland-pellomar").exists, while_running=self.process)
         os.environ.pop("DISPLAY", None)

@@ -118,7 +118,7 @@ class FaultServer:
         up_to, rate = (len(rest) if up_to < 0 else 0) + min(up_to, len(rest)), answer.get("rate", 0)
         block = max(1, min(16384, rate // 20)) if rate else max(1, up_to)
         for at in range(0, up_to, block):
-            connection.sendall(rest[at : min(at + block, up_to)])
+            connection.sendall(rest[at: min(at + block, up_to)])
             if rate:
                 self._released.wait(block / rate)
         if up_to < len(rest) and answer.get("ending") == "stall":

@@ -7,9 +7,9 @@ import time
 import gi
 
 gi.require_version("Atspi", "2.0")
-from gi.repository import Atspi, GLib  # noqa: E402
-import waiting  # noqa: E402
-from desktop import is_painted, output, window_called, xdotool  # noqa: E402
+from gi.repository import Atspi, GLib
+import waiting
+from desktop import is_painted, output, window_called, xdotool
 
 WINDOW_TITLE = "Pellomar下载器"
 # Names of roles differ between releases, and so does this constant's name, but not its value.
