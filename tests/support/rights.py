@@ -138,8 +138,7 @@ class RightsServices:
 
 
 # What the user does at the password dialog, as an agent's DIALOG (see agent.py).
-DIALOGS = {"right": 'echo "$2"', "wrong": '[[ ! $3 ]] && echo "not $2"', "close": "false", "wait": "exec sleep 600",
-           "slow": 'sleep 6; echo "$2"'}
+DIALOGS = {"right": 'echo "$2"', "close": "false", "wait": "exec sleep 600", "slow": 'sleep 6; echo "$2"'}
 
 
 class Agent(Part):
