@@ -14,6 +14,7 @@ PROBE = "HEAD"
 
 COMPLETE = [*DOWNLOADING, *FINISHED, *REFUSED]
 BROKEN_OFF = [*DOWNLOADING, *BROKEN]
+DISK_FULL = [*DOWNLOADING, "log Write of File failed:No space left on device", *BROKEN]
 CONTINUED = [*CONTINUE_PRESSED, *STOP_SHOWN]
 STOPPED = ["log stop_button has been clicked", "log CoreImageView stopDownload", "hide 停止", "show 继续"]
 GIVEN_UP = ["hide 停止", "hide 下载进度", "log Webstatic:Download Faild", "event 821"]
@@ -137,9 +138,10 @@ DOWNLOAD_SCENARIOS = {
          "> 20%", "> picture downloading", "> focus 停止", "> Return", *STOPPED, "status 已停止下载", "> picture stopped",
          "> focus 继续", "> KP_Enter", *CONTINUED, "> stall", "> picture resumed", *CLOSED],
         rights="none", answers=({}, {"rate": 4_000}, STALL_AT_ONCE)),
+    # The first block that does not fit is written in part; the next time there is no room at all.
     "full disk": scenario(
-        [*DOWNLOADING, "log Write of File failed:No space left on device", *BROKEN, "> space on disk", *TRIES_AGAIN,
-         *COMPLETE], prepare=mount_small, asked=[PROBE, None, PROBE, 4096 * 10], holds=ALL),
+        [*DISK_FULL, *TRIES_AGAIN, *DISK_FULL, "> space on disk", *TRIES_AGAIN, *COMPLETE], prepare=mount_small,
+        asked=[PROBE, None, *[PROBE, 4096 * 10] * 2], holds=ALL),
     "unwritable home": unusable("没有写入权限，请检查文件夹权限", "Permission denied", lambda machine: machine.home.chmod(0o555)),
     "read-only disk": unusable("磁盘是只读的，无法写入", "Read-only file system", lambda machine: mount(machine.home, "ro")),
     "file for a folder": unusable("路径中有一项不是文件夹", "Not a directory",

@@ -32,8 +32,8 @@ class CapturedLog {
     }
 
     /// How often `words` occur in it.
-    [[nodiscard]] int count(const char* words) const {
-        return static_cast<int>(QByteArray::fromStdString(text()).count(words));
+    [[nodiscard]] int count(const std::string& words) const {
+        return static_cast<int>(QByteArray::fromStdString(text()).count(words.c_str()));
     }
 
   private:

@@ -112,8 +112,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def send(self, head, body, answer):
         cut, rate, released = answer.get("cut", len(body)), answer.get("rate", 0), self.server.released
-        up_to = 0 if cut is None else len(head) + (len(body) + cut if cut < 0 else min(cut, len(body)))
-        rest = memoryview(head + body)
+        if cut is None:
+            up_to, rest = 0, head + body
+        else:
+            self.connection.sendall(head)
+            up_to, rest = len(body) + cut if cut < 0 else min(cut, len(body)), memoryview(body)
         block = min(16384, rate // 20) if rate else max(1, up_to)
         for at in range(0, up_to, block):
             self.connection.sendall(rest[at:min(at + block, up_to)])
