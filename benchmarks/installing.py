@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Installs signed packages of 0.9 GB and of 4 GB with installer, and unpacks their payloads with bsdtar and sync -f, in
-turn. Prints medians, spread and ratios. All targets stay until the end: ext4 makes new files slowly just after others were removed."""
+turn. Prints medians, spread and ratios. All targets stay until the end: ext4 makes new files slowly just after others
+were removed."""
 import argparse
 import os
 import random

@@ -29,7 +29,8 @@ def downloads(by_program, title):
 
     rows = [[program, spread([result["seconds"] for result in results]),
              ratio(program, "bare loop", "seconds"), ratio(program, "curl", "seconds"),
-             spread([result["processor"] for result in results]), ratio(program, "curl", "processor")] for program, results in by_program.items()]
+             spread([result["processor"] for result in results]), ratio(program, "curl", "processor")]
+            for program, results in by_program.items()]
     delayed_by = next(iter(by_program.values()))[0].get("delayed_by")
     note = f" (delayed by a {delayed_by}, all five at once)" if delayed_by else ""
     head = ["", "seconds", "÷ bare loop", "÷ curl", "processor seconds", "÷ curl"]

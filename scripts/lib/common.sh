@@ -87,8 +87,8 @@ view() {
     setpriv --pdeathsig TERM "$project/scripts/view" "$@"
 }
 
-# Every C++ source and header, NUL-separated, relative to the project folder.
-find_sources() {
-    (cd -- "$project" && find . \( -path ./build -o -path ./.git \) -prune -o \
-        \( -name '*.cpp' -o -name '*.h' \) -printf '%P\0')
+# The project's files of these kinds, NUL-separated, relative to the project folder.
+find_sources() { # EXTENSION|EXTENSION...
+    (cd -- "$project" && find . -regextype egrep \( -path ./build -o -path ./.git \) -prune -o \
+        -regex ".*\.($1)" -printf '%P\0')
 }

@@ -10,8 +10,8 @@ import time
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "support"))
-import waiting  # noqa: E402
-from waiting import PATIENCE, Blocked  # noqa: E402
+import waiting
+from waiting import PATIENCE, Blocked
 
 SHARED_KEYS = {" ": "spc", "-": "minus", ".": "dot", "/": "slash", "\n": "ret"}
 LOOKING = 20  # seconds that one look at the screen takes at most

@@ -133,7 +133,9 @@ class Install(HostTest):
             ("hard link", holding(file("a", "x", links=2)), "use a copy or a symbolic link"),
             ("payload is no archive", xar(PackageInfo=INFO, Payload=b"plainly"), "pack it with cpio and gzip"),
             ("payload without its end", xar(PackageInfo=INFO, Payload=sound[:-9]), "payload breaks off"),
-            ("cpio cut in a file", xar(PackageInfo=INFO, Payload=gzip.compress(gzip.decompress(payload(file("a", "x" * 1_000)))[:500])), "breaks off"),
+            ("cpio cut in a file",
+             xar(PackageInfo=INFO, Payload=gzip.compress(gzip.decompress(payload(file("a", "x" * 1_000)))[:500])),
+             "breaks off"),
             ("cpio with checksums", xar(PackageInfo=INFO, Payload=gzip.compress(checked)), "use odc or newc"),
             ("product archive", xar(Distribution=b"<x/>", Payload=sound), "a flat package is wanted"),
             ("version with letters", described(info.replace("1.0", "2.0-rc1")), "only digits and dots"),
@@ -249,7 +251,7 @@ class Install(HostTest):
             ("folder", user, "mkdir Pellomar.pkg; chown owner *", odd, "not a regular file"),
             ("pipe", user, "mkfifo Pellomar.pkg; chown owner *", odd, "not a regular file"),
             ("no such user", 54321, own, odd, "cannot be opened"), ("no number", "1x", own, odd, "not the number"),
-        )  # fmt: skip
+        )
         for name, number, make, path, cause in rows:
             shutil.rmtree(odd.parent, ignore_errors=True)
             odd.parent.mkdir()

@@ -94,11 +94,11 @@ class Signing(HostTest):
         table, end = zlib.decompress(good[28:heap]).decode(), 288 + len(INFO + PAYLOAD)
 
         def flipped(at):
-            return good[:at] + bytes([good[at] ^ 4]) + good[at + 1 :]
+            return good[:at] + bytes([good[at] ^ 4]) + good[at + 1:]
 
         def changed(pattern, new):
             """Everything that can be put right without the key is."""
-            return pack(re.sub(pattern, new, table, count=1, flags=re.DOTALL), good[heap + 32 :])
+            return pack(re.sub(pattern, new, table, count=1, flags=re.DOTALL), good[heap + 32:])
 
         def sealed(more="", extra=b"", digest="sha256"):
             """A signature alone is not enough: what is signed must be sound, too."""
@@ -113,7 +113,7 @@ class Signing(HostTest):
             ("trailing byte", good + b"x", "does not account for"),
             ("stripped of its signature", changed("<signature.*</signature>", ""), "is not signed"),
             ("not base64", changed("<X509Certificate>.*?<", "<X509Certificate>====<"), "malformed certificate"),
-            ("another's signature", good[: heap + 32] + other[there + 32 :][:256] + good[heap + 288 :], "signature"),
+            ("another's signature", good[: heap + 32] + other[there + 32:][:256] + good[heap + 288:], "signature"),
             ("two entries of one name", sealed(entry("Payload", end, b"evil"), b"evil"), "two entries"),
             ("entry over the signature", sealed(entry("x", 40, b"1234")), "overlap"),
             ("offset that overflows", sealed(entry("x", 1 << 63, b"1")), "malformed offset"),

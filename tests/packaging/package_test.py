@@ -10,9 +10,9 @@ from pathlib import Path
 
 PROJECT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(PROJECT / "tests/support"))
-from desktop import Display, Session  # noqa: E402
-from rights import USER, add_users, as_user  # noqa: E402
-from window import Window  # noqa: E402
+from desktop import Display, Session
+from rights import USER, add_users, as_user
+from window import Window
 
 # Not the name that the build was configured with, and full of characters that a shell or CMake could take for its own.
 NAME = "Pellomar-测试版-2.0.1;$HOME@x@.pkg"
@@ -24,16 +24,16 @@ PROGRAMS = {"PellomarDownloader", "installer", "kextstat", "pellomar-downloader-
 UNITS = Path("/usr/lib/systemd/system")
 SCRATCH = Path("/tmp/packaging-test")
 DEPENDS = ("psmisc", "xdg-utils", r"polkitd \|.*", r"fonts-noto-cjk \|.*", "libqt6widgets6 .*", "libcurl4(t64)? .*",
-           "libarchive13(t64)? .*")  # fmt: skip
+           "libarchive13(t64)? .*")
 # Calls that FORTIFY replaces by checked ones wherever they appear.
 UNCHECKED = re.compile(r" UND v?(f|s|sn|d)?printf(@|$)", re.MULTILINE)
 HARDENED = (r"Type: +DYN", r"FLAGS_1.*\bPIE\b", " GNU_RELRO ", r"\(FLAGS\).*BIND_NOW|\(FLAGS_1\).*\bNOW\b",
-            r"GNU_STACK .* RW +0x", " __stack_chk_fail")  # fmt: skip
+            r"GNU_STACK .* RW +0x", " __stack_chk_fail")
 
 
 def run(*command, **options):
     done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace",
-                          check=False, **options)  # fmt: skip
+                          check=False, **options)
     if done.returncode != 0:
         raise AssertionError(f"{command} ended with {done.returncode}:\n{done.stdout}")
     return done.stdout
@@ -41,7 +41,7 @@ def run(*command, **options):
 
 def dpkg(*arguments):
     run("dpkg", "--no-triggers", "--force-unsafe-io", "--force-confdef", "--force-confold", *arguments,
-        env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"})  # fmt: skip
+        env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"})
 
 
 def found(paths):
@@ -82,9 +82,9 @@ class PackagingTest(unittest.TestCase):
         for path in cls.certificates:
             run(PROJECT / "sample/make-certificate", "openssl", "Publisher", key, path)
         for ok, certificates, pins in ((False, [key], keys), (False, ["/missing"], keys), (False, [], keys),
-                                       (False, cls.certificates, ["0123"]), (True, cls.certificates, keys)):  # fmt: skip
+                                       (False, cls.certificates, ["0123"]), (True, cls.certificates, keys)):
             command_line = ["cmake", cls.build, f"-DPELLOMAR_PUBLISHER_CERTIFICATE={';'.join(map(str, certificates))}",
-                            f"-DPELLOMAR_PUBLISHER_KEYS={';'.join(pins)}"]  # fmt: skip
+                            f"-DPELLOMAR_PUBLISHER_KEYS={';'.join(pins)}"]
             done = subprocess.run(command_line, capture_output=True, check=False)
             assert (done.returncode == 0) == ok, (certificates, pins, done)
         cls.digests = []

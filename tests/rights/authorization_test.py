@@ -14,7 +14,7 @@ from pathlib import Path
 import harness
 from harness import (APPLICATION, BUS_SERVICE, GO, HOLD, INSTALLER, KEXTSTAT, MECHANISM, PACKAGE, QUERY, REMOVE, RESTART,
                      STAGING, STARTED, TRANSACTION, USER, Agent, RightsTest, as_user, install, main, make_tool, version,
-                     wait_for)  # fmt: skip
+                     wait_for)
 
 from packages import file, package
 from waiting import PATIENCE
@@ -107,7 +107,7 @@ class AllowedWithoutPassword(RightsTest):
             ("others' staging folder", f"mkdir -m 755 {STAGING}", f"rmdir {STAGING}", "old"),
             ("no program", f"mv {TRANSACTION} {away}", f"mv {away} {TRANSACTION}", "new"),
             ("program of others", f"chmod 775 {TRANSACTION}", f"chmod 755 {TRANSACTION}", "new"),
-        )  # fmt: skip
+        )
         for (name, make, undo, good), user, content in itertools.product(rows, (USER, "root"), (new, b"refused")):
             with self.subTest(name, user=user, is_good=content is new):
                 self.set_up_files()
@@ -154,7 +154,7 @@ class Asked(RightsTest):
     def test_a_password_in_every_kind_of_session(self):
         told = subprocess.run(["pkaction", "--verbose", "--action-id", harness.NAME], capture_output=True, text=True)
         self.assertEqual(re.findall(r"implicit (\w+): +(\S+)", told.stdout),
-                         [(kind, "auth_admin") for kind in ("any", "inactive", "active")])  # fmt: skip
+                         [(kind, "auth_admin") for kind in ("any", "inactive", "active")])
 
     def test_a_password_that_takes_longer_than_a_usual_call(self):
         self.start_service_by(f"/usr/bin/env SYSTEMD_BUS_TIMEOUT=1 {MECHANISM}")

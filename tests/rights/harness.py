@@ -10,10 +10,10 @@ if os.environ.get("PELLOMAR_VIEW") != "1":
     sys.exit("adds users and runs tools as root: runs only in the throw-away view")
 PROJECT = Path(__file__).resolve().parents[2]
 sys.path[1:1] = [str(PROJECT / "tests/support"), str(PROJECT / "tests/host")]
-from gi.repository import Gio, GLib  # noqa: E402
-import rights  # noqa: E402
-from rights import BUS_SERVICE, MECHANISM, TRANSACTION, USER, Agent, RightsServices, as_user  # noqa: E402, F401
-from waiting import wait_for  # noqa: E402, F401
+from gi.repository import Gio, GLib
+import rights
+from rights import BUS_SERVICE, MECHANISM, TRANSACTION, USER, Agent, RightsServices, as_user  # noqa: F401
+from waiting import wait_for  # noqa: F401
 
 APPLICATION = Path("/Applications/Pellomar.app")
 STAGING = Path("/.pellomar-installer")
@@ -65,7 +65,7 @@ class Caller:
         files = Gio.UnixFDList.new_from_array([os.dup(descriptor) for descriptor in descriptors])
         try:
             _, received = self.bus.call_with_unix_fd_list_sync(
-                NAME, PATH, NAME, method, arguments, None, 0, -1, files, None)  # fmt: skip
+                NAME, PATH, NAME, method, arguments, None, 0, -1, files, None)
             if received:
                 self.reader = received.get(0)
             return ""
@@ -135,4 +135,3 @@ def main():
     program = unittest.main(argv=[sys.argv[0], *sys.argv[2:]], exit=False, verbosity=2, failfast=True)
     text = services.log.read_text(errors="replace")
     sys.exit(text if "Sanitizer" in text or not program.result.wasSuccessful() else 0)
-

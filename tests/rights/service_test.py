@@ -9,7 +9,7 @@ from pathlib import Path
 import harness
 from harness import (APPLICATION, GO, HOLD, INSTALLER, KEXTSTAT, MECHANISM, PACKAGE, QUERY, REMOVE,
                      REPLACE, RESTART, SCRIPT, STAGING, STARTED, TRANSACTION, Caller, GLib, RightsTest, install,
-                     main, make_tool, version, wait_for)  # fmt: skip
+                     main, make_tool, version, wait_for)
 
 # The blocked signals, and of the ignored ones the digit of the broken pipe.
 REPORT = r"""sed -nE 's/^SigBlk:\s+//p; s/^SigIgn:.*(.)...$/\1/p' /proc/self/status
@@ -27,14 +27,14 @@ class Refusals(RightsTest):
             [*QUERY[:2], "com.norvik.emu.kext.VBoxNetFlt"], [*QUERY[:2], QUERY[2] + "\n"], [*QUERY, *QUERY[1:]],
             install("Pellomar.pkg"), install(PACKAGE.parent / "../Pellomar.pkg"), install("/tmp/other.pkg"),
             [str(SCRIPT)], [str(SCRIPT), "stop"], [str(SCRIPT) + "\vforged", "restart"],
-        ):  # fmt: skip
+        ):
             with self.subTest(line):
                 self.assertEqual(caller.run(line), "NotAllowed")
         lines, journal = (REMOVE, install(), QUERY, RESTART), harness.services.journal()
         self.assertIn(f"refused {caller.name}: not a command of an installation", journal[-1])
         self.assertEqual(Caller().run(QUERY), "NotAuthorized")  # not logged: anybody could fill the journal
         self.assertEqual([caller.run(line) for line in lines], [""] * 4)
-        for logged, line in zip(harness.services.journal()[len(journal) :], lines, strict=True):
+        for logged, line in zip(harness.services.journal()[len(journal):], lines, strict=True):
             self.assertRegex(logged, f": started {line[0]} as process [0-9]+ for {caller.name} of user {harness.owner[0]}$")
 
     def test_descriptors_of_a_caller(self):
@@ -81,7 +81,7 @@ class Grants(RightsTest):
         victim, attacker = Caller().authorize(), Caller()
         service = harness.rights.ask_bus("GetNameOwner", harness.NAME)
         attacker.bus.emit_signal(service, "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged",
-                                 GLib.Variant("(sss)", (victim.name, victim.name, "")))  # fmt: skip
+                                 GLib.Variant("(sss)", (victim.name, victim.name, "")))
         self.assertEqual((attacker.run(QUERY), victim.run(QUERY)), ("NotAuthorized", ""), "in the order sent")
 
     def test_the_idle_service_exits(self):
@@ -120,7 +120,7 @@ class Grants(RightsTest):
         environment = "PATH=/usr/sbin:/usr/bin:/sbin:/bin|LC_ALL=C|HOME=/root|"
         environment += f"INSTALLER_PACKAGE_USER={harness.owner[0]}"
         self.assertEqual(Caller().authorize().run(install()),
-                         f"{'0' * 16}\n0\n0 0022 /\n{words}| {environment}| /dev/null\n")  # fmt: skip
+                         f"{'0' * 16}\n0\n0 0022 /\n{words}| {environment}| /dev/null\n")
 
 
 def begin():
@@ -144,7 +144,7 @@ class Application(RightsTest):
             ("begun again", lambda caller: (caller.close(), begin().close()), "old"),
             ("transaction killed", lambda caller: (self.kill(TRANSACTION), caller.close()), "old"),
             ("both killed", lambda _: (self.kill(TRANSACTION), self.kill(MECHANISM)), "old"),
-        ):  # fmt: skip
+        ):
             with self.subTest(name):
                 caller = begin()
                 if isinstance(end, str):

@@ -41,7 +41,8 @@ def take_pictures(build, folder, scale):
     os.environ["QT_SCALE_FACTOR"] = scale
     machine = Machine(Path(build), lambda: Display("1800x1200" if scale == "2" else "1100x760"))
     suffix = "@2x.png" if scale == "2" else ".png"
-    machine.camera = lambda name: take_window(Path(folder, name + suffix), WINDOW_TITLE, scale == "1")
+    frame = ["-frame"] if scale == "1" else []
+    machine.camera = lambda name: take_window(Path(folder, name + suffix), WINDOW_TITLE, *frame)
     for part, scenario in (part for name in SCENARIOS for part in parts(name)):
         if not callable(scenario) and any("> picture" in line for line in scenario.lines):
             step(part)

@@ -10,11 +10,11 @@ import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "support"))
-from desktop import xdotool  # noqa: E402
-from machine import ADDRESS, ERRORS, HOLD, trace  # noqa: E402
-from server import FaultServer  # noqa: E402
-from waiting import Blocked, wait_for  # noqa: E402
-from window import ALERT, Atspi  # noqa: E402
+from desktop import xdotool
+from machine import ADDRESS, ERRORS, HOLD, trace
+from server import FaultServer
+from waiting import Blocked, wait_for
+from window import ALERT, FOCUSED
 
 FLAG = "Library/Application Support/PellomarData/CoverInstallFlag"
 SMALL_DISK = Path("/mnt/small")
@@ -52,8 +52,7 @@ class Scenario:
 def act(machine, window, server, action):
     match action.split():
         case ["Escape" | "Return" | "KP_Enter" | "space"]:  # a key, for what has the focus
-            focused = Atspi.StateType.FOCUSED
-            window.wait_for("the focus", lambda: any(item.has(focused) for item in window.showing()))
+            window.wait_for("the focus", lambda: any(item.has(FOCUSED) for item in window.showing()))
             xdotool("key", action)
         case ["focus", button]:
             window.focus(button)

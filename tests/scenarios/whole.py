@@ -1,5 +1,5 @@
-"""A whole installation with the real tools and package: on a Wayland compositor, and as scripts/run shows it, to an
-ordinary user, with the sample's server and password dialog."""
+"""A whole installation with the real tools and the real package: on a Wayland compositor, and as scripts/run shows it, for
+an ordinary user, with the sample's server and password dialog."""
 
 import contextlib
 import itertools
@@ -10,7 +10,7 @@ import subprocess
 import time
 from pathlib import Path
 
-from scenario import HELD, Scenario, act, opened  # first: it finds tests/support
+from scenario import HELD, Scenario, act, opened  # first: it adds tests/support to the path
 from desktop import is_painted, take, take_window, window_called, xdotool
 from machine import APPLICATION, INSTALLER, OLD, PRODUCT, PROJECT, REAL, SAMPLE, trace, write
 from rights import ADMINISTRATOR, PASSWORD, USER, as_user
@@ -21,21 +21,19 @@ from window import PASSWORD as PASSWORD_FIELD
 BAR, READING_TIME = "下载进度", 900  # seconds; the user may leave and come back
 DOWNLOADING = "正在下载Pellomar"
 HELD_INSTALLER = {INSTALLER: [f'{HELD}exec {REAL}/installer "$@"']}
-TITLES = {"password": "管理员密码（演示）", "launched": "Pellomar"}
 
 
 def install_through_the_window(machine, window, picture, type_password=lambda: None):
     """Returns the size of the partial download, in bytes, when it was stopped."""
     document = (machine.build / SAMPLE).read_bytes()
     click = window.press if "DISPLAY" in os.environ else window.invoke
-    assert window.screen() == ({"开始"}, [])
+    assert window.screen() == ({"开始"}, []), window.screen()
     (agreement,) = [item for item in window.all() if item.role() == CHECK_BOX]
-    assert agreement.name() == "同意许可协议" and agreement.has(Atspi.StateType.CHECKED)
+    assert agreement.name() == "同意许可协议" and agreement.has(Atspi.StateType.CHECKED), "the agreement is not ticked"
     picture("first-screen")
     click("开始")
     window.wait_for_screen(DOWNLOADING, "停止", BAR)
     window.wait_for("a speed", lambda: any(re.fullmatch(r"[1-9]\d* KB/s", text) for text in window.labels()))
-    window.wait_for_percent(20)
     picture("downloading")
     click("停止")
     window.wait_for_screen("已停止下载", "继续", BAR)
@@ -43,38 +41,38 @@ def install_through_the_window(machine, window, picture, type_password=lambda: N
     window.wait_for("the bar's last frame", lambda: window.percent() == held * 100 // len(document))
     picture("stopped")
     click("继续")
-    window.wait_for_percent(50)
     window.wait_for_status(DOWNLOADING)
     picture("continued")
     type_password()
     window.wait_for_screen("是否保留已安装游戏和应用", "确定", "取消", BAR)
-    assert {"已完成下载", "安装向导"} < set(window.labels()) and window.percent() == 100
+    texts = window.labels()
+    assert {"已完成下载", "安装向导"} < {*texts} and window.percent() == 100, (texts, window.percent())
     picture("keep-data-question")
     click("确定")
     window.wait_for_status("正在安装Pellomar")
     picture("installing")
     act(machine, window, None, "proceed")
     expect_launched(machine, window)
-    assert machine.file("pkg").read_bytes() == document
+    assert machine.file("pkg").read_bytes() == document, "the package is not what the server has"
     return held
 
 
 def expect_launched(machine, window):
     wait_for("the end of the window", lambda: window.process.poll() is not None)
-    assert window.process.returncode == 0, window.process.returncode
     owners = {Path(f"/proc/{process}").owner() for process in wait_for("the product", lambda: processes(PRODUCT))}
-    assert owners == {machine.owner} and not OLD.exists(), owners
+    seen = window.process.returncode, owners, OLD.exists()
+    assert seen == (0, {machine.owner}, False), f"status, owners of the product, old copy: {seen}"
 
 
 def wayland(machine, file="/run/wayland.png"):
     machine.trust_sample()
     document = (machine.build / SAMPLE).read_bytes()
     scenario = Scenario(real=True, tools=HELD_INSTALLER, old=True, rights="root", document=document,
-                answers=({}, {"rate": 1_000_000}) * 2)  # fmt: skip
+                        answers=({}, {"rate": 300_000}) * 2)
     with opened(machine, scenario) as (window, server):
         at = {"downloading": lambda: take(file), "continued": server.release}
         held = install_through_the_window(machine, window, lambda name: at.get(name, bool)())
-        assert server.requests[-1][2] == held, server.requests
+        assert server.requests[-1][2] == held, f"stopped at {held}, then {server.requests}"
 
 
 def watch(window, picture):
@@ -101,26 +99,27 @@ def demonstration(machine, results="/run/results", *options):
     machine.trust_sample()
     shutil.copy(machine.build / ".config", machine.config)
     dialog = shutil.copy(machine.build / "sample/password-dialog", "/usr/local/bin")
-    subprocess.run([REAL / "installer", "-pkg", machine.build / SAMPLE, "-target", "/"], check=True, stdout=subprocess.DEVNULL)
+    install = [REAL / "installer", "-pkg", machine.build / SAMPLE, "-target", "/"]
+    subprocess.run(install, check=True, stdout=subprocess.DEVNULL)
     write(OLD, "")
     step(f"{USER} is an ordinary user, {ADMINISTRATOR} an administrator; an old copy is in {APPLICATION}")
 
-    def picture(name):
-        # A change is drawn after it is made: one more turn of the window's event loop comes first.
+    def picture(name, title=None):
+        # A change is drawn after it is made, in the next turn of the window's event loop.
         step(f"{name}: {', '.join(filter(None, window.labels() and window.labels()))}")
         file = results / f"{next(numbers):02d}-{name}.png"
         if not is_watched:
             take(file)
         elif window_called(WINDOW_TITLE):  # only the window: a user's desktop is private
-            take_window(file, WINDOW_TITLE, False)
-        if name in TITLES:
-            take_window(results / f"{name}.png", TITLES[name])
+            take_window(file, WINDOW_TITLE)
+        if title:
+            take_window(results / f"{name}.png", title, "-frame")
 
     def type_password():
         screen = Screen("password-dialog")
         screen.press("密码", PASSWORD_FIELD)
         xdotool("type", "--delay", 30, PASSWORD)
-        picture("password")
+        picture("password", "管理员密码（演示）")
         screen.press("认证")
 
     subprocess.run([*serve, "--background", machine.build / "sample", files], check=True)
@@ -139,9 +138,10 @@ def demonstration(machine, results="/run/results", *options):
                 window.wait_until_drawn()
                 held = install_through_the_window(machine, window, picture, type_password)
                 wait_for("the drawn product", lambda: is_painted(window_called("Pellomar")))
-                picture("launched")
-                assert old.poll() is not None and machine.agent.asked() == 1
-                assert f'range="bytes={held}-" 206' in (files / "logs/access.log").read_text()
+                picture("launched", "Pellomar")
+                assert old.poll() is not None, "the old copy is still running"
+                assert machine.agent.asked() == 1, machine.agent.lines()
+                assert f'range="bytes={held}-" 206' in (files / "logs/access.log").read_text(), f"no range from {held}"
     finally:
         subprocess.run([*serve, "--stop", files], check=True)
         lines = trace(machine.home)
@@ -156,9 +156,9 @@ def demonstration(machine, results="/run/results", *options):
         subprocess.run(["chown", "-R", "--reference", results.parent, results], check=True)
         machine.stop_programs()
     must_be = [f"/bin/rm -rf {APPLICATION}", "/usr/sbin/installer -pkg ~/Downloads/NVInst/Pellomar.pkg -target /",
-               "/usr/sbin/kextstat -b com.norvik.emu.kext.VBoxDrv"]  # fmt: skip
+               "/usr/sbin/kextstat -b com.norvik.emu.kext.VBoxDrv"]
     codes = ["event 814", "event 815", "event 817", "event 818", "event 826", "events submitted"]
-    assert is_watched or (events, commands) == (codes, must_be)
+    assert is_watched or (events, commands) == (codes, must_be), f"not {codes}, or not {must_be}"
     step("the installation reached its end")
 
 

@@ -1,5 +1,9 @@
 #pragma once
 
+#include "platform/FileManager.h"
+
+#include <QByteArray>
+
 #include <unistd.h>
 
 #include <cstdio>
@@ -24,20 +28,12 @@ class CapturedLog {
     /// Everything so far.
     [[nodiscard]] std::string text() const {
         std::fflush(stdout);
-        std::string text(static_cast<std::size_t>(lseek(fileno(file_), 0, SEEK_END)), '\0');
-        const ssize_t count = pread(fileno(file_), text.data(), text.size(), 0);
-        text.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
-        return text;
+        return readFile("/proc/self/fd/" + std::to_string(fileno(file_))).value();
     }
 
     /// How often `words` occur in it.
     [[nodiscard]] int count(const std::string& words) const {
-        const std::string all = text();
-        int found = 0;
-        for (std::size_t at = all.find(words); at != std::string::npos; at = all.find(words, at + 1)) {
-            ++found;
-        }
-        return found;
+        return static_cast<int>(QByteArray::fromStdString(text()).count(words.c_str()));
     }
 
   private:

@@ -14,7 +14,7 @@ import gi
 
 gi.require_version("Polkit", "1.0")
 gi.require_version("PolkitAgent", "1.0")
-from gi.repository import Gio, GLib, Polkit, PolkitAgent  # noqa: E402
+from gi.repository import Gio, GLib, Polkit, PolkitAgent
 
 PATH = "/com/norvik/PellomarDownloader/Agent"
 INTERFACE = Gio.DBusNodeInfo.new_for_xml("""

@@ -5,7 +5,6 @@ import os
 import re
 import shutil
 import subprocess
-import sys
 import tempfile
 from pathlib import Path
 
@@ -19,7 +18,7 @@ WESTON = "[shell]\npanel-position=none\nbackground-color=0xff2b3b4b\nlocking=fal
 
 
 def output(*command):
-    """What a command prints, or None where it fails."""
+    """What a command prints, or None if it fails."""
     done = subprocess.run([*map(str, command)], capture_output=True, text=True, check=False)
     return done.stdout.strip() if done.returncode == 0 else None
 
@@ -51,10 +50,7 @@ class Session(Part):
         configuration.write_text(SESSION_BUS)
         bus = ("dbus-daemon", f"--config-file={configuration}", "--nofork", "--print-address=1")
         super().__init__(*bus, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, **start)
-        address = self.process.stdout.readline().strip()
-        if not address:
-            raise Blocked("the session bus did not start")
-        os.environ["DBUS_SESSION_BUS_ADDRESS"] = address
+        os.environ["DBUS_SESSION_BUS_ADDRESS"] = self.process.stdout.readline().strip()
 
 
 class Display(Part):
@@ -74,46 +70,35 @@ class Display(Part):
         Part("openbox", stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         # A window manager that follows the convention announces itself on the root window.
         wait_for("the window manager", lambda: xdotool("get_num_desktops") is not None)
-        # The first key ever pressed makes the window manager set up its shortcuts anew, and is lost.
+        # The first key ever pressed makes the window manager set up its shortcuts again, and is lost.
         xdotool("key", "Shift_L")
         output("display", "-window", "root", "-size", size, "xc:#2b3b4b")
 
 
 class Compositor(Part):
-    """A Wayland compositor without a screen, in the session that runs. There is no X server and no mouse: whatever
-    is pressed is pressed through accessibility. Ends the process with 77 where it is not installed."""
+    """A Wayland compositor without a screen, in the running session. It has no X server and no mouse: buttons are
+    pressed through accessibility."""
 
     def __init__(self):
-        if not shutil.which("weston") or not list(Path("/usr/lib").glob("*/qt6/plugins/platforms/libqwayland*.so")):
-            print("weston, or the toolkit's Wayland plugin, is not installed", file=sys.stderr)
-            sys.exit(77)
         runtime = Path(os.environ["XDG_RUNTIME_DIR"])
         settings = runtime / "weston.ini"
         settings.write_text(WESTON)
-        # Only with --debug may a program take pictures.
+        # Programs may take pictures only with --debug.
         command = ("weston", "--backend=headless-backend.so", "--use-pixman", "--width=1100", "--height=760", "--debug",
-                   f"--config={settings}", "--socket=wayland-pellomar", "--idle-time=0")  # fmt: skip
+                   f"--config={settings}", "--socket=wayland-pellomar", "--idle-time=0")
         super().__init__(*command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         wait_for("the compositor", (runtime / "wayland-pellomar").exists, while_running=self.process)
         os.environ.pop("DISPLAY", None)
         os.environ.update(WAYLAND_DISPLAY="wayland-pellomar", QT_QPA_PLATFORM="wayland")
 
 
-def geometry(window):
-    """Left, top, width and height of an X window; nothing when it is gone."""
-    fields = r"(?:Absolute upper-left [XY]|Width|Height): +(-?\d+)"
-    return [int(number) for number in re.findall(fields, output("xwininfo", "-id", window) or "")]
-
-
 def window_called(title):
-    """The X window with this title on screen, or None: the largest one, since a dialog bears its window's title."""
-    found = (xdotool("search", "--onlyvisible", "--name", f"^{re.escape(title)}$") or "").split()
-    sizes = {window: geometry(window)[2:] for window in found}
-    return max(filter(sizes.get, found), key=lambda window: sizes[window][0] * sizes[window][1], default=None)
+    """The X window with this title, or None. The first one is the lowest: a dialog has its window's title."""
+    return next(iter((xdotool("search", "--onlyvisible", "--name", f"^{re.escape(title)}$") or "").split()), None)
 
 
 def is_painted(window):
-    """Whether a window of ours has been drawn: before that it shows the desktop's one colour."""
+    """True if a window of ours has been drawn: before that it shows the desktop's one colour."""
     if window is None:
         return False
     colours = output("sh", "-c", f"import -silent -window {window} miff:- | identify -format %k -") or ""
@@ -123,17 +108,13 @@ def is_painted(window):
 def take(picture, *options):
     """Writes what is on screen to the PNG file PICTURE."""
     if "WAYLAND_DISPLAY" not in os.environ:
-        subprocess.run(["import", "-silent", "-window", "root", *options, "+repage", picture], check=True)
+        subprocess.run(["import", "-silent", *(options or ("-window", "root")), "+repage", picture], check=True)
     else:
         with tempfile.TemporaryDirectory() as home:
             subprocess.run(["weston-screenshooter"], cwd=home, env=os.environ | {"XDG_PICTURES_DIR": home}, check=True)
             shutil.move(next(Path(home).iterdir()), picture)
 
 
-def take_window(picture, title, with_frame=True):
-    """Writes what is where the window with this TITLE is, so also a dialog that lies on it."""
-    window = wait_for(f"a window called {title}", lambda: window_called(title))
-    x, y, width, height = geometry(window)
-    extents = output("xprop", "-notype", "-id", window, "_NET_FRAME_EXTENTS") if with_frame else ""
-    left, right, top, bottom = (int(part) for part in extents.split("=")[1].split(",")) if extents else [0] * 4
-    take(picture, "-crop", f"{width + left + right}x{height + top + bottom}{x - left:+d}{y - top:+d}")
+def take_window(picture, title, *frame):
+    """Writes the window with this TITLE, and the dialog that lies on it; with "-frame", the window's frame, too."""
+    take(picture, *frame, "-screen", "-window", wait_for(f"a window called {title}", lambda: window_called(title)))

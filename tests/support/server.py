@@ -5,26 +5,25 @@ As a program, for `FaultServer([{}, {"cut": 40_000, "ending": "stall"}], documen
 
     server.py --document DOCUMENT -- "" "cut=40000 ending=stall"
 
-It prints its port, then a line for each request: method, path and the first byte asked for ("-" where no range is).
-The end of its standard input ends it.
+It prints its port, then a line for each request: method, path and the first byte asked for ("-" without a range). It
+ends at the end of its standard input.
 
-Answers are taken in order, one a request (a download is a HEAD and then a GET), and the last one repeats. Each is a
-dict of the following, {} being the right answer. Every connection is closed after one answer.
+Answers are taken in order, one for each request (a download is a HEAD and then a GET), and the last one repeats. Each is
+a dict of the following; {} is the right answer. Every connection is closed after one answer.
 
-    status   in place of 200, 206 or 416; the range is ignored
-    body     in place of the document: bytes, or a number of bytes (of the document, repeated)
-    length   in place of the right Content-Length; None: no such header
-    range    "honour", "ignore" (200 and all of it) or "shift" (206 with what begins one byte too early)
+    status   instead of 200 or 206; the range is ignored
+    body     instead of the document: bytes, or a number of bytes (of the document, repeated)
+    length   instead of the right Content-Length; None: no such header
+    range    "ignore": 200 and all of it
     headers  a dict of further headers
-    redirect an address: 302 and a Location
-    head     how many bytes of status line and headers are sent
-    cut      how many bytes of the body are sent; negative: all but so many
-    ending   after `head` or `cut`: "close", "reset", or "stall": the rest follows on release()
+    cut      how many bytes of the body are sent; negative: all but so many; None: not even the status line
+    ending   after `cut`: "close", "reset", or "stall": the rest follows on release()
     rate     bytes of the body a second, until release()
-    arrival  of the client that would get this answer: "refuse", from when the answer before it begins, and for good
+    arrival  "refuse": from when the answer before this one begins, connections are refused; "ignore": they are neither
+             refused nor accepted
 """
 
-import contextlib
+import http.server
 import re
 import socket
 import struct
@@ -33,101 +32,103 @@ import threading
 from pathlib import Path
 
 
-class FaultServer:
+class FaultServer(http.server.ThreadingHTTPServer):
     """port: where it listens; requests: (method, path, first byte or None) in order; stalled: the connections that
     wait for release() now. It serves in a `with` block; any thread may use it."""
 
+    request_queue_size = 128
+
     def __init__(self, answers=({},), address=("127.0.0.1", 0), document=bytes(range(251)) * 400, prints=False):
-        self._answers, self._document, self._prints = answers, document, prints
-        self._listener = socket.create_server(address, backlog=128)
-        self.port, self.requests, self.stalled = self._listener.getsockname()[1], [], []
-        self._lock, self._released = threading.Lock(), threading.Event()
+        super().__init__(address, Handler)
+        self.answers, self.document, self.prints = answers, document, prints
+        self.port, self.requests, self.stalled = self.server_address[1], [], []
+        self.lock, self.released = threading.Lock(), threading.Event()
 
     def __enter__(self):
-        threading.Thread(target=self._accept, daemon=True).start()
-        self._prepare_for(0)
+        threading.Thread(target=self.serve_forever, args=(0.01,), daemon=True).start()
+        self.prepare_for(0)
         return self
 
     def __exit__(self, *_):
         self.release()
-        self._close()
-        self._listener.close()
+        self.shutdown()
+        self.server_close()
 
     def release(self):
         """Ends every stall and every rate, also of answers that are still to come."""
-        self._released.set()
+        self.released.set()
 
-    def _close(self):
-        with contextlib.suppress(OSError):  # refuses already
-            self._listener.shutdown(socket.SHUT_RDWR)
+    def answer(self, number):
+        return self.answers[min(number, len(self.answers) - 1)]
 
-    def _answer(self, number):
-        return self._answers[min(number, len(self._answers) - 1)]
+    def prepare_for(self, number):
+        match self.answer(number).get("arrival"):
+            case "refuse":
+                self.shutdown()
+                self.server_close()
+            case "ignore":  # the kernel ignores connections while its queue is full
+                self.shutdown()
+                self.socket.listen(0)
+                self.waiting = [socket.socket() for _ in range(3)]
+                for waiting in self.waiting:
+                    waiting.setblocking(False)
+                    waiting.connect_ex(self.server_address)
 
-    def _prepare_for(self, number):
-        if self._answer(number).get("arrival") == "refuse":
-            self._close()
+    def take(self, request):
+        """The answer to a request."""
+        with self.lock:
+            number = len(self.requests)
+            self.prepare_for(number + 1)
+            self.requests.append(request)
+            if self.prints:
+                print(*("-" if word is None else word for word in request), flush=True)
+        return self.answer(number)
 
-    def _accept(self):
-        with contextlib.suppress(OSError):  # it is closed
-            while True:
-                connection, _ = self._listener.accept()
-                threading.Thread(target=self._respond, args=(connection,), daemon=True).start()
+    def shutdown_request(self, request):
+        request.close()  # without telling the client that all was sent
 
-    def _respond(self, connection):
-        with contextlib.suppress(OSError), connection, connection.makefile("rb") as request:  # clients may leave
-            head = b"".join(iter(lambda: request.readline().rstrip(b"\r\n") + b"\n", b"\n")).decode()
-            if not head:
-                return
-            method, path, _ = head.split("\n", 1)[0].split(" ")
-            first = next(map(int, re.findall(r"(?mi)^range: *bytes=(\d+)-", head)), None)
-            with self._lock:
-                number = len(self.requests)
-                self._prepare_for(number + 1)
-                self.requests.append((method, path, first))
-                if self._prints:
-                    print(method, path, "-" if first is None else first, flush=True)
-            answer = self._answer(number)
-            self._send(connection, answer, *self._composed(answer, method, first))
+    def handle_error(self, *_):
+        pass  # clients may leave
 
-    def _composed(self, answer, method, first):
-        """Status line with headers, and the body."""
-        body, status = answer.get("body", self._document), 200
+
+class Handler(http.server.BaseHTTPRequestHandler):
+    def do_GET(self):
+        first = next(map(int, re.findall(r"bytes=(\d+)-", self.headers.get("Range", ""))), None)
+        answer = self.server.take((self.command, self.path, first))
+        body, status = answer.get("body", self.server.document), answer.get("status", 200)
         headers = {"Connection": "close"} | answer.get("headers", {})
         if isinstance(body, int):
-            body = (self._document * (body // len(self._document) + 1))[:body]
-        if "redirect" in answer:
-            status, headers["Location"] = 302, answer["redirect"]
-        elif "status" not in answer and first is not None and answer.get("range") != "ignore":
-            first -= answer.get("range") == "shift"
-            status, part = (206, f"{first}-{len(body) - 1}") if first < len(body) else (416, "*")
-            headers["Content-Range"] = f"bytes {part}/{len(body)}"
+            body = (self.server.document * (body // len(self.server.document) + 1))[:body]
+        if first is not None and "status" not in answer and answer.get("range") != "ignore":
+            status, headers["Content-Range"] = 206, f"bytes {first}-{len(body) - 1}/{len(body)}"
             body = body[first:]
         length = answer.get("length", len(body))
         if length is not None:
             headers["Content-Length"] = length
-        head = [f"HTTP/1.1 {answer.get('status', status)} Status", *(f"{key}: {text}" for key, text in headers.items())]
-        return "".join(f"{line}\r\n" for line in [*head, ""]).encode(), b"" if method == "HEAD" else body
+        lines = [f"HTTP/1.1 {status} Status", *(f"{key}: {text}" for key, text in headers.items()), "", ""]
+        self.send("\r\n".join(lines).encode(), b"" if self.command == "HEAD" else body, answer)
 
-    def _send(self, connection, answer, head, body):
-        if "head" in answer:
-            up_to, rest = answer["head"], memoryview(head + body)
+    do_HEAD = do_GET
+
+    def send(self, head, body, answer):
+        cut, rate, released = answer.get("cut", len(body)), answer.get("rate", 0), self.server.released
+        if cut is None:
+            up_to, rest = 0, head + body
         else:
-            connection.sendall(head)
-            up_to, rest = answer.get("cut", len(body)), memoryview(body)
-        up_to, rate = (len(rest) if up_to < 0 else 0) + min(up_to, len(rest)), answer.get("rate", 0)
-        block = max(1, min(16384, rate // 20)) if rate else max(1, up_to)
+            self.connection.sendall(head)
+            up_to, rest = len(body) + cut if cut < 0 else min(cut, len(body)), memoryview(body)
+        block = min(16384, rate // 20) if rate else max(1, up_to)
         for at in range(0, up_to, block):
-            connection.sendall(rest[at : min(at + block, up_to)])
+            self.connection.sendall(rest[at:min(at + block, up_to)])
             if rate:
-                self._released.wait(block / rate)
+                released.wait(block / rate)
         if up_to < len(rest) and answer.get("ending") == "stall":
-            self.stalled.append(connection)
-            self._released.wait()
-            self.stalled.remove(connection)
-            connection.sendall(rest[up_to:])
+            self.server.stalled.append(self.connection)
+            released.wait()
+            self.server.stalled.remove(self.connection)
+            self.connection.sendall(rest[up_to:])
         elif answer.get("ending") == "reset":
-            connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
 
 
 def value(text):

@@ -7,19 +7,17 @@ import time
 import gi
 
 gi.require_version("Atspi", "2.0")
-from gi.repository import Atspi, GLib  # noqa: E402
-import waiting  # noqa: E402
-from desktop import is_painted, output, window_called, xdotool  # noqa: E402
+from gi.repository import Atspi, GLib
+import waiting
+from desktop import is_painted, output, window_called, xdotool
 
 WINDOW_TITLE = "Pellomar下载器"
 # Names of roles differ between releases, and so does this constant's name, but not its value.
 BUTTON = getattr(Atspi.Role, "BUTTON", None) or Atspi.Role.PUSH_BUTTON
 LABEL, BAR, CHECK_BOX = Atspi.Role.LABEL, Atspi.Role.PROGRESS_BAR, Atspi.Role.CHECK_BOX
-ALERT, PASSWORD = Atspi.Role.ALERT, Atspi.Role.PASSWORD_TEXT
+ALERT, PASSWORD, FOCUSED = Atspi.Role.ALERT, Atspi.Role.PASSWORD_TEXT, Atspi.StateType.FOCUSED
 # A second press within the toolkit's double-click time would count as part of a double click.
 DOUBLE_CLICK_SECONDS = 0.6
-# More white pixels than a button's word has, and fewer than the ring of the focus.
-LEAST_RING = 500
 
 Atspi.set_timeout(20_000, 60_000)
 
@@ -149,22 +147,12 @@ class Window(Screen):
         """The log without the hour and the process at the head of each line."""
         return [line.split("] ", 1)[-1] for line in self.log().splitlines()]
 
-    def has_ring(self, name):
-        """Whether a button has the focus, and shows it: its word is white, and so is the ring around it."""
-        button, scale = self.button(name), int(os.environ.get("QT_SCALE_FACTOR", 1))
-        x, y = button.centre()
-        place = f"{220 * scale}x{60 * scale}+{x - 110 * scale}+{y - 30 * scale}"
-        picture = ["import", "-silent", "-window", "root", "-crop", place, "-depth", "8", "gray:-"]
-        white = subprocess.run(picture, capture_output=True, check=True).stdout.count(255)
-        return button.has(Atspi.StateType.FOCUSED) and white > LEAST_RING * scale**2
-
     def focus(self, name):
         """Reaches a button with the key Tab."""
         self.wait_until_drawn()
-        # The space comes while no button has the focus, and acts on none.
+        # No button has the focus yet, so the space acts on none.
         xdotool("windowactivate", "--sync", window_called(WINDOW_TITLE), "key", "space")
-        assert not self.has_ring(name)
-        self.wait_for(f"the focus on {name}", lambda: xdotool("key", "Tab") or self.has_ring(name))
+        self.wait_for(f"the focus on {name}", lambda: xdotool("key", "Tab") or self.button(name).has(FOCUSED))
 
     def windows(self):
         """The numbers of its X windows on screen: a dialog bears its window's title."""
@@ -182,7 +170,7 @@ class Window(Screen):
         self.wait_for("its window", lambda: len(self.windows()) == 2)
         place = dialog.centre()
         self.ask_to_close()
-        # The moves go the way of the requests, and come after them.
+        # The window gets these after the requests.
         for window in self.windows():
             xdotool("windowmove", window, 5, 5)
         self.wait_for("the moved dialog", lambda: dialog.centre() not in (place, None))

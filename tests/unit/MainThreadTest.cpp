@@ -2,7 +2,6 @@
 
 #include "platform/FileManager.h"
 #include "platform/WorkerThread.h"
-#include "support/WaitUntil.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -31,6 +30,15 @@ bool serveUntil(const std::function<bool()>& condition) {
     const QDeadlineTimer deadline(std::chrono::seconds(30));
     while (!condition() && !deadline.hasExpired()) {
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    }
+    return condition();
+}
+
+/// Waits without serving the main thread's events. False if the condition does not hold in time.
+bool waitUntil(const std::function<bool()>& condition) {
+    const QDeadlineTimer deadline(std::chrono::seconds(30));
+    while (!condition() && !deadline.hasExpired()) {
+        std::this_thread::sleep_for(2ms);
     }
     return condition();
 }

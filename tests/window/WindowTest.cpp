@@ -7,8 +7,6 @@
 #include "platform/NotificationCenter.h"
 #include "platform/Text.h"
 #include "support/CapturedLog.h"
-#include "support/ScratchFolder.h"
-#include "support/WaitUntil.h"
 #include "transfer/CurlMessage.h"
 #include "ui/StatusTexts.h"
 #include "ui/ViewController.h"
@@ -17,6 +15,7 @@
 #include <QApplication>
 #include <QPainter>
 #include <QScreen>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 
@@ -25,6 +24,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <set>
 #include <thread>
 
 namespace {
@@ -33,7 +33,7 @@ namespace {
 class Window : public testing::Test {
   protected:
     Window() {
-        setenv("HOME", home_.path().c_str(), 1);
+        qputenv("HOME", home_.path().toUtf8());
         controller_.windowDidLoad();
         controller_.showWindow();
         EXPECT_TRUE(QTest::qWaitForWindowExposed(controller_.window()));
@@ -42,10 +42,12 @@ class Window : public testing::Test {
     /// Starts a download that fails before its worker, since its folder can't be made. Tests post the records
     /// of a transfer themselves.
     void openSecondScreen() {
-        std::ofstream(home_.path() + "/Downloads") << "a file in the folder's place";
+        std::ofstream(inHome("Downloads")) << "a file in the folder's place";
         panel_.startDownload();
         ASSERT_EQ(status().text().toStdString(), "路径中有一项不是文件夹");
     }
+
+    [[nodiscard]] std::string inHome(const char* name) const { return home_.filePath(name).toStdString(); }
 
     /// The panel's direct subviews of a class, in their order.
     template <typename View>
@@ -69,7 +71,7 @@ class Window : public testing::Test {
     /// What the panel paints, at the scale that the environment sets.
     QImage drawn() { return panel_.grab().toImage().convertToFormat(QImage::Format_RGB32); }
 
-    ScratchFolder home_;
+    QTemporaryDir home_;
     CapturedLog log_;
     KvWindowController controller_;
     CoreImageView& panel_ = *controller_.contentViewController().panel();
@@ -124,7 +126,6 @@ TEST_F(Window, AButtonShowsItsPressAndActsOnRelease) {
     ImageButtonView& stop = button("stop_button");
     stop.show();
     QTest::mousePress(&stop, Qt::LeftButton);
-    EXPECT_EQ(stop.image(), stop.deepImage());
 
     // Hidden while pressed: not pressed when it is shown again, and the release acts on no button.
     stop.hide();
@@ -146,6 +147,14 @@ TEST_F(Window, AButtonShowsItsPressAndActsOnRelease) {
     button("continue_button").show();
     stop.hide();
     EXPECT_EQ(panel_.window()->focusWidget(), &panel_);
+
+    // Reached by a key, a button shows that it has the focus.
+    stop.show();
+    panel_.activateWindow();
+    EXPECT_TRUE(QTest::qWaitForWindowActive(panel_.window(), 30'000));
+    const QImage before = drawn();
+    QTest::keyClick(&panel_, Qt::Key_Tab);
+    EXPECT_TRUE(drawn() != before);
 }
 
 TEST_F(Window, ClosedByTheProgramEndsItsDialogAndSubmits) {
@@ -162,7 +171,7 @@ TEST_F(Window, ClosedByTheProgramEndsItsDialogAndSubmits) {
     guide.buttons = {"立即前往"};
     EXPECT_EQ(guide.runModal(), 0);
     EXPECT_EQ(log_.count("window closeEx"), 1);
-    EXPECT_TRUE(waitUntil([&] { return readFile(home_.path() + "/submitted") == "13\n"; }));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return readFile(inHome("submitted")) == "13\n"; }, 30'000));
     std::filesystem::remove(tool);
 }
 
@@ -217,18 +226,18 @@ TEST_F(Window, PlacesItsViews) {
 
 TEST_F(Window, DrawsEveryTextWholeAndApart) {
     openSecondScreen();
-    std::vector<std::string> texts;
+    std::set<std::string> texts;
     const std::string header = readFile(STATUS_TEXTS).value();
     const std::regex literal("= \"(.*)\";");
     for (std::sregex_iterator found(header.begin(), header.end(), literal), end; found != end; ++found) {
-        texts.push_back((*found)[1]);
+        texts.insert((*found)[1]);
     }
     EXPECT_GE(texts.size(), 20U);
     for (int code = 1; code <= EHWPOISON; ++code) {
-        texts.push_back(::status::causeOf({code, std::generic_category()}));
+        texts.insert(::status::causeOf({code, std::generic_category()}));
     }
-    const std::pair<TextField*, std::vector<std::string>> rows[] = {{&speed(), {"12345678 KB/s"}},
-                                                                    {&status(), texts}};
+    const std::pair<TextField*, std::set<std::string>> rows[] = {{&speed(), {"12345678 KB/s"}},
+                                                                 {&status(), texts}};
     for (const auto& [label, shown] : rows) {
         for (QWidget* const other : subviews<QWidget>()) {
             EXPECT_TRUE(other->size() == panel_.size() || other == label ||
@@ -290,14 +299,6 @@ TEST_F(Window, DrawsThePicturesOfItsScale) {
 
 using Records = Window;
 
-TEST_F(Records, OfAFailedProbeHideBarAndSpeed) {
-    openSecondScreen();
-    CurlMessage message;
-    message.setItype(CurlMessageTypeProbeFailed);
-    panel_.onCallbackMessage(message);
-    EXPECT_FALSE(bar().isVisible() || speed().isVisible());
-}
-
 TEST_F(Records, MoveBarAndSpeed) {
     openSecondScreen();
     /// The middle line of the bar in a picture of the panel.
@@ -350,17 +351,21 @@ TEST_F(Records, MoveBarAndSpeed) {
                    std::abs(std::distance(line.begin(), end) * 100.0 / bar().width() - row.percent) < 0.5 &&
                    std::equal(end, line.end(), empty.end() - std::distance(end, line.end()));
         };
-        EXPECT_TRUE(QTest::qWaitFor(isShown)) << row.what;
+        EXPECT_TRUE(QTest::qWaitFor(isShown, 30'000)) << row.what;
     }
+    CurlMessage failure;
+    failure.setItype(CurlMessageTypeProbeFailed);
+    panel_.onCallbackMessage(failure);
+    EXPECT_FALSE(bar().isVisible() || speed().isVisible());
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
-    const ScratchFolder runtime; // the toolkit would leave one of its own in /tmp
-    setenv("XDG_RUNTIME_DIR", runtime.path().c_str(), 1);
-    setenv("PATH", runtime.path().c_str(), 1); // the guidance is not to open a browser
+    const QTemporaryDir runtime; // the toolkit would leave one of its own in /tmp
+    qputenv("XDG_RUNTIME_DIR", runtime.path().toUtf8());
+    qputenv("PATH", runtime.path().toUtf8()); // the guidance is not to open a browser
     const QApplication application(argc, argv);
     setUpLook();
     MainThread::attach();

@@ -1,7 +1,8 @@
 #include "download/DownloadSource.h"
 #include "platform/FileManager.h"
 #include "report/VersionStamp.h"
-#include "support/ScratchFolder.h"
+
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -16,9 +17,9 @@ void write(const std::string& path, const std::string& content) {
 }
 
 TEST(Source, TakesTheConfigurationAsItIs) {
-    const ScratchFolder folder;
-    const std::string bundle = folder.path() + "/X.app";
-    const std::string fallback = folder.path() + "/volume.config";
+    const QTemporaryDir folder;
+    const std::string bundle = folder.filePath("X.app").toStdString();
+    const std::string fallback = folder.filePath("volume.config").toStdString();
     const std::string base = "http://127.0.0.1:18080/soft/";
     std::filesystem::create_directory(bundle);
     EXPECT_EQ(downloadUrl(bundle, fallback), "");
@@ -31,14 +32,14 @@ TEST(Source, TakesTheConfigurationAsItIs) {
                                                       {"\xED\xA0\x80", "(null)"},
                                                       {"X\xE5\xA5", "(null)"}};
     for (const auto& [content, name] : names) {
-        write(folder.path() + "/.config", content);
+        write(bundle + "/../.config", content);
         EXPECT_EQ(downloadUrl(bundle, fallback), base + name);
     }
 }
 
 TEST(Stamp, KeyedFieldsAreReplacedWholeInPlace) {
-    const ScratchFolder folder;
-    const std::string path = folder.path() + "/.propaganda.dat";
+    const QTemporaryDir folder;
+    const std::string path = folder.filePath(".propaganda.dat").toStdString();
     const struct {
         const char *before, *after;
         std::optional<std::string> version = "2.0.1";
