@@ -1,7 +1,7 @@
 // Measures a download by the product's window: presses start through the X server and, when the record of the
 // finished transfer is posted, writes a line of JSON to the file named by the first argument and ends the
 // process, before anything is installed. With a second argument, "probe", it also measures the delay of
-// timers and mouse moves during the download.
+// timers and mouse moves while the body is transferred; building the second screen comes before.
 #include "InterfaceProbe.h"
 #include "app/MainInterface.h"
 #include "platform/MainThread.h"
@@ -61,7 +61,9 @@ class Watcher : public QObject {
         // Registered before the panel, whose reaction to the finished record installs.
         NotificationCenter::defaultCenter().addObserver(kCurlCallbackMessage, [this](const void* object) {
             const auto& message = *static_cast<const CurlMessage*>(object);
-            if (message.itype() == CurlMessageTypeFinished) {
+            if (message.itype() == CurlMessageTypeStarted && probesInterface_) {
+                MainThread::performAndWait([this] { probe_.start(*window_); });
+            } else if (message.itype() == CurlMessageTypeFinished) {
                 const Clock::time_point end = Clock::now();
                 MainThread::performAndWait([this, end] { report(end); });
             } else if (message.status() != 0) {
@@ -89,9 +91,7 @@ class Watcher : public QObject {
     void begin(const QWidget& window) {
         processorBefore_ = processorSeconds();
         start_ = Clock::now();
-        if (probesInterface_) {
-            probe_.start(window);
-        }
+        window_ = &window;
     }
 
     [[noreturn]] void report(Clock::time_point end) {
@@ -114,6 +114,7 @@ class Watcher : public QObject {
     const bool probesInterface_;
     InterfaceProbe probe_;
     bool seen_ = false;
+    const QWidget* window_ = nullptr;
     double processorBefore_ = 0;
     Clock::time_point start_;
 };

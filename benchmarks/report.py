@@ -56,7 +56,7 @@ def interface(by_load, titles):
                              spread([run[f"{key}_p99"] for run in runs], 1),
                              spread([run[f"{key}_worst"] for run in runs], 1)])
     head = ["", "handled", "99th percentile, ms late", "worst, ms late"]
-    return "**The interface during a download**\n\n" + table(head, rows)
+    return "**The interface while the body is transferred** (the second screen is built before)\n\n" + table(head, rows)
 
 
 def memory(peaks):
