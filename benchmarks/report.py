@@ -23,18 +23,17 @@ def median(results, key):
     return statistics.median(result[key] for result in results)
 
 
-def downloads(by_program, title):
-    def ratio(program, other, key):
-        return f"{median(by_program[program], key) / median(by_program[other], key):.2f}"
-
-    rows = [[program, spread([result["seconds"] for result in results]),
-             ratio(program, "bare loop", "seconds"), ratio(program, "curl", "seconds"),
-             spread([result["processor"] for result in results]), ratio(program, "curl", "processor")]
-            for program, results in by_program.items()]
-    delayed_by = next(iter(by_program.values()))[0].get("delayed_by")
-    note = f" (delayed by a {delayed_by}, all five at once)" if delayed_by else ""
-    head = ["", "seconds", "÷ bare loop", "÷ curl", "processor seconds", "÷ curl"]
-    return f"**{title}**{note}\n\n" + table(head, rows)
+def downloads(results, titles):
+    """A table of the seconds and one of the processor seconds: a row for each program, a column for each load."""
+    text = ""
+    for caption, key, other in ("Seconds", "seconds", "bare loop"), ("Processor seconds", "processor", "curl"):
+        rows = [[program, *(spread([result[key] for result in results[load][program]]) for load in titles)]
+                for program in next(iter(results.values()))]
+        rows.append([f"window ÷ {other}", *(f"{median(results[load]['window'], key) / median(results[load][other], key):.2f}"
+                                            for load in titles)])
+        text += f"**{caption}**\n\n" + table(["", *titles.values()], rows)
+    delays = [by_program["window"][0].get("delayed_by") for by_program in results.values()]
+    return text + "".join(f"The distance is a {delay}'s, and all five run at once there.\n\n" for delay in delays if delay)
 
 
 def first_paint(rounds):
@@ -67,9 +66,8 @@ def memory(peaks):
 def markdown(results, titles, rounds, versions):
     """Tables of medians, with minimum and maximum in brackets."""
     text = f"Medians of {rounds} rounds, with minimum and maximum in brackets. {versions}.\n\n"
-    for name, title in titles.items():
-        if name in results:
-            text += downloads(results[name], title)
+    titles = {name: title for name, title in titles.items() if name in results}
+    text += downloads({name: results[name] for name in titles}, titles)
     return text + first_paint(results["first paint"]) + interface(results["interface"], titles) + memory(results["memory"])
 
 
