@@ -1,7 +1,8 @@
 // A plugin of the toolkit that writes what assistive technologies are told of the window to the program's
 // standard error, where its log is: "@status TEXT", "@no speed", "@show NAME", "@hide NAME", "@dialog TEXTS"
 // and "@dialog closed". So the order among these and the log's lines is the program's own. Where the program
-// starts another, that is "@NUMBER " with six digits, which the other finds in PELLOMAR_STARTED.
+// starts another that it does not wait for, that is "@NUMBER " with six digits, which the other finds in
+// PELLOMAR_STARTED; it is 0 in the others.
 
 #include <QAccessible>
 #include <QAccessibleWidget>
