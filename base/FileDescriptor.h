@@ -4,7 +4,7 @@
 
 #include <utility>
 
-/// Owns one open file descriptor and closes it. A negative value stands for "none".
+/// Owns one open file descriptor and closes it. A negative value means none.
 class FileDescriptor {
   public:
     FileDescriptor() = default;

@@ -2,4 +2,4 @@
 
 /// What pellomar-installer-transaction writes to the program that started it to hold an attempt.
 inline constexpr char kSetAside = '+';    ///< the application is set aside, or there is none
-inline constexpr char kNotSetAside = '-'; ///< it stands where it was and must not be removed
+inline constexpr char kNotSetAside = '-'; ///< it is at its place and must not be removed

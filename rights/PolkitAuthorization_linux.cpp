@@ -36,7 +36,7 @@ class PolkitAuthorization : public AuthorizationOpaque {
 
     OSStatus copyRights(const std::string& right, unsigned flags) override {
         const BusMessage message = newCall("Authorize");
-        if (right != rights::kBusName || message == nullptr) {
+        if (right != rights::kBusName || !message) {
             return errAuthorizationDenied;
         }
         const bool mayAsk = (flags & kAuthorizationFlagInteractionAllowed) != 0;
@@ -47,7 +47,7 @@ class PolkitAuthorization : public AuthorizationOpaque {
     OSStatus execute(const std::string& toolPath, const std::vector<std::string>& arguments,
                      FileDescriptor& output) override {
         BusMessage message = newCall("Execute");
-        int result = message == nullptr ? -1 : sd_bus_message_append(message.get(), "s", toolPath.c_str());
+        int result = !message ? -1 : sd_bus_message_append(message.get(), "s", toolPath.c_str());
         if (result >= 0) {
             result = sd_bus_message_open_container(message.get(), 'a', "s");
         }
@@ -67,7 +67,7 @@ class PolkitAuthorization : public AuthorizationOpaque {
     }
 
   private:
-    // Starts a service that does not run yet, so that one that cannot start counts as missing.
+    // Starts the service if it does not run, so that one that cannot start counts as missing.
     bool reaches(const char* service) {
         const auto askBus = [&](const char* member, const char* types, auto... arguments) {
             int result = -1;
@@ -94,10 +94,10 @@ class PolkitAuthorization : public AuthorizationOpaque {
         int result = -1;
         waitAside([&] { result = sd_bus_call(bus_.get(), message.get(), kNoTimeOut, &error, &received); });
         BusMessage answer(received);
-        if (reply != nullptr) {
+        if (reply) {
             *reply = std::move(answer);
         }
-        const std::string_view name = error.name == nullptr ? "" : error.name;
+        const std::string_view name = !error.name ? "" : error.name;
         OSStatus status = errAuthorizationDenied;
         if (result >= 0) {
             status = errAuthorizationSuccess;
@@ -110,8 +110,8 @@ class PolkitAuthorization : public AuthorizationOpaque {
         return status;
     }
 
-    // The main thread serves its events until `exchange`, on a thread of its own, is done. When the program
-    // is quit, the connection is shut down, which ends the exchange.
+    // Runs `exchange` on another thread while the main thread handles events. If the program is quit
+    // meanwhile, the connection is shut down, which ends the exchange.
     void waitAside(const std::function<void()>& exchange) {
         const FileDescriptor through(MainThread::isCurrent() ? eventfd(0, EFD_CLOEXEC) : -1);
         if (!through.isOpen()) {
@@ -137,7 +137,7 @@ class PolkitAuthorization : public AuthorizationOpaque {
         aside.join();
     }
 
-    BusConnection bus_; // whose end gives the rights up
+    BusConnection bus_; // its end gives the rights up
 };
 
 } // namespace

@@ -5,7 +5,7 @@
 #include <memory>
 
 /// Rights for a process that is not root: asks the rights service on the system bus, which asks polkit. Each
-/// authorization has a connection of its own, so that each is asked for anew. Null where there is no system
+/// authorization uses its own connection, so the user is asked again each time. Null if there is no system
 /// bus, no rights service or no polkit. Any thread; one authorization is used by one thread at a time.
 ///
 /// On the main thread the calls run the event loop while they wait: the window stays responsive and can be

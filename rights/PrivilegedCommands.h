@@ -11,9 +11,9 @@ enum class PrivilegedCommand { RemoveApplication, InstallPackage, QueryDriver, S
 inline constexpr char kApplicationPath[] = "/Applications/Pellomar.app";   ///< the installed product
 inline constexpr char kDriverIdentifier[] = "com.norvik.emu.kext.VBoxDrv"; ///< the emulator's driver
 
-/// The tool's path, then its arguments. `package` is the package's path, used by InstallPackage alone.
+/// The tool's path, then its arguments. `package` is the package's path; only InstallPackage uses it.
 std::vector<std::string> commandLine(PrivilegedCommand command, const std::string& package = {});
 
-/// The command whose command line equals `line`, argument by argument; nothing if there is none. The package
+/// The command whose command line equals `line`, argument by argument; nullopt if there is none. The package
 /// of InstallPackage may be any absolute path, without "..", of a file named Pellomar.pkg.
 std::optional<PrivilegedCommand> findCommand(const std::vector<std::string>& line);

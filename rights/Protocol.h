@@ -5,12 +5,13 @@
 ///
 /// Authorize()
 ///     Asks polkit whether the caller's connection is authorized; polkit may ask the user if the message
-///     allows interaction. Answered once that is decided and no other attempt is replacing the application.
+///     allows interaction. Replies when that is decided and no other attempt is replacing the application.
 ///
 /// Execute(s tool, as arguments) -> h output
-///     Runs one of the four commands as root for an authorized connection, each at most once. Answered once
-///     the tool has been started, which waits for the caller's previous tool to end, with the read end of a
-///     pipe to which the tool alone writes. After an installer that failed, only the driver query is allowed.
+///     Runs one of the four commands as root for an authorized connection, each at most once. Replies when
+///     the tool has started; it starts after the caller's previous tool has ended. `output` is the read end
+///     of a pipe to which only the tool writes. After an installer that failed, only the driver query is
+///     allowed.
 ///
 /// The end of the connection ends the authorization.
 namespace rights {

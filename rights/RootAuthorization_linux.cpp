@@ -27,7 +27,7 @@ class RootAuthorization : public AuthorizationOpaque {
         }
         if (*command == PrivilegedCommand::RemoveApplication) {
             const FileDescriptor answer = commands_.setAside();
-            const char* const cause = answer.isOpen() ? "the cause stands above" : systemErrorText(errno);
+            const char* const cause = answer.isOpen() ? "see the line above" : systemErrorText(errno);
             if (!GrantedCommands::isSetAside(answer.get())) {
                 NSLog("/bin/rm is not run, the application cannot be set aside: %s", cause);
                 output = GrantedCommands::outputOfNoRemoval();

@@ -31,8 +31,8 @@ ChildProcess rootProgram(const std::string& path, std::vector<std::string> argum
     return program;
 }
 
-// Whether the file, every folder above it, every symbolic link on the way and what each leads to can be
-// changed by root alone.
+// True if only root can change the file, every folder above it, and every symbolic link on the way with what
+// it leads to. False for a relative path.
 bool isOursAloneAt(const std::filesystem::path& file) {
     struct stat status{};
     if (!file.is_absolute() || lstat(file.c_str(), &status) != 0) {
@@ -49,7 +49,7 @@ bool isOursAloneAt(const std::filesystem::path& file) {
 
 // Sets errno if not.
 bool mayRun(const std::string& path) {
-    if (access(path.c_str(), F_OK) != 0) { // also if links lead round in a circle
+    if (access(path.c_str(), F_OK) != 0) { // also if its links form a circle
         return false;
     }
     errno = EPERM;

@@ -9,8 +9,7 @@
 #include <string>
 #include <vector>
 
-/// What root does to run the commands of an installation: for the rights service, and for a window that is
-/// root.
+/// How root runs the commands of an installation: for the rights service, and for a window that is root.
 
 /// Starts a process that waits until every earlier attempt is over, and ends one that was interrupted, for
 /// example by a power failure. Returns immediately; what it returns reads end of file when that process has
@@ -20,8 +19,8 @@ FileDescriptor endEarlierAttempts();
 /// The commands of one grant, and the attempt to replace the installed application that they make.
 class GrantedCommands {
   public:
-    /// The command whose command line is `line`. Each command can be taken once. Nothing, with the reason in
-    /// `refusal`, when there is no such command or it has been taken.
+    /// Returns the command whose command line is `line`. Each command can be taken once. nullopt, with the
+    /// reason in `refusal`, if there is no such command or it has been taken.
     std::optional<PrivilegedCommand> take(const std::vector<std::string>& line, std::string& refusal);
 
     /// Starts a process that sets the application aside once every earlier attempt is over, and puts it back
@@ -41,8 +40,8 @@ class GrantedCommands {
     pid_t start(PrivilegedCommand command, const std::vector<std::string>& line, std::optional<uid_t> user,
                 FileDescriptor& output);
 
-    /// What is read in place of the output of a removal that is not to be started: one line, with none of the
-    /// words by which outcomes are judged. Not open, with `errno` set, if no pipe can be made.
+    /// A descriptor to be read instead of the output of a removal that is not started: one line, with none of
+    /// the words by which outcomes are judged. Not open, with `errno` set, if no pipe can be made.
     static FileDescriptor outputOfNoRemoval();
 
     /// After an installer that failed: allows nothing more than the driver query, which changes nothing. The

@@ -1,4 +1,4 @@
-#include "installer/Descendants.h"
+#include "host/installer/Descendants.h"
 
 #include <poll.h>
 #include <sys/prctl.h>

@@ -1,20 +1,20 @@
-#include "installer/Install.h"
+#include "host/installer/Install.h"
 
-#include "installer/Output.h"
-#include "installer/PackageFile.h"
-#include "installer/Receipt.h"
-#include "installer/Scripts.h"
-#include "installer/SetAside.h"
-#include "installer/Staging.h"
-#include "installer/StagingLayout.h"
-#include "installer/Swap.h"
-#include "installer/Tree.h"
-#include "installer/Unpacker.h"
-#include "package/Contents.h"
-#include "package/Failure.h"
-#include "package/Package.h"
-#include "package/Payload.h"
-#include "package/Trust.h"
+#include "host/installer/Output.h"
+#include "host/installer/PackageFile.h"
+#include "host/installer/Receipt.h"
+#include "host/installer/Scripts.h"
+#include "host/installer/SetAside.h"
+#include "host/installer/Staging.h"
+#include "host/installer/StagingLayout.h"
+#include "host/installer/Swap.h"
+#include "host/installer/Tree.h"
+#include "host/installer/Unpacker.h"
+#include "host/package/Contents.h"
+#include "host/package/Failure.h"
+#include "host/package/Package.h"
+#include "host/package/Payload.h"
+#include "host/package/Trust.h"
 
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -80,7 +80,7 @@ class UsageCount : public PayloadSink {
 };
 
 // Removes the application that is set aside if the payload fits on the disk only without it.
-void makeRoom(const Package& package, const Entry& payload, const PackageInfo& info, const Staging& staging) {
+void makeRoom(const Package& package, const Entry& payload, const PackageInfo& info, Staging& staging) {
     const std::uint64_t available = freeBytes(staging);
     if (!isSetAside(staging.folder()) || (info.kilobytes && largestPayload(info) <= available)) {
         return;
@@ -100,12 +100,12 @@ void makeRoom(const Package& package, const Entry& payload, const PackageInfo& i
 Allowance allowanceFor(const PackageInfo& info, const Staging& staging) {
     const std::uint64_t available = freeBytes(staging);
     if (info.kilobytes && *info.kilobytes * 1024 > available) {
-        throw Failure("not enough free space on the target");
+        throw Failure("not enough free space on the target", FailureKind::Space);
     }
     return {available, largestPayload(info)};
 }
 
-void unpackPayload(const Package& package, const PackageInfo& info, const Staging& staging) {
+void unpackPayload(const Package& package, const PackageInfo& info, Staging& staging) {
     const Entry& payload = requireEntry(package, "Payload");
     makeRoom(package, payload, info, staging);
     const FileDescriptor folder = staging.makeFolder(kNewFolder);
@@ -126,7 +126,7 @@ void unpackPayload(const Package& package, const PackageInfo& info, const Stagin
           std::to_string(unpacker.bytes() / 1024) + " KiB\n");
 }
 
-FileDescriptor unpackScripts(const Package& package, const PackageInfo& info, const Staging& staging) {
+FileDescriptor unpackScripts(const Package& package, const PackageInfo& info, Staging& staging) {
     FileDescriptor folder = staging.makeFolder("scripts");
     if (const Entry* scripts = package.find("Scripts")) {
         const std::unique_ptr<EntryReader> reader = package.open(*scripts);
@@ -145,13 +145,13 @@ Receipt receiptFor(const Package& package, const PackageInfo& info) {
     std::tm time{};
     gmtime_r(&now, &time);
     char text[32];
-    (void)std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &time);
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &time);
     return {info.identifier, info.version, text, package.signer().empty() ? kNoSigner : package.signer()};
 }
 
 } // namespace
 
-void install(const Request& request, PackageFile& file, const Staging& staging) {
+void install(const Request& request, PackageFile& file, Staging& staging) {
     const TrustedCertificates trusted = readTrusted(request);
     print("installer: Checking the package\n");
     // A file system that does not answer must not hold the target: SIGALRM ends this process.
@@ -169,7 +169,7 @@ void install(const Request& request, PackageFile& file, const Staging& staging) 
     requireOwnPlaces(staging.target(), staging.folder(), info, isSigned);
     const FileDescriptor scripts = unpackScripts(package, info, staging);
     writeReceipt(staging.folder(), receiptFor(package, info));
-    (void)makeSwapPlan(staging.target(), staging.folder()); // what it refuses, before a script has run
+    makeSwapPlan(staging.target(), staging.folder()); // what it refuses, before a script has run
     const std::string target =
         std::filesystem::canonical("/proc/self/fd/" + std::to_string(staging.target()));
     const std::string slash = target.ends_with('/') ? "" : "/";

@@ -1,6 +1,6 @@
-#include "installer/Output.h"
+#include "host/installer/Output.h"
 
-#include "package/Text.h"
+#include "host/package/Text.h"
 
 #include <poll.h>
 #include <unistd.h>
@@ -42,7 +42,7 @@ void print(std::string_view text) {
 }
 
 void printOutcome(std::string_view text) {
-    (void)printWithin(text, -1);
+    printWithin(text, -1);
 }
 
 void printFailure(std::string_view cause) {

@@ -1,8 +1,8 @@
-#include "installer/PackageFile.h"
+#include "host/installer/PackageFile.h"
 
 #include "base/ChildProcess.h"
 #include "base/RootEnvironment.h"
-#include "package/Failure.h"
+#include "host/package/Failure.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -64,14 +64,14 @@ void send(int socket, int descriptor, int cause) {
 
 bool becomeUser(uid_t user) {
     const passwd* const entry = getpwuid(user);
-    return entry != nullptr && initgroups(entry->pw_name, entry->pw_gid) == 0 &&
+    return entry && initgroups(entry->pw_name, entry->pw_gid) == 0 &&
            setresgid(entry->pw_gid, entry->pw_gid, entry->pw_gid) == 0 && setresuid(user, user, user) == 0;
 }
 
-// The process keeps nothing but the socket open: its user can stop it, and others wait for the end of the
+// Keeps nothing but the socket open: its user can stop this process, while others wait for the end of the
 // output and of the attempt.
 [[noreturn]] void openAs(uid_t user, const std::string& path, int socket) {
-    errno = ENOENT; // where there is no such user
+    errno = ENOENT; // if there is no such user
     open_how how{};
     how.flags = kHow | O_NOFOLLOW;
     how.resolve = RESOLVE_NO_MAGICLINKS; // which lead anywhere, whoever may enter the folders above
@@ -89,7 +89,7 @@ uid_t userFrom(std::string_view text) {
     uid_t user = 0;
     const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), user);
     if (problem != std::errc() || end != text.data() + text.size()) {
-        throw Failure(std::string(kPackageUser) + " is not the number of a user");
+        throw Failure(std::string(kPackageUser) + " is not the number of a user", FailureKind::Usage);
     }
     return user;
 }
@@ -98,7 +98,7 @@ uid_t userFrom(std::string_view text) {
 
 PackageFile::PackageFile(std::string path) : path_(std::move(path)) {
     const char* const user = std::getenv(kPackageUser);
-    if (user == nullptr) {
+    if (!user) {
         return;
     }
     user_ = userFrom(user);
@@ -110,7 +110,7 @@ PackageFile::PackageFile(std::string path) : path_(std::move(path)) {
     const FileDescriptor its(ends[1]);
     const pid_t process = fork();
     if (process == 0) {
-        // The grandchild is not waited for.
+        // Nothing waits for the grandchild: its user may stop it.
         if (fork() == 0) {
             openAs(*user_, path_, its.get());
         }
@@ -142,8 +142,7 @@ FileDescriptor PackageFile::open() {
         errno = answer.cause;
         throw systemFailure(kCannotOpen);
     }
-    if (const cmsghdr* const item = CMSG_FIRSTHDR(&answer.header);
-        item != nullptr && item->cmsg_type == SCM_RIGHTS) {
+    if (const cmsghdr* const item = CMSG_FIRSTHDR(&answer.header); item && item->cmsg_type == SCM_RIGHTS) {
         memcpy(&descriptor, CMSG_DATA(item), sizeof descriptor);
     }
     FileDescriptor file(descriptor);

@@ -11,7 +11,7 @@ namespace installer {
 
 /// The package's file, which is opened once, so that what is checked is what is installed.
 ///
-/// Where the environment names a user (see kPackageUser), a child process that has become that user opens it:
+/// If the environment names a user (see kPackageUser), a child process that has become that user opens it:
 /// this discloses nothing that the user could not read, and reaches files that root cannot.
 class PackageFile {
   public:

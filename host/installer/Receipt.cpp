@@ -1,16 +1,29 @@
-#include "installer/Receipt.h"
+// A receipt is a text file:
+//
+//     receipt = "pellomar-installer receipt 1" LF
+//               "identifier " text LF
+//               "version " text LF
+//               "time " text LF             ; as 2025-11-25T12:34:56Z
+//               "signer " text LF           ; 64 hexadecimal digits, or "none"
+//               *( place LF )
+//     text    = at least one byte other than LF
+//     place   = a path relative to the target, with "%" and control characters as "%" and two hexadecimal
+//     digits
+//
+// Only one of the current form is read; a line may have 8191 bytes.
+#include "host/installer/Receipt.h"
 
 #include "base/Ownership.h"
 #include "base/ReadWrite.h"
-#include "installer/StagingLayout.h"
-#include "installer/Swap.h"
-#include "installer/Tree.h"
-#include "package/Contents.h"
-#include "package/Digest.h"
-#include "package/Failure.h"
-#include "package/PackageInfo.h"
-#include "package/Text.h"
-#include "package/Version.h"
+#include "host/installer/StagingLayout.h"
+#include "host/installer/Swap.h"
+#include "host/installer/Tree.h"
+#include "host/package/Contents.h"
+#include "host/package/Digest.h"
+#include "host/package/Failure.h"
+#include "host/package/PackageInfo.h"
+#include "host/package/Text.h"
+#include "host/package/Version.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -36,7 +49,7 @@ std::string receiptsPath() {
     return std::string(kReceiptsParent) + "/" + kFolder;
 }
 
-std::string escaped(const std::string& place) {
+std::string percentEncoded(const std::string& place) {
     std::string text;
     for (const char c : place) {
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f || c == '%') {
@@ -48,7 +61,7 @@ std::string escaped(const std::string& place) {
     return text;
 }
 
-// Whoever could have a package without a signature installed could otherwise keep the publisher's out.
+// Otherwise whoever gets an unsigned package installed could block the publisher's.
 bool binds(const Receipt& receipt, bool isSigned) {
     return !isSigned || receipt.signer != kNoSigner;
 }
@@ -62,7 +75,7 @@ FileDescriptor openToWrite(int folder, const std::string& name) {
     return file;
 }
 
-// Not open where that is no regular file.
+// Not open if that is no regular file.
 FileDescriptor openToRead(int folder, const std::string& name) {
     FileDescriptor file(openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file.isOpen()) {
@@ -81,19 +94,19 @@ bool beginsLikeReceipt(int file) {
            std::string_view(begin.data(), begin.size()) == kFirstLine;
 }
 
-// Not open where it does not exist.
-FileDescriptor openReceipts(int target) {
+// Not open if there is none.
+FileDescriptor openReceipts(TargetFolder target) {
     const auto status = statusOf(target, receiptsPath());
     if (!status) {
         return FileDescriptor();
     }
     if (!isOursAlone(*status)) {
-        throw Failure("the folder of receipts can be changed by others");
+        throw Failure("the folder of receipts can be changed by others", FailureKind::Target);
     }
     return openFolder(target, receiptsPath());
 }
 
-void requirePlaceForReceipts(int target) {
+void requirePlaceForReceipts(TargetFolder target) {
     const std::string path = receiptsPath();
     std::string deepest = ".";
     for (std::size_t slash = 0; slash != std::string::npos;) {
@@ -104,7 +117,8 @@ void requirePlaceForReceipts(int target) {
             break;
         }
         if (!S_ISDIR(status->st_mode)) {
-            throw Failure("no receipt can be kept in the target: " + inQuotes(folder) + " is not a folder");
+            throw Failure("no receipt can be kept in the target: " + inQuotes(folder) + " is not a folder",
+                          FailureKind::Target);
         }
         deepest = folder;
     }
@@ -126,7 +140,7 @@ void addPlaces(int folder, const std::string& path, std::FILE* file) {
         if (isFolder(folder, name) && !isBundle(name)) {
             addPlaces(openFolder(folder, name).get(), place, file);
         } else {
-            writeLine(file, escaped(place));
+            writeLine(file, percentEncoded(place));
         }
     }
 }
@@ -138,7 +152,7 @@ ReceiptReader::ReceiptReader(FileDescriptor file, const std::string& name)
     if (!file_) {
         damaged();
     }
-    (void)file.release(); // owned by the stream
+    static_cast<void>(file.release()); // owned by the stream
     if (nextLine() != kFirstLine) {
         damaged();
     }
@@ -149,7 +163,7 @@ ReceiptReader::ReceiptReader(FileDescriptor file, const std::string& name)
 }
 
 void ReceiptReader::damaged() const {
-    throw Failure("the receipt " + name_ + " is damaged");
+    throw Failure("the receipt " + name_ + " is damaged", FailureKind::Target);
 }
 
 std::optional<std::string> ReceiptReader::nextLine() {
@@ -158,7 +172,7 @@ std::optional<std::string> ReceiptReader::nextLine() {
         if (std::ferror(file_.get())) {
             throw systemFailure("the receipt " + name_ + " cannot be read");
         }
-        return {};
+        return std::nullopt;
     }
     std::string text = line.data();
     if (!text.ends_with('\n')) { // too long, not whole, or with a byte of zero
@@ -179,7 +193,7 @@ std::string ReceiptReader::field(const std::string& name) {
 std::optional<std::string> ReceiptReader::nextPlace() {
     const std::optional<std::string> line = nextLine();
     if (!line) {
-        return {};
+        return std::nullopt;
     }
     std::string place;
     for (std::size_t i = 0; i < line->size(); ++i) {
@@ -197,7 +211,7 @@ std::optional<std::string> ReceiptReader::nextPlace() {
     return place;
 }
 
-void forEachReceipt(int target, const std::function<void(ReceiptReader&)>& use) {
+void forEachReceipt(TargetFolder target, const std::function<void(ReceiptReader&)>& use) {
     const FileDescriptor folder = openReceipts(target);
     for (const std::string& name : folder.isOpen() ? namesIn(folder.get()) : std::vector<std::string>()) {
         FileDescriptor file = name.front() == '.' ? FileDescriptor() : openToRead(folder.get(), name);
@@ -208,7 +222,7 @@ void forEachReceipt(int target, const std::function<void(ReceiptReader&)>& use) 
     }
 }
 
-void requireNotOlder(int target, const PackageInfo& info, bool isSigned) {
+void requireNotOlder(TargetFolder target, const PackageInfo& info, bool isSigned) {
     requirePlaceForReceipts(target);
     const FileDescriptor folder = openReceipts(target);
     if (!folder.isOpen() || !statusOf(folder.get(), info.identifier)) {
@@ -216,11 +230,11 @@ void requireNotOlder(int target, const PackageInfo& info, bool isSigned) {
     }
     const ReceiptReader receipt(openToRead(folder.get(), info.identifier), info.identifier);
     if (binds(receipt.head(), isSigned) && compareVersions(info.version, receipt.head().version) < 0) {
-        throw Failure("a newer version is installed: " + receipt.head().version);
+        throw Failure("a newer version is installed: " + receipt.head().version, FailureKind::Conflict);
     }
 }
 
-void requireOwnPlaces(int target, int staging, const PackageInfo& info, bool isSigned) {
+void requireOwnPlaces(TargetFolder target, StagingFolder staging, const PackageInfo& info, bool isSigned) {
     const FileDescriptor coming = openFolder(staging, kNewFolder);
     forEachReceipt(target, [&](ReceiptReader& receipt) {
         if (receipt.head().identifier == info.identifier || !binds(receipt.head(), isSigned)) {
@@ -230,16 +244,17 @@ void requireOwnPlaces(int target, int staging, const PackageInfo& info, bool isS
             struct stat status{};
             if (fstatat(coming.get(), place->c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
                 throw Failure("another product is installed in the same place: " +
-                              inQuotes(receipt.head().identifier));
+                                  inQuotes(receipt.head().identifier),
+                              FailureKind::Conflict);
             }
         }
     });
 }
 
-void writeReceipt(int staging, const Receipt& receipt) {
+void writeReceipt(StagingFolder staging, const Receipt& receipt) {
     FileDescriptor opened = openToWrite(staging, kReceipt);
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(fdopen(opened.get(), "w"), std::fclose);
-    (void)opened.release(); // owned by the stream
+    const Owner<std::FILE, std::fclose> file(fdopen(opened.get(), "w"));
+    static_cast<void>(opened.release()); // owned by the stream
     writeLine(file.get(), kFirstLine);
     writeLine(file.get(), "identifier " + receipt.identifier);
     writeLine(file.get(), "version " + receipt.version);
@@ -251,11 +266,11 @@ void writeReceipt(int staging, const Receipt& receipt) {
     }
 }
 
-void makeReceiptsFolder(int target) {
-    (void)openFolder(target, receiptsPath(), true);
+void makeReceiptsFolder(TargetFolder target) {
+    makeFolders(target, receiptsPath());
 }
 
-void commitReceipt(int target, int staging) {
+void commitReceipt(TargetFolder target, StagingFolder staging) {
     if (!statusOf(staging, kReceipt)) {
         return;
     }

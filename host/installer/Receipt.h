@@ -1,10 +1,11 @@
 #pragma once
 
 #include "base/FileDescriptor.h"
+#include "base/Owner.h"
+#include "host/installer/StagingLayout.h"
 
 #include <cstdio>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -37,43 +38,39 @@ class ReceiptReader {
 
     const Receipt& head() const { return head_; }
 
-    /// The next path of an installed file, link or bundle, relative to the target; none at the end. In the
-    /// file they are one a line, with control characters and "%" as %XX.
+    /// The next path of an installed file, link or bundle, relative to the target; nullopt at the end.
     std::optional<std::string> nextPlace();
 
   private:
-    struct Close {
-        void operator()(std::FILE* file) const { std::fclose(file); }
-    };
-
     [[noreturn]] void damaged() const;
     std::optional<std::string> nextLine();
     std::string field(const std::string& name);
 
-    std::unique_ptr<std::FILE, Close> file_;
+    Owner<std::FILE, std::fclose> file_;
     std::string name_;
     Receipt head_;
 };
 
 /// Calls `use` for each receipt of the target, by identifier. Hidden files, and those that do not begin like
 /// a receipt, are none.
-void forEachReceipt(int target, const std::function<void(ReceiptReader&)>& use);
+void forEachReceipt(TargetFolder target, const std::function<void(ReceiptReader&)>& use);
 
-/// Throws Failure when a higher version of the package is installed in the target, or its receipt could not
-/// be kept there.
-void requireNotOlder(int target, const package::PackageInfo& info, bool isSigned);
+/// Throws Failure if a higher version of the package is installed in the target, or if no receipt can be kept
+/// there.
+void requireNotOlder(TargetFolder target, const package::PackageInfo& info, bool isSigned);
 
 /// Throws Failure when the package, whose new files are in `staging`, would replace what another one has
 /// installed.
-void requireOwnPlaces(int target, int staging, const package::PackageInfo& info, bool isSigned);
+void requireOwnPlaces(TargetFolder target, StagingFolder staging, const package::PackageInfo& info,
+                      bool isSigned);
 
 /// Writes the receipt, with the places of what is staged, to the staging folder.
-void writeReceipt(int staging, const Receipt& receipt);
+void writeReceipt(StagingFolder staging, const Receipt& receipt);
 
 /// Makes the folder of receipts in the target, if it is missing.
-void makeReceiptsFolder(int target);
+void makeReceiptsFolder(TargetFolder target);
 
-/// Moves the receipt from the staging folder to its place. Does nothing where there is none.
-void commitReceipt(int target, int staging);
+/// Moves the receipt, if there is one, from the staging folder to its place.
+void commitReceipt(TargetFolder target, StagingFolder staging);
 
 } // namespace installer

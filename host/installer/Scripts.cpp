@@ -1,14 +1,14 @@
-#include "installer/Scripts.h"
+#include "host/installer/Scripts.h"
 
 #include "base/ChildProcess.h"
 #include "base/FileDescriptor.h"
 #include "base/Pipe.h"
 #include "base/ReadWrite.h"
 #include "base/RootEnvironment.h"
-#include "installer/Descendants.h"
-#include "installer/Tree.h"
-#include "package/Contents.h"
-#include "package/Failure.h"
+#include "host/installer/Descendants.h"
+#include "host/installer/Tree.h"
+#include "host/package/Contents.h"
+#include "host/package/Failure.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -95,8 +95,8 @@ pid_t startScript(int folder, const std::string& name, const ScriptArguments& ar
     if (script > 0) {
         waitUntilExit(script);
     }
-    errno = cause;
-    throw systemFailure(what + " cannot be started");
+    throw Failure(what + " cannot be started: " + std::generic_category().message(cause),
+                  FailureKind::Script);
 }
 
 // Whether the process has ended within the time limit.
@@ -140,13 +140,15 @@ void runScript(int folder, const std::string& name, const ScriptArguments& argum
     const int ending = waitUntilExit(script);
     endDescendants();
     if (!isInTime) {
-        throw Failure(what + " took longer than " + std::to_string(kTimeLimit / 60) + " minutes");
+        throw Failure(what + " took longer than " + std::to_string(kTimeLimit / 60) + " minutes",
+                      FailureKind::Script);
     }
     if (WIFSIGNALED(ending)) {
-        throw Failure(what + " was ended by signal " + std::to_string(WTERMSIG(ending)));
+        throw Failure(what + " was ended by signal " + std::to_string(WTERMSIG(ending)), FailureKind::Script);
     }
     if (WEXITSTATUS(ending) != 0) {
-        throw Failure(what + " failed with status " + std::to_string(WEXITSTATUS(ending)));
+        throw Failure(what + " failed with status " + std::to_string(WEXITSTATUS(ending)),
+                      FailureKind::Script);
     }
 }
 

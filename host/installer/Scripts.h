@@ -12,9 +12,9 @@ struct ScriptArguments {
 };
 
 /// Runs `name` from the folder, if it is there: with a clean environment, in a session of its own, with
-/// standard error as its output. After ten minutes, when the script ends, or when this process does, all
-/// processes that it has started are killed. Throws Failure when it cannot be started, exceeds the time, ends
-/// with another status than 0, or is killed. To be called where adoptOrphans was called before.
+/// standard error as its output. All processes that it has started are killed when it ends, when this process
+/// ends, or after ten minutes. Throws Failure if it cannot be started, takes longer, is killed, or ends with
+/// a status other than 0. Call adoptOrphans first; the process must have one thread.
 void runScript(int folder, const std::string& name, const ScriptArguments& arguments);
 
 /// Kills the script that is running, if any, and its process group. Safe in a signal handler.

@@ -1,8 +1,8 @@
-#include "installer/SetAside.h"
+#include "host/installer/SetAside.h"
 
-#include "installer/StagingLayout.h"
-#include "installer/Tree.h"
-#include "package/Failure.h"
+#include "host/installer/StagingLayout.h"
+#include "host/installer/Tree.h"
+#include "host/package/Failure.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -58,19 +58,19 @@ std::uint64_t bytesBelow(int folder, const std::string& name) {
 
 } // namespace
 
-bool isSetAside(int staging) {
+bool isSetAside(StagingFolder staging) {
     return statusOf(staging, kAside) && statusOf(openFolder(staging, kAside).get(), kBundle);
 }
 
-bool isSetAsideInPart(int staging) {
+bool isSetAsideInPart(StagingFolder staging) {
     return statusOf(staging, kAside) && statusOf(openFolder(staging, kAside).get(), kPieces);
 }
 
-bool isApplicationPresent(int target) {
+bool isApplicationPresent(TargetFolder target) {
     return statusOf(target, kFolder) && statusOf(openFolder(target, kFolder).get(), kBundle);
 }
 
-void setAside(int target, int staging) {
+void setAside(TargetFolder target, StagingFolder staging) {
     if (!isApplicationPresent(target)) {
         return;
     }
@@ -78,7 +78,8 @@ void setAside(int target, int staging) {
     struct stat here{};
     struct stat there{};
     if (fstat(applications.get(), &here) != 0 || fstat(staging, &there) != 0 || here.st_dev != there.st_dev) {
-        throw Failure(std::string("the folder ") + kFolder + " is on another file system");
+        throw Failure(std::string("the folder ") + kFolder + " is on another file system",
+                      FailureKind::Target);
     }
     if (mkdirat(staging, kAside, S_IRWXU) != 0) {
         failToWrite();
@@ -93,7 +94,7 @@ void setAside(int target, int staging) {
     }
 }
 
-void putBack(int target, int staging) {
+void putBack(TargetFolder target, StagingFolder staging) {
     const FileDescriptor aside = openFolder(staging, kAside);
     if (statusOf(aside.get(), kBundle)) {
         if (mkdirat(target, kFolder, 0755) != 0 && errno != EEXIST) {
@@ -110,13 +111,13 @@ void putBack(int target, int staging) {
     removeTree(staging, kAside);
 }
 
-void moveApplication(int target, int staging, const std::string& name) {
+void moveApplication(TargetFolder target, StagingFolder staging, const std::string& name) {
     if (isApplicationPresent(target)) {
         moveTree(openFolder(target, kFolder).get(), kBundle, staging, name);
     }
 }
 
-std::uint64_t bytesSetAside(int staging) {
+std::uint64_t bytesSetAside(StagingFolder staging) {
     return bytesBelow(staging, kAside);
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "host/installer/StagingLayout.h"
+
 #include <cstdint>
 #include <string>
 
@@ -10,24 +12,24 @@
 namespace installer {
 
 /// Whether any of the application is in `aside`.
-bool isSetAside(int staging);
+bool isSetAside(StagingFolder staging);
 
 /// Whether a move was interrupted, so that each of the two places may have a part.
-bool isSetAsideInPart(int staging);
+bool isSetAsideInPart(StagingFolder staging);
 
 /// Whether anything is at the application's place.
-bool isApplicationPresent(int target);
+bool isApplicationPresent(TargetFolder target);
 
 /// Moves the application, if there is one, to `aside`, which must not exist. On failure it is moved back.
-void setAside(int target, int staging);
+void setAside(TargetFolder target, StagingFolder staging);
 
-/// Moves it back, or completes such a move. Nothing but a part of it may be at its place.
-void putBack(int target, int staging);
+/// Moves it back, or finishes an interrupted move back. Its place must be empty or hold only part of it.
+void putBack(TargetFolder target, StagingFolder staging);
 
-/// Moves whatever is at the application's place, if anything is, into the staging folder under `name`.
-void moveApplication(int target, int staging, const std::string& name);
+/// Moves whatever is at the application's place into the staging folder, as `name`.
+void moveApplication(TargetFolder target, StagingFolder staging, const std::string& name);
 
 /// The bytes that removing it would free.
-std::uint64_t bytesSetAside(int staging);
+std::uint64_t bytesSetAside(StagingFolder staging);
 
 } // namespace installer

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/FileDescriptor.h"
+#include "host/installer/StagingLayout.h"
 
 #include <chrono>
 #include <string>
@@ -28,38 +29,42 @@ class Staging {
     Staging(const Staging&) = delete;
     Staging& operator=(const Staging&) = delete;
 
-    int target() const { return target_.get(); }
-    int folder() const { return folder_.get(); }
+    TargetFolder target() const { return {target_.get()}; }
+    StagingFolder folder() const { return {folder_.get()}; }
 
     /// Makes and opens a folder in it, accessible to its owner only.
-    FileDescriptor makeFolder(const std::string& name) const;
+    FileDescriptor makeFolder(const std::string& name);
 
     /// Moves everything in new/ into the target. Files, links and bundles replace what is there; a folder
     /// that the target lacks is moved as a whole, other folders are merged. Can be undone until markDone.
     /// Throws Failure: before anything is moved when the target has an entry of another kind in the way,
     /// later when a move fails.
-    void swapIn() const;
+    void swapIn();
 
     /// Commits the install.
-    void markDone() const;
+    void markDone();
     bool isDone() const;
 
     /// Removes the application that was moved aside.
-    void discardAside() const;
+    void discardAside();
 
     /// Removes what is at the application's place, if anything is.
-    void discardApplication() const;
+    void discardApplication();
 
     /// Leaves the target as it was, unless the install is committed, and removes the folder if nothing is set
     /// aside in it. Throws Failure when something of the target could not be put back; it is kept for another
     /// try.
-    void close() const;
+    void close();
 
   private:
-    void settle() const;
-    void discard(const std::string& name) const;
+    void settle();
+    void complete();
+    void undo();
+    void clean();
+    void discard(const std::string& name);
     std::string unusedName() const;
-    void removeDiscarded() const;
+    void removeDiscarded();
+    void syncFolder();
 
     FileDescriptor target_;
     FileDescriptor folder_;

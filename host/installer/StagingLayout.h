@@ -1,10 +1,25 @@
 #pragma once
 
-#include "package/Contents.h"
+#include "host/package/Contents.h"
 
 namespace installer {
 
-/// The folder below the target where an install is prepared, and what it holds; see Staging.
+/// The folder that is installed into, open. A type of its own, as is the next, so that the two can't be
+/// swapped by mistake; both can be used wherever a descriptor is wanted.
+struct TargetFolder {
+    int descriptor = -1;
+
+    operator int() const { return descriptor; }
+};
+
+/// The folder below the target where an install is prepared, open; see Staging.
+struct StagingFolder {
+    int descriptor = -1;
+
+    operator int() const { return descriptor; }
+};
+
+/// Its name, and those of what it holds.
 using package::kStagingName;
 inline constexpr char kNewFolder[] = "new";
 inline constexpr char kOldFolder[] = "old";

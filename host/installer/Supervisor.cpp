@@ -1,10 +1,10 @@
-#include "installer/Supervisor.h"
+#include "host/installer/Supervisor.h"
 
 #include "base/ChildProcess.h"
 #include "base/Pipe.h"
-#include "installer/Descendants.h"
-#include "installer/Scripts.h"
-#include "package/Failure.h"
+#include "base/ReadWrite.h"
+#include "host/installer/Descendants.h"
+#include "host/installer/Scripts.h"
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -16,6 +16,8 @@
 #include <cstdlib>
 #include <exception>
 #include <new>
+#include <string>
+#include <string_view>
 
 namespace installer {
 
@@ -23,6 +25,7 @@ using namespace package;
 
 namespace {
 
+constexpr std::size_t kLongestCause = 4096; // that a pipe takes in one piece
 constexpr std::array kEndingSignals{SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGXCPU};
 
 volatile pid_t worker = 0; // NOLINT(*-avoid-non-const-global-variables): a signal handler has no other way
@@ -32,7 +35,7 @@ volatile std::sig_atomic_t wasStopped = 0;
 template <std::size_t size>
 [[noreturn]] void endWith(const char (&line)[size]) {
     closefrom(STDERR_FILENO + 1); // the lock on the target, too: printing may take any time
-    (void)!write(STDOUT_FILENO, line, size - 1);
+    [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, line, size - 1);
     _exit(EXIT_FAILURE);
 }
 
@@ -71,14 +74,16 @@ void handleEndingSignals(void (*handler)(int)) {
     }
 }
 
-std::string causeOf(const std::function<void()>& work) {
+std::optional<Failure> failureOf(const std::function<void()>& work) {
     try {
         work();
-        return {};
+        return std::nullopt;
+    } catch (const Failure& failure) {
+        return failure;
     } catch (const std::bad_alloc&) {
-        return "out of memory";
+        return Failure("out of memory", FailureKind::System);
     } catch (const std::exception& problem) {
-        return problem.what();
+        return Failure(problem.what(), FailureKind::System);
     }
 }
 
@@ -99,10 +104,13 @@ std::string causeOf(const std::function<void()>& work) {
         onParentDeath(SIGUSR1);
     }
     adoptOrphans();
-    const std::string cause = causeOf(work);
-    // A pipe takes this much in one piece.
-    (void)!write(causes, cause.data(), std::min<std::size_t>(cause.size(), 4096));
-    _exit(cause.empty() ? EXIT_SUCCESS : EXIT_FAILURE);
+    const std::optional<Failure> failure = failureOf(work);
+    if (!failure) {
+        _exit(EXIT_SUCCESS);
+    }
+    const std::string_view cause = failure->what();
+    writeAll(causes, cause.substr(0, kLongestCause));
+    _exit(static_cast<int>(failure->kind()));
 }
 
 } // namespace
@@ -111,7 +119,7 @@ void reportWhenStopped() {
     handleEndingSignals(onEndingSignal);
 }
 
-Ending supervise(const std::function<void()>& work) {
+std::optional<Failure> supervise(const std::function<void()>& work) {
     Pipe causes;
     if (!causes.readEnd.isOpen()) {
         throw systemFailure("cannot start");
@@ -134,22 +142,24 @@ Ending supervise(const std::function<void()>& work) {
     handleEndingSignals(SIG_IGN);
     endDescendants();
 
-    std::array<char, 4096> text{};
+    std::array<char, kLongestCause> text{};
     const ssize_t size = read(causes.readEnd.get(), text.data(), text.size());
     if (WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS) {
-        return {true, {}};
+        return std::nullopt;
     }
-    if (size > 0) {
-        return {false, {text.data(), static_cast<std::size_t>(size)}};
+    if (WIFEXITED(status) && size > 0) {
+        return Failure({text.data(), static_cast<std::size_t>(size)},
+                       static_cast<FailureKind>(WEXITSTATUS(status)));
     }
+    std::string cause = "the worker ended without giving a cause";
     if (wasStopped) {
-        return {false, "stopped by a signal"};
+        cause = "stopped by a signal";
+    } else if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) {
+        cause = "the package's file system did not answer for a minute";
+    } else if (WIFSIGNALED(status)) {
+        cause = "the worker was ended by signal " + std::to_string(WTERMSIG(status));
     }
-    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) {
-        return {false, "the package's file system did not answer for a minute"};
-    }
-    return {false, WIFSIGNALED(status) ? "the worker was ended by signal " + std::to_string(WTERMSIG(status))
-                                       : "the worker ended without giving a cause"};
+    return Failure(cause, FailureKind::System);
 }
 
 } // namespace installer

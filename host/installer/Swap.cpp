@@ -1,11 +1,18 @@
-#include "installer/Swap.h"
+// The plan is a file in the staging folder. It lists the places that are swapped, in the order of the swap:
+//
+//     plan   = *( place %x00 )
+//     place  = a path relative to the target; zero is the only byte that no path contains
+//
+// It is written as `plan.part` and renamed when it is on disk, so a plan is always whole. A place has come as
+// far as shown by what exists: in new/, in the target, in old/ under the place's index in the plan.
+#include "host/installer/Swap.h"
 
 #include "base/FileDescriptor.h"
 #include "base/ReadWrite.h"
-#include "installer/StagingLayout.h"
-#include "installer/Tree.h"
-#include "package/Failure.h"
-#include "package/Text.h"
+#include "host/installer/StagingLayout.h"
+#include "host/installer/Tree.h"
+#include "host/package/Failure.h"
+#include "host/package/Text.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -41,13 +48,13 @@ struct Place {
 
 // The three places of the plan's entry of that index. Which of them are taken shows how far it has come.
 struct Places {
-    Places(int target, int staging, const SwapPlan& plan, std::size_t index)
-        : coming(staging, std::string(kNewFolder) + "/" + plan[index]), proper(target, plan[index]),
-          going(staging, std::string(kOldFolder) + "/" + std::to_string(index)) {}
+    Places(TargetFolder target, StagingFolder staging, const SwapPlan& plan, std::size_t index)
+        : inNew(staging, std::string(kNewFolder) + "/" + plan[index]), inTarget(target, plan[index]),
+          inOld(staging, std::string(kOldFolder) + "/" + std::to_string(index)) {}
 
-    Place coming;
-    Place proper;
-    Place going;
+    Place inNew;
+    Place inTarget;
+    Place inOld;
 };
 
 class Planner {
@@ -66,20 +73,24 @@ class Planner {
                 continue;
             }
             if ((S_ISDIR(there->st_mode) && there->st_dev != device_) || isMountPoint(present, name)) {
-                throw Failure("something is mounted in the target's place " + inQuotes(place));
+                throw Failure("something is mounted in the target's place " + inQuotes(place),
+                              FailureKind::Target);
             }
             if (!comesAsFolder) {
                 if (S_ISDIR(there->st_mode)) {
-                    throw Failure("the target has a folder in place of a file: " + inQuotes(place));
+                    throw Failure("the target has a folder in place of a file: " + inQuotes(place),
+                                  FailureKind::Target);
                 }
                 plan.push_back(place);
                 continue;
             }
             if (S_ISLNK(there->st_mode)) {
-                throw Failure("the target has a symbolic link in place of a folder: " + inQuotes(place));
+                throw Failure("the target has a symbolic link in place of a folder: " + inQuotes(place),
+                              FailureKind::Target);
             }
             if (!S_ISDIR(there->st_mode)) {
-                throw Failure("the target has a file in place of a folder: " + inQuotes(place));
+                throw Failure("the target has a file in place of a folder: " + inQuotes(place),
+                              FailureKind::Target);
             }
             if (isBundle(name)) {
                 plan.push_back(place);
@@ -105,7 +116,7 @@ bool isBundle(std::string_view name) {
     });
 }
 
-SwapPlan makeSwapPlan(int target, int staging) {
+SwapPlan makeSwapPlan(TargetFolder target, StagingFolder staging) {
     struct stat status{};
     if (fstat(target, &status) != 0) {
         throw systemFailure("the target cannot be examined");
@@ -115,11 +126,11 @@ SwapPlan makeSwapPlan(int target, int staging) {
     return planner.plan;
 }
 
-void writeSwapPlan(int staging, const SwapPlan& plan) {
+void writeSwapPlan(StagingFolder staging, const SwapPlan& plan) {
     std::string text;
     for (const std::string& place : plan) {
         text += place;
-        text += '\0'; // the only byte that no name contains
+        text += '\0';
     }
     const FileDescriptor file(
         openat(staging, kUnfinishedPlan, O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600));
@@ -129,9 +140,9 @@ void writeSwapPlan(int staging, const SwapPlan& plan) {
     }
 }
 
-SwapPlan readSwapPlan(int staging) {
+SwapPlan readSwapPlan(StagingFolder staging) {
     if (!statusOf(staging, kPlan)) {
-        return {};
+        return SwapPlan();
     }
     const FileDescriptor file(openat(staging, kPlan, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
     const std::optional<std::string> content = file.isOpen() ? readAll(file.get()) : std::nullopt;
@@ -148,28 +159,28 @@ SwapPlan readSwapPlan(int staging) {
     return plan;
 }
 
-void swap(int target, int staging, const SwapPlan& plan) {
+void swap(TargetFolder target, StagingFolder staging, const SwapPlan& plan) {
     for (std::size_t i = 0; i < plan.size(); ++i) {
         const Places places(target, staging, plan, i);
-        if (places.proper.isTaken()) {
-            places.proper.moveTo(places.going);
+        if (places.inTarget.isTaken()) {
+            places.inTarget.moveTo(places.inOld);
         }
-        places.coming.moveTo(places.proper);
+        places.inNew.moveTo(places.inTarget);
     }
 }
 
-void undoSwap(int target, int staging, const SwapPlan& plan) {
+void undoSwap(TargetFolder target, StagingFolder staging, const SwapPlan& plan) {
     for (std::size_t i = plan.size(); i-- > 0;) {
         if (const std::size_t slash = plan[i].rfind('/'); slash != std::string::npos) {
             // A folder that was removed since must not keep the rest from being put back.
-            (void)openFolder(target, plan[i].substr(0, slash), true);
+            makeFolders(target, plan[i].substr(0, slash));
         }
         const Places places(target, staging, plan, i);
-        if (!places.coming.isTaken() && places.proper.isTaken()) {
-            places.proper.moveTo(places.coming);
+        if (!places.inNew.isTaken() && places.inTarget.isTaken()) {
+            places.inTarget.moveTo(places.inNew);
         }
-        if (places.going.isTaken()) {
-            places.going.moveTo(places.proper);
+        if (places.inOld.isTaken()) {
+            places.inOld.moveTo(places.inTarget);
         }
     }
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "host/installer/StagingLayout.h"
+
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,16 +19,16 @@ using SwapPlan = std::vector<std::string>;
 
 /// Decides, place by place, what of the new moves as a whole. Changes nothing. Refuses when the target has a
 /// file or link in place of a folder, a folder in place of a file, or a folder on another file system.
-SwapPlan makeSwapPlan(int target, int staging);
+SwapPlan makeSwapPlan(TargetFolder target, StagingFolder staging);
 
-void writeSwapPlan(int staging, const SwapPlan& plan);
+void writeSwapPlan(StagingFolder staging, const SwapPlan& plan);
 
 /// Empty when none was written, in which case nothing was moved either.
-SwapPlan readSwapPlan(int staging);
+SwapPlan readSwapPlan(StagingFolder staging);
 
-void swap(int target, int staging, const SwapPlan& plan);
+void swap(TargetFolder target, StagingFolder staging, const SwapPlan& plan);
 
 /// Puts everything back, however far the swap, or an earlier undoing, came.
-void undoSwap(int target, int staging, const SwapPlan& plan);
+void undoSwap(TargetFolder target, StagingFolder staging, const SwapPlan& plan);
 
 } // namespace installer

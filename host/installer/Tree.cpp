@@ -1,7 +1,8 @@
-#include "installer/Tree.h"
+#include "host/installer/Tree.h"
 
-#include "package/Failure.h"
-#include "package/Text.h"
+#include "base/Owner.h"
+#include "host/package/Failure.h"
+#include "host/package/Text.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -14,7 +15,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 namespace installer {
 
@@ -24,10 +24,6 @@ namespace {
 
 // A folder that moveTree makes, until it has its mode and owner.
 constexpr char kUnfinishedFolder[] = ".pellomar-unfinished";
-
-struct CloseList {
-    void operator()(DIR* list) const { closedir(list); }
-};
 
 FileDescriptor openChild(int folder, const std::string& name) {
     return FileDescriptor(openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -41,7 +37,7 @@ FileDescriptor openWithinMount(int folder, const std::string& name, std::uint64_
     return FileDescriptor(static_cast<int>(syscall(SYS_openat2, folder, name.c_str(), &how, sizeof how)));
 }
 
-// A folder that is no mount point; the cause is EXDEV where it is one.
+// Opens a folder that is no mount point; fails with EXDEV if it is one.
 FileDescriptor openOnSameMount(int folder, const std::string& name) {
     FileDescriptor opened = openWithinMount(folder, name, O_RDONLY | O_DIRECTORY);
     if (opened.isOpen() || (errno != ENOSYS && errno != EPERM)) {
@@ -72,6 +68,25 @@ bool makeFolderLike(const struct stat& status, int parent, const std::string& na
            renameat(parent, kUnfinishedFolder, parent, name.c_str()) == 0;
 }
 
+enum class Missing { Refuse, Make };
+
+FileDescriptor openEach(int folder, const std::string& path, Missing missing) {
+    FileDescriptor opened = openChild(folder, ".");
+    for (std::size_t begin = 0; opened.isOpen() && begin < path.size();) {
+        const std::size_t end = std::min(path.find('/', begin), path.size());
+        const std::string name = path.substr(begin, end - begin);
+        if (missing == Missing::Make && mkdirat(opened.get(), name.c_str(), 0755) != 0 && errno != EEXIST) {
+            throw systemFailure("cannot make the folder " + inQuotes(path));
+        }
+        opened = openChild(opened.get(), name);
+        begin = end + 1;
+    }
+    if (!opened.isOpen()) {
+        throw systemFailure("cannot open the folder " + inQuotes(path));
+    }
+    return opened;
+}
+
 } // namespace
 
 bool renameWhole(int fromFolder, const std::string& fromName, int toFolder, const std::string& toName) {
@@ -90,21 +105,12 @@ bool renameWhole(int fromFolder, const std::string& fromName, int toFolder, cons
     return renameat(fromFolder, fromName.c_str(), toFolder, toName.c_str()) == 0;
 }
 
-FileDescriptor openFolder(int folder, const std::string& path, bool isMade) {
-    FileDescriptor opened = openChild(folder, ".");
-    for (std::size_t begin = 0; opened.isOpen() && begin < path.size();) {
-        const std::size_t end = std::min(path.find('/', begin), path.size());
-        const std::string name = path.substr(begin, end - begin);
-        if (isMade && mkdirat(opened.get(), name.c_str(), 0755) != 0 && errno != EEXIST) {
-            throw systemFailure("cannot make the folder " + inQuotes(path));
-        }
-        opened = openChild(opened.get(), name);
-        begin = end + 1;
-    }
-    if (!opened.isOpen()) {
-        throw systemFailure("cannot open the folder " + inQuotes(path));
-    }
-    return opened;
+FileDescriptor openFolder(int folder, const std::string& path) {
+    return openEach(folder, path, Missing::Refuse);
+}
+
+FileDescriptor makeFolders(int folder, const std::string& path) {
+    return openEach(folder, path, Missing::Make);
 }
 
 std::optional<struct stat> statusOf(int folder, const std::string& name) {
@@ -115,7 +121,7 @@ std::optional<struct stat> statusOf(int folder, const std::string& name) {
     if (errno != ENOENT) {
         throw systemFailure("cannot examine " + inQuotes(name));
     }
-    return {};
+    return std::nullopt;
 }
 
 bool isFolder(int folder, const std::string& name) {
@@ -128,11 +134,11 @@ bool isFolder(int folder, const std::string& name) {
 
 std::vector<std::string> namesIn(int folder) {
     FileDescriptor again = openChild(folder, ".");
-    const std::unique_ptr<DIR, CloseList> list(again.isOpen() ? fdopendir(again.get()) : nullptr);
+    const Owner<DIR, closedir> list(again.isOpen() ? fdopendir(again.get()) : nullptr);
     if (!list) {
         throw systemFailure("cannot list a folder");
     }
-    (void)again.release(); // owned by the list
+    static_cast<void>(again.release()); // owned by the list
     std::vector<std::string> names;
     errno = 0;
     while (const dirent* entry = readdir(list.get())) {
@@ -166,14 +172,15 @@ void removeTree(int folder, const std::string& name, unsigned depth) {
     }
     const FileDescriptor opened = errno == EISDIR ? openOnSameMount(folder, name) : FileDescriptor();
     if (!opened.isOpen()) {
-        throw errno == EXDEV ? Failure("cannot remove " + inQuotes(name) + ": something is mounted there")
-                             : systemFailure("cannot remove " + inQuotes(name));
+        throw errno == EXDEV
+            ? Failure("cannot remove " + inQuotes(name) + ": something is mounted there", FailureKind::Target)
+            : systemFailure("cannot remove " + inQuotes(name));
     }
     if (geteuid() != 0) {
-        (void)fchmod(opened.get(), S_IRWXU);
+        fchmod(opened.get(), S_IRWXU);
     }
     if (depth == kDeepest) {
-        throw Failure("cannot remove " + inQuotes(name) + ": it lies too deep");
+        throw Failure("cannot remove " + inQuotes(name) + ": it lies too deep", FailureKind::Target);
     }
     for (const std::string& child : namesIn(opened.get())) {
         removeTree(opened.get(), child, depth + 1);

@@ -12,14 +12,16 @@
 // refuses.
 namespace installer {
 
-/// Opens the folder at `path` below `folder`; an empty path is `folder` itself. Folders that are missing on
-/// the way are made first if `isMade`.
-FileDescriptor openFolder(int folder, const std::string& path, bool isMade = false);
+/// Opens the folder at `path` below `folder`; an empty path is `folder` itself.
+FileDescriptor openFolder(int folder, const std::string& path);
 
-/// Whether something is mounted there. False also where that can't be told.
+/// The same, after making the folders that are missing on the way.
+FileDescriptor makeFolders(int folder, const std::string& path);
+
+/// Whether something is mounted there. False also if that cannot be told.
 bool isMountPoint(int folder, const std::string& name);
 
-/// The entry's own status (of a link, not of its target); empty where there is no such entry.
+/// The entry's own status (of a link, not of its target); nullopt if there is no such entry.
 std::optional<struct stat> statusOf(int folder, const std::string& name);
 
 /// Whether the entry, which must exist, is a folder and no link to one.

@@ -1,15 +1,16 @@
-#include "installer/Unpacker.h"
+#include "host/installer/Unpacker.h"
 
 #include "base/FileDescriptor.h"
-#include "package/Contents.h"
-#include "package/Failure.h"
-#include "package/Text.h"
+#include "host/package/Contents.h"
+#include "host/package/Failure.h"
+#include "host/package/Text.h"
 
 #include <archive_entry.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <new>
 #include <utility>
 
@@ -42,7 +43,7 @@ Unpacker::Unpacker(int folder, std::string location, Allowance allowance, std::f
 
 void Unpacker::checkAllowance() const {
     if (usage_.bytes() > allowance_.available) {
-        throw Failure("not enough free space on the target");
+        throw Failure("not enough free space on the target", FailureKind::Space);
     }
     if (usage_.contents() > allowance_.stated) {
         throw Failure("the package's payload is far larger than it states");
@@ -57,13 +58,14 @@ void Unpacker::startWriting(std::uint64_t least) {
     }
     unwritten_ = 0;
     const FileDescriptor file(open(current_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    (void)sync_file_range(file.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+    sync_file_range(file.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
 }
 
-void Unpacker::expect(int result, const char* doing) {
+void Unpacker::require(int result, const char* doing) {
     if (result != ARCHIVE_OK) {
         throw Failure(std::string("cannot ") + doing + " " + inQuotes(current_) + ": " +
-                      lastError(disk_.get()));
+                          lastError(disk_.get()),
+                      archive_errno(disk_.get()) == ENOSPC ? FailureKind::Space : FailureKind::System);
     }
 }
 
@@ -76,26 +78,26 @@ void Unpacker::begin(const PayloadEntry& entry) {
     unwritten_ = 0;
     archive_entry_copy_pathname(entry.entry, current_.c_str());
     archive_entry_set_perm(entry.entry, archive_entry_perm(entry.entry) & kAllowedMode);
-    expect(archive_write_header(disk_.get(), entry.entry), "create");
+    require(archive_write_header(disk_.get(), entry.entry), "create");
 }
 
 void Unpacker::data(const void* bytes, std::size_t size, std::int64_t offset) {
     usage_.addData(size);
     checkAllowance();
-    expect(static_cast<int>(archive_write_data_block(disk_.get(), bytes, size, offset)), "write");
+    require(static_cast<int>(archive_write_data_block(disk_.get(), bytes, size, offset)), "write");
     unwritten_ += size;
     startWriting(kLargePiece);
     onProgress_();
 }
 
 void Unpacker::end() {
-    expect(archive_write_finish_entry(disk_.get()), "complete");
+    require(archive_write_finish_entry(disk_.get()), "complete");
     startWriting(kLargeFile);
 }
 
 void Unpacker::finish() {
     current_ = location_;
-    expect(archive_write_close(disk_.get()), "complete");
+    require(archive_write_close(disk_.get()), "complete");
 }
 
 } // namespace installer

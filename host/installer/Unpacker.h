@@ -1,7 +1,7 @@
 #pragma once
 
-#include "package/Archive.h"
-#include "package/Payload.h"
+#include "host/package/Archive.h"
+#include "host/package/Payload.h"
 
 #include <cstdint>
 #include <functional>
@@ -55,7 +55,7 @@ class Unpacker : public package::PayloadSink {
   private:
     void checkAllowance() const;
     void startWriting(std::uint64_t least);
-    void expect(int result, const char* doing);
+    void require(int result, const char* doing);
 
     package::ArchiveWriter disk_;
     std::string location_;

@@ -1,28 +1,30 @@
-// Keeps the installed application until another version has replaced it. What runs the commands of an
-// installation as root calls `hold` before the application is removed, and ends its input when the attempt is
-// over, however it ended; a systemd unit calls `end` at boot when the folder /.pellomar-installer exists.
+// Keeps the installed application until another version has replaced it. Before the application is removed,
+// the process that runs the commands of an installation as root starts this program with `hold`, and it
+// closes the program's standard input when the attempt is over. At boot, a systemd unit runs `end` if the
+// folder
+// /.pellomar-installer exists.
 //
 // `end` undoes an install that was interrupted before it was committed, or completes one that was interrupted
-// after that. Then, if an application is set aside, it is moved back; anything else that is at its place is
-// removed. Last it removes /.pellomar-installer if nothing is left in it.
+// after that. Then, if an application is set aside, it removes whatever is at the application's place and
+// moves the application back. Last it removes /.pellomar-installer if nothing is left in it.
 //
 // `hold` does what `end` does, then moves /Applications/Pellomar.app, if it exists, into the folder
-// /.pellomar-installer/aside. Should that fail, the application is back in its place. It writes one of the
+// /.pellomar-installer/aside. If that fails, the application is in its place again. It writes one of the
 // bytes of base/TransactionAnswer.h to standard output, waits for the end of standard input and does what
 // `end` does.
 //
-// An install that is committed removes the copy set aside itself. Each verb waits until every `hold` that
-// began earlier has ended, and for a running installer to end, half an hour at most; each can be killed at
-// any point and run again. They print nothing else on success. Exit status: 0 on success, also where there is
-// nothing to do; 1 on failure, with the cause on standard error, and what could not be moved is kept for the
-// next run; 2 for wrong use.
+// The installer itself removes the copy set aside when it commits an install. Each verb waits for every
+// earlier `hold` to end, and at most half an hour for a running installer to end. Each can be killed at any
+// moment and run again. They print nothing else on success. Exit status: 0 on success, even if there was
+// nothing to do; 1 on failure, with the cause on standard error; what could not be moved is kept for the next
+// run; 2 for wrong use.
 #include "base/ReadWrite.h"
 #include "base/StandardDescriptors.h"
 #include "base/TransactionAnswer.h"
-#include "installer/SetAside.h"
-#include "installer/Staging.h"
-#include "installer/StagingLayout.h"
-#include "package/Failure.h"
+#include "host/installer/SetAside.h"
+#include "host/installer/Staging.h"
+#include "host/installer/StagingLayout.h"
+#include "host/package/Failure.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -57,8 +59,8 @@ void complain(const char* text) {
     std::fprintf(stderr, "pellomar-installer-transaction: %s\n", text);
 }
 
-// Only a commit gives the old application up, and removes it then: what is at its place is of no version.
-void settleAside(const Staging& staging) {
+// Only a commit gives the old application up, and then removes it. So whatever is at its place is no version.
+void settleAside(Staging& staging) {
     if (installer::isSetAside(staging.folder())) {
         staging.discardApplication();
         installer::putBack(staging.target(), staging.folder());
@@ -70,13 +72,13 @@ void end() {
     if (lstat((std::string(kTarget) + installer::kStagingName).c_str(), &status) != 0 && errno == ENOENT) {
         return;
     }
-    const Staging staging(kTarget, kPatience);
+    Staging staging(kTarget, kPatience);
     settleAside(staging);
     staging.close();
 }
 
 void setAside() {
-    const Staging staging(kTarget, kPatience);
+    Staging staging(kTarget, kPatience);
     settleAside(staging);
     if (installer::isApplicationPresent(staging.target())) {
         installer::setAside(staging.target(), staging.folder());
@@ -85,7 +87,7 @@ void setAside() {
     }
 }
 
-// The turn is kept where setting aside fails, too: the installer that comes next may replace the application.
+// Keeps its turn even if setting aside fails: the installer that runs next may replace the application.
 void hold() {
     char answer = kSetAside;
     try {
@@ -120,7 +122,7 @@ int main(int argc, char** argv) try {
     umask(S_IWGRP | S_IWOTH);
     std::signal(SIGPIPE, SIG_IGN);
     void (*const work)() = verb == "hold" ? hold : verb == "end" ? end : nullptr;
-    if (work == nullptr) {
+    if (!work) {
         std::fputs(kUsage, verb == "--help" ? stdout : stderr);
         return verb == "--help" ? EXIT_SUCCESS : kWrongUse;
     }

@@ -1,4 +1,4 @@
-#include "kextstat/ModuleTable.h"
+#include "host/kextstat/ModuleTable.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -30,7 +30,7 @@ std::vector<Module> readList(std::ifstream& list) {
     return modules;
 }
 
-// The first word of one of a driver's attribute files; empty where it has none.
+// The first word of one of a driver's attribute files; empty if it has none.
 std::string attribute(const std::filesystem::path& file) {
     std::ifstream in(file);
     std::string text;

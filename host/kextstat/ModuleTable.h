@@ -19,11 +19,11 @@ struct Module {
 /// Where the kernel lists its drivers.
 struct Sources {
     std::filesystem::path list = "/proc/modules"; ///< one line a loadable driver
-    std::filesystem::path folder = "/sys/module"; ///< one folder a driver; read where there is no list
+    std::filesystem::path folder = "/sys/module"; ///< one folder a driver; read if there is no list
 };
 
-/// The drivers that are ready for use: in the order of the list or, where there is none, from the folder,
-/// sorted by name. Throws std::system_error when the list cannot be read, or when there is neither.
+/// The drivers that are ready for use: in the order of the list or, if there is no list, from the folder,
+/// sorted by name. Throws std::system_error if the list cannot be read, or if there is neither.
 std::vector<Module> loadedModules(const Sources& sources);
 
 /// The kernel's name for a driver: the identifier's last component in lower case, with "_" for "-", as in

@@ -1,6 +1,6 @@
 // Shows which of the kernel's drivers are loaded. Callers search the output for a driver's identifier, so it
 // is printed in the row of a loaded driver only.
-#include "kextstat/ModuleTable.h"
+#include "host/kextstat/ModuleTable.h"
 
 #include <cstdio>
 #include <cstdlib>

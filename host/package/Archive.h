@@ -1,20 +1,13 @@
 #pragma once
 
-#include <archive.h>
+#include "base/Owner.h"
 
-#include <memory>
+#include <archive.h>
 
 namespace package {
 
-struct FreeReader {
-    void operator()(archive* handle) const { archive_read_free(handle); }
-};
-struct FreeWriter {
-    void operator()(archive* handle) const { archive_write_free(handle); }
-};
-
-/// Owners of libarchive handles.
-using ArchiveReader = std::unique_ptr<archive, FreeReader>;
-using ArchiveWriter = std::unique_ptr<archive, FreeWriter>;
+/// Owners of libarchive's handles.
+using ArchiveReader = Owner<archive, archive_read_free>;
+using ArchiveWriter = Owner<archive, archive_write_free>;
 
 } // namespace package

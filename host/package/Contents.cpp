@@ -1,10 +1,10 @@
-#include "package/Contents.h"
+#include "host/package/Contents.h"
 
-#include "package/EntryReader.h"
-#include "package/Failure.h"
-#include "package/Package.h"
-#include "package/Payload.h"
-#include "package/Text.h"
+#include "host/package/EntryReader.h"
+#include "host/package/Failure.h"
+#include "host/package/Package.h"
+#include "host/package/Payload.h"
+#include "host/package/Text.h"
 
 #include <archive_entry.h>
 #include <sys/stat.h>
@@ -18,9 +18,9 @@ namespace {
 
 constexpr std::size_t kLargestPackageInfo = 1 << 20;
 
-class Measure : public PayloadSink {
+class SizeLimit : public PayloadSink {
   public:
-    explicit Measure(std::uint64_t most) : left_(most) {}
+    explicit SizeLimit(std::uint64_t most) : left_(most) {}
 
     void data(const void*, std::size_t size, std::int64_t) override {
         if (size > left_) {
@@ -34,10 +34,10 @@ class Measure : public PayloadSink {
     std::uint64_t left_;
 };
 
-class PayloadCheck : public Measure {
+class PayloadCheck : public SizeLimit {
   public:
     explicit PayloadCheck(const PackageInfo& info)
-        : Measure(largestPayload(info)), prefix_(info.location.empty() ? "" : info.location + "/") {}
+        : SizeLimit(largestPayload(info)), prefix_(info.location.empty() ? "" : info.location + "/") {}
 
     void begin(const PayloadEntry& entry) override {
         isEmpty = false;
@@ -50,10 +50,10 @@ class PayloadCheck : public Measure {
     std::string prefix_;
 };
 
-class ScriptsCheck : public Measure {
+class ScriptsCheck : public SizeLimit {
   public:
     explicit ScriptsCheck(std::vector<std::string> named)
-        : Measure(kLargestScripts), missing(std::move(named)) {}
+        : SizeLimit(kLargestScripts), missing(std::move(named)) {}
 
     void begin(const PayloadEntry& entry) override {
         const std::string top = entry.path.substr(0, entry.path.find('/'));

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "package/PackageInfo.h"
+#include "host/package/PackageInfo.h"
 
 #include <sys/types.h>
 

@@ -1,9 +1,8 @@
-#include "package/Digest.h"
+#include "host/package/Digest.h"
 
-#include "package/Failure.h"
+#include "host/package/Failure.h"
 
 #include <openssl/crypto.h>
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <new>
@@ -12,7 +11,7 @@ namespace package {
 
 namespace {
 
-void expect(int result) {
+void requireDone(int result) {
     if (result != 1) {
         throw Failure("a checksum cannot be computed on this machine");
     }
@@ -27,7 +26,7 @@ std::optional<DigestKind> digestKind(std::string_view name) {
             return kind;
         }
     }
-    return {};
+    return std::nullopt;
 }
 
 const char* digestName(DigestKind kind) {
@@ -48,7 +47,7 @@ bool isStrong(DigestKind kind) {
     return kind == DigestKind::Sha256 || kind == DigestKind::Sha512;
 }
 
-const evp_md_st* digestMethod(DigestKind kind) {
+const EVP_MD* digestMethod(DigestKind kind) {
     switch (kind) {
     case DigestKind::Md5:
         return EVP_md5();
@@ -62,22 +61,18 @@ const evp_md_st* digestMethod(DigestKind kind) {
     return nullptr;
 }
 
-void Digest::Free::operator()(evp_md_ctx_st* context) const {
-    EVP_MD_CTX_free(context);
-}
-
 Digest::Digest(DigestKind kind) : context_(EVP_MD_CTX_new()) {
-    expect(context_ ? EVP_DigestInit_ex(context_.get(), digestMethod(kind), nullptr) : 0);
+    requireDone(context_ ? EVP_DigestInit_ex(context_.get(), digestMethod(kind), nullptr) : 0);
 }
 
 void Digest::update(const void* bytes, std::size_t size) {
-    expect(EVP_DigestUpdate(context_.get(), bytes, size));
+    requireDone(EVP_DigestUpdate(context_.get(), bytes, size));
 }
 
 std::string Digest::finish() {
     unsigned char bytes[EVP_MAX_MD_SIZE];
     unsigned size = 0;
-    expect(EVP_DigestFinal_ex(context_.get(), bytes, &size));
+    requireDone(EVP_DigestFinal_ex(context_.get(), bytes, &size));
     return {reinterpret_cast<const char*>(bytes), size};
 }
 
@@ -96,14 +91,14 @@ std::string toHex(std::string_view bytes) {
 
 std::optional<std::string> fromHex(std::string_view text) {
     if (text.size() % 2 != 0) {
-        return {};
+        return std::nullopt;
     }
     std::string bytes;
     for (std::size_t i = 0; i < text.size(); i += 2) {
         const int high = OPENSSL_hexchar2int(static_cast<unsigned char>(text[i]));
         const int low = OPENSSL_hexchar2int(static_cast<unsigned char>(text[i + 1]));
         if (high < 0 || low < 0) {
-            return {};
+            return std::nullopt;
         }
         bytes += static_cast<char>(high * 16 + low);
     }

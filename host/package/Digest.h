@@ -1,13 +1,13 @@
 #pragma once
 
+#include "base/Owner.h"
+
+#include <openssl/evp.h>
+
 #include <cstddef>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-
-struct evp_md_st;
-struct evp_md_ctx_st;
 
 namespace package {
 
@@ -18,7 +18,7 @@ enum class DigestKind { Md5, Sha1, Sha256, Sha512 };
 std::optional<DigestKind> digestKind(std::string_view name);
 const char* digestName(DigestKind kind);
 bool isStrong(DigestKind kind);
-const evp_md_st* digestMethod(DigestKind kind);
+const EVP_MD* digestMethod(DigestKind kind);
 
 /// A running digest. Throws Failure when the machine's OpenSSL refuses the kind.
 class Digest {
@@ -29,10 +29,7 @@ class Digest {
     std::string finish(); ///< the digest's bytes; to be called once, last
 
   private:
-    struct Free {
-        void operator()(evp_md_ctx_st* context) const;
-    };
-    std::unique_ptr<evp_md_ctx_st, Free> context_;
+    Owner<EVP_MD_CTX, EVP_MD_CTX_free> context_;
 };
 
 std::string toHex(std::string_view bytes);

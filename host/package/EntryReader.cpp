@@ -1,8 +1,8 @@
-#include "package/EntryReader.h"
+#include "host/package/EntryReader.h"
 
-#include "package/Archive.h"
-#include "package/Failure.h"
-#include "package/Text.h"
+#include "host/package/Archive.h"
+#include "host/package/Failure.h"
+#include "host/package/Text.h"
 
 #include <archive_entry.h>
 #include <unistd.h>
@@ -29,7 +29,7 @@ class Source {
     std::string_view next() {
         const std::size_t wanted = std::min<std::uint64_t>(left_, block_.size());
         if (wanted == 0) {
-            return {};
+            return "";
         }
         const ssize_t got = pread(file_, block_.data(), wanted, static_cast<off_t>(at_));
         if (got < 0) {
@@ -203,7 +203,7 @@ std::unique_ptr<EntryReader::Decoder> makeDecoder(int file, const Extent& extent
 
 } // namespace
 
-EntryReader::EntryReader(int file, std::uint64_t start, const Data& data)
+EntryReader::EntryReader(int file, std::uint64_t start, const EntryData& data)
     : decoder_(makeDecoder(file, {start, data.stored.length}, data.encoding)), data_(data) {
     if (data.decodedChecksum) {
         digest_ = std::make_unique<Digest>(data.decodedChecksum->kind);
@@ -214,7 +214,7 @@ EntryReader::~EntryReader() = default;
 
 std::string_view EntryReader::next() {
     if (ended_) {
-        return {};
+        return "";
     }
     const std::string_view block = decoder_->next();
     decoded_ += block.size();

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "package/Table.h"
+#include "host/package/Table.h"
 
 #include <cstdint>
 #include <memory>
@@ -13,7 +13,7 @@ class EntryReader {
   public:
     /// `file` stays the caller's and must outlive the reader; `start` is where the part begins in it. Throws
     /// Failure when the encoding is unknown.
-    EntryReader(int file, std::uint64_t start, const Data& data);
+    EntryReader(int file, std::uint64_t start, const EntryData& data);
     EntryReader(const EntryReader&) = delete;
     EntryReader& operator=(const EntryReader&) = delete;
     ~EntryReader();
@@ -29,7 +29,7 @@ class EntryReader {
 
   private:
     std::unique_ptr<Decoder> decoder_;
-    Data data_;
+    EntryData data_;
     std::unique_ptr<Digest> digest_;
     std::uint64_t decoded_ = 0;
     bool ended_ = false;

@@ -1,4 +1,4 @@
-#include "package/Memory.h"
+#include "host/package/Memory.h"
 
 #include <malloc.h>
 #include <pthread.h>
@@ -19,7 +19,7 @@ void limitMemory() {
     pthread_attr_t attributes;
     if (pthread_attr_init(&attributes) == 0) {
         pthread_attr_setstacksize(&attributes, kStack);
-        (void)pthread_setattr_default_np(&attributes);
+        pthread_setattr_default_np(&attributes);
         pthread_attr_destroy(&attributes);
     }
     constexpr rlim_t kMore = 48 << 20;

@@ -2,8 +2,8 @@
 
 namespace package {
 
-/// Limits what this process can allocate from now on to 48 MB, threads included: a second line of defence,
-/// since all that a package can make it allocate is limited where it is read. Call it before threads are
+/// Limits what this process can allocate from now on to 48 MB, threads included. This is a second protection:
+/// whatever reads a package limits what the package can make it allocate. Call it before threads are
 /// started.
 void limitMemory();
 

@@ -1,10 +1,10 @@
-#include "package/Package.h"
+#include "host/package/Package.h"
 
 #include "base/ReadWrite.h"
-#include "package/Failure.h"
-#include "package/ReadAhead.h"
-#include "package/Text.h"
-#include "package/Trust.h"
+#include "host/package/Failure.h"
+#include "host/package/ReadAhead.h"
+#include "host/package/Text.h"
+#include "host/package/Trust.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -36,18 +36,22 @@ FileDescriptor namelessFile(int folder) {
     return file;
 }
 
+// Which checksum an entry must have: any or none, or one that detects tampering.
+enum class Checksums { Any, Strong };
+
 // Compares the checksums of a table's entries, in the order of their places, with the file's bytes from its
 // beginning.
 class EntryCheck {
   public:
-    EntryCheck(const Table& table, std::uint64_t heap, bool isStrengthDemanded) : heap_(heap) {
+    EntryCheck(const Table& table, std::uint64_t heap, Checksums wanted) : heap_(heap) {
         for (const Entry& entry : table.entries) {
             if (!entry.data || entry.data->stored.length == 0) {
                 continue;
             }
             const std::optional<Checksum>& checksum = entry.data->storedChecksum;
-            if (isStrengthDemanded && (!checksum || !isStrong(checksum->kind))) {
-                throw Failure("the package has an entry without a strong checksum: " + inQuotes(entry.path));
+            if (wanted == Checksums::Strong && (!checksum || !isStrong(checksum->kind))) {
+                throw Failure("the package has an entry without a strong checksum: " + inQuotes(entry.path),
+                              FailureKind::Signature);
             }
             if (checksum) {
                 parts_.push_back({&entry.path, &entry.data->stored, &*checksum});
@@ -148,7 +152,7 @@ Package::Package(FileDescriptor file, const TrustedCertificates* trusted) : file
     }
     table_ = parseTable(xml);
     if (!accountsForAll(table_, size_ - heap()) && isSignatureDemanded_) {
-        throw Failure("the package has bytes that its table does not account for");
+        throw Failure("the package has bytes that its table does not account for", FailureKind::Signature);
     }
 }
 
@@ -157,13 +161,13 @@ void Package::verifySeal(const Seal& seal, const std::string& tableDigest,
     isSignatureDemanded_ = trusted.demandsSignature();
     if (!seal.signature) {
         if (isSignatureDemanded_) {
-            throw Failure("the package is not signed");
+            throw Failure("the package is not signed", FailureKind::Signature);
         }
         return;
     }
     const Extent& place = seal.signature->place;
     if (place.length > kLongestSignature) {
-        throw Failure("the package's signature is too long");
+        throw Failure("the package's signature is too long", FailureKind::Signature);
     }
     signer_ = verifySignature({seal.digestKind, tableDigest, heapBytes(place), seal.signature->certificates},
                               trusted);
@@ -171,7 +175,7 @@ void Package::verifySeal(const Seal& seal, const std::string& tableDigest,
 
 void Package::makePrivate(int folder, std::uint64_t room, const std::function<void()>& onPiece) {
     if (size_ > room) {
-        throw Failure("not enough free space on the target");
+        throw Failure("not enough free space on the target", FailureKind::Space);
     }
     FileDescriptor copy = namelessFile(folder);
     readThrough(copy.get(), onPiece);
@@ -209,7 +213,7 @@ void Package::verifyEntries() const {
 }
 
 void Package::readThrough(int copy, const std::function<void()>& onPiece) const {
-    EntryCheck check(table_, heap(), isSignatureDemanded_);
+    EntryCheck check(table_, heap(), isSignatureDemanded_ ? Checksums::Strong : Checksums::Any);
     std::uint64_t at = 0;
     // Reading and copying take turns in one thread, and the digests are computed in the other.
     ReadAhead pieces([&, this](char* to, std::size_t most) -> std::size_t {
@@ -248,7 +252,7 @@ std::unique_ptr<EntryReader> Package::open(const Entry& entry) const {
     if (!entry.data) {
         throw Failure("the package is damaged: it has an empty " + inQuotes(entry.path));
     }
-    Data data = *entry.data;
+    EntryData data = *entry.data;
     if (data.encoding == kPlainEncoding && data.decodedChecksum == data.storedChecksum) {
         data.decodedChecksum.reset(); // of the same bytes: verifyEntries compares it
     }
@@ -259,10 +263,10 @@ std::unique_ptr<EntryReader> Package::openAsStored(const Entry& entry) const {
     if (!entry.data) {
         throw Failure("the package is damaged: it has an empty " + inQuotes(entry.path));
     }
-    const Data& data = *entry.data;
+    const EntryData& data = *entry.data;
     return std::make_unique<EntryReader>(
         file_.get(), heap() + data.stored.offset,
-        Data{data.stored, data.stored.length, kPlainEncoding, {}, data.storedChecksum});
+        EntryData{data.stored, data.stored.length, kPlainEncoding, {}, data.storedChecksum});
 }
 
 std::string Package::text(const Entry& entry, std::size_t most) const {

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "base/FileDescriptor.h"
-#include "package/EntryReader.h"
-#include "package/Table.h"
+#include "host/package/EntryReader.h"
+#include "host/package/Table.h"
 
 #include <cstdint>
 #include <functional>
@@ -39,14 +39,14 @@ class Package {
     /// Open for reading and writing; stays the package's.
     int file() const { return file_.get(); }
 
-    /// The SHA-256 fingerprint of the signer's certificate in hexadecimal digits; empty where there is no
+    /// The SHA-256 fingerprint of the signer's certificate in hexadecimal digits; empty if there is no
     /// signature, or it was not verified.
     const std::string& signer() const { return signer_; }
 
     const Table& table() const { return table_; }
 
-    /// Reads every entry as stored and compares its checksum. Throws Failure when one does not match or,
-    /// where a signature is demanded, has no checksum that detects tampering.
+    /// Reads every entry as stored and compares its checksum. Throws Failure if one does not match or,
+    /// if a signature is demanded, has no checksum that detects tampering.
     void verifyEntries() const;
 
     /// The file of that path, or null. A folder of the name counts as none.

@@ -1,9 +1,9 @@
-#include "package/PackageInfo.h"
+#include "host/package/PackageInfo.h"
 
-#include "package/Failure.h"
-#include "package/Text.h"
-#include "package/Version.h"
-#include "package/Xml.h"
+#include "host/package/Failure.h"
+#include "host/package/Text.h"
+#include "host/package/Version.h"
+#include "host/package/Xml.h"
 
 #include <algorithm>
 #include <charconv>
@@ -24,7 +24,7 @@ std::optional<std::uint64_t> kilobytesOf(const Element& root) {
     const Element* payload = root.child("payload");
     const std::string text = payload ? payload->attribute("installKBytes") : std::string();
     if (text.empty()) {
-        return {};
+        return std::nullopt;
     }
     std::uint64_t value = 0;
     const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), value);

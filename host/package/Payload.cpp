@@ -1,11 +1,11 @@
-#include "package/Payload.h"
+#include "host/package/Payload.h"
 
-#include "package/Archive.h"
-#include "package/Digest.h"
-#include "package/EntryReader.h"
-#include "package/Failure.h"
-#include "package/ReadAhead.h"
-#include "package/Text.h"
+#include "host/package/Archive.h"
+#include "host/package/Digest.h"
+#include "host/package/EntryReader.h"
+#include "host/package/Failure.h"
+#include "host/package/ReadAhead.h"
+#include "host/package/Text.h"
 
 #include <archive_entry.h>
 #include <sys/stat.h>
@@ -49,7 +49,7 @@ class Stream {
         if (!cause_.empty()) {
             throw Failure(cause_);
         }
-        const char* cause = archive_error_string(payload); // none where the archive just ends
+        const char* cause = archive_error_string(payload); // none if the archive just ends
         throw Failure(std::string("the package's payload is damaged: ") + (cause ? cause : "it breaks off"));
     }
 
@@ -72,7 +72,7 @@ class EntryRules {
         const char* name = archive_entry_pathname(entry);
         PayloadEntry checked{relativePath(name ? name : ""), archive_entry_filetype(entry), entry};
         const mode_t type = checked.type;
-        // On sight: libarchive's search for the other names takes longer with each.
+        // Refused at once: libarchive's search for the other names takes longer with each.
         if (archive_entry_hardlink(entry) || (type != S_IFDIR && archive_entry_nlink(entry) > 1)) {
             throw Failure("the package has a hard link, use a copy or a symbolic link instead: " +
                           inQuotes(checked.path));

@@ -1,4 +1,4 @@
-#include "package/ReadAhead.h"
+#include "host/package/ReadAhead.h"
 
 #include <utility>
 

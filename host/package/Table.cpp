@@ -1,8 +1,8 @@
-#include "package/Table.h"
+#include "host/package/Table.h"
 
-#include "package/Failure.h"
-#include "package/Text.h"
-#include "package/Xml.h"
+#include "host/package/Failure.h"
+#include "host/package/Text.h"
+#include "host/package/Xml.h"
 
 #include <openssl/evp.h>
 
@@ -18,7 +18,7 @@ constexpr char kWhat[] = "the package's table";
 constexpr std::size_t kMostCertificates = 10;
 constexpr std::size_t kMostNameBytes = 1 << 20; // of all entries' paths
 
-std::uint64_t bigEndian(std::string_view bytes) {
+std::uint64_t fromBigEndian(std::string_view bytes) {
     std::uint64_t value = 0;
     for (const char c : bytes) {
         value = value << 8 | static_cast<unsigned char>(c);
@@ -63,7 +63,7 @@ DigestKind digestStyle(const Element& element) {
 std::optional<Checksum> checksum(const Element& data, const char* name) {
     const Element* element = data.child(name);
     if (!element) {
-        return {};
+        return std::nullopt;
     }
     const DigestKind kind = digestStyle(*element);
     std::optional<std::string> bytes = fromHex(trimmed(element->text));
@@ -92,8 +92,8 @@ std::string fromBase64(std::string_view text, const char* what) {
     return bytes;
 }
 
-Data readData(const Element& element) {
-    Data data;
+EntryData readData(const Element& element) {
+    EntryData data;
     data.stored = {number(element, "offset"), number(element, "length")};
     data.size = number(element, "size");
     data.encoding = kPlainEncoding;
@@ -198,7 +198,7 @@ Seal readSeal(const Element& toc) {
     seal.digest = {number(*digest, "offset"), number(*digest, "size")};
     if (const Element* signature = toc.child("signature")) {
         if (signature->attribute("style") != "RSA") {
-            throw Failure("the package's signature is of an unknown kind");
+            throw Failure("the package's signature is of an unknown kind", FailureKind::Signature);
         }
         seal.signature = readSignature(*signature);
     }
@@ -212,12 +212,12 @@ Header parseHeader(std::string_view bytes) {
         throw Failure("not a package: it does not begin like one");
     }
     Header header;
-    header.size = bigEndian(bytes.substr(4, 2));
-    header.tableLength = bigEndian(bytes.substr(8, 8));
-    header.tableUnpacked = bigEndian(bytes.substr(16, 8));
-    const std::uint64_t kind = bigEndian(bytes.substr(24, 4));
+    header.size = fromBigEndian(bytes.substr(4, 2));
+    header.tableLength = fromBigEndian(bytes.substr(8, 8));
+    header.tableUnpacked = fromBigEndian(bytes.substr(16, 8));
+    const std::uint64_t kind = fromBigEndian(bytes.substr(24, 4));
     const bool isNamed = header.size == kLongestHeader && kind == 3 && bytes.size() >= kLongestHeader;
-    if ((header.size != kHeaderSize && !isNamed) || bigEndian(bytes.substr(6, 2)) != 1) {
+    if ((header.size != kHeaderSize && !isNamed) || fromBigEndian(bytes.substr(6, 2)) != 1) {
         throw Failure("not a package: its header is of an unknown form");
     }
     if (header.tableLength == 0 || header.tableLength > kLargestTable || header.tableUnpacked == 0 ||

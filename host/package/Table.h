@@ -1,6 +1,6 @@
 #pragma once
 
-#include "package/Digest.h"
+#include "host/package/Digest.h"
 
 #include <cstdint>
 #include <optional>
@@ -37,7 +37,7 @@ struct Checksum {
     bool operator==(const Checksum&) const = default;
 };
 
-struct Data {
+struct EntryData {
     Extent stored;
     std::uint64_t size = 0; ///< once decoded
     std::string encoding;   ///< a media type
@@ -48,7 +48,7 @@ struct Data {
 struct Entry {
     std::string path; ///< relative, without ".."; empty for an extended attribute
     bool isFolder = false;
-    std::optional<Data> data; ///< none for folders and empty files
+    std::optional<EntryData> data; ///< none for folders and empty files
 };
 
 struct Signature {

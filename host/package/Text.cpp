@@ -1,6 +1,6 @@
-#include "package/Text.h"
+#include "host/package/Text.h"
 
-#include "package/Failure.h"
+#include "host/package/Failure.h"
 
 #include <archive.h>
 
@@ -67,7 +67,7 @@ std::string inQuotes(std::string_view name) {
 std::string lastError(archive* handle) {
     const char* text = archive_error_string(handle);
     std::string cause = text ? text : "no cause given";
-    // EILSEQ stands for any malformed archive, and the system's text for it would mislead.
+    // EILSEQ is used for any malformed archive; the system's text for it would mislead.
     if (const int number = archive_errno(handle); number > 0 && number != EILSEQ) {
         const std::string system = std::generic_category().message(number);
         if (cause.find(system) == std::string::npos) {

@@ -14,7 +14,7 @@ std::string oneLine(std::string_view text);
 /// A name from a package for use in a message: one line, in quotes, cut to a sensible length.
 std::string inQuotes(std::string_view name);
 
-/// The last failure of a libarchive handle: its text, and the system's where the text leaves it out.
+/// The last failure of a libarchive handle: its text, and the system's text unless that is part of it.
 std::string lastError(archive* handle);
 
 /// In bytes; leaves room for the target's path, and limits the depth.

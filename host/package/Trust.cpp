@@ -1,9 +1,9 @@
-#include "package/Trust.h"
+#include "host/package/Trust.h"
 
 #include "base/FileDescriptor.h"
 #include "base/Ownership.h"
-#include "package/Failure.h"
-#include "package/Text.h"
+#include "host/package/Failure.h"
+#include "host/package/Text.h"
 
 #include <fcntl.h>
 #include <openssl/err.h>
@@ -30,25 +30,19 @@ constexpr int kSmallestKey = 2048; // bits
 constexpr int kStrength = 2;       // OpenSSL's level of 112 bits: RSA from 2048 bits, no SHA-1
 constexpr off_t kLargestPem = 1 << 20;
 
-template <auto Function>
-struct Free {
-    template <typename T>
-    void operator()(T* object) const {
-        Function(object);
-    }
-};
-using Certificate = std::unique_ptr<X509, Free<X509_free>>;
-using Input = std::unique_ptr<BIO, Free<BIO_free_all>>;
-using KeyContext = std::unique_ptr<EVP_PKEY_CTX, Free<EVP_PKEY_CTX_free>>;
-using Verification = std::unique_ptr<X509_STORE_CTX, Free<X509_STORE_CTX_free>>;
+using Certificate = Owner<X509, X509_free>;
+using Input = Owner<BIO, BIO_free_all>;
+using KeyContext = Owner<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
+using Verification = Owner<X509_STORE_CTX, X509_STORE_CTX_free>;
 
-struct FreeStack {
-    void operator()(STACK_OF(X509) * stack) const { sk_X509_pop_free(stack, X509_free); }
-};
-using CertificateStack = std::unique_ptr<STACK_OF(X509), FreeStack>;
+void freeStack(STACK_OF(X509) * stack) {
+    sk_X509_pop_free(stack, X509_free);
+}
+using CertificateStack = Owner<STACK_OF(X509), freeStack>;
 
-template <typename T>
-T present(T object) {
+// What OpenSSL has made; it makes nothing if there is no memory.
+template <typename Object>
+Object* made(Object* object) {
     if (!object) {
         throw std::bad_alloc();
     }
@@ -61,7 +55,7 @@ void requireOursAlone(int file, const std::string& what) {
         throw systemFailure(what + " cannot be examined");
     }
     if (!isOursAlone(status)) {
-        throw Failure(what + " can be changed by others than the administrator");
+        throw Failure(what + " can be changed by others than the administrator", FailureKind::Signature);
     }
 }
 
@@ -73,11 +67,11 @@ std::string readTrusted(int folder, const std::string& name) {
     }
     requireOursAlone(file.get(), "the file");
     if (!S_ISREG(status.st_mode) || status.st_size > kLargestPem) {
-        throw Failure("is not a file of certificates");
+        throw Failure("is not a file of certificates", FailureKind::Signature);
     }
     std::string content(static_cast<std::size_t>(status.st_size), '\0');
     if (read(file.get(), content.data(), content.size()) != status.st_size) {
-        throw Failure("cannot be read");
+        throw Failure("cannot be read", FailureKind::Signature);
     }
     return content;
 }
@@ -97,7 +91,8 @@ Certificate parse(const std::string& der) {
     const unsigned char* const end = bytes + der.size();
     Certificate certificate(d2i_X509(nullptr, &bytes, static_cast<long>(der.size())));
     if (!certificate || bytes != end) {
-        throw Failure("the package's signature has a certificate that cannot be read");
+        throw Failure("the package's signature has a certificate that cannot be read",
+                      FailureKind::Signature);
     }
     return certificate;
 }
@@ -111,22 +106,22 @@ std::string fingerprint(X509* certificate) {
     return toHex({reinterpret_cast<const char*>(bytes), size});
 }
 
-void verifyWithKey(X509* signer, const Signed& what) {
+void verifyWithKey(X509* signer, const SignedDigest& what) {
     EVP_PKEY* key = X509_get0_pubkey(signer);
     if (!key || EVP_PKEY_get_base_id(key) != EVP_PKEY_RSA) {
-        throw Failure("the package's signature is not made with an RSA key");
+        throw Failure("the package's signature is not made with an RSA key", FailureKind::Signature);
     }
     if (EVP_PKEY_get_bits(key) < kSmallestKey) {
-        throw Failure("the signer's key is too short: it has fewer than 2048 bits");
+        throw Failure("the signer's key is too short: it has fewer than 2048 bits", FailureKind::Signature);
     }
-    const KeyContext context(present(EVP_PKEY_CTX_new(key, nullptr)));
+    const KeyContext context(made(EVP_PKEY_CTX_new(key, nullptr)));
     if (EVP_PKEY_verify_init(context.get()) != 1 ||
         EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) != 1 ||
         EVP_PKEY_CTX_set_signature_md(context.get(), digestMethod(what.kind)) != 1 ||
         EVP_PKEY_verify(context.get(), reinterpret_cast<const unsigned char*>(what.signature.data()),
                         what.signature.size(), reinterpret_cast<const unsigned char*>(what.digest.data()),
                         what.digest.size()) != 1) {
-        throw Failure("the package's signature does not match its table");
+        throw Failure("the package's signature does not match its table", FailureKind::Signature);
     }
 }
 
@@ -135,16 +130,17 @@ void requireMeantForSigning(const STACK_OF(X509) * chain) {
     for (int i = 0; i < sk_X509_num(chain); ++i) {
         X509* certificate = sk_X509_value(chain, i);
         const std::uint32_t flags = X509_get_extension_flags(certificate);
-        const std::uint32_t purposes = X509_get_extended_key_usage(certificate); // all, where none are named
+        const std::uint32_t purposes = X509_get_extended_key_usage(certificate); // all, if none are named
         const bool named = (flags & EXFLAG_XKUSAGE) != 0;
         const bool isSigner = i == 0;
         if (isSigner ? !named || (purposes & XKU_CODE_SIGN) == 0
                      : named && (purposes & (XKU_CODE_SIGN | XKU_ANYEKU)) == 0) {
             throw Failure(isSigner ? "the signer's certificate is not meant for signing code"
-                                   : "a certificate of the signer's chain is not meant for signing code");
+                                   : "a certificate of the signer's chain is not meant for signing code",
+                          FailureKind::Signature);
         }
         if (isSigner && (X509_get_key_usage(certificate) & KU_DIGITAL_SIGNATURE) == 0) {
-            throw Failure("the signer's certificate is not meant for signatures");
+            throw Failure("the signer's certificate is not meant for signatures", FailureKind::Signature);
         }
     }
 }
@@ -173,7 +169,7 @@ std::string chainFailure(int code) {
 }
 
 void verifyChain(X509* signer, STACK_OF(X509) * chain, const TrustedCertificates& trusted) {
-    const Verification verification(present(X509_STORE_CTX_new()));
+    const Verification verification(made(X509_STORE_CTX_new()));
     if (X509_STORE_CTX_init(verification.get(), trusted.store(), signer, chain) != 1) {
         throw std::bad_alloc();
     }
@@ -182,7 +178,7 @@ void verifyChain(X509* signer, STACK_OF(X509) * chain, const TrustedCertificates
     // A publisher's own certificate may be trusted without its issuer's.
     X509_VERIFY_PARAM_set_flags(rules, X509_V_FLAG_PARTIAL_CHAIN);
     if (X509_verify_cert(verification.get()) != 1) {
-        throw Failure(chainFailure(X509_STORE_CTX_get_error(verification.get())));
+        throw Failure(chainFailure(X509_STORE_CTX_get_error(verification.get())), FailureKind::Signature);
     }
     requireMeantForSigning(X509_STORE_CTX_get0_chain(verification.get()));
     trusted.requireAccepted(signer);
@@ -190,11 +186,7 @@ void verifyChain(X509* signer, STACK_OF(X509) * chain, const TrustedCertificates
 
 } // namespace
 
-void TrustedCertificates::Free::operator()(x509_store_st* store) const {
-    X509_STORE_free(store);
-}
-
-TrustedCertificates::TrustedCertificates() : store_(present(X509_STORE_new())) {}
+TrustedCertificates::TrustedCertificates() : store_(made(X509_STORE_new())) {}
 
 void TrustedCertificates::addFolder(const fs::path& folder) {
     const std::string what = "the folder of trusted certificates";
@@ -217,11 +209,12 @@ void TrustedCertificates::addFolder(const fs::path& folder) {
         try {
             addFile(readTrusted(opened.get(), name), name.ends_with(".keys"));
         } catch (const Failure& failure) {
-            throw Failure("the trusted certificate " + inQuotes(name) + " " + failure.what());
+            throw Failure("the trusted certificate " + inQuotes(name) + " " + failure.what(),
+                          FailureKind::Signature);
         }
     }
     if (problem) {
-        throw Failure(what + " cannot be read: " + problem.message());
+        throw Failure(what + " cannot be read: " + problem.message(), FailureKind::Signature);
     }
 }
 
@@ -231,13 +224,13 @@ void TrustedCertificates::addFile(const std::string& content, bool arePins) {
         for (std::string line; std::getline(lines, line);) {
             const std::optional<std::string> digest = fromHex(line);
             if (!digest || digest->size() != 32) {
-                throw Failure("has a line that is not the SHA-256 digest of a key");
+                throw Failure("has a line that is not the SHA-256 digest of a key", FailureKind::Signature);
             }
             pin(toHex(*digest));
         }
         return;
     }
-    const Input input(present(BIO_new_mem_buf(content.data(), static_cast<int>(content.size()))));
+    const Input input(made(BIO_new_mem_buf(content.data(), static_cast<int>(content.size()))));
     bool hasAny = false;
     while (const Certificate certificate{PEM_read_bio_X509(input.get(), nullptr, nullptr, nullptr)}) {
         add(certificate.get());
@@ -247,11 +240,11 @@ void TrustedCertificates::addFile(const std::string& content, bool arePins) {
     const bool atEnd = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
     ERR_clear_error();
     if (!atEnd || !hasAny) {
-        throw Failure("cannot be read");
+        throw Failure("cannot be read", FailureKind::Signature);
     }
 }
 
-void TrustedCertificates::add(x509_st* certificate) {
+void TrustedCertificates::add(X509* certificate) {
     if (X509_STORE_add_cert(store_.get(), certificate) != 1) {
         throw std::bad_alloc();
     }
@@ -259,13 +252,14 @@ void TrustedCertificates::add(x509_st* certificate) {
     isDemanding_ = true;
 }
 
-void TrustedCertificates::requireAccepted(x509_st* signer) const {
+void TrustedCertificates::requireAccepted(X509* signer) const {
     if (certificates_.count(fingerprint(signer)) == 0 && pins_.count(publicKeyDigest(signer)) == 0) {
-        throw Failure("the signer has a certificate of a trusted authority, but is not trusted itself");
+        throw Failure("the signer has a certificate of a trusted authority, but is not trusted itself",
+                      FailureKind::Signature);
     }
 }
 
-std::string publicKeyDigest(x509_st* certificate) {
+std::string publicKeyDigest(X509* certificate) {
     unsigned char* bytes = nullptr;
     const int size = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(certificate), &bytes);
     if (size <= 0) {
@@ -277,12 +271,12 @@ std::string publicKeyDigest(x509_st* certificate) {
     return toHex(digest.finish());
 }
 
-std::string verifySignature(const Signed& what, const TrustedCertificates& trusted) {
+std::string verifySignature(const SignedDigest& what, const TrustedCertificates& trusted) {
     if (what.certificates.empty()) {
-        throw Failure("the package's signature names no signer");
+        throw Failure("the package's signature names no signer", FailureKind::Signature);
     }
     const Certificate signer = parse(what.certificates.front());
-    const CertificateStack others(present(sk_X509_new_null()));
+    const CertificateStack others(made(sk_X509_new_null()));
     for (std::size_t i = 1; i < what.certificates.size(); ++i) {
         Certificate certificate = parse(what.certificates[i]);
         if (sk_X509_push(others.get(), certificate.get()) <= 0) {
@@ -291,7 +285,7 @@ std::string verifySignature(const Signed& what, const TrustedCertificates& trust
         [[maybe_unused]] const X509* const owned = certificate.release(); // by the stack
     }
     if (trusted.demandsSignature() && !isStrong(what.kind)) {
-        throw Failure("the package's signature is over a digest that is too weak");
+        throw Failure("the package's signature is over a digest that is too weak", FailureKind::Signature);
     }
     verifyWithKey(signer.get(), what);
     if (trusted.demandsSignature()) {

@@ -1,4 +1,4 @@
-#include "package/Version.h"
+#include "host/package/Version.h"
 
 #include <algorithm>
 
@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::string_view kDigits = "0123456789";
 
-// The number before the next dot, without leading zeros; nothing stands for zero.
+// The number before the next dot, without leading zeros; empty for zero.
 std::string_view takeNumber(std::string_view& version) {
     const std::size_t end = std::min(version.find_first_not_of(kDigits), version.size());
     std::string_view number = version.substr(0, end);

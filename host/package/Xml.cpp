@@ -1,11 +1,11 @@
-#include "package/Xml.h"
+#include "host/package/Xml.h"
 
-#include "package/Failure.h"
-#include "package/Text.h"
+#include "base/Owner.h"
+#include "host/package/Failure.h"
+#include "host/package/Text.h"
 
 #include <expat.h>
 
-#include <memory>
 #include <new>
 #include <type_traits>
 
@@ -98,10 +98,6 @@ void onDoctype(void* data, const XML_Char*, const XML_Char*, const XML_Char*, in
     static_cast<Reading*>(data)->stop("declares a document type");
 }
 
-struct FreeParser {
-    void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
-};
-
 } // namespace
 
 std::string Element::attribute(const std::string& key) const {
@@ -124,7 +120,7 @@ const Element* Element::child(std::string_view key) const {
 }
 
 Element parseXml(std::string_view xml, const std::string& what, std::string_view skipped) {
-    const std::unique_ptr<std::remove_pointer_t<XML_Parser>, FreeParser> parser(XML_ParserCreate(nullptr));
+    const Owner<std::remove_pointer_t<XML_Parser>, XML_ParserFree> parser(XML_ParserCreate(nullptr));
     if (!parser) {
         throw std::bad_alloc();
     }

@@ -14,7 +14,7 @@ struct Element {
     std::string text; ///< between its tags, without its children's
     std::vector<Element> children;
 
-    /// The attribute's value; empty where there is none.
+    /// The attribute's value; empty if there is none.
     std::string attribute(const std::string& key) const;
 
     /// The only child of that name, or null. Throws Failure when there are several: two programs might then

@@ -1,11 +1,11 @@
-#include "PackageSigner.h"
+#include "host/sign-package/PackageSigner.h"
 
 #include "base/ReadWrite.h"
-#include "package/Contents.h"
-#include "package/Failure.h"
-#include "package/Package.h"
-#include "package/Text.h"
-#include "package/Trust.h"
+#include "host/package/Contents.h"
+#include "host/package/Failure.h"
+#include "host/package/Package.h"
+#include "host/package/Text.h"
+#include "host/package/Trust.h"
 
 #include <fcntl.h>
 #include <openssl/err.h>
@@ -29,10 +29,7 @@ using namespace package;
 constexpr DigestKind kKind = DigestKind::Sha256;
 constexpr std::uint32_t kKindNumber = 3; // in a header
 
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, CloseFile>;
+using File = Owner<std::FILE, std::fclose>;
 
 File openFile(const std::string& path) {
     File file(std::fopen(path.c_str(), "rbe"));
@@ -76,10 +73,7 @@ std::string der(X509* certificate) {
     return text;
 }
 
-std::string escaped(const std::string& text) {
-    if (oneLine(text) != text) { // which is UTF-8, see relativePath
-        throw Failure("the package has a name with control characters");
-    }
+std::string xmlText(const std::string& text) {
     std::string xml;
     for (const char c : text) {
         switch (c) {
@@ -99,6 +93,12 @@ std::string escaped(const std::string& text) {
     return xml;
 }
 
+void requireNoControls(const std::string& name) {
+    if (oneLine(name) != name) {
+        throw Failure("the package has a name with control characters");
+    }
+}
+
 std::string element(const std::string& name, const std::string& text) {
     return "<" + name + ">" + text + "</" + name + ">\n";
 }
@@ -112,7 +112,7 @@ std::string checksum(const char* name, const std::string& digest) {
            ">\n";
 }
 
-std::string bigEndian(std::uint64_t value, int bytes) {
+std::string toBigEndian(std::uint64_t value, int bytes) {
     std::string text;
     for (int i = bytes - 1; i >= 0; --i) {
         text += static_cast<char>(value >> (8 * i) & 0xff);
@@ -134,14 +134,15 @@ std::string describeFiles(const Package& package, std::uint64_t offset) {
             open.pop_back();
         }
         const std::string name = entry.path.substr(open.empty() ? 0 : open.back().size() + 1);
-        xml += "<file id=\"" + std::to_string(++id) + "\">\n" + element("name", escaped(name)) +
+        requireNoControls(name);
+        xml += "<file id=\"" + std::to_string(++id) + "\">\n" + element("name", xmlText(name)) +
                element("type", entry.isFolder ? "directory" : "file");
         if (entry.isFolder) {
             open.push_back(entry.path);
             continue;
         }
         if (entry.data) {
-            const Data& data = *entry.data;
+            const EntryData& data = *entry.data;
             xml += "<data>\n" + extent(offset, "length", data.stored.length) +
                    element("size", std::to_string(data.size)) + "<encoding style=\"" + data.encoding +
                    "\"/>\n" + checksum("archived-checksum", digestOf(*package.openAsStored(entry))) +
@@ -182,8 +183,7 @@ std::string deflated(const std::string& text) {
 }
 
 std::string signatureOver(const std::string& digest, EVP_PKEY* key) {
-    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(EVP_PKEY_CTX_new(key, nullptr),
-                                                                              EVP_PKEY_CTX_free);
+    const Owner<EVP_PKEY_CTX, EVP_PKEY_CTX_free> context(EVP_PKEY_CTX_new(key, nullptr));
     std::string signature(static_cast<std::size_t>(EVP_PKEY_get_size(key)), '\0');
     std::size_t size = signature.size();
     if (!context || EVP_PKEY_sign_init(context.get()) != 1 ||
@@ -199,9 +199,9 @@ std::string signatureOver(const std::string& digest, EVP_PKEY* key) {
 
 // A file that appears under its name only when it is complete. Until then it has a name that no one can
 // predict, so that no link can be put in its way, and no one else can read it.
-class Output {
+class OutputFile {
   public:
-    explicit Output(const std::string& path) : path_(path), unfinished_(path + ".XXXXXX") {
+    explicit OutputFile(const std::string& path) : path_(path), unfinished_(path + ".XXXXXX") {
         // Taking the name of a link or a device would not be writing to it.
         struct stat status{};
         if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
@@ -212,9 +212,9 @@ class Output {
             throw systemFailure("cannot write the package");
         }
     }
-    Output(const Output&) = delete;
-    Output& operator=(const Output&) = delete;
-    ~Output() { unlink(unfinished_.c_str()); }
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+    ~OutputFile() { unlink(unfinished_.c_str()); }
 
     int file() const { return file_.get(); }
 
@@ -283,14 +283,6 @@ std::string verifyOutput(int file, const Publisher& publisher) {
 
 } // namespace
 
-void FreeKey::operator()(evp_pkey_st* key) const {
-    EVP_PKEY_free(key);
-}
-
-void FreeCertificate::operator()(x509_st* certificate) const {
-    X509_free(certificate);
-}
-
 Publisher readPublisher(const std::string& keyFile, const std::vector<std::string>& certificateFiles) {
     Publisher publisher;
     publisher.key = readKey(keyFile);
@@ -328,10 +320,10 @@ std::string signPackage(const std::string& in, const std::string& out, const Pub
     const std::string tableDigest = digest.finish();
     const std::string signature = signatureOver(tableDigest, key);
 
-    Output output(out);
-    writeOut(output.file(), kMagic + bigEndian(kHeaderSize, 2) + bigEndian(1, 2) +
-                                bigEndian(packed.size(), 8) + bigEndian(table.size(), 8) +
-                                bigEndian(kKindNumber, 4));
+    OutputFile output(out);
+    writeOut(output.file(), kMagic + toBigEndian(kHeaderSize, 2) + toBigEndian(1, 2) +
+                                toBigEndian(packed.size(), 8) + toBigEndian(table.size(), 8) +
+                                toBigEndian(kKindNumber, 4));
     writeOut(output.file(), packed + tableDigest + signature);
     for (const Entry& entry : package.table().entries) {
         if (entry.path.empty() || !entry.data) {

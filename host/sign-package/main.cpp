@@ -1,7 +1,7 @@
 // Signs a flat package, for its publisher. Keys are read from files, so that none is ever seen on a
 // command line.
-#include "PackageSigner.h"
-#include "package/Memory.h"
+#include "host/package/Memory.h"
+#include "host/sign-package/PackageSigner.h"
 
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -47,7 +47,7 @@ int main(int argc, char** argv) try {
         return kWrongUse;
     }
     protectMemory();
-    (void)std::setlocale(LC_CTYPE, "C.UTF-8"); // as in the installer, whose checks these are
+    std::setlocale(LC_CTYPE, "C.UTF-8"); // as in the installer, whose checks these are
     const Publisher publisher = readPublisher(arguments[0], {arguments.begin() + 1, arguments.end() - 2});
     package::limitMemory(); // after the key's passphrase, which may take more on purpose
     const std::string fingerprint = signPackage(arguments.end()[-2], arguments.back(), publisher);

@@ -28,7 +28,7 @@ std::vector<std::string> readLine(sd_bus_message* message) {
 
 } // namespace
 
-// The last thing that a method does: where the question cannot be asked, the call has ended.
+// Call this last in a method: if the question cannot be asked, this object is gone.
 template <typename... Arguments>
 void Call::ask(sd_bus_message_handler_t onAnswer, const char* destination, const char* path,
                const char* interface, const char* member, const char* types, Arguments... arguments) {
@@ -90,7 +90,7 @@ int Call::onPolkitAnswer(sd_bus_message* answer) {
     return 0;
 }
 
-// Goes on at once where there is nothing to wait for. Otherwise awaited_ can be read without waiting then.
+// If there is nothing to wait for, calls onReadable immediately.
 void Call::await(State state, FileDescriptor descriptor) {
     state_ = state;
     awaited_ = std::move(descriptor);
@@ -189,7 +189,7 @@ void Call::reply(State next, const FileDescriptor& output) {
 
 void Call::end(const char* error, const std::string& reason) {
     if (state_ == State::Asking) {
-        // Without effect where polkit has answered.
+        // Has no effect if polkit has answered already.
         sd_bus_call_method_async(service_.bus(), nullptr, kPolkit, kAuthorityPath, kAuthority,
                                  "CancelCheckAuthorization", nullptr, nullptr, "s", name_.c_str());
     }
@@ -198,7 +198,7 @@ void Call::end(const char* error, const std::string& reason) {
     }
 }
 
-// Only a granted caller's refusals are logged: anybody can have as many others as wanted.
+// Only refusals of granted callers are logged: anybody can cause any number of others.
 int Call::refuse(const char* error, const std::string& reason) {
     if (state_ >= State::Ready) {
         log("refused " + name_ + ": " + reason);

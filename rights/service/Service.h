@@ -29,9 +29,9 @@ class Service;
 ///     Execute kextstat … ----> Running
 ///     (connection ends) -----> (removed)          the transaction ends with whoever still holds it
 ///
-/// A tool goes on when its call has ended; the system reaps it with the service. An Execute that comes while
-/// a tool is Running waits for its end. Every other end of the call, at any state, is a refusal of the
-/// message that is not answered yet. Nothing here waits: each state is left by an event.
+/// A tool keeps running when its call has ended. An Execute that arrives while a tool is Running waits for
+/// its end. If the call ends in any other state, the message that is not answered yet is refused. Nothing
+/// here blocks: an event ends each state.
 class Call {
   public:
     Call(Service& service, std::string name) : service_(service), name_(std::move(name)) {}
@@ -69,8 +69,8 @@ class Call {
 
     BusSlot question_;       // Identifying, Asking
     FileDescriptor awaited_; // AwaitingEarlier, SettingAside
-    std::unique_ptr<sd_event_source, Unref<sd_event_source_disable_unref>>
-        event_; // that something is to be read there, or that the tool has ended
+    // That there is something to read, or that the tool has ended.
+    Owner<sd_event_source, sd_event_source_disable_unref> event_;
 
     GrantedCommands commands_;
     std::vector<std::string> line_; // of the command that is being started or runs
@@ -104,7 +104,7 @@ class Service {
 
     std::chrono::microseconds idleTime_;
     std::chrono::steady_clock::time_point lastUse_ = std::chrono::steady_clock::now();
-    std::unique_ptr<sd_event, Unref<sd_event_unref>> loop_;
+    Owner<sd_event, sd_event_unref> loop_;
     BusConnection bus_;
     std::map<std::string, Call> calls_; // by the connection's unique name
 };

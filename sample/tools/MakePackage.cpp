@@ -1,6 +1,8 @@
 // Packs a folder into a flat package: a xar archive with PackageInfo and Payload, a gzip-compressed cpio
 // archive of the folder. All entries belong to root and have one time stamp, so that the payload depends on
 // the contents alone.
+#include "base/Owner.h"
+
 #include <archive.h>
 #include <archive_entry.h>
 #include <sys/stat.h>
@@ -12,7 +14,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -25,13 +26,8 @@ constexpr std::time_t kTime = 1554422400; // 2019-04-05 00:00:00 UTC
 
 constexpr char kUsage[] = "Usage: make-package --identifier ID --version VERSION FOLDER PACKAGE\n";
 
-struct FreeWriter {
-    void operator()(archive* handle) const { archive_write_free(handle); }
-};
-struct FreeEntry {
-    void operator()(archive_entry* entry) const { archive_entry_free(entry); }
-};
-using Writer = std::unique_ptr<archive, FreeWriter>;
+using Writer = Owner<archive, archive_write_free>;
+using ArchiveEntry = Owner<archive_entry, archive_entry_free>;
 
 void expect(int result, archive* writer) {
     if (result != ARCHIVE_OK) {
@@ -48,8 +44,8 @@ struct Scratch {
     }
 };
 
-std::unique_ptr<archive_entry, FreeEntry> makeEntry(const std::string& name, mode_t mode, la_int64_t size) {
-    std::unique_ptr<archive_entry, FreeEntry> entry(archive_entry_new());
+ArchiveEntry makeEntry(const std::string& name, mode_t mode, la_int64_t size) {
+    ArchiveEntry entry(archive_entry_new());
     archive_entry_copy_pathname(entry.get(), name.c_str());
     archive_entry_set_mode(entry.get(), mode);
     archive_entry_set_size(entry.get(), size);

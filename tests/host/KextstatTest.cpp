@@ -1,4 +1,4 @@
-#include "kextstat/ModuleTable.h"
+#include "host/kextstat/ModuleTable.h"
 
 #include <gtest/gtest.h>
 

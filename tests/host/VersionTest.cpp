@@ -1,4 +1,4 @@
-#include "package/Version.h"
+#include "host/package/Version.h"
 
 #include <gtest/gtest.h>
 

@@ -24,7 +24,7 @@ std::string run(const QStringList& words) {
     FILE* output = nullptr;
     std::string text = std::to_string(AuthorizationExecuteWithPrivileges(
         owner.get(), arguments.front(), 0, {arguments.begin() + 1, arguments.end()}, &output));
-    if (output != nullptr) {
+    if (output) {
         for (int character = 0; (character = fgetc(output)) != EOF;) {
             text += character == '\n' ? '\t' : static_cast<char>(character);
         }

@@ -1,13 +1,13 @@
 // The entry points of the fuzz targets; each target is built for one of them.
 #include "base/ReadWrite.h"
-#include "installer/Receipt.h"
-#include "installer/Swap.h"
-#include "package/Contents.h"
-#include "package/Failure.h"
-#include "package/Package.h"
-#include "package/Payload.h"
-#include "package/Trust.h"
-#include "package/Version.h"
+#include "host/installer/Receipt.h"
+#include "host/installer/Swap.h"
+#include "host/package/Contents.h"
+#include "host/package/Failure.h"
+#include "host/package/Package.h"
+#include "host/package/Payload.h"
+#include "host/package/Trust.h"
+#include "host/package/Version.h"
 
 #include <fcntl.h>
 #include <openssl/x509.h>
@@ -123,7 +123,7 @@ void fuzzReceipt(const std::string& input) {
 void fuzzPlan(const std::string& input) {
     const FileDescriptor folder(open(folderWith("plan", input).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     std::string again;
-    for (const std::string& place : installer::readSwapPlan(folder.get())) {
+    for (const std::string& place : installer::readSwapPlan({folder.get()})) {
         again += place + '\0';
     }
     require(again == input || again == input + '\0');
