@@ -6,18 +6,18 @@
 
 OSStatus AuthorizationCreate(AuthorizationRef* authorization) {
     *authorization = (geteuid() == 0 ? makeRootAuthorization() : makePolkitAuthorization()).release();
-    return !*authorization ? errAuthorizationBadAddress : errAuthorizationSuccess;
+    return *authorization == nullptr ? errAuthorizationBadAddress : errAuthorizationSuccess;
 }
 
 OSStatus AuthorizationCopyRights(AuthorizationRef authorization, const std::string& right, unsigned flags) {
-    return !authorization ? errAuthorizationBadAddress : authorization->copyRights(right, flags);
+    return authorization == nullptr ? errAuthorizationBadAddress : authorization->copyRights(right, flags);
 }
 
 OSStatus AuthorizationExecuteWithPrivileges(AuthorizationRef authorization, const std::string& toolPath,
                                             unsigned /*options*/, const std::vector<std::string>& arguments,
                                             FILE** pipe) {
     *pipe = nullptr;
-    if (!authorization) {
+    if (authorization == nullptr) {
         return errAuthorizationBadAddress;
     }
     FileDescriptor output;
@@ -26,7 +26,7 @@ OSStatus AuthorizationExecuteWithPrivileges(AuthorizationRef authorization, cons
         return status;
     }
     *pipe = fdopen(output.get(), "r");
-    if (!*pipe) {
+    if (*pipe == nullptr) {
         return errAuthorizationToolExecuteFailure;
     }
     static_cast<void>(output.release()); // the stream has it
@@ -34,7 +34,7 @@ OSStatus AuthorizationExecuteWithPrivileges(AuthorizationRef authorization, cons
 }
 
 OSStatus AuthorizationFree(AuthorizationRef authorization, unsigned /*flags*/) {
-    if (!authorization) {
+    if (authorization == nullptr) {
         return errAuthorizationBadAddress;
     }
     delete authorization;

@@ -94,10 +94,10 @@ class PolkitAuthorization : public AuthorizationOpaque {
         int result = -1;
         waitAside([&] { result = sd_bus_call(bus_.get(), message.get(), kNoTimeOut, &error, &received); });
         BusMessage answer(received);
-        if (reply) {
+        if (reply != nullptr) {
             *reply = std::move(answer);
         }
-        const std::string_view name = !error.name ? "" : error.name;
+        const std::string_view name = error.name == nullptr ? "" : error.name;
         OSStatus status = errAuthorizationDenied;
         if (result >= 0) {
             status = errAuthorizationSuccess;

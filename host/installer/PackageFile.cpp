@@ -64,7 +64,7 @@ void send(int socket, int descriptor, int cause) {
 
 bool becomeUser(uid_t user) {
     const passwd* const entry = getpwuid(user);
-    return entry && initgroups(entry->pw_name, entry->pw_gid) == 0 &&
+    return entry != nullptr && initgroups(entry->pw_name, entry->pw_gid) == 0 &&
            setresgid(entry->pw_gid, entry->pw_gid, entry->pw_gid) == 0 && setresuid(user, user, user) == 0;
 }
 
@@ -98,7 +98,7 @@ uid_t userFrom(std::string_view text) {
 
 PackageFile::PackageFile(std::string path) : path_(std::move(path)) {
     const char* const user = std::getenv(kPackageUser);
-    if (!user) {
+    if (user == nullptr) {
         return;
     }
     user_ = userFrom(user);
@@ -142,7 +142,8 @@ FileDescriptor PackageFile::open() {
         errno = answer.cause;
         throw systemFailure(kCannotOpen);
     }
-    if (const cmsghdr* const item = CMSG_FIRSTHDR(&answer.header); item && item->cmsg_type == SCM_RIGHTS) {
+    if (const cmsghdr* const item = CMSG_FIRSTHDR(&answer.header);
+        item != nullptr && item->cmsg_type == SCM_RIGHTS) {
         memcpy(&descriptor, CMSG_DATA(item), sizeof descriptor);
     }
     FileDescriptor file(descriptor);

@@ -168,8 +168,8 @@ void ReceiptReader::damaged() const {
 
 std::optional<std::string> ReceiptReader::nextLine() {
     std::array<char, std::size_t{4} * 2 * kLongestPath> line{}; // of two paths, with three bytes for each
-    if (!std::fgets(line.data(), line.size(), file_.get())) {
-        if (std::ferror(file_.get())) {
+    if (std::fgets(line.data(), line.size(), file_.get()) == nullptr) {
+        if (std::ferror(file_.get()) != 0) {
             throw systemFailure("the receipt " + name_ + " cannot be read");
         }
         return std::nullopt;

@@ -152,7 +152,7 @@ std::optional<Failure> supervise(const std::function<void()>& work) {
                        static_cast<FailureKind>(WEXITSTATUS(status)));
     }
     std::string cause = "the worker ended without giving a cause";
-    if (wasStopped) {
+    if (wasStopped != 0) {
         cause = "stopped by a signal";
     } else if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) {
         cause = "the package's file system did not answer for a minute";

@@ -88,7 +88,7 @@ Arguments parse(int argc, char** argv) {
                              : argument == "-target"  ? &arguments.target
                              : argument == "-trusted" ? &arguments.trusted
                                                       : nullptr;
-        if (!value) {
+        if (value == nullptr) {
             throw Failure("unknown argument; see installer --help", FailureKind::Usage);
         }
         if (i + 1 == argc) {

@@ -122,7 +122,7 @@ int main(int argc, char** argv) try {
     umask(S_IWGRP | S_IWOTH);
     std::signal(SIGPIPE, SIG_IGN);
     void (*const work)() = verb == "hold" ? hold : verb == "end" ? end : nullptr;
-    if (!work) {
+    if (work == nullptr) {
         std::fputs(kUsage, verb == "--help" ? stdout : stderr);
         return verb == "--help" ? EXIT_SUCCESS : kWrongUse;
     }

@@ -82,14 +82,14 @@ void requireNotReserved(const std::string& place, bool isFolder) {
 
 const Entry& requireEntry(const Package& package, const char* name) {
     const Entry* entry = package.find(name);
-    if (!entry) {
+    if (entry == nullptr) {
         throw Failure(std::string("the package has no ") + name);
     }
     return *entry;
 }
 
 PackageInfo readPackageInfo(const Package& package) {
-    if (package.find("Distribution") && !package.find("PackageInfo")) {
+    if (package.find("Distribution") != nullptr && package.find("PackageInfo") == nullptr) {
         throw Failure(
             "the package is a product archive, with a Distribution; a flat package is wanted, as it has "
             "inside");

@@ -147,7 +147,7 @@ Package::Package(FileDescriptor file, const TrustedCertificates* trusted) : file
     if (seal.digest.length != tableDigest.size() || heapBytes(seal.digest) != tableDigest) {
         throw Failure("the package's table does not match its digest");
     }
-    if (trusted) {
+    if (trusted != nullptr) {
         verifySeal(seal, tableDigest, *trusted);
     }
     table_ = parseTable(xml);

@@ -22,7 +22,7 @@ bool isPlainWord(const std::string& text) {
 
 std::optional<std::uint64_t> kilobytesOf(const Element& root) {
     const Element* payload = root.child("payload");
-    const std::string text = payload ? payload->attribute("installKBytes") : std::string();
+    const std::string text = payload != nullptr ? payload->attribute("installKBytes") : std::string();
     if (text.empty()) {
         return std::nullopt;
     }

@@ -50,7 +50,8 @@ class Stream {
             throw Failure(cause_);
         }
         const char* cause = archive_error_string(payload); // none if the archive just ends
-        throw Failure(std::string("the package's payload is damaged: ") + (cause ? cause : "it breaks off"));
+        throw Failure(std::string("the package's payload is damaged: ") +
+                      (cause != nullptr ? cause : "it breaks off"));
     }
 
     // What follows the archive's end counts for the checksum, too.
@@ -70,10 +71,10 @@ class EntryRules {
   public:
     PayloadEntry check(archive_entry* entry) {
         const char* name = archive_entry_pathname(entry);
-        PayloadEntry checked{relativePath(name ? name : ""), archive_entry_filetype(entry), entry};
+        PayloadEntry checked{relativePath(name != nullptr ? name : ""), archive_entry_filetype(entry), entry};
         const mode_t type = checked.type;
         // Refused at once: libarchive's search for the other names takes longer with each.
-        if (archive_entry_hardlink(entry) || (type != S_IFDIR && archive_entry_nlink(entry) > 1)) {
+        if (archive_entry_hardlink(entry) != nullptr || (type != S_IFDIR && archive_entry_nlink(entry) > 1)) {
             throw Failure("the package has a hard link, use a copy or a symbolic link instead: " +
                           inQuotes(checked.path));
         }
@@ -92,7 +93,7 @@ class EntryRules {
         }
         if (type == S_IFLNK) {
             const char* to = archive_entry_symlink(entry);
-            if (!to || *to == '\0' || std::strlen(to) >= PATH_MAX) {
+            if (to == nullptr || *to == '\0' || std::strlen(to) >= PATH_MAX) {
                 throw Failure("the package has a link that leads nowhere: " + inQuotes(checked.path));
             }
         }

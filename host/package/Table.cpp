@@ -39,7 +39,7 @@ std::string_view trimmed(std::string_view text) {
 
 std::uint64_t number(const Element& parent, const char* name) {
     const Element* element = parent.child(name);
-    const std::string_view text = element ? trimmed(element->text) : std::string_view();
+    const std::string_view text = element != nullptr ? trimmed(element->text) : std::string_view();
     std::uint64_t value = 0;
     const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), value);
     // The largest files that exist are far smaller, and sums of such numbers cannot overflow.
@@ -62,7 +62,7 @@ DigestKind digestStyle(const Element& element) {
 
 std::optional<Checksum> checksum(const Element& data, const char* name) {
     const Element* element = data.child(name);
-    if (!element) {
+    if (element == nullptr) {
         return std::nullopt;
     }
     const DigestKind kind = digestStyle(*element);
@@ -108,8 +108,8 @@ EntryData readData(const Element& element) {
 Signature readSignature(const Element& element) {
     Signature signature{{number(element, "offset"), number(element, "size")}, {}};
     const Element* keys = element.child("KeyInfo");
-    const Element* chain = keys ? keys->child("X509Data") : nullptr;
-    if (!chain) {
+    const Element* chain = keys != nullptr ? keys->child("X509Data") : nullptr;
+    if (chain == nullptr) {
         malformed("signature without certificates");
     }
     for (const Element& item : chain->children) {
@@ -129,7 +129,7 @@ class EntryList {
 
     void add(const Element& file, const std::string& folder) {
         const Element* name = file.child("name");
-        if (!name) {
+        if (name == nullptr) {
             malformed("entry without a name");
         }
         const std::string own =
@@ -148,7 +148,7 @@ class EntryList {
             throw Failure("the package has two entries of one name: " + inQuotes(entry.path));
         }
         const Element* type = file.child("type");
-        const std::string_view kind = type ? trimmed(type->text) : "file";
+        const std::string_view kind = type != nullptr ? trimmed(type->text) : "file";
         if (kind != "file" && kind != "directory") {
             throw Failure("the package has an entry that is neither file nor folder: " +
                           inQuotes(entry.path));
@@ -182,7 +182,7 @@ class EntryList {
 
 const Element& tableOfContents(const Element& root) {
     const Element* toc = root.name == "xar" ? root.child("toc") : nullptr;
-    if (!toc) {
+    if (toc == nullptr) {
         malformed("root");
     }
     return *toc;
@@ -191,7 +191,7 @@ const Element& tableOfContents(const Element& root) {
 Seal readSeal(const Element& toc) {
     Seal seal;
     const Element* digest = toc.child("checksum");
-    if (!digest) {
+    if (digest == nullptr) {
         malformed("checksum");
     }
     seal.digestKind = digestStyle(*digest);

@@ -66,7 +66,7 @@ std::string inQuotes(std::string_view name) {
 
 std::string lastError(archive* handle) {
     const char* text = archive_error_string(handle);
-    std::string cause = text ? text : "no cause given";
+    std::string cause = text != nullptr ? text : "no cause given";
     // EILSEQ is used for any malformed archive; the system's text for it would mislead.
     if (const int number = archive_errno(handle); number > 0 && number != EILSEQ) {
         const std::string system = std::generic_category().message(number);

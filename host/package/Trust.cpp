@@ -108,7 +108,7 @@ std::string fingerprint(X509* certificate) {
 
 void verifyWithKey(X509* signer, const SignedDigest& what) {
     EVP_PKEY* key = X509_get0_pubkey(signer);
-    if (!key || EVP_PKEY_get_base_id(key) != EVP_PKEY_RSA) {
+    if (key == nullptr || EVP_PKEY_get_base_id(key) != EVP_PKEY_RSA) {
         throw Failure("the package's signature is not made with an RSA key", FailureKind::Signature);
     }
     if (EVP_PKEY_get_bits(key) < kSmallestKey) {

@@ -111,7 +111,7 @@ const Element* Element::child(std::string_view key) const {
         if (candidate.name != key) {
             continue;
         }
-        if (found) {
+        if (found != nullptr) {
             throw Failure("the package has a duplicate XML element: " + inQuotes(key));
         }
         found = &candidate;
@@ -132,7 +132,7 @@ Element parseXml(std::string_view xml, const std::string& what, std::string_view
     XML_SetCharacterDataHandler(parser.get(), onText);
     XML_SetStartDoctypeDeclHandler(parser.get(), onDoctype);
     const XML_Status status = XML_Parse(parser.get(), xml.data(), static_cast<int>(xml.size()), XML_TRUE);
-    if (reading.problem) {
+    if (reading.problem != nullptr) {
         throw Failure(what + " " + reading.problem);
     }
     if (status != XML_STATUS_OK) {

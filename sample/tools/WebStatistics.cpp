@@ -28,7 +28,7 @@ std::string timeStamp() {
 
 int main(int argc, char** argv) try {
     const char* home = std::getenv("HOME");
-    if (argc < 2 || !home || !*home) {
+    if (argc < 2 || (home == nullptr) || (*home == 0)) {
         std::fprintf(stderr, "Usage: WebStatistics ARGUMENT...\n"
                              "Appends the time and the arguments as one line to\n"
                              "$HOME/Library/Logs/Pellomar/WebStatistics.log\n");

@@ -14,14 +14,6 @@ from packages import INFO, Publisher, archive, entry, file, pack, package, paylo
 PAYLOAD = payload(file("a", "words"))
 SCRIPTS = payload(file("postinstall", "#!/bin/sh\n", 0o755))
 CONTENTS = {"PackageInfo": INFO, "Scripts": SCRIPTS, "Extra": b"extra", "Payload": PAYLOAD}
-SWAP = """
-until [[ -e stop ]]; do
-    cp evil next; mv next "$0"              # replaced
-    ln -s "$PWD/good" next; mv next "$0"    # linked
-    rm "$0"; cat good >"$0"; cat evil >"$0" # rewritten in place
-    echo >>count
-done"""
-SWAPS = 100  # of each kind
 
 
 class Signing(HostTest):
@@ -165,19 +157,3 @@ class Signing(HostTest):
                 self.assertEqual("installer: The package is not signed.\n" in outcome.stdout, not cause)
                 if name == "publisher's certificate":
                     self.assert_installed(self.install(xar([self.publisher], **CONTENTS)))
-
-    def test_a_file_that_is_swapped_meanwhile(self):
-        padding = file("padding", os.urandom(150_000).hex())
-        for name, chain in (("good", [self.publisher]), ("evil", ())):
-            (self.scratch / name).write_bytes(package(file("a", name), padding, chain=chain))
-        swapper = subprocess.Popen(("bash", "-c", SWAP, self.path), cwd=self.scratch, stderr=subprocess.DEVNULL)
-        self.addCleanup(swapper.wait)
-        self.addCleanup((self.scratch / "stop").touch)
-        swaps, seen = self.scratch / "count", set()
-        while not (swaps.exists() and swaps.stat().st_size >= SWAPS and len(seen) == 2):
-            outcome, found = run(*self.command), contents(self.target)
-            self.assert_refused(outcome, "") if outcome.returncode else self.assert_installed(outcome)
-            self.assertEqual(found, {} if outcome.returncode else {"a": "good", "padding": padding[2]})
-            seen.add(outcome.returncode)
-            shutil.rmtree(self.target)
-            self.target.mkdir()

@@ -24,7 +24,7 @@ std::string run(const QStringList& words) {
     FILE* output = nullptr;
     std::string text = std::to_string(AuthorizationExecuteWithPrivileges(
         owner.get(), arguments.front(), 0, {arguments.begin() + 1, arguments.end()}, &output));
-    if (output) {
+    if (output != nullptr) {
         for (int character = 0; (character = fgetc(output)) != EOF;) {
             text += character == '\n' ? '\t' : static_cast<char>(character);
         }
@@ -33,16 +33,8 @@ std::string run(const QStringList& words) {
     return text;
 }
 
-// Reports whether the main thread served its events meanwhile, where the call was made there.
 std::string ask() {
-    int turns = 0;
-    QTimer timer;
-    if (MainThread::isCurrent()) {
-        QObject::connect(&timer, &QTimer::timeout, [&turns] { ++turns; });
-        timer.start(10);
-    }
-    const OSStatus status = AuthorizationCopyRights(owner.get(), "com.norvik.PellomarDownloader", 19);
-    return std::to_string(status) + (turns > 0 ? " alive" : "");
+    return std::to_string(AuthorizationCopyRights(owner.get(), "com.norvik.PellomarDownloader", 19));
 }
 
 std::string answer(const std::string& line) {

@@ -100,20 +100,6 @@ class Grants(RightsTest):
                 GO.touch()
                 wait_for("the service's end", lambda: harness.services.mechanism() != first)
 
-    def test_a_tool_whose_end_cannot_be_seen(self):
-        """The service waits for no tool, and serves others."""
-        if subprocess.run(["strace", "true"], capture_output=True, check=False).returncode != 0:
-            self.skipTest("no permission to trace here")
-        trace = "/usr/bin/strace -o/dev/null -EASAN_OPTIONS=detect_leaks=0 -einject=pidfd_open:error=EMFILE"
-        self.start_service_by(f"{trace} {MECHANISM}")
-        make_tool(INSTALLER, HOLD)
-        caller = Caller().authorize()
-        self.assertEqual(caller.start(install()), "")
-        caller.close()
-        Caller().authorize()
-        GO.touch()
-        self.assertEqual(caller.output(), "done\n")
-
     def test_tools_run_in_a_clean_environment(self):
         make_tool(INSTALLER, REPORT)
         words = "|".join(["/bin/bash", *install()])
