@@ -32,10 +32,14 @@ constexpr char kCannotOpen[] = "the package cannot be opened";
 // Opening must not block, whatever the file is.
 constexpr int kHow = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 
-/// What the child sends: why the file could not be opened, or 0 and the descriptor.
+// What the child sends: why the file could not be opened, or 0, its status and the descriptor.
 struct Answer {
-    int cause = 0;
-    iovec content{&cause, sizeof cause};
+    struct Result {
+        int cause = 0;
+        struct stat status{};
+    };
+    Result result;
+    iovec content{&result, sizeof result};
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
     msghdr header{};
 
@@ -49,8 +53,8 @@ struct Answer {
 
 void send(int socket, int descriptor, int cause) {
     Answer answer;
-    answer.cause = cause;
-    if (cause == 0) {
+    answer.result.cause = cause != 0 || fstat(descriptor, &answer.result.status) == 0 ? cause : errno;
+    if (answer.result.cause == 0) {
         cmsghdr* const item = CMSG_FIRSTHDR(&answer.header);
         item->cmsg_level = SOL_SOCKET;
         item->cmsg_type = SCM_RIGHTS;
@@ -122,7 +126,7 @@ PackageFile::PackageFile(std::string path) : path_(std::move(path)) {
     waitUntilExit(process);
 }
 
-FileDescriptor PackageFile::open() {
+OpenedFile PackageFile::open() {
     if (!user_) {
         FileDescriptor file(::open(path_.c_str(), kHow));
         if (!file.isOpen()) {
@@ -135,23 +139,24 @@ FileDescriptor PackageFile::open() {
     Answer answer;
     int descriptor = -1;
     if (poll(&answered, 1, kPatience) <= 0 ||
-        recvmsg(fromChild_.get(), &answer.header, MSG_CMSG_CLOEXEC) != sizeof answer.cause) {
+        recvmsg(fromChild_.get(), &answer.header, MSG_CMSG_CLOEXEC) != sizeof answer.result) {
         throw Failure(std::string(kCannotOpen) + " by its user");
     }
-    if (answer.cause != 0) {
-        errno = answer.cause;
+    if (answer.result.cause != 0) {
+        errno = answer.result.cause;
         throw systemFailure(kCannotOpen);
     }
     if (const cmsghdr* const item = CMSG_FIRSTHDR(&answer.header);
         item != nullptr && item->cmsg_type == SCM_RIGHTS) {
         memcpy(&descriptor, CMSG_DATA(item), sizeof descriptor);
     }
-    FileDescriptor file(descriptor);
-    struct stat status{};
-    if (!file.isOpen() || fstat(file.get(), &status) != 0) {
-        throw systemFailure(kCannotOpen);
+    OpenedFile file;
+    file.descriptor = FileDescriptor(descriptor);
+    file.status = answer.result.status;
+    if (!file.descriptor.isOpen()) {
+        throw Failure(kCannotOpen);
     }
-    if (status.st_uid != *user_) {
+    if (file.status.st_uid != *user_) {
         throw Failure("the package is not its user's own file");
     }
     return file;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/FileDescriptor.h"
+#include "host/package/Package.h"
 
 #include <sys/types.h>
 
@@ -21,7 +22,7 @@ class PackageFile {
     /// Opens the file; of a user's, waits ten seconds at most for the child, since that user can stop it, and
     /// the file must be the user's own, with no link as its last component. Throws Failure. The type of the
     /// file is not checked. Call it once.
-    FileDescriptor open();
+    package::OpenedFile open();
 
   private:
     std::string path_;

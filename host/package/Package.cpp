@@ -111,20 +111,21 @@ class EntryCheck {
 
 } // namespace
 
-Package::Package(FileDescriptor file) : Package(std::move(file), nullptr) {}
-
-Package::Package(FileDescriptor file, const TrustedCertificates& trusted)
-    : Package(std::move(file), &trusted) {}
-
-Package::Package(FileDescriptor file, const TrustedCertificates* trusted) : file_(std::move(file)) {
-    struct stat status{};
-    if (fstat(file_.get(), &status) != 0) {
+OpenedFile::OpenedFile(FileDescriptor file) : descriptor(std::move(file)) {
+    if (fstat(descriptor.get(), &status) != 0) {
         throw systemFailure("the package cannot be read");
     }
-    if (!S_ISREG(status.st_mode)) {
+}
+
+Package::Package(OpenedFile file) : Package(std::move(file), nullptr) {}
+
+Package::Package(OpenedFile file, const TrustedCertificates& trusted) : Package(std::move(file), &trusted) {}
+
+Package::Package(OpenedFile file, const TrustedCertificates* trusted) : file_(std::move(file.descriptor)) {
+    if (!S_ISREG(file.status.st_mode)) {
         throw Failure("the package is not a regular file");
     }
-    size_ = static_cast<std::uint64_t>(status.st_size);
+    size_ = static_cast<std::uint64_t>(file.status.st_size);
     if (size_ < kHeaderSize) {
         throw Failure("not a package: it is too short");
     }

@@ -4,6 +4,8 @@
 #include "host/package/EntryReader.h"
 #include "host/package/Table.h"
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -14,17 +16,28 @@ namespace package {
 
 class TrustedCertificates;
 
+/// An open file with its status, as seen by whoever opened it: a FUSE file system tells that to its user
+/// only.
+struct OpenedFile {
+    FileDescriptor descriptor;
+    struct stat status{};
+
+    OpenedFile() = default;
+    /// Throws Failure if the status cannot be read.
+    OpenedFile(FileDescriptor file);
+};
+
 /// A flat package: a xar archive. Not thread-safe.
 class Package {
   public:
     /// Reads the table, checking everything but its signature and the entries' contents. Throws Failure when
     /// the file is no regular one, or no archive whose table matches its digest.
-    explicit Package(FileDescriptor file);
+    explicit Package(OpenedFile file);
 
     /// The same, but before anything of the table's entries is read, the signature is verified. Throws
     /// Failure also when that fails, or when a signature is demanded and there is none, or there are bytes
     /// that it does not cover.
-    Package(FileDescriptor file, const TrustedCertificates& trusted);
+    Package(OpenedFile file, const TrustedCertificates& trusted);
 
     /// Continues with a private copy: a file without a name, below `folder` and on its file system. Its table
     /// is the one that was verified, and whatever happens to the original from then on changes nothing.
@@ -63,7 +76,7 @@ class Package {
     std::string text(const Entry& entry, std::size_t most) const;
 
   private:
-    Package(FileDescriptor file, const TrustedCertificates* trusted);
+    Package(OpenedFile file, const TrustedCertificates* trusted);
     void verifySeal(const Seal& seal, const std::string& tableDigest, const TrustedCertificates& trusted);
     void readThrough(int copy, const std::function<void()>& onPiece) const;
     std::uint64_t heap() const { return front_.size(); } // where the heap begins

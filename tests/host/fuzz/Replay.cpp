@@ -19,7 +19,8 @@ int main(int, char** argv) {
             LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(input.data()), input.size());
             const std::string middle(random() % 16, static_cast<char>(random()));
             input = original;
-            input.replace(random() % input.size(), ((i % 8) != 0) ? random() % 16 : std::string::npos, middle);
+            input.replace(random() % input.size(), ((i % 8) != 0) ? random() % 16 : std::string::npos,
+                          middle);
         }
     }
 }
