@@ -8,12 +8,10 @@
 #include <QTimer>
 
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <random>
 #include <vector>
 
 namespace {
@@ -125,31 +123,6 @@ TEST(HandOver, HandlesEventsWhilePiecesCome) {
     });
     EXPECT_TRUE(serveUntil([] { return isOver.load(); }));
     EXPECT_LE(pieces, kMost) << "run before an event was handled";
-}
-
-TEST(HandOver, RunsAPiecePostedWhenTheMainThreadGoesToSleep) {
-    static std::atomic<bool> isOver;
-    startWorkerThread([] {
-        cpu_set_t cpus; // threads on the same one do not spin
-        CPU_ZERO(&cpus);
-        CPU_SET(1, &cpus);
-        sched_setaffinity(0, sizeof cpus, &cpus);
-        std::mt19937 random;
-        const auto postAfter = [&random](double least, double most, int times) {
-            std::uniform_real_distribution<double> microseconds(least, most);
-            const QDeadlineTimer end(std::chrono::seconds(10)); // on a busy machine
-            for (int turn = 0; turn < times && !end.hasExpired(); ++turn) {
-                // Two in a row make the main thread spin for a third.
-                MainThread::performAndWait([] {});
-                MainThread::performAndWait([] {});
-                spend(std::chrono::duration<double, std::micro>(microseconds(random)));
-            }
-        };
-        postAfter(95, 115, 7500);   // it stops spinning and parks
-        postAfter(5900, 6100, 200); // it stops parking and returns to its loop
-        isOver = true;
-    });
-    EXPECT_TRUE(serveUntil([] { return isOver.load(); })) << "a piece was not run";
 }
 
 } // namespace
