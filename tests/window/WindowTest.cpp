@@ -36,7 +36,7 @@ class Window : public testing::Test {
         qputenv("HOME", home_.path().toUtf8());
         controller_.windowDidLoad();
         controller_.showWindow();
-        EXPECT_TRUE(QTest::qWaitForWindowExposed(controller_.window()));
+        EXPECT_TRUE(QTest::qWaitForWindowExposed(controller_.window(), 30'000));
     }
 
     /// Starts a download that fails before its worker, since its folder can't be made. Tests post the records
