@@ -1,8 +1,8 @@
 // A plugin for the toolkit: what the window tells assistive technologies, it writes to the program's standard
 // error, where the log is: "@status TEXT", "@no speed", "@show NAME", "@hide NAME", "@dialog TEXTS" and
 // "@dialog closed". So these lines and the log's lines are in the order in which the program wrote them. When
-// the program starts another one, the line is "@NUMBER " with six digits, and the other one finds the number
-// in PELLOMAR_STARTED.
+// the program starts another one that it does not wait for, the line is "@NUMBER " with six digits, and the
+// other one finds the number in PELLOMAR_STARTED; programs that it waits for find 0 there.
 
 #include <QAccessible>
 #include <QAccessibleWidget>

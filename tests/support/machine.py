@@ -182,10 +182,10 @@ def trace(home, names=()):
         text = text.replace(long, short)
     line = r"(?m)^(?:@(?:(\d{6}) )?(.*)|[^\[\n]+ PellomarDownloader\[[^]\n]+\] (.*))"
     for number, written, logged in re.findall(line, text):
-        if number and written:
+        if number.strip("0") and written:
             started[number] = written
-        else:
-            seen.append(number or written or f"log {logged}")
+        else:  # 0 is the number of a program that is waited for
+            seen.append(written or number or f"log {logged}")
     seen = [started.get(line, line) for line in seen]
     # A newer toolkit reports the first screen, too, where there is no log but standard error.
     start = seen.index(START) if START in seen else 0
