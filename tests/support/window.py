@@ -105,11 +105,10 @@ class Screen:
         Atspi.Action.do_action(node, names.index("Press"))
 
     def press(self, name, role=BUTTON, clicks=1):
-        """Real clicks in the middle of what is called NAME. On a slow machine they are still quick ones, since the X
-        server, which notes their time, gets them together."""
+        """Real clicks in the middle of what is called NAME."""
         x, y = self.wait_for(name, lambda: next((item.centre() for item in self.showing(role, name)), None))
         time.sleep(max(0.0, self.last_press + DOUBLE_CLICK_SECONDS - time.monotonic()))
-        xdotool("mousemove", x, y, "click", "--repeat", clicks, "--delay", 1, 1)
+        xdotool("mousemove", x, y, "click", "--repeat", clicks, "--delay", 60, 1)
         self.last_press = time.monotonic()
 
 
