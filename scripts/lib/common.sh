@@ -30,7 +30,7 @@ for argument in "$@"; do
     esac
 done
 
-# As root already, or through sudo. Keeps standard input.
+# Runs a command as root, through sudo if need be. Keeps standard input.
 as_root() {
     if ((EUID == 0)); then
         "$@"
@@ -69,8 +69,8 @@ build_preset() { # PRESET [CMAKE-OPTION...]
     cmake --build "$project/build/$1" --parallel "$(job_count)" || fail "the build failed"
 }
 
-# A fresh system at ROOT, from the mirror and with the proxies that this machine's apt uses; if it has no mirror, from
-# debootstrap's own.
+# Makes a fresh system at ROOT, from the mirror and with the proxies that this machine's apt uses. If apt has no mirror,
+# debootstrap takes its own.
 make_debian() { # RELEASE ROOT
     local mirror
     local -A code_names=([12]=bookworm [13]=trixie)
@@ -82,7 +82,7 @@ make_debian() { # RELEASE ROOT
     as_root install -m 644 /etc/resolv.conf /etc/hosts "$2/etc"
 }
 
-# scripts/view, which is ended with the command that calls this, also where that is killed.
+# Runs scripts/view, which ends when the calling command ends, even if that is killed.
 view() {
     setpriv --pdeathsig TERM "$project/scripts/view" "$@"
 }

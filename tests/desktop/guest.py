@@ -40,9 +40,9 @@ class Channel:
 
 
 class Guest:
-    """The machine whose disk, kernel and first root file system lie at MACHINE with these extensions. It starts from
-    that disk and writes what changes into FOLDER, where its pictures go, too. KIT is an image that it sees as a second
-    disk; USER is logged in on its desktop."""
+    """MACHINE is the path of the machine's disk, kernel and first root file system, without their extensions. It starts
+    from that disk and writes what changes, and its pictures, into FOLDER. KIT is an image that it sees as a second disk;
+    USER is logged in on its desktop."""
 
     def __init__(self, machine, folder, kit, user):
         self.machine, self.folder, self.kit, self.user = machine, folder, kit, user
@@ -86,7 +86,7 @@ class Guest:
 
     @staticmethod
     def agent_at(path):
-        """What is asked before the agent runs is lost."""
+        """Asks until the agent runs: it does not get what was asked before."""
         channel, number = Channel(path), time.monotonic_ns()
         channel.socket.settimeout(5)
         try:
@@ -106,8 +106,8 @@ class Guest:
         for name in ("control", "agent"):
             (self.folder / name).unlink()
 
-    def run(self, *command, check=True, binary=False):
-        """Runs a command as root; returns what it prints, or None where it fails."""
+    def run(self, *command, check=True):
+        """Runs a command as root; returns what it prints, or None if it fails."""
         words = {"path": command[0], "arg": list(command[1:]), "capture-output": True}
         process = self.agent.ask("guest-exec", **words)["pid"]
 
@@ -118,7 +118,7 @@ class Guest:
         state = self.wait_for(" ".join(command)[:80], ended, pause=0.2)
         text, errors = (base64.b64decode(state.get(name, "")) for name in ("out-data", "err-data"))
         if state.get("exitcode") == 0:
-            return text if binary else text.decode()
+            return text.decode()
         if check:
             raise Blocked(f"{' '.join(command)[:80]}: {state.get('exitcode')}\n{(text + errors).decode()}")
         return None
@@ -131,7 +131,7 @@ class Guest:
         return self.run("runuser", "-u", self.user, "--", "env", "LANG=zh_CN.UTF-8", *words, *command, **options)
 
     def look(self, name, role="", *gone, check=False):
-        """Where on screen the object is whose whole name matches, or with "gone", that; None where it is not so."""
+        """Where on screen the object is whose whole name matches, or None; with "gone", true if there is none."""
         command = ("python3", "-B", "-W", "ignore", "/mnt/look.py", name, role, str(LOOKING), *gone)
         answer = self.run_as_user(*command, check=check)
         return answer and (tuple(map(int, answer.split())) or "gone")
@@ -149,7 +149,7 @@ class Guest:
         width, height = self.size
         places = [
             [{"type": "abs", "data": {"axis": axis, "value": value * 0x7FFF // limit}} for axis, value, limit in place]
-            # A place that the mouse was last moved to is not reported again, even if the pointer is elsewhere by now.
+            # The mouse does not report its last place again, even if the pointer has been moved away since.
             for place in ([("x", 0, 1), ("y", 0, 1)], [("x", x, width), ("y", y, height)])
         ]
         clicks = [{"type": "btn", "data": {"button": "left", "down": down}} for down in (True, False)]

@@ -167,7 +167,8 @@ class Install(HostTest):
                 self.assertEqual(list(self.scratch.glob("signed*")), [])
 
     def test_odd_disks(self):
-        mount = ("unshare", "-m", "bash", "-euc", 'mount -t tmpfs -o "$0" none "$1"; cd "$1"; touch b; eval "$2"; shift 2; "$@"')
+        text = 'mount -t tmpfs -o "$0" none "$1"; cd "$1"; touch b; eval "$2"; shift 2; "$@"'
+        mount = ("unshare", "-m", "bash", "-euc", text)
         zeros = file("zeros", "\0" * 3_000_000)  # tiny in the package and large on disk
         content = package(zeros, file("b"), scripts=[script("preinstall", "")])
         rows = (

@@ -16,19 +16,14 @@ from window import Window
 
 # Not the name that the build was configured with, and full of characters that a shell or CMake could take for its own.
 NAME = "Pellomar-测试版-2.0.1;$HOME@x@.pkg"
-BAD_NAMES = ("", ".", "..", "a/b", "a\\b", "a b", "a\nb", "a\n", "a\tb", "a\x7fb", "a?b", "a#b", b"\xff.pkg")
+BAD_NAMES = ("", ".", "..", "a/b", "a\\b", "a b", "a\n", "a\x7fb", "a?b", "a#b")
 VOLUME = "Pellomar下载器"
 PROGRAM = f"{VOLUME}.app/Contents/MacOS/PellomarDownloader"
 CONFIG = Path("/etc/pellomar-downloader/config")
-PROGRAMS = {"PellomarDownloader", "installer", "kextstat", "pellomar-downloader-rights", "pellomar-installer-transaction"}
 UNITS = Path("/usr/lib/systemd/system")
 SCRATCH = Path("/tmp/packaging-test")
 DEPENDS = ("psmisc", "xdg-utils", r"polkitd \|.*", r"fonts-noto-cjk \|.*", "libqt6widgets6 .*", "libcurl4(t64)? .*",
            "libarchive13(t64)? .*")
-# Calls that FORTIFY replaces by checked ones wherever they appear.
-UNCHECKED = re.compile(r" UND v?(f|s|sn|d)?printf(@|$)", re.MULTILINE)
-HARDENED = (r"Type: +DYN", r"FLAGS_1.*\bPIE\b", " GNU_RELRO ", r"\(FLAGS\).*BIND_NOW|\(FLAGS_1\).*\bNOW\b",
-            r"GNU_STACK .* RW +0x", " __stack_chk_fail")
 
 
 def run(*command, **options):
@@ -72,7 +67,7 @@ class PackagingTest(unittest.TestCase):
         command = [PROJECT / "scripts/image", "--build", cls.build, "--stamp", cls.stamp]
         cls.image.unlink(missing_ok=True)
         # The build has no certificate, and the default server: not to be handed out.
-        for arguments in (*(("--trial", name) for name in BAD_NAMES), ("--trial", NAME, NAME), (NAME,)):
+        for arguments in ("--trial", "a b"), ("--trial", b"\xff.pkg"), ("--trial", NAME, NAME), (NAME,):
             done = subprocess.run([*command, *arguments], capture_output=True, check=False)
             assert done.returncode != 0 and not cls.image.exists(), arguments
         cache = cls.build / "CMakeCache.txt"
@@ -114,6 +109,12 @@ class PackagingTest(unittest.TestCase):
             window.wait_for("the event of the start", lambda: events.exists() and "14 814" in events.read_text())
         window.close()
 
+    def test_names_that_cannot_be_in_an_address(self):
+        for name in BAD_NAMES:
+            with self.subTest(name):
+                command = ["cmake", f"-DPELLOMAR_PACKAGE_NAME={name}", "-P", PROJECT / "cmake/CheckPackageName.cmake"]
+                self.assertRegex(subprocess.run(command, capture_output=True, text=True, check=False).stderr, "can't be")
+
     def test_image(self):
         self.assertEqual(run("blkid", "-p", "-o", "value", "-s", "LABEL", self.image).strip(), VOLUME)
         disk = SCRATCH / "disk"
@@ -144,14 +145,10 @@ class PackagingTest(unittest.TestCase):
             self.assertTrue(any(re.fullmatch(pattern, one) for one in depends), (pattern, depends))
 
     def test_hardening(self):
-        programs = [path for path in self.unpacked.rglob("*") if path.is_file() and path.read_bytes()[:4] == b"\x7fELF"]
-        elf = {path.name: run("readelf", "-W", "-h", "-l", "-d", "--dyn-syms", path, env={"LC_ALL": "C"}) for path in programs}
-        self.assertGreaterEqual(elf.keys(), PROGRAMS)
-        for name, text in elf.items():
-            with self.subTest(name):
-                self.assertNotRegex(text, UNCHECKED)
-                for pattern in HARDENED:
-                    self.assertRegex(text, pattern)
+        files = [path for path in self.unpacked.rglob("*") if path.is_file() and not path.is_symlink()]
+        programs = [path for path in files if path.read_bytes()[:4] == b"\x7fELF"]
+        self.assertEqual(len(programs), 5, programs)
+        run("hardening-check", "--nocfprotection", *programs)
 
     def test_life_of_the_package(self):
         paths = [f"/{path.relative_to(self.unpacked)}" for path in self.unpacked.rglob("*")]

@@ -83,7 +83,7 @@ INSTALL_SCENARIOS = {
         [*DOWNLOADED, *KEPT, *REMOVED, *INSTALLED, *QUERY, "kextstat ends", "event 826", *LAUNCHED], rights="root",
         old=True, before=("env", "XDG_CURRENT_DESKTOP=GNOME"),  # where dialogs have their buttons in another order
         stale=(FLAG, "Downloads/NVInst/Pellomar.pkg", "Downloads/NVInst/Pellomar.tmp"),
-        # It ends a second after it finds its own output in the log, which is waited for.
+        # It ends a second after its output has reached the log; the window waits for that end.
         tools={KEXTSTAT: [f'{LOADED}; exec >&-; until grep -q "^120 3" "$log"; do sleep 0.1; done; sleep 1; '
                           'echo "@kextstat ends" >>"$log"']}),
     "return keeps, and the driver is named across two reads": Scenario(

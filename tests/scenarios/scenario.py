@@ -19,7 +19,7 @@ from window import ALERT, FOCUSED
 FLAG = "Library/Application Support/PellomarData/CoverInstallFlag"
 SMALL_DISK = Path("/mnt/small")
 HELD = f"cat {HOLD} >/dev/null; "  # makes a tool wait for "> proceed"
-# The download worker may log these when the install worker is under way already; the last three open the log.
+# The download worker may log these after the install worker has begun; the last three are the log's first lines.
 NOT_COMPARED = ("SyncHead", "SyncDownload", "CoreImageView hitTest", "PellomarDownloader ", "Qt ", "~/Documents/")
 NOT_COMPARED = tuple(f"log {text}" for text in NOT_COMPARED)
 DOCUMENT = random.Random(0).randbytes(100_000)  # any cut, shift or repetition shows
@@ -27,7 +27,7 @@ DOCUMENT = random.Random(0).randbytes(100_000)  # any cut, shift or repetition s
 
 @dataclasses.dataclass
 class Scenario:
-    """LINES say what is seen, one after the other, and, after "> ", what the user does (see act)."""
+    """LINES are what must be seen, in this order; a line that begins with "> " is what the user does (see act)."""
 
     lines: list = ()
     tools: dict = dataclasses.field(default_factory=dict)  # instead of the scripted ones
@@ -56,9 +56,9 @@ def act(machine, window, server, action):
             xdotool("key", action)
         case ["focus", button]:
             window.focus(button)
-        case ["behind", button]:  # a dialog
+        case ["behind", button]:  # a button behind a dialog
             window.invoke(button)
-        case ["close"]:  # which a dialog refuses
+        case ["close"]:  # the dialog refuses
             window.refuses_to_close()
         case ["quit"]:
             window.ask_to_close()
@@ -68,30 +68,30 @@ def act(machine, window, server, action):
             machine.camera(name)
         case ["stall"]:
             window.wait_for("the stall", lambda: server.stalled)
-        case ["release"]:  # what stalls
+        case ["release"]:  # the server goes on
             window.labels()  # answered by the window's main thread when it has dealt with the last press
             server.release()
-        case ["proceed"]:  # a tool, or the launch
+        case ["proceed"]:  # a held tool, or the launch, goes on
             HOLD.write_text(Path("/opt/product/Contents/Info.plist").read_text())
         case ["space", "on", "disk"]:
             subprocess.run(["mount", "-o", "remount,size=1m", SMALL_DISK], check=True)
-        case ["agent", answer]:  # for the password dialogs from now on
+        case ["agent", answer]:  # answers the password dialogs from now on
             machine.start_agent(window, answer)
         case ["asked"]:
             window.wait_for("the password dialog", lambda: machine.agent.asked() == 1)
-        case ["no", "rights"]:  # are held while a dialog is open
+        case ["no", "rights"]:  # are held while the dialog is open
             window.wait_for("the end of the rights", lambda: machine.held_rights(window) == 0)
-        case ["no", "rule"]:  # of polkit's from now on
+        case ["no", "rule"]:  # polkit asks for a password from now on
             machine.rights.stop()
             machine.rights.start()
         case [percent] if percent.endswith("%"):
             window.wait_for_percent(int(percent[:-1]))
-        case [button, clicks]:  # as many quick ones
+        case [button, clicks]:  # so many quick clicks
             seen = window.log().count("hitTest")
             window.press(button, clicks=int(clicks[1:]))
             window.wait_for("the clicks", lambda: window.log().count("hitTest") == seen + int(clicks[1:]))
         case [button] if window.showing(ALERT):
-            window.press(button)  # with the mouse: so it comes after the keys
+            window.press(button)  # with the mouse, so that it comes after the keys
         case [button]:
             window.invoke(button)
 
@@ -104,32 +104,31 @@ def compared(machine):
 def differences(scenario, machine, window, server):
     """All that is not as it must be."""
     lines = [line.replace("user ", f"{machine.owner} ") for line in scenario.lines if not line.startswith("> ")]
-    log, seen = window.log(), compared(machine)
+    log, seen, logs = window.log(), compared(machine), [*(machine.home / "Documents").glob("*")]
     yield from difflib.ndiff(lines, seen) if lines != seen else ()
-    if window.process.poll() != 0:
-        yield f"ended with status {window.process.poll()}"
-    if (machine.home / FLAG).exists() != scenario.flag:
-        yield f"the flag is {'missing' if scenario.flag else 'there'}"
-    if scenario.logged not in log or "secret" in log:
-        yield f"not in the log: {scenario.logged}, or in it: secret"
-    for path in (machine.home / "Documents").glob("*"):
-        is_named = re.search(r"^[ -~]+/LOG-\d{14}\.txt$", str(path)) and re.search(rf"\] {path}\n", ERRORS.read_text())
-        if not is_named or path.stat().st_mode & 0o777 != 0o600:
-            yield f"no log, or not its owner's alone: {path}"
-        if not re.match(r".*\] PellomarDownloader \d+\.\d+\.\d+ on ", log):
-            yield "the log does not begin with the version"
     asked = [first if method == "GET" else method for method, _, first in server.requests]
-    if scenario.asked not in (None, asked):
-        yield f"asked for {asked}, not {scenario.asked}"
-    if scenario.holds is not None and machine.file("tmp").read_bytes() != DOCUMENT[: scenario.holds]:
-        size = machine.file("tmp").stat().st_size
-        yield f"{size} bytes are held, which are not the document's first {scenario.holds}"
+    held = machine.file("tmp").read_bytes() if scenario.holds is not None else b""
+    announced = [path for path in logs if f"] {path}\n" in ERRORS.read_text() and path.stat().st_mode & 0o777 == 0o600]
+    named = [path for path in logs if re.search(r"^[ -~]+/LOG-\d{14}\.txt$", str(path))]
+    begins = bool(re.match(r".*\] PellomarDownloader \d+\.\d+\.\d+ on ", log))
+    for what, value, right in (
+        ("exit status", window.process.poll(), 0),
+        ("the flag is there", (machine.home / FLAG).exists(), scenario.flag),
+        (f"in the log: {scenario.logged}", scenario.logged in log, True),
+        ("a secret in the log", "secret" in log, False),
+        ("logs by their names", named, logs), ("logs that are announced and their owner's alone", announced, logs),
+        ("the log begins with the version", begins, bool(logs)),
+        ("asked for", asked, scenario.asked or asked),
+        ("the first bytes of the document are held", held == DOCUMENT[:scenario.holds or 0], True),
+    ):
+        if value != right:
+            yield f"{what}: {value}, not {right}"
 
 
 def run_lines(scenario, machine, window, server):
     def wait_until_seen(lines, wait=window.wait_for):
         count = sum(not line.startswith("> ") for line in lines)
-        wait(f"all before {scenario.lines[len(lines) :][:1] or 'the end'}", lambda: len(compared(machine)) >= count)
+        wait(f"all before {scenario.lines[len(lines):][:1] or 'the end'}", lambda: len(compared(machine)) >= count)
 
     for number, line in enumerate(scenario.lines):
         if line.startswith("> "):

@@ -90,8 +90,8 @@ def watch(window, picture):
 
 
 def demonstration(machine, results="/run/results", *options):
-    """RESULTS receives numbered pictures, the log, the events and the commands that ran as root. Watched, the user
-    presses the buttons, on a display that is there already."""
+    """RESULTS receives numbered pictures, the log, the events and the commands that ran as root. If it is watched, the
+    user presses the buttons, on a display of the user's own."""
     results, is_watched, serve = Path(results), "--watched" in options, [PROJECT / "sample/serve"]
     files, numbers = Path("/var/lib/pellomar-sample"), itertools.count(1)
     results.mkdir(exist_ok=True)

@@ -1,8 +1,8 @@
-// A plugin of the toolkit that writes what assistive technologies are told of the window to the program's
-// standard error, where its log is: "@status TEXT", "@no speed", "@show NAME", "@hide NAME", "@dialog TEXTS"
-// and "@dialog closed". So the order among these and the log's lines is the program's own. Where the program
-// starts another that it does not wait for, that is "@NUMBER " with six digits, which the other finds in
-// PELLOMAR_STARTED; it is 0 in the others.
+// A plugin for the toolkit: what the window tells assistive technologies, it writes to the program's standard
+// error, where the log is: "@status TEXT", "@no speed", "@show NAME", "@hide NAME", "@dialog TEXTS" and
+// "@dialog closed". So these lines and the log's lines are in the order in which the program wrote them. When
+// the program starts another one that it does not wait for, the line is "@NUMBER " with six digits, and the
+// other one finds the number in PELLOMAR_STARTED; programs that it waits for find 0 there.
 
 #include <QAccessible>
 #include <QAccessibleWidget>

@@ -25,20 +25,21 @@ SYSTEM_VERSION = Path("/System/Library/CoreServices/SystemVersion.plist")
 INSTALLER, KEXTSTAT = "/usr/sbin/installer", "/usr/sbin/kextstat"
 STARTUP = "/Library/Application Support/NorvikEmu/VirtualBoxStartup.sh"
 REAL = Path("/opt/real")  # the tools that scripts stand in for
-HOLD = Path("/run/hold")  # a pipe: a reader waits until it is written
+HOLD = Path("/run/hold")  # a pipe: who reads it waits until something is written
 SAMPLE = "sample/soft/Pellomar-sample.pkg"
 ADDRESS = ("127.0.0.1", 18080)
 START = "log start_button has been clicked"
-ERRORS = Path("/run/standard-error")  # of the window; its log, where it can have no other
+ERRORS = Path("/run/standard-error")  # of the window; its log, if it can have no other
 
-# What a window starts writes into the log of the only window which start it was, where the window knows (Trace.cpp).
+# A program that the window starts writes into the log of the only window. It adds the number of its start, if it has been
+# given one (Trace.cpp).
 NOTE = f"""#!/bin/bash
 log=(/home/*/Documents/LOG-* {ERRORS})
 [[ -e $log ]] || log={ERRORS}
 note() {{ echo "@${{PELLOMAR_STARTED:+$PELLOMAR_STARTED }}$*" >>"$log"; }}
 """
-# A tool writes its command line. BODIES are lines of bash, of the first, the second … call; the last one is that of all
-# later calls.
+# A tool writes its command line, and then runs a line of bash: the first line at its first call, the second at its second
+# call, and the last line at all later calls.
 TOOL = f"""{NOTE}
 [[ $0 != */rm || $* == *Pellomar.app ]] || exec {REAL}/rm "$@"
 (IFS="|"; note "$(id -un) runs $0|$*")
@@ -69,7 +70,7 @@ def note(text):
 
 
 def plist(key, value):
-    """With the same key in a dictionary within, which does not count."""
+    """The same key in an inner dictionary does not count."""
     bad, good = (f"<key>{key}</key><string>{text}</string>" for text in ("wrong", value))
     return f'<?xml version="1.0"?><plist version="1.0"><dict><key>Inner</key><dict>{bad}</dict>{good}</dict></plist>\n'
 
@@ -172,8 +173,8 @@ class Machine:
 
 
 def trace(home, names=()):
-    """What the log holds since start was pressed, in the window's own order: what it did, and what it started, at the
-    place where it started that. NAMES is a dict of texts and what stands for them."""
+    """The log's lines since 开始 was pressed, in the order in which the window wrote them. What the window started stands
+    where it started it. NAMES maps texts to what replaces them."""
     log = next((home / "Documents").glob("LOG-*"), ERRORS)
     seen, started = [], {}
     text = log.read_text(errors="replace")

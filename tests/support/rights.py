@@ -20,7 +20,7 @@ USER = "pellomar-visitor"
 ADMINISTRATOR = "pellomar-keeper"
 PASSWORD = "pellomar"
 POLKIT, AGENT = "/usr/lib/polkit-1/polkitd", Path("/usr/local/bin/pellomar-sample-agent")
-# What a user's programs need of the environment to meet on the desktop, and the sanitizers' settings.
+# The variables by which a user's programs find the desktop, and the sanitizers' settings.
 KEPT = ("PATH", "DISPLAY", "XAUTHORITY", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS",
         "QT_QPA_PLATFORM", "QT_SCALE_FACTOR", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS")
 
@@ -41,7 +41,7 @@ def add_users(*options):
 
 
 def connect_to_bus():
-    """Makes a new connection to the system bus, since the bus may be another one the next time."""
+    """Makes a new connection to the system bus, which may have been started again since the last one."""
     flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
     return Gio.DBusConnection.new_for_address_sync("unix:path=/run/dbus/system_bus_socket", flags, None, None)
 

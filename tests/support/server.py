@@ -1,15 +1,12 @@
 #!/usr/bin/env python3
 """The tests' HTTP server, which gives right and faulty answers.
 
-As a program, for `FaultServer([{}, {"cut": 40_000, "ending": "stall"}], document=DOCUMENT)`:
+As a program, it runs a command that finds the server's address in the environment as SERVER: server.py COMMAND...
+The first 100,000 bytes of the command's own file are the document, and the path says which answer is wanted, for example
+http://ADDRESS/cut=40000/ending=stall. The answer to an address with a query is that address.
 
-    server.py --document DOCUMENT -- "" "cut=40000 ending=stall"
-
-It prints its port, then a line for each request: method, path and the first byte asked for ("-" without a range). It
-ends at the end of its standard input.
-
-Answers are taken in order, one for each request (a download is a HEAD and then a GET), and the last one repeats. Each is
-a dict of the following; {} is the right answer. Every connection is closed after one answer.
+In a `with` block, answers are taken in order, one for each request (a download is a HEAD and then a GET), and the last
+one repeats. Each is a dict of the following; {} is the right answer. Every connection is closed after one answer.
 
     status   instead of 200 or 206; the range is ignored
     body     instead of the document: bytes, or a number of bytes (of the document, repeated)
@@ -24,9 +21,11 @@ a dict of the following; {} is the right answer. Every connection is closed afte
 """
 
 import http.server
+import os
 import re
 import socket
 import struct
+import subprocess
 import sys
 import threading
 from pathlib import Path
@@ -38,9 +37,9 @@ class FaultServer(http.server.ThreadingHTTPServer):
 
     request_queue_size = 128
 
-    def __init__(self, answers=({},), address=("127.0.0.1", 0), document=bytes(range(251)) * 400, prints=False):
+    def __init__(self, answers=({},), address=("127.0.0.1", 0), document=bytes(range(251)) * 400):
         super().__init__(address, Handler)
-        self.answers, self.document, self.prints = answers, document, prints
+        self.answers, self.document = answers, document
         self.port, self.requests, self.stalled = self.server_address[1], [], []
         self.lock, self.released = threading.Lock(), threading.Event()
 
@@ -59,7 +58,7 @@ class FaultServer(http.server.ThreadingHTTPServer):
         self.released.set()
 
     def answer(self, number):
-        return self.answers[min(number, len(self.answers) - 1)]
+        return self.answers[min(number, len(self.answers) - 1)] if self.answers else {}
 
     def prepare_for(self, number):
         match self.answer(number).get("arrival"):
@@ -80,9 +79,7 @@ class FaultServer(http.server.ThreadingHTTPServer):
             number = len(self.requests)
             self.prepare_for(number + 1)
             self.requests.append(request)
-            if self.prints:
-                print(*("-" if word is None else word for word in request), flush=True)
-        return self.answer(number)
+        return self.answer(number) if self.answers else answer_of(*request)
 
     def shutdown_request(self, request):
         request.close()  # without telling the client that all was sent
@@ -131,16 +128,19 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
 
 
-def value(text):
-    return int(text) if text.lstrip("-").isdigit() else None if text == "None" else text
+def answer_of(method, path, _):
+    """The answer that a path asks for."""
+    if "?" in path:
+        return {"body": f"{method} {path}".encode()}
+    words = dict(word.split("=") for word in path.split("/") if "=" in word)
+    return {key: int(text) if text.lstrip("-").isdigit() else {"None": None}.get(text, text) for key, text in words.items()}
 
 
-def main(_document, document, _answers, *answers):
-    answers = [dict(word.split("=", 1) for word in answer.split()) for answer in answers]
-    answers = [{key: value(text) for key, text in answer.items()} for answer in answers]
-    with FaultServer(answers, document=Path(document).read_bytes(), prints=True) as server:
-        print(server.port, flush=True)
-        sys.stdin.read()
+def main(*command):
+    with FaultServer((), document=Path(command[0]).read_bytes()[:100_000]) as server:
+        address = "{}:{}".format(*server.server_address)
+        done = subprocess.run(command, env=os.environ | {"SERVER": address}, check=False)
+    sys.exit(done.returncode)
 
 
 if __name__ == "__main__":

@@ -8,7 +8,6 @@
 #include "transfer/CurlWrapper.h"
 #include "ui/CoreImageView.h"
 
-#include <QProcess>
 #include <QTemporaryDir>
 
 #include <curl/curl.h>
@@ -18,38 +17,13 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <random>
 
 namespace {
 
-/// Runs tests/support/server.py, which documents the answers, with the document at `path`. Used by the thread
-/// that created it.
-class Server {
-  public:
-    Server(const std::string& path, const QStringList& answers) {
-        process_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        process_.start(SERVER, QStringList{"--document", QString::fromStdString(path), "--"} + answers);
-        port = line();
-    }
-    ~Server() {
-        process_.closeWriteChannel();
-        process_.waitForFinished();
-    }
-
-    [[nodiscard]] std::string url() const { return "http://127.0.0.1:" + port + "/soft/Pellomar.pkg"; }
-
-    /// The next request: method, path, and the first byte of the range or "-". Blocks until there is one.
-    std::string line() {
-        while (!process_.canReadLine() && process_.waitForReadyRead()) {
-        }
-        return process_.readLine().trimmed().toStdString();
-    }
-
-    std::string port;
-
-  private:
-    QProcess process_;
-};
+/// An address of tests/support/server.py, which gives the answer that the path describes.
+std::string url(const std::string& answer = "") {
+    return "http://" + qEnvironmentVariable("SERVER").toStdString() + "/" + answer;
+}
 
 constexpr std::int64_t kAll = 100'000, kHalf = 40'000;
 constexpr int kLength = CurlMessageTypeLength, kFailedProbe = CurlMessageTypeProbeFailed;
@@ -109,17 +83,14 @@ class Transfer : public testing::Test {
     Transfer() {
         setenv("no_proxy", "*", 1); // ignores proxies that the machine is set up for
         CurlWrapper::SyncStop(0);
-        std::generate(document_.begin(), document_.end(), std::mt19937()); // so that any cut or shift shows
-        std::ofstream(source_, std::ios::binary) << document_;
     }
 
-    [[nodiscard]] std::string download(const std::string& url, std::int64_t offset) const {
-        return outcome([&] { return CurlWrapper::SyncDownloadToFile(url, path_, offset); });
+    [[nodiscard]] std::string download(const std::string& answer, std::int64_t offset) const {
+        return outcome([&] { return CurlWrapper::SyncDownloadToFile(url(answer), path_, offset); });
     }
 
-    std::string document_ = std::string(kAll, '\0');
+    const std::string document_ = readFile("/proc/self/exe").value().substr(0, kAll);
     const QTemporaryDir folder_;
-    const std::string source_ = folder_.filePath("document").toStdString();
     const std::string path_ = folder_.filePath("Pellomar.tmp").toStdString();
 };
 
@@ -138,50 +109,42 @@ TEST_F(Transfer, PostsWhatTheServerGave) {
                 {"cut=None", kProbe, CURLE_GOT_NOTHING, text(kFailedProbe, CURLE_GOT_NOTHING, 0)},
                 {"", 0, CURLE_OK, kFinished, kAll},
                 {"", kHalf, CURLE_OK, kFinished, kAll - kHalf},
-                {"cut=None ending=reset", 0, CURLE_RECV_ERROR, kFailed},
+                {"cut=None/ending=reset", 0, CURLE_RECV_ERROR, kFailed},
                 {"cut=-1", kHalf, CURLE_PARTIAL_FILE, kFailed, kAll - kHalf - 1},
                 {"range=ignore", kHalf, CURLE_RANGE_ERROR, kFailed}};
-    QStringList answers;
-    for (const auto& row : rows) {
-        answers << row.answer;
-    }
-    Server server(source_, answers);
     for (const auto& [answer, offset, result, last, bytes] : rows) {
         SCOPED_TRACE(std::string(answer) + " at " + std::to_string(offset));
         const std::string held = document_.substr(0, std::max<std::int64_t>(offset, 0));
         std::ofstream(path_, std::ios::binary) << held;
         const std::string seen = offset == kProbe
-                                     ? outcome([&] { return CurlWrapper::SyncHead(server.url()); })
-                                     : download(server.url(), offset);
+                                     ? outcome([&] { return CurlWrapper::SyncHead(url(answer)); })
+                                     : download(answer, offset);
         EXPECT_EQ(seen, std::to_string(result) + (offset == kProbe ? last : records(bytes, last)));
         EXPECT_TRUE(readFile(path_) == document_.substr(0, held.size() + bytes)) << "another file";
-        EXPECT_EQ(server.line(), std::string(offset == kProbe ? "HEAD" : "GET") + " /soft/Pellomar.pkg " +
-                                     (offset > 0 ? std::to_string(offset) : "-"));
     }
 }
 
 TEST_F(Transfer, StopByAnyIdentifierHidesAFailureAndNeverASuccess) {
     for (const std::int64_t identifier : {1LL, -1LL, 1LL << 32}) {
-        Server server(source_, {"cut=None", ""});
         CurlWrapper::SyncStop(identifier);
-        EXPECT_EQ(download(server.url(), 0), std::to_string(CURLE_GOT_NOTHING) + records(0, kStopped));
+        EXPECT_EQ(download("cut=None", 0), std::to_string(CURLE_GOT_NOTHING) + records(0, kStopped));
         react = [&](std::int64_t bytes) { CurlWrapper::SyncStop(bytes == kAll ? identifier : 0); };
-        EXPECT_EQ(download(server.url(), 0), std::to_string(CURLE_OK) + records(kAll, kFinished));
+        EXPECT_EQ(download("", 0), std::to_string(CURLE_OK) + records(kAll, kFinished));
         react = nullptr;
-        EXPECT_EQ(download(server.url(), 0), std::to_string(CURLE_WRITE_ERROR) + records(0, kStopped));
+        EXPECT_EQ(download("", 0), std::to_string(CURLE_WRITE_ERROR) + records(0, kStopped));
     }
 }
 
 TEST_F(Transfer, ARequestWaitsOnlySoLongForItsReply) {
-    const Server server(source_, {"cut=None ending=stall"});
-    EXPECT_EQ(synchronousGet(server.url(), 1), std::nullopt);
+    EXPECT_EQ(synchronousGet(url("cut=None/ending=stall"), 1), std::nullopt);
 }
 
 TEST_F(Transfer, AnUpdateRewritesTheStampBesideTheBundle) {
-    std::ofstream(source_) << "2.0.1";
-    Server server(source_, {""});
-    setenv("http_proxy", ("http://127.0.0.1:" + server.port).c_str(), 1); // it asks a fixed address
+    setenv("http_proxy", url().c_str(), 1); // it asks a fixed address, and is answered with that
     setenv("no_proxy", "", 1);
+    const std::string version = std::string("GET http://") + constants::kUpdateHost +
+                                "/Interfaces/UpdaterExeInfo.aspx?toolKey=KvEmulatorNAT&"
+                                "sign=3c1f9a7e5b2d40c8a6e9f1b7d3c5a0e2";
     const std::string stamp = bundlePath() + "/../.propaganda.dat";
     std::filesystem::remove(stamp);
     const CapturedLog log;
@@ -189,12 +152,10 @@ TEST_F(Transfer, AnUpdateRewritesTheStampBesideTheBundle) {
     EXPECT_FALSE(fileExists(stamp) || log.count("Open of File")) << log.text();
     std::ofstream(stamp) << "Describe=old|OrgProductVersion=1.0|ProductVersion=1.0";
     CoreImageView::modifyVersion();
-    EXPECT_EQ(readFile(stamp), "Describe=B-2.0.1|OrgProductVersion=2.0.1|ProductVersion=2.0.1|");
+    EXPECT_EQ(readFile(stamp),
+              "Describe=B-" + version + "|OrgProductVersion=" + version + "|ProductVersion=" + version + "|");
     std::filesystem::remove(stamp);
-    EXPECT_EQ(server.line(), std::string("GET http://") + constants::kUpdateHost +
-                                 "/Interfaces/UpdaterExeInfo.aspx?toolKey=KvEmulatorNAT&"
-                                 "sign=3c1f9a7e5b2d40c8a6e9f1b7d3c5a0e2 -");
-    EXPECT_EQ(log.count("] 2.0.1\n"), 2);
+    EXPECT_EQ(log.count("] " + version + "\n"), 2);
 }
 
 } // namespace
