@@ -11,7 +11,7 @@ import sys
 import time
 from pathlib import Path
 
-from harness import APP, BUILD, INSTALLER, IS_SANITIZED, RECEIPTS, SIGNER, STAGING, HostTest
+from harness import APP, INSTALLER, IS_SANITIZED, RECEIPTS, SIGNER, STAGING, HostTest
 from harness import contents, run, snapshot, tracing
 from packages import ENTRY_TIME, INFO, Publisher, archive, entry, file, folder, link, package, payload, xar
 
@@ -71,7 +71,8 @@ class Install(HostTest):
         (self.target / "Applications").chmod(0o775)
         # An old copy under another name must not change along with the new one.
         os.link(self.outside / "kept", self.target / SUPPORT / "VirtualBoxStartup.sh")
-        report = f"to='{self.scratch}'; " + '''{ stat -c %a .; cat helper; ulimit -n; ulimit -v; echo $3 /proc/$$/fd/*; env; } >"$to/seen"
+        report = f"to='{self.scratch}'; " + '''
+            { stat -c %a .; cat helper; ulimit -n; ulimit -v; echo $3 /proc/$$/fd/*; env; } >"$to/seen"
             echo Error; echo invalid >&2; cat "$1" >"$to/copy"'''
         overwrite = script("preinstall", f"echo >'{self.path}'")
         scripts = (overwrite, script("postinstall", report), file("helper", "helped\n"))
@@ -89,7 +90,8 @@ class Install(HostTest):
         self.assertEqual((self.outside / "kept").read_text(), "kept")
         seen = (self.scratch / "seen").read_text()
         descriptors = "".join(rf" /proc/\d+/fd/{number}" for number in (0, 1, 10, 11, 2, 3, 4))  # from 4 on the shell's own
-        self.assertRegex(seen, rf"(?s)^700\nhelped\n1024\nunlimited\n{self.target}{descriptors}\n.*PATH=/usr/sbin:/usr/bin:/sbin:/bin\n")
+        expected = rf"(?s)^700\nhelped\n1024\nunlimited\n{self.target}{descriptors}\n.*PATH=/usr/sbin:/usr/bin:/sbin:/bin\n"
+        self.assertRegex(seen, expected)
         self.assertNotIn("leaked", seen)
 
     def test_hostile_and_broken_packages(self):

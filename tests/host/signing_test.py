@@ -8,7 +8,7 @@ import subprocess
 import zlib
 from pathlib import Path
 
-from harness import BUILD, SIGNER, HostTest, contents, run
+from harness import BUILD, SIGNER, HostTest, run
 from packages import INFO, Publisher, archive, entry, file, pack, package, payload, xar
 
 PAYLOAD = payload(file("a", "words"))

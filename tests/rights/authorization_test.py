@@ -12,7 +12,7 @@ import sys
 from pathlib import Path
 
 import harness
-from harness import (APPLICATION, BUS_SERVICE, GO, HOLD, INSTALLER, KEXTSTAT, MECHANISM, PACKAGE, QUERY, REMOVE, RESTART,
+from harness import (APPLICATION, BUS_SERVICE, GO, HOLD, INSTALLER, MECHANISM, PACKAGE, QUERY, REMOVE, RESTART,
                      STAGING, STARTED, TRANSACTION, USER, Agent, RightsTest, as_user, install, main, make_tool, version,
                      wait_for)
 
