@@ -1,6 +1,7 @@
 // The entry points of the fuzz targets; each target is built for one of them.
 #include "base/ReadWrite.h"
 #include "host/installer/Receipt.h"
+#include "host/installer/Swap.h"
 #include "host/package/Contents.h"
 #include "host/package/Failure.h"
 #include "host/package/Package.h"
@@ -34,6 +35,20 @@ FileDescriptor fileWith(std::string_view content) {
     FileDescriptor file(memfd_create("input", MFD_CLOEXEC));
     require(writeAll(file.get(), content) && lseek(file.get(), 0, SEEK_SET) == 0);
     return file;
+}
+
+// A folder that holds the input only.
+const std::string& folderWith(const char* name, std::string_view content) {
+    static const std::string folder = [] {
+        char path[] = "/dev/shm/fuzz.XXXXXX";
+        return std::string(mkdtemp(path));
+    }();
+    static std::string last;
+    unlink(last.c_str());
+    last = folder + "/" + name;
+    const FileDescriptor file(open(last.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600));
+    require(writeAll(file.get(), content));
+    return folder;
 }
 
 struct Nowhere : PayloadSink {
@@ -90,10 +105,36 @@ void fuzzInfo(const std::string& input) {
     requireInside(info.location);
 }
 
+// Two versions, a line each.
+void fuzzVersion(const std::string& input) {
+    const std::size_t end = std::min(input.find('\n'), input.size());
+    const std::string one = input.substr(0, end);
+    const std::string other = input.substr(std::min(end + 1, input.size()));
+    require((compareVersions(one, other) < 0) == (compareVersions(other, one) > 0));
+    require(compareVersions(one, one) == 0);
+}
+
 void fuzzReceipt(const std::string& input) {
     installer::ReceiptReader receipt(fileWith(input), "input");
     while (receipt.nextPlace()) {
     }
+}
+
+void fuzzPlan(const std::string& input) {
+    const FileDescriptor folder(open(folderWith("plan", input).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::string again;
+    for (const std::string& place : installer::readSwapPlan({folder.get()})) {
+        again += place + '\0';
+    }
+    require(again == input || again == input + '\0');
+}
+
+// A file of certificates or, behind a first "k", of keys.
+void fuzzTrust(const std::string& input) {
+    const bool areKeys = input.starts_with('k');
+    TrustedCertificates trusted;
+    trusted.addFolder(
+        folderWith(areKeys ? "a.keys" : "a.pem", std::string_view(input).substr(areKeys ? 1 : 0)));
 }
 
 // Bytes in each encoding. The first one chooses.
