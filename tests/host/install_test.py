@@ -4,6 +4,7 @@ import gzip
 import itertools
 import os
 import pwd
+import re
 import shutil
 import stat
 import subprocess
@@ -279,12 +280,13 @@ class Install(HostTest):
         copy = script("postinstall", f"""cat "$1" >'{self.scratch}/copy'""")
         good = package(file("a"), scripts=[copy])
         self.path.write_bytes(good)
-        stop = tracing("-o", events, "-etrace=fstatfs", "-einject=fstatfs:signal=STOP:when=1")
+        stop = tracing("-o", events, "-etrace=fstatfs,?alarm,?setitimer", "-einject=fstatfs:signal=STOP:when=1")
         with subprocess.Popen((*stop, *self.command), stdout=subprocess.DEVNULL) as process, events.open() as lines:
             stopped = next(line for line in lines if "stopped by" in line)
             self.path.write_bytes(good.replace(good[:200], bytes(200)))
             run("kill", "-CONT", stopped.split()[0])
-            lines.read()
+            limits = re.findall(r"(?:alarm|setitimer)\(.*", lines.read())
+        self.assertRegex(limits[-1], r"alarm\(0\)|it_value={tv_sec=0", "no limit once it has been read")
         self.assertEqual((process.returncode, (self.scratch / "copy").read_bytes()), (0, good))
         shutil.rmtree(self.target)
         self.target.mkdir()

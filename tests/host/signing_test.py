@@ -40,6 +40,7 @@ class Signing(HostTest):
             outcome = run(SIGNER, key, self.publisher.certificate, path, signed, timeout=60)
             self.assertIn(cause, outcome.stderr)
         self.assertEqual((self.outside / "kept").read_text(), "kept")
+        self.assertTrue(signed.stat().st_mode & 0o044, "a server can read it")
         signer = Publisher("signer", Publisher("middle", self.root, purpose=None))
         two_steps = xar([signer, signer.issuer, self.root], **CONTENTS)
         self.assert_refused(self.install(two_steps), "but is not trusted itself")

@@ -2,6 +2,7 @@
 """The rights service, by raw calls on a real bus: what it refuses, what ends a grant, what a failed attempt leaves."""
 
 import os
+import shutil
 import subprocess
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
@@ -155,12 +156,17 @@ class Application(RightsTest):
                 self.ends_with(outcome)
 
     def test_attempts_run_one_at_a_time(self):
-        first, second = begin(), Caller()
+        self.addCleanup(shutil.move, shutil.copy("/bin/rm", "/bin/the-real-rm"), "/bin/rm")
+        make_tool(Path("/bin/rm"), HOLD)
+        first, second = Caller().authorize(), Caller()
+        self.assertEqual(first.start(REMOVE), "")
+        wait_for("the removal", STARTED.exists)
+        first.close()
         with ThreadPoolExecutor() as aside:
             asking = aside.submit(second.call, "Authorize")
             wait_for("its turn's process", lambda: len(harness.rights.processes(TRANSACTION)) == 2)
-            self.assertFalse(asking.done(), "another attempt is not over")
-            first.close()
+            self.assertFalse(asking.done(), "another attempt's removal runs")
+            GO.touch()
             self.assertEqual((asking.result(), version()), ("", "old"))
 
 

@@ -51,7 +51,7 @@ eval "${{bodies[number - 1]-${{bodies[-1]}}}}"
 REMOVES = f'{REAL}/rm "$@"'
 COMMITS = "true 2>/dev/null >/.pellomar-installer/done"  # where an old copy is set aside
 INSTALLS = (f'cp -r /opt/product /Applications/Pellomar.app; {COMMITS}; '
-            'ls "${2%/*}"; echo installer: The install was successful.')
+            'wc -c <"$2"; echo installer: The install was successful.')
 LOADED = "echo 'Index Refs Name'; echo '120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)'"
 SCRIPTED = {"/bin/rm": [REMOVES], INSTALLER: [INSTALLS], KEXTSTAT: [LOADED], STARTUP: ["echo Started."]}
 

@@ -155,6 +155,7 @@ TEST_F(Window, ClosedByTheProgramEndsItsDialogAndSubmits) {
     std::ofstream(tool) << "#!/bin/sh\necho \"$@\" >\"$HOME/submitted\"\n";
     std::filesystem::permissions(tool, std::filesystem::perms::owner_all);
     QTimer::singleShot(0, [&] {
+        EXPECT_EQ(QApplication::activeModalWidget()->parentWidget(), panel_.window());
         panel_.window()->close();
         if (QWidget* const left = QApplication::activeModalWidget()) {
             left->close();
@@ -270,6 +271,8 @@ TEST_F(Window, DrawsThePicturesOfItsScale) {
         QTest::mouseRelease(&panel_, Qt::LeftButton);
     };
     expectBoth("firstbackground", "start_button", "start");
+    const Image::Ref tick = Image::named("checked");
+    EXPECT_EQ(tick->pixmap(1.5).width(), 2 * tick->size().width()) << "at a scale between 1 and 2";
     ImageButtonView& consent = button("checkbox");
     consent.show();
     expect("firstbackground", "checkbox", "checked");
