@@ -42,7 +42,8 @@ void tellOf(QAccessibleEvent* event) {
     const QAccessible::Event type = event->type();
     if (type == QAccessible::NameChanged) {
         const auto* const label = qobject_cast<QLabel*>(event->object());
-        const bool isStatus = label && label->parent() && !label->window()->inherits("QMessageBox");
+        const bool isStatus =
+            label != nullptr && label->parent() != nullptr && !label->window()->inherits("QMessageBox");
         if (isStatus && !label->text().endsWith(" KB/s")) { // those figures depend on the clock
             tell(label->text().isEmpty() ? "no speed" : "status " + label->text());
         }
