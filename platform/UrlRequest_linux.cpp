@@ -1,8 +1,7 @@
+#include "base/Owner.h"
 #include "platform/UrlRequest.h"
 
 #include <curl/curl.h>
-
-#include <memory>
 
 namespace {
 
@@ -39,7 +38,7 @@ class ReplyDeadline {
 } // namespace
 
 std::optional<std::string> synchronousGet(const std::string& url, long timeout) {
-    const std::unique_ptr<CURL, void (*)(CURL*)> handle(curl_easy_init(), curl_easy_cleanup);
+    const Owner<CURL, curl_easy_cleanup> handle(curl_easy_init());
     if (handle == nullptr) {
         return std::nullopt;
     }

@@ -1,5 +1,6 @@
 #include "transfer/CurlWrapper.h"
 
+#include "base/Owner.h"
 #include "platform/LeakChecker.h"
 #include "platform/Log.h"
 #include "platform/UrlRequest.h"
@@ -10,7 +11,6 @@
 #include <atomic>
 #include <cerrno>
 #include <limits>
-#include <memory>
 
 namespace {
 
@@ -20,11 +20,7 @@ constexpr std::int64_t kNoTransfer = -1;
 /// The abort flag, shared by all transfers.
 std::atomic<bool> bExit{false};
 
-using EasyHandle = std::unique_ptr<CURL, void (*)(CURL*)>;
-
-EasyHandle makeHandle() {
-    return {curl_easy_init(), curl_easy_cleanup};
-}
+using EasyHandle = Owner<CURL, curl_easy_cleanup>;
 
 /// The token of a transfer is the address of its stream: not 0, even, and unique while the stream is open.
 std::int64_t tokenOf(FILE* stream) {
@@ -102,7 +98,7 @@ std::size_t OnDownLoadFile(char* data, std::size_t size, std::size_t count, void
 } // namespace
 
 int CurlWrapper::SyncHead(const std::string& url) {
-    EasyHandle handle = makeHandle();
+    EasyHandle handle(curl_easy_init());
     if (handle == nullptr) {
         return probeFailed(kNoHandle);
     }
@@ -137,7 +133,7 @@ int CurlWrapper::SyncHead(const std::string& url) {
 }
 
 int CurlWrapper::SyncDownload(const std::string& url, FILE* stream, const std::int64_t& startPos) {
-    EasyHandle handle = makeHandle();
+    EasyHandle handle(curl_easy_init());
     int result = kNoHandle;
     std::string outcome = "no handle";
     if (handle != nullptr) {
@@ -159,8 +155,7 @@ int CurlWrapper::SyncDownload(const std::string& url, FILE* stream, const std::i
 
 int CurlWrapper::SyncDownloadToFile(const std::string& url, const std::string& path,
                                     const std::int64_t& startPos) {
-    const std::unique_ptr<FILE, int (*)(FILE*)> stream(
-        fopen(path.c_str(), "abe"), [](FILE* opened) { return opened == nullptr ? 0 : fclose(opened); });
+    const Owner<FILE, fclose> stream(fopen(path.c_str(), "abe"));
     if (stream == nullptr) {
         NSLog("Open of File for appending failed:%s!", path.c_str());
         post(CurlMessageTypeData, -1, tokenWithoutStream());

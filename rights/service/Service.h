@@ -23,8 +23,8 @@ class Service;
 ///                              AwaitingEarlier    transaction `end`: its output ends with the last attempt
 ///     <--------- empty reply - Ready
 ///     Execute rm ------------> SettingAside       transaction `hold`: one byte, set aside or not
-///     <------- rm's output --- Running            rm: its exit. Not set aside: Ready, with one line as
-///     output Execute installer -----> Running            installer: its exit, and in it the transaction's
+///     <------- rm's output --- Running            rm: its exit. If not set aside: Ready, with one line
+///     Execute installer -----> Running            installer: its exit, and in it the transaction's
 ///     <---- its output ------- Ready
 ///     Execute kextstat … ----> Running
 ///     (connection ends) -----> (removed)          the transaction ends with whoever still holds it
