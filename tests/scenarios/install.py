@@ -1,7 +1,7 @@
 """The scenarios of an installation, from the first screen to the launched product or the window that is closed."""
 
 from machine import ADDRESS, APPLICATION, HOLD, INSTALLER, INSTALLS, KEXTSTAT, LOADED, REAL, REMOVES, STARTUP
-from machine import STATISTICS, write
+from machine import STAGING, STATISTICS, write
 from scenario import FLAG, HELD, Scenario
 
 URL = "http://{}:{}/soft/package".format(*ADDRESS)
@@ -77,6 +77,14 @@ CLEAN = [*DOWNLOADED, *INSTALLED, *LOADED_AND_LAUNCHED]
 WITHOUT_EVENTS = [line for line in CLEAN if not line.startswith("event")]
 CLOSED = ["> quit", "log window close", "events submitted"]
 
+
+def leave_set_aside(_):
+    """The old copy, as after a power cut: it is put back when rights are obtained."""
+    STAGING.mkdir(mode=0o700)
+    APPLICATION.parent.rename(STAGING / "aside")
+    APPLICATION.parent.mkdir()
+
+
 INSTALL_SCENARIOS = {
     "clean": Scenario(CLEAN, logged="Index Refs Name\n120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)\n\n"),
     "old copy kept": Scenario(
@@ -88,7 +96,7 @@ INSTALL_SCENARIOS = {
                           'echo "@kextstat ends" >>"$log"']}),
     "return keeps, and the driver is named across two reads": Scenario(
         [*DOWNLOADED, *QUESTION, "> Return", *YES, *REMOVED, *INSTALLED, *LOADED_AND_LAUNCHED],
-        {KEXTSTAT: ["printf '%1015s%s' '' com.norvik.emu.kext.VBoxDrv"]}, old=True),
+        {KEXTSTAT: ["printf '%1015s%s' '' com.norvik.emu.kext.VBoxDrv"]}, old=True, prepare=leave_set_aside),
     "question not closed without an answer, old copy not kept": Scenario(
         [*DOWNLOADED, *QUESTION, "> picture keep-data-question", "> Escape", "> close", "> 取消", *NO, *REMOVED,
          *INSTALLED, *LOADED_AND_LAUNCHED],

@@ -122,7 +122,8 @@ def demonstration(machine, results="/run/results", *options):
         picture("password", "管理员密码（演示）")
         screen.press("认证")
 
-    subprocess.run([*serve, "--background", machine.build / "sample", files], check=True)
+    for documents in "/opt", machine.build / "sample":  # the second server replaces the first
+        subprocess.run([*serve, "--background", documents, files], check=True)
     try:
         with contextlib.closing(machine.open()) as window:
             machine.start_agent(window, dialog)

@@ -19,6 +19,7 @@ BUNDLE = DISK / "Pellomar下载器.app"
 PROGRAM = BUNDLE / "Contents/MacOS/PellomarDownloader"
 STATISTICS = PROGRAM.with_name("WebStatistics")
 APPLICATION = Path("/Applications/Pellomar.app")
+STAGING = Path("/.pellomar-installer")
 PRODUCT = APPLICATION / "Contents/MacOS/Pellomar"
 OLD = APPLICATION / "Contents/of-the-old-copy"
 SYSTEM_VERSION = Path("/System/Library/CoreServices/SystemVersion.plist")
@@ -49,7 +50,7 @@ eval "${{bodies[number - 1]-${{bodies[-1]}}}}"
 """
 # What the tools do, as lines of bash.
 REMOVES = f'{REAL}/rm "$@"'
-COMMITS = "true 2>/dev/null >/.pellomar-installer/done"  # where an old copy is set aside
+COMMITS = f"true 2>/dev/null >{STAGING}/done"  # where an old copy is set aside
 INSTALLS = (f'cp -r /opt/product /Applications/Pellomar.app; {COMMITS}; '
             'wc -c <"$2"; echo installer: The install was successful.')
 LOADED = "echo 'Index Refs Name'; echo '120 3 com.norvik.emu.kext.VBoxDrv (5.2.0)'"
