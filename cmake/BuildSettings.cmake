@@ -5,6 +5,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   # GCC 12 warns of overlapping copies inside its own std::string (GCC bug 105651).
   target_compile_options(build_settings INTERFACE -Wno-restrict)
 endif()
+if(CMAKE_UNITY_BUILD AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # It takes a source that another one includes for a header.
+  target_compile_options(build_settings INTERFACE -Wno-subobject-linkage)
+endif()
 
 # For CI: a newer compiler's warning must not break builds elsewhere.
 option(PELLOMAR_WARNINGS_AS_ERRORS "Treat warnings as errors" OFF)

@@ -41,12 +41,12 @@ using namespace package;
 namespace {
 
 constexpr char kReceipt[] = "receipt"; // in the staging folder
-constexpr char kFolder[] = "receipts";
+constexpr char kReceiptsFolder[] = "receipts";
 constexpr char kUnfinished[] = ".unfinished";
 constexpr char kFirstLine[] = "pellomar-installer receipt 1";
 
 std::string receiptsPath() {
-    return std::string(kReceiptsParent) + "/" + kFolder;
+    return std::string(kReceiptsParent) + "/" + kReceiptsFolder;
 }
 
 std::string percentEncoded(const std::string& place) {
