@@ -20,7 +20,7 @@ std::vector<char*> pointers(const std::vector<std::string>& texts) {
     return result;
 }
 
-// Everything that needs memory is made ready at first: after a fork, the child of a process with several
+// Everything that needs memory is made ready first: after a fork, the child of a process with several
 // threads may only make system calls.
 class Spawn {
   public:

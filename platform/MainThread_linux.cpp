@@ -85,7 +85,8 @@ class Mailbox {
     /// Any thread but the main one. Returns when the main thread has run `function`.
     void perform(const std::function<void()>& function) {
         Work work{function};
-        // Of posting: a thread that is slow to wake must not be the reason to sleep again.
+        // The time of posting counts: counted from when the piece runs, one slow wake-up would end the
+        // spinning for good.
         work.isQuick = work.posted - lastPosted_.exchange(work.posted) < kSpin;
         work.next = arrived_.load();
         while (!arrived_.compare_exchange_weak(work.next, &work)) {

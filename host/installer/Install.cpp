@@ -169,7 +169,7 @@ void install(const Request& request, PackageFile& file, Staging& staging) {
     requireOwnPlaces(staging.target(), staging.folder(), info, isSigned);
     const FileDescriptor scripts = unpackScripts(package, info, staging);
     writeReceipt(staging.folder(), receiptFor(package, info));
-    makeSwapPlan(staging.target(), staging.folder()); // what it refuses, before a script has run
+    makeSwapPlan(staging.target(), staging.folder()); // refuses before a script has run
     const std::string target =
         std::filesystem::canonical("/proc/self/fd/" + std::to_string(staging.target()));
     const std::string slash = target.ends_with('/') ? "" : "/";

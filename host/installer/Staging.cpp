@@ -68,7 +68,7 @@ FileDescriptor takeStagingFolder(int target, std::chrono::milliseconds patience)
             throw Failure(std::string("another user can change the target's folder ") + kStagingName,
                           FailureKind::Target);
         }
-        // What a set-group-id target passes on, what is made in it must not inherit.
+        // A set-group-id target passes its group and that bit on to what is made in it.
         if ((status.st_mode & S_ISGID) != 0 &&
             (fchown(folder.get(), -1U, getegid()) != 0 || fchmod(folder.get(), S_IRWXU) != 0)) {
             throw systemFailure(kCannotWrite);

@@ -3,8 +3,8 @@
 //     plan   = *( place %x00 )
 //     place  = a path relative to the target; zero is the only byte that no path contains
 //
-// It is written as `plan.part` and renamed when it is on disk, so a plan is always whole. A place has come as
-// far as shown by what exists: in new/, in the target, in old/ under the place's index in the plan.
+// It is written as `plan.part` and renamed when it is on disk, so a plan is always whole. What exists
+// shows how far a place has come: in new/, in the target, in old/ under the place's index in the plan.
 #include "host/installer/Swap.h"
 
 #include "base/FileDescriptor.h"
@@ -61,7 +61,7 @@ class Planner {
   public:
     explicit Planner(dev_t device) : device_(device) {}
 
-    // `path` is that of both folders, relative to the staging folder's and the target's.
+    // Both folders have this `path`: the one in new/, the other in the target.
     void visit(int coming, int present, const std::string& path) {
         for (const std::string& name : namesIn(coming)) {
             std::string place = path.empty() ? path : path + '/';

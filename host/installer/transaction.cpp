@@ -1,7 +1,6 @@
 // Keeps the installed application until another version has replaced it. Before the application is removed,
 // the process that runs the commands of an installation as root starts this program with `hold`, and it
-// closes the program's standard input when the attempt is over. At boot, a systemd unit runs `end` if the
-// folder
+// closes the program's standard input when the attempt is over. At boot, a systemd unit runs `end` if
 // /.pellomar-installer exists.
 //
 // `end` undoes an install that was interrupted before it was committed, or completes one that was interrupted
@@ -59,7 +58,7 @@ void complain(const char* text) {
     std::fprintf(stderr, "pellomar-installer-transaction: %s\n", text);
 }
 
-// Only a commit gives the old application up, and then removes it. So whatever is at its place is no version.
+// A commit removes the copy set aside. As long as there is one, what is at its place is no installed version.
 void settleAside(Staging& staging) {
     if (installer::isSetAside(staging.folder())) {
         staging.discardApplication();

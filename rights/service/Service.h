@@ -69,7 +69,7 @@ class Call {
 
     BusSlot question_;       // Identifying, Asking
     FileDescriptor awaited_; // AwaitingEarlier, SettingAside
-    // That there is something to read, or that the tool has ended.
+    // Comes when awaited_ has something to read, or when the tool has ended.
     Owner<sd_event_source, sd_event_source_disable_unref> event_;
 
     GrantedCommands commands_;
