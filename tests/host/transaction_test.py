@@ -20,7 +20,7 @@ TOOL = BUILD / "host/installer/pellomar-installer-transaction"
 MAKE_ROOT = """mkdir -p /tmp/roots; mount -t tmpfs -o size=64m none /tmp/roots; cd /tmp/roots
 mkdir -p root/{usr,proc,dev,run,Applications/Pellomar.app/{a,b/empty}}; ln -s usr/{bin,lib,lib64} root; cp $1 $2 root
 cd root/Applications; chmod 775 .; cd Pellomar.app; chmod 750 a; chmod 711 b/empty; ln -s ../run a/link
-for name in run a/data b/data z; do echo -n "old $name" >$name; done; chmod 640 run a/data b/data z; cd /tmp/roots
+for name in run a/data; do echo -n "old $name" >$name; done; chmod 640 run a/data; cd /tmp/roots
 if [[ $0 == True ]]; then
     mv root lower; mkdir upper work root
     mount -t overlay -o lowerdir=$PWD/lower,upperdir=$PWD/upper,workdir=$PWD/work,redirect_dir=off none root
