@@ -38,7 +38,7 @@ using namespace std::chrono_literals;
 
 /// The longest wait without sleeping: less than a block takes at a gigabit a second.
 constexpr auto kSpin = 100us;
-constexpr auto kLongestWithoutEvents = 6ms; ///< how long the main thread may keep events waiting
+constexpr auto kLongestWithoutEvents = 3ms; ///< how long the main thread may keep events waiting
 
 /// Polls `condition` until it holds or kSpin has passed. Returns whether it held.
 template <typename Condition>
