@@ -178,7 +178,7 @@ class Comparison:
 
     def run(self, rounds, loads):
         results = {load: {program: [] for program in PROGRAMS} for load in loads}
-        results |= {"first paint": [], "interface": {load: [] for load in INTERFACE}, "memory": {name: [] for name in BODIES}}
+        results |= {"first paint": [], "interface": {load: [] for load in loads if load in INTERFACE}, "memory": {}}
         for number in range(1, rounds + 1):
             for load in loads:
                 say(f"Round {number} of {rounds}: {LOADS[load][0]}")
