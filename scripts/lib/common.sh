@@ -69,17 +69,53 @@ build_preset() { # PRESET [CMAKE-OPTION...]
     cmake --build "$project/build/$1" --parallel "$(job_count)" || fail "the build failed"
 }
 
+native=$(dpkg --print-architecture)
+
 # Makes a fresh system at ROOT, from the mirror and with the proxies that this machine's apt uses. If apt has no mirror,
-# debootstrap takes its own.
-make_debian() { # RELEASE ROOT
-    local mirror
+# debootstrap takes its own. The programs of another architecture than this machine's run under user emulation.
+make_debian() { # RELEASE ARCHITECTURE ROOT
+    local mirror binfmt=/proc/sys/fs/binfmt_misc
     local -A code_names=([12]=bookworm [13]=trixie)
+    if [[ $2 != "$native" ]]; then
+        [[ -e $binfmt/status ]] || as_root mount -t binfmt_misc binfmt_misc "$binfmt"
+        "$project/scripts/install-dependencies" arm64
+        [[ -e $binfmt/qemu-aarch64 ]] || as_root update-binfmts --enable qemu-aarch64
+    fi
     # shellcheck disable=SC2016 # the words in $() are apt's
     mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Label: Debian' | head -n 1)
-    as_root debootstrap --variant=minbase "${code_names[$1]}" "$2" ${mirror:+"$mirror"} \
-        >"$2.debootstrap.log" || fail "debootstrap failed, see $2.debootstrap.log"
-    apt-config dump | grep -E '^Acquire::(https?|Check)' | as_root tee "$2/etc/apt/apt.conf.d/50machine" >/dev/null || true
-    as_root install -m 644 /etc/resolv.conf /etc/hosts "$2/etc"
+    as_root debootstrap --arch="$2" --variant=minbase "${code_names[$1]}" "$3" ${mirror:+"$mirror"} \
+        >"$3.debootstrap.log" || fail "debootstrap failed, see $3.debootstrap.log"
+    apt-config dump | grep -E '^Acquire::(https?|Check)' | as_root tee "$3/etc/apt/apt.conf.d/50machine" >/dev/null || true
+    as_root install -m 644 /etc/resolv.conf /etc/hosts "$3/etc"
+}
+
+# Puts the last commit into the system at ROOT, where in_system runs commands.
+copy_commit() { # ROOT
+    as_root mkdir -p -- "$1/root/project"
+    git -C "$project" archive --format=tar HEAD | as_root tar -x --no-same-owner -C "$1/root/project"
+}
+
+# Runs COMMAND in the system at ROOT, with processes and mounts of its own, which end with it. chroot is not enough, since
+# scripts/view moves the root itself.
+in_system() { # ROOT COMMAND
+    # shellcheck disable=SC2016
+    as_root unshare --mount --pid --fork --kill-child --uts --ipc \
+        env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 ${http_proxy:+"http_proxy=$http_proxy"} \
+        bash -c '
+            set -e
+            cd -- "$1"
+            mount --bind . .
+            cd -- "$1" # into the new mount
+            mount -t proc proc proc
+            mount --rbind /sys sys
+            mount --rbind /dev dev
+            mount -t tmpfs -o mode=1777 tmpfs dev/shm
+            mount -t tmpfs -o mode=1777 tmpfs tmp
+            mount -t tmpfs -o mode=755 tmpfs run
+            pivot_root . mnt
+            umount -l /mnt
+            cd /root/project
+            eval "$2"' in-system "$@"
 }
 
 # Runs scripts/view, which ends when the calling command ends, even if that is killed.

@@ -14,6 +14,12 @@ import waiting
 from waiting import PATIENCE, Blocked
 
 SHARED_KEYS = {" ": "spc", "-": "minus", ".": "dot", "/": "slash", "\n": "ret"}
+HARDWARE = {  # by architecture; the processor is emulated, so that it is the same on every machine
+    "amd64": ["qemu-system-x86_64", "-cpu", "Nehalem", "-vga", "std", "-device", "ide-cd,id=cd"],
+    "arm64": ["qemu-system-aarch64", "-machine", "virt", "-cpu", "cortex-a72", "-device", "virtio-gpu", "-device",
+              "virtio-keyboard", "-device", "virtio-scsi", "-device", "scsi-cd,id=cd"],
+}
+CONSOLES = {"amd64": "ttyS0", "arm64": "ttyAMA0"}
 LOOKING = 20  # seconds that one look at the screen takes at most
 
 
@@ -44,8 +50,8 @@ class Guest:
     from that disk and writes what changes, and its pictures, into FOLDER. KIT is an image that it sees as a second disk;
     USER is logged in on its desktop."""
 
-    def __init__(self, machine, folder, kit, user):
-        self.machine, self.folder, self.kit, self.user = machine, folder, kit, user
+    def __init__(self, architecture, machine, folder, kit, user):
+        self.architecture, self.machine, self.folder, self.kit, self.user = architecture, machine, folder, kit, user
         self.pictures = 0
         self.process = None
         self.disk = folder / "disk.qcow2"
@@ -56,13 +62,13 @@ class Guest:
     def power_on(self):
         """Returns when commands can be run in it."""
         control, agent = self.folder / "control", self.folder / "agent"
-        # The processor is emulated, so that it is the same on every machine.
-        command = ["setpriv", "--pdeathsig", "KILL", "nice", "-n", "10", "qemu-system-x86_64", "-accel", "tcg"]
-        command += ["-cpu", "Nehalem", "-smp", "1", "-m", "3072", "-nodefaults", "-display", "none", "-vga", "std"]
+        command = ["setpriv", "--pdeathsig", "KILL", "nice", "-n", "10", *HARDWARE[self.architecture], "-accel", "tcg"]
+        command += ["-smp", "1", "-m", "3072", "-nodefaults", "-display", "none"]
         command += ["-kernel", f"{self.machine}.kernel", "-initrd", f"{self.machine}.initrd"]
-        command += ["-append", "root=/dev/vda rw quiet console=ttyS0", "-serial", f"file:{self.folder}/console.txt"]
+        command += ["-append", f"root=/dev/vda rw quiet console={CONSOLES[self.architecture]}"]
+        command += ["-serial", f"file:{self.folder}/console.txt"]
         command += ["-drive", f"file={self.disk},format=qcow2,if=none,id=disk", "-device", "virtio-blk,drive=disk"]
-        command += ["-drive", f"file={self.kit},format=raw,if=virtio,readonly=on", "-device", "ide-cd,id=cd"]
+        command += ["-drive", f"file={self.kit},format=raw,if=virtio,readonly=on"]
         command += ["-device", "virtio-tablet", "-device", "virtio-serial"]
         command += ["-qmp", f"unix:{control},server=on,wait=off"]
         command += ["-chardev", f"socket,path={agent},server=on,wait=off,id=agent"]

@@ -191,9 +191,9 @@ class DesktopRun:
         self.lose_power()
 
 
-def main(machine, build, results):
+def main(architecture, machine, build, results):
     build, results = Path(build), Path(results)
-    guest = Guest(machine, results, results / "kit.iso", "player")
+    guest = Guest(architecture, machine, results, results / "kit.iso", "player")
     desktop = DesktopRun(guest, build / "Pellomar下载器.iso", build / "sample/soft/Pellomar-sample.pkg")
     try:
         desktop.run()
