@@ -4,7 +4,6 @@ import itertools
 import os
 import re
 import shutil
-import subprocess
 import zlib
 from pathlib import Path
 
@@ -60,25 +59,6 @@ class Signing(HostTest):
         self.assert_refused(self.install(sound.replace(b"extra", b"Extra")), "does not match")
         self.command[0] = BUILD / "tests/host/demanding-installer"
         self.assert_all_refused((("unsigned", xar(**CONTENTS), "is not signed"), ("signed", sound, "not trusted")))
-
-    def test_key_with_a_passphrase(self):
-        key, signer = self.scratch / "key.pem", shutil.copy(SIGNER, self.scratch)
-        self.publisher.openssl(f"pkey -in key.pem -aes256 -passout pass:right -out {key}")
-        self.scratch.chmod(0o711)
-        key.chmod(0o644)
-        process = subprocess.Popen(
-            (signer, key, self.publisher.certificate, self.path, self.scratch / "signed.pkg"), text=True,
-            stdin=subprocess.PIPE, stderr=subprocess.PIPE, user=os.geteuid() or 65534,
-            start_new_session=True)  # without a terminal, the passphrase comes from standard input
-        self.addCleanup(process.kill)
-        shown = ""
-        while "pass phrase:" not in shown and process.poll() is None:
-            shown += process.stderr.read(1)
-        self.assertIn("Warning - others can read the key", shown)
-        limits = Path(f"/proc/{process.pid}/limits")
-        self.assertRegex(limits.read_text(), "Max core file size +0 +0 ")
-        self.assertEqual(limits.stat().st_uid, 0)  # the user's own where it may be traced and dumped
-        self.assertIn("passphrase is wrong", process.communicate("wrong\n")[1])
 
     def test_tampered_and_foreign_packages(self):
         publisher, root, false_root, by = self.publisher, self.root, Publisher("root", purpose=None), self.by

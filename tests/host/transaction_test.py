@@ -16,29 +16,40 @@ from packages import file, package
 CALLS = "mkdirat renameat2 renameat fchown fchmod utimensat unlinkat openat2 fsync syncfs".split()
 BASE, ROOT = Path("/tmp/roots"), Path("/tmp/roots/root")
 TOOL = BUILD / "host/installer/pellomar-installer-transaction"
-# A root on one file system or, where the first argument is True, an overlay in which no folder can be renamed.
-MAKE_ROOT = """mkdir -p /tmp/roots; mount -t tmpfs -o size=64m none /tmp/roots; cd /tmp/roots
-mkdir -p root/{usr,proc,dev,run,Applications/Pellomar.app/{a,b/empty}}; ln -s usr/{bin,lib,lib64} root; cp $1 $2 root
-cd root/Applications; chmod 775 .; cd Pellomar.app; chmod 750 a; chmod 711 b/empty; ln -s ../run a/link
-for name in run a/data; do echo -n "old $name" >$name; done; chmod 640 run a/data; cd /tmp/roots
-if [[ $0 == True ]]; then
-    mv root lower; mkdir upper work root
-    mount -t overlay -o lowerdir=$PWD/lower,upperdir=$PWD/upper,workdir=$PWD/work,redirect_dir=off none root
-fi
-for name in usr proc dev; do mount --rbind /$name root/$name; done"""
+MAKE_TREE = """cp $0 $1 /usr/local/bin; mkdir -p /tmp/tree/{usr,proc,dev,run,Applications/Pellomar.app/{a,b/empty}}
+cd /tmp/tree; ln -s usr/{bin,lib,lib64} usr/local/bin/{installer,pellomar-installer-transaction} .; cd Applications
+chmod 775 .; cd Pellomar.app; chmod 750 a; chmod 711 b/empty; ln -s ../run a/link
+for name in run a/data; do echo -n "old $name" >$name; done; chmod 640 run a/data"""
+LAYERS = f"none {ROOT} overlay lowerdir={BASE}/lower,upperdir={BASE}/upper,workdir={BASE}/work,redirect_dir=off 0 0\n"
+SHARED = "".join(f"/{name} {ROOT}/{name} none rbind 0 0\n" for name in ("usr", "proc", "dev"))
 
 
 class Transaction(unittest.TestCase):
     """Runs the tool in a root of its own, since it knows no other place than /."""
 
+    @classmethod
+    def setUpClass(cls):
+        subprocess.run(("bash", "-euc", MAKE_TREE, TOOL, INSTALLER), check=True)
+        BASE.mkdir()
+
     def setUp(self):
         self.addCleanup(run, "umount", "-R", BASE)
 
     def make_root(self, layered=False):
+        """On one file system or in layers, an overlay, in which no folder can be renamed."""
         run("umount", "-R", BASE)
-        made = run("bash", "-euc", MAKE_ROOT, str(layered), TOOL, INSTALLER)
-        self.assertEqual(made.returncode, 0, made.stderr)
+        self.mount(f"none {BASE} tmpfs size=64m 0 0\n")
+        shutil.copytree("/tmp/tree", BASE / "lower" if layered else ROOT, symlinks=True)
+        for folder in ("upper", "work", "root") if layered else ():
+            (BASE / folder).mkdir()
+        self.mount(layered * LAYERS + SHARED)
         return snapshot(ROOT / "Applications")
+
+    def mount(self, table):
+        """A process for each mount would take most of the test's time."""
+        Path("/tmp/table").write_text(table)
+        done = run("mount", "--all", "--fstab", "/tmp/table")
+        self.assertEqual(done.returncode, 0, done.stderr)
 
     @contextlib.contextmanager
     def holding(self):

@@ -1,9 +1,8 @@
-"""Scenarios that cannot be written as a list of lines: random clicks, closing at any moment, repainting while the window
-ends, and a log that cannot be written. RANDOM_START repeats the random choices, but not the timing."""
+"""Scenarios that cannot be written as a list of lines: random clicks, closing at any moment, and a log that cannot be
+written. RANDOM_START repeats the random choices, but not the timing."""
 
 import os
 import random
-import subprocess
 import time
 
 from scenario import DOCUMENT, SMALL_DISK, Scenario, opened  # first: it adds tests/support to the path
@@ -41,17 +40,6 @@ def closing_at_any_moment(machine):
             time.sleep(draw.choice((0.02, 0.1, 0.4)) * draw.random())
             window.ask_to_close()
             expect_good_end(machine, window, "window close")
-
-
-def launching(machine):
-    """While the window repaints."""
-    repainting = subprocess.Popen(["sh", "-c", "while xrefresh; do :; done"])
-    for _ in repeated(5):
-        with opened(machine, Scenario(rights="root")) as (window, _):
-            window.invoke("开始")
-            expect_good_end(machine, window, "launch Pellomar.app successful")
-    assert repainting.poll() is None, "the display could not be repainted"
-    repainting.kill()
 
 
 def any_answer(draw):
@@ -114,4 +102,4 @@ def nowhere_to_log(machine):
             assert machine.file("tmp").read_bytes() == DOCUMENT and window.log() == "", text
 
 
-STRESS_SCENARIOS = (random_clicks, closing_at_any_moment, launching, nowhere_to_log)
+STRESS_SCENARIOS = (random_clicks, closing_at_any_moment, nowhere_to_log)
