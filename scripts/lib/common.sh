@@ -72,19 +72,31 @@ build_preset() { # PRESET [CMAKE-OPTION...]
 native=$(dpkg --print-architecture)
 
 # Makes a fresh system at ROOT, from the mirror and with the proxies that this machine's apt uses. If apt has no mirror,
-# debootstrap takes its own. The programs of another architecture than this machine's run under user emulation.
+# debootstrap takes its own. The programs of arm64 run under user emulation on amd64.
 make_debian() { # RELEASE ARCHITECTURE ROOT
-    local mirror binfmt=/proc/sys/fs/binfmt_misc
     local -A code_names=([12]=bookworm [13]=trixie)
-    if [[ $2 != "$native" ]]; then
-        [[ -e $binfmt/status ]] || as_root mount -t binfmt_misc binfmt_misc "$binfmt"
-        "$project/scripts/install-dependencies" arm64
-        [[ -e $binfmt/qemu-aarch64 ]] || as_root update-binfmts --enable qemu-aarch64
-    fi
+    local code_name=${code_names[$1]} mirror binfmt=/proc/sys/fs/binfmt_misc
     # shellcheck disable=SC2016 # the words in $() are apt's
     mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Label: Debian' | head -n 1)
-    as_root debootstrap --arch="$2" --variant=minbase "${code_names[$1]}" "$3" ${mirror:+"$mirror"} \
-        >"$3.debootstrap.log" || fail "debootstrap failed, see $3.debootstrap.log"
+    bootstrap() { # ROOT OPTION...
+        as_root debootstrap --variant=minbase "${@:2}" "$code_name" "$1" ${mirror:+"$mirror"} \
+            >"$1.debootstrap.log" || fail "debootstrap failed, see $1.debootstrap.log"
+    }
+    if [[ $2 != "$native" ]]; then
+        [[ $native-$2 == amd64-arm64 ]] || fail "systems of $2 can't be made on $native"
+        "$project/scripts/install-dependencies" arm64
+        [[ -e $binfmt/status ]] || as_root mount -t binfmt_misc binfmt_misc "$binfmt"
+        [[ -e $binfmt/qemu-aarch64 ]] || as_root update-binfmts --enable qemu-aarch64
+        as_root rm -rf --one-file-system -- "$3.compiler"
+        bootstrap "$3.compiler" --include=g++-aarch64-linux-gnu
+    fi
+    bootstrap "$3" --arch="$2"
+    if [[ $2 != "$native" ]]; then
+        # in_system mounts the rest; what is built depends on the headers.
+        as_root mkdir -p "$3/lib64" "$3/usr/lib/x86_64-linux-gnu" "$3/usr/libexec/gcc-cross"
+        as_root cp -a "$3.compiler/usr/aarch64-linux-gnu" "$3/usr/"
+        as_root cp -a "$3.compiler/usr/lib/gcc-cross" "$3/usr/lib/"
+    fi
     apt-config dump | grep -E '^Acquire::(https?|Check)' | as_root tee "$3/etc/apt/apt.conf.d/50machine" >/dev/null || true
     as_root install -m 644 /etc/resolv.conf /etc/hosts "$3/etc"
 }
@@ -96,7 +108,7 @@ copy_commit() { # ROOT
 }
 
 # Runs COMMAND in the system at ROOT, with processes and mounts of its own, which end with it. chroot is not enough, since
-# scripts/view moves the root itself.
+# scripts/view moves the root itself. A system of arm64 is lent a cross compiler, since an emulated one takes hours.
 in_system() { # ROOT COMMAND
     # shellcheck disable=SC2016
     as_root unshare --mount --pid --fork --kill-child --uts --ipc \
@@ -106,6 +118,10 @@ in_system() { # ROOT COMMAND
             cd -- "$1"
             mount --bind . .
             cd -- "$1" # into the new mount
+            lent=(lib64 usr/lib/x86_64-linux-gnu usr/libexec/gcc-cross usr/bin/aarch64-linux-gnu-{as,ld.bfd,{cpp,gcc,g++}-1?})
+            for place in "${lent[@]}"; do
+                [[ ! -e $1.compiler/$place || ! -e $place ]] || mount --bind "$1.compiler/$place" "$place"
+            done
             mount -t proc proc proc
             mount --rbind /sys sys
             mount --rbind /dev dev
