@@ -211,14 +211,16 @@ class Install(HostTest):
         shutil.copy("/bin/sleep", self.scratch / "a\nb")
         odd = orphan.replace("sleep", f"'{self.scratch}/a\nb'")
         odd += f"; until grep -q b /proc/$(cat '{self.scratch}/orphan')/comm; do :; done"
+        timeout = "-einject=?poll,ppoll:retval=0"
+        own_output = ("bash", "-c", 'exec "${@/OUTPUT/$(readlink /proc/$$/fd/1)}"', "bash")
         rows = (
             ("succeeds", orphan, (), None),
             ("an odd name", odd, (), None),
             ("before the next script", f"kill -0 $(cat '{self.scratch}/orphan') || exit 3", (), "failed with status 3"),
             ("the worker is killed", f"{orphan}; kill -9 $PPID; sleep 999", (), "ended by signal 9"),
             ("stopped by a signal", f"{odd}; kill -15 {SUPERVISOR}; sleep 999", (), "stopped by a signal"),
-            ("takes too long", f"{orphan}; sleep 999", tracing("-einject=ppoll:retval=0"), "longer than 10 minutes"),
-            ("unread", orphan, tracing("-einject=poll:retval=0"), None),
+            ("takes too long", f"{orphan}; sleep 999", tracing("-Panon_inode:[pidfd]", timeout), "longer than 10 minutes"),
+            ("unread", orphan, (*own_output, *tracing("-POUTPUT", timeout)), None),
             ("the caller ignores the end of children", orphan, ("env", "--ignore-signal=CHLD"), None),
         )
         for name, text, before, cause in rows:
