@@ -71,11 +71,20 @@ build_preset() { # PRESET [CMAKE-OPTION...]
 
 native=$(dpkg --print-architecture)
 
+# Lets programs of another architecture run under user emulation, until this machine ends.
+emulate() { # ARCHITECTURE
+    local binfmt=/proc/sys/fs/binfmt_misc
+    [[ $native-$1 == amd64-arm64 ]] || fail "systems of $1 can't be made on $native"
+    "$project/scripts/install-dependencies" arm64
+    [[ -e $binfmt/status ]] || as_root mount -t binfmt_misc binfmt_misc "$binfmt"
+    [[ -e $binfmt/qemu-aarch64 ]] || as_root update-binfmts --enable qemu-aarch64
+}
+
 # Makes a fresh system at ROOT, from the mirror and with the proxies that this machine's apt uses. If apt has no mirror,
-# debootstrap takes its own. The programs of arm64 run under user emulation on amd64.
+# debootstrap takes its own. One of another architecture needs emulate.
 make_debian() { # RELEASE ARCHITECTURE ROOT
     local -A code_names=([12]=bookworm [13]=trixie)
-    local code_name=${code_names[$1]} mirror binfmt=/proc/sys/fs/binfmt_misc
+    local code_name=${code_names[$1]} mirror
     # shellcheck disable=SC2016 # the words in $() are apt's
     mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Label: Debian' | head -n 1)
     bootstrap() { # ROOT OPTION...
@@ -83,10 +92,6 @@ make_debian() { # RELEASE ARCHITECTURE ROOT
             >"$1.debootstrap.log" || fail "debootstrap failed, see $1.debootstrap.log"
     }
     if [[ $2 != "$native" ]]; then
-        [[ $native-$2 == amd64-arm64 ]] || fail "systems of $2 can't be made on $native"
-        "$project/scripts/install-dependencies" arm64
-        [[ -e $binfmt/status ]] || as_root mount -t binfmt_misc binfmt_misc "$binfmt"
-        [[ -e $binfmt/qemu-aarch64 ]] || as_root update-binfmts --enable qemu-aarch64
         as_root rm -rf --one-file-system -- "$3.compiler"
         bootstrap "$3.compiler" --include=g++-aarch64-linux-gnu
     fi
