@@ -98,7 +98,8 @@ make_debian() { # RELEASE ARCHITECTURE ROOT
     bootstrap "$3" --arch="$2"
     if [[ $2 != "$native" ]]; then
         # in_system mounts the rest; what is built depends on the headers.
-        as_root mkdir -p "$3/lib64" "$3/usr/lib/x86_64-linux-gnu" "$3/usr/libexec/gcc-cross"
+        as_root mkdir -p "$3/usr/lib64" "$3/usr/lib/x86_64-linux-gnu" "$3/usr/libexec/gcc-cross"
+        as_root ln -s usr/lib64 "$3/lib64" # a folder would not pass for a merged /usr
         as_root cp -a "$3.compiler/usr/aarch64-linux-gnu" "$3/usr/"
         as_root cp -a "$3.compiler/usr/lib/gcc-cross" "$3/usr/lib/"
     fi
@@ -123,7 +124,7 @@ in_system() { # ROOT COMMAND
             cd -- "$1"
             mount --bind . .
             cd -- "$1" # into the new mount
-            lent=(lib64 usr/lib/x86_64-linux-gnu usr/libexec/gcc-cross usr/bin/aarch64-linux-gnu-{as,ld.bfd,{cpp,gcc,g++}-1?})
+            lent=(usr/lib64 usr/lib/x86_64-linux-gnu usr/libexec/gcc-cross usr/bin/aarch64-linux-gnu-{as,ld.bfd,{cpp,gcc,g++}-1?})
             for place in "${lent[@]}"; do
                 [[ ! -e $1.compiler/$place || ! -e $place ]] || mount --bind "$1.compiler/$place" "$place"
             done
