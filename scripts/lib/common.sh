@@ -82,39 +82,40 @@ emulate() { # ARCHITECTURE
 
 # Makes a fresh system at ROOT, from the mirror and with the proxies that this machine's apt uses. If apt has no mirror,
 # debootstrap takes its own. One of another architecture needs emulate.
-make_debian() { # RELEASE ARCHITECTURE ROOT
+make_debian() { # RELEASE ARCHITECTURE ROOT [DEBOOTSTRAP-OPTION...]
     local -A code_names=([12]=bookworm [13]=trixie)
     local code_name=${code_names[$1]} mirror
     # shellcheck disable=SC2016 # the words in $() are apt's
     mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Label: Debian' | head -n 1)
-    bootstrap() { # ROOT OPTION...
-        as_root debootstrap --variant=minbase "${@:2}" "$code_name" "$1" ${mirror:+"$mirror"} \
-            >"$1.debootstrap.log" || fail "debootstrap failed, see $1.debootstrap.log"
-    }
-    if [[ $2 != "$native" ]]; then
-        as_root rm -rf --one-file-system -- "$3.compiler"
-        bootstrap "$3.compiler" --include=g++-aarch64-linux-gnu
-    fi
-    bootstrap "$3" --arch="$2"
-    if [[ $2 != "$native" ]]; then
-        # in_system mounts the rest; what is built depends on the headers.
-        as_root mkdir -p "$3/usr/lib64" "$3/usr/lib/x86_64-linux-gnu" "$3/usr/libexec/gcc-cross"
-        as_root ln -s usr/lib64 "$3/lib64" # a folder would not pass for a merged /usr
-        as_root cp -a "$3.compiler/usr/aarch64-linux-gnu" "$3/usr/"
-        as_root cp -a "$3.compiler/usr/lib/gcc-cross" "$3/usr/lib/"
-    fi
+    as_root debootstrap --variant=minbase --arch="$2" "${@:4}" "$code_name" "$3" ${mirror:+"$mirror"} \
+        >"$3.debootstrap.log" || fail "debootstrap failed, see $3.debootstrap.log"
     apt-config dump | grep -E '^Acquire::(https?|Check)' | as_root tee "$3/etc/apt/apt.conf.d/50machine" >/dev/null || true
     as_root install -m 644 /etc/resolv.conf /etc/hosts "$3/etc"
 }
 
+# Makes a system in which in_system can build. One of another architecture is lent a cross compiler by ROOT.compiler, since
+# an emulated one takes hours.
+make_builder() { # RELEASE ARCHITECTURE ROOT
+    make_debian "$@"
+    [[ $2 != "$native" ]] || return 0
+    as_root rm -rf --one-file-system -- "$3.compiler"
+    make_debian "$1" "$native" "$3.compiler" --include=g++-aarch64-linux-gnu
+    # in_system mounts the rest; what is built depends on the headers.
+    as_root mkdir -p "$3/usr/lib64" "$3/usr/lib/x86_64-linux-gnu" "$3/usr/libexec/gcc-cross"
+    as_root ln -s usr/lib64 "$3/lib64" # a folder would not pass for a merged /usr
+    as_root cp -a "$3.compiler/usr/aarch64-linux-gnu" "$3/usr/"
+    as_root cp -a "$3.compiler/usr/lib/gcc-cross" "$3/usr/lib/"
+}
+
 # Puts the last commit into the system at ROOT, where in_system runs commands.
 copy_commit() { # ROOT
+    as_root rm -rf -- "$1/root/project"
     as_root mkdir -p -- "$1/root/project"
     git -C "$project" archive --format=tar HEAD | as_root tar -x --no-same-owner -C "$1/root/project"
 }
 
 # Runs COMMAND in the system at ROOT, with processes and mounts of its own, which end with it. chroot is not enough, since
-# scripts/view moves the root itself. A system of arm64 is lent a cross compiler, since an emulated one takes hours.
+# scripts/view moves the root itself.
 in_system() { # ROOT COMMAND
     # shellcheck disable=SC2016
     as_root unshare --mount --pid --fork --kill-child --uts --ipc \
