@@ -13,7 +13,7 @@ from pathlib import Path
 
 from harness import APP, INSTALLER, IS_SANITIZED, RECEIPTS, SIGNER, STAGING, HostTest
 from harness import contents, run, snapshot, tracing
-from packages import ENTRY_TIME, INFO, Publisher, archive, entry, file, folder, link, package, payload, xar
+from packages import ENTRY_TIME, INFO, Publisher, archive, file, folder, link, package, payload, xar
 
 SUPPORT = "Library/Application Support/NorvikEmu"
 TREE = (
@@ -102,11 +102,7 @@ class Install(HostTest):
             return package(file("a"), *entries, info=text.encode())
 
         good, info, sound = package(file("a/b")), INFO.decode(), payload(file("a"))
-        nested = f"<file><name>{'n' * 250}</name><type>directory</type>" * 4
-        leaves = "".join(f"<file><name>{number}</name></file>" for number in range(2_000))
         named = "<pkg-info identifier='a' version='1'><scripts>{}</scripts></pkg-info>"
-        folders = entry("PackageInfo", 32, INFO) + entry("Payload", 32 + len(INFO), sound)
-        folders += "<file><name>Scripts</name><type>directory</type></file>"
         checked = b"070702" + b"%08x" * 13 % (1, 0o100644, 0, 0, 1, 0, 0, 0, 0, 0, 0, 2, 0) + b"a\0"
         size = "<pkg-info identifier='a' version='1'><payload installKBytes='{}'/></pkg-info>"
         (self.target / "way").symlink_to("../outside")
@@ -134,7 +130,6 @@ class Install(HostTest):
             ("script of another name", described(named.format("<preinstall file='./x'/>")), "names the script"),
             ("another kind of script", described(named.format("<preflight file='./preflight'/>")), "names the script"),
             ("script that is missing", described(named.format("<preinstall file='./preinstall'/>")), "missing in Scripts"),
-            ("folder of scripts", archive(folders, INFO + sound), "would not be run"),
             ("payload of nothing", package(folder(".")), "holds nothing"),
             ("no PackageInfo", xar(Payload=sound), "no PackageInfo"),
             ("script that is no program", package(file("a"), scripts=[file("preinstall", "")]), "not a program"),
@@ -143,9 +138,7 @@ class Install(HostTest):
             ("in the way of the installer", holding(file(f"{STAGING}/new/x")), "the installer's own folder"),
             ("name is not UTF-8", archive("<file><name enctype='base64'>/w==</name></file>", b""), "not UTF-8"),
             ("link to nowhere", holding(link("a", "")), "leads nowhere"),
-            ("link longer than any path", holding(link("a", "b" * 4096)), "leads nowhere"),
             ("name longer than any", holding(file("a" * 256)), "too long"),
-            ("names long only together", archive(nested + leaves + "</file>" * 4, b""), "names that are too long"),
             ("absurdly deep", holding(file("a/" * 600 + "b")), "too long"),
             ("bomb", described(size.format(1), file("b", "\0" * 4_000_000)), "larger than it states"),
             ("more than there is room for", described(size.format(10**12)), "not enough free space on the target"),
@@ -185,52 +178,36 @@ class Install(HostTest):
                 outcome = self.install(content, *mount, options, self.target, change)
                 self.assert_outcome(outcome, cause)
 
-    def test_failed_and_killed_at_each_stage(self):
-        before, swapped = self.make_old(), f"test -e '{self.target}/top' || exit 9; "
-        rows = (  # without a cause both processes die in silence
-            ("preinstall", "exit 3", "preinstall script failed with status 3"),
-            ("postinstall", f"{swapped} exit 3", "postinstall script failed with status 3"),
-            ("postinstall", f"{swapped} kill -9 $PPID; sleep 9", "worker was ended by signal 9"),
-            ("postinstall", f"{swapped} kill -15 {SUPERVISOR}; sleep 9", "stopped by a signal"),
-            ("preinstall", f"kill -9 {SUPERVISOR}; sleep 9", "supervising process was killed"),
-            ("postinstall", f"{swapped} kill -9 {SUPERVISOR} $PPID; exec sleep 999", None),
-        )
-        for name, text, cause in rows:
-            with self.subTest(name, text=text):
-                # The script closes its output, which is captured here: an orphan is not waited for.
-                outcome = self.install(update(script(name, f"exec >&- 2>&-; echo $$ >'{self.scratch}/script'; {text}")))
-                self.assert_refused(outcome, cause) if cause else self.assertEqual(outcome.returncode, -9)
-                process = (self.scratch / "script").read_text().strip()
-                ended = run("timeout", "60", "tail", "-s", "0.05", f"--pid={process}", "-f", "/dev/null")
-                self.assertEqual(ended.returncode, 0, "the script has ended, too")
-                self.assert_put_back(before)
-
-    def test_scripts_end_with_all_they_started(self):
-        """And the lock on the target is free again, whether anybody reads the output or not."""
-        orphan = f"(setsid sleep 999 >&- 2>&- & echo $! >'{self.scratch}/orphan')"
+    def test_scripts_that_fail_or_leave_processes(self):
+        """What they started ends and what failed is undone, whether anybody reads the output or not."""
+        left, timeout = self.scratch / "left", "-einject=?poll,ppoll:retval=0"
+        orphan = f"(setsid sleep 999 >&- 2>&- & echo $! >'{left}')"
         shutil.copy("/bin/sleep", self.scratch / "a\nb")
         odd = orphan.replace("sleep", f"'{self.scratch}/a\nb'")
-        odd += f"; until grep -q b /proc/$(cat '{self.scratch}/orphan')/comm; do :; done"
-        timeout = "-einject=?poll,ppoll:retval=0"
+        odd += f"; until grep -q b /proc/$(cat '{left}')/comm; do :; done"
+        itself = f"exec >&- 2>&-; echo $$ >'{left}'"  # the output is captured here: an orphan is not waited for
         own_output = ("bash", "-c", 'exec "${@/OUTPUT/$(readlink /proc/$$/fd/1)}"', "bash")
         rows = (
-            ("succeeds", orphan, (), None),
-            ("an odd name", odd, (), None),
-            ("before the next script", f"kill -0 $(cat '{self.scratch}/orphan') || exit 3", (), "failed with status 3"),
-            ("the worker is killed", f"{orphan}; kill -9 $PPID; sleep 999", (), "ended by signal 9"),
-            ("stopped by a signal", f"{odd}; kill -15 {SUPERVISOR}; sleep 999", (), "stopped by a signal"),
+            ("succeeds", orphan, (), "successful"),
+            ("an odd name", odd, (), "successful"),
+            ("unread", orphan, (*own_output, *tracing("-POUTPUT", timeout)), "^$"),
+            ("the caller ignores the end of children", orphan, ("env", "--ignore-signal=CHLD"), "successful"),
+            ("fails", f"{orphan}; exit 3", (), "script failed with status 3"),
             ("takes too long", f"{orphan}; sleep 999", tracing("-Panon_inode:[pidfd]", timeout), "longer than 10 minutes"),
-            ("unread", orphan, (*own_output, *tracing("-POUTPUT", timeout)), None),
-            ("the caller ignores the end of children", orphan, ("env", "--ignore-signal=CHLD"), None),
+            ("the worker is killed", f"{orphan}; kill -9 $PPID; sleep 999", (), "worker was ended by signal 9"),
+            ("stopped by a signal", f"{odd}; kill -15 {SUPERVISOR}; sleep 999", (), "stopped by a signal"),
+            ("the supervisor is killed", f"{itself}; kill -9 {SUPERVISOR}; sleep 999", (), "process was killed"),
+            ("both are killed, in silence", f"{itself}; kill -9 {SUPERVISOR} $PPID; sleep 999", (), "(?!.*Error)"),
         )
-        for name, text, before, cause in rows:
-            with self.subTest(name):
-                outcome = self.install(update(script("preinstall", orphan), script("postinstall", text)), *before)
-                self.assertEqual(outcome.stdout == "", name == "unread")
-                self.assertEqual(outcome.returncode != 0, cause is not None, outcome.stdout)
-                self.assertIn(cause or "", outcome.stdout)
-                self.assertFalse(Path("/proc", (self.scratch / "orphan").read_text().strip()).exists())
-                self.assertFalse((self.target / STAGING).exists())
+        for name, text, begin, answer in rows:
+            for kind in ("preinstall", "postinstall"):
+                before = self.make_old()
+                outcome = self.install(update(script(kind, text)), *begin)
+                ended = run("timeout", "60", "tail", "-s", "0.05", f"--pid={left.read_text().strip()}", "-f", "/dev/null")
+                self.assertEqual(ended.returncode, 0, f"{name}, {kind}: the script has ended, and all that it started")
+                with self.subTest(name, kind=kind):
+                    self.assertRegex(outcome.stdout, answer)
+                    self.assert_updated() if outcome.returncode == 0 else self.assert_put_back(before)
 
     def test_package_of_a_user(self):
         """Opened with that user's rights alone, which are all of the user's; and only the user's own file."""
@@ -326,9 +303,7 @@ class Install(HostTest):
         receipts = self.target / RECEIPTS
         begin = "pellomar-installer receipt 1\nidentifier x\nversion 1\n"
         files = (
-            ("notes", "none", ""),
             ("cut", begin + "time", '"cut" is damaged'),
-            ("long", begin + "time x\nsigner y\n" + "z" * 9_000 + "\n", '"long" is damaged'),
             ("com.example.thing", "damaged", '"com.example.thing" is damaged'),
             (".unfinished", begin, ""),
         )
@@ -339,41 +314,17 @@ class Install(HostTest):
                 self.assert_outcome(self.install(versioned("3", by=publisher)), cause)
                 (receipts / name).unlink(missing_ok=True)
 
-    def test_no_place_for_a_receipt(self):
-        """Is seen while the install can still be undone."""
-        variable = self.target / "var"
-        for change, cause in (
-            (lambda: variable.symlink_to("outside"), '"var" is not a folder'),
-            (lambda: (variable.mkdir(), (variable / "lib").touch()), '"var/lib" is not a folder'),
-            (lambda: (variable.mkdir(), run("mount", "-t", "tmpfs", "-o", "ro", "none", variable)), "Read-only"),
-        ):
-            change()
-            self.addCleanup(run, "umount", variable)
-            self.assert_all_refused([(cause, package(file("a")), cause)])
-            run("umount", variable)
-            run("rm", "-rf", variable)
-        before, later = self.make_old(), script("postinstall", f"touch '{variable}'")
-        self.assert_refused(self.install(update(later)), "Not a directory")
-        variable.unlink()
-        self.assert_put_back(before)
-
     if not IS_SANITIZED:  # sanitizers take memory of their own
 
         def test_memory(self):
-            """Whatever a package of 64 MB holds, and whatever is installed already."""
-            nested = "".join(f"<file><name>{'n' * 250}</name><type>directory</type>" for _ in range(60))
+            """Whatever a package of 64 MB holds."""
             leaves = "".join(f"<file><name>{number}</name></file>" for number in range(20_000))
-            few, attributes = leaves[:150_000], "".join(f" a{number}=''" for number in range(90_000))
-            names = [file(f"{number:06}{'n' * 60}", "") for number in range(100_001)]
             rows = (
                 ("nested elements", archive("<file>" + "<a>" * 250_000, b""), False),
-                ("nested names", archive(nested + few[: few.rindex("<file>")] + "</file>" * 60, b""), False),
                 ("many entries", archive(leaves, b""), False),
-                ("many attributes", archive(f"<file{attributes}/>", b""), False),
                 ("junk in the heap", package(file("a")) + bytes(64 << 20), True),
                 ("many folders", package(*(file(f"{number:05}/{'d' * 70}", "") for number in range(9_000))), True),
-                ("many files", package(*names[:99_000]), True),
-                ("too many files", package(*names), False),
+                ("many files", package(*(file(f"{number:06}{'n' * 60}", "") for number in range(100_001))), False),
                 ("large file", package(file("a", "\0" * (64 << 20))), True),
             )
             for name, content, succeeds in rows:
@@ -396,8 +347,8 @@ class Install(HostTest):
         self.assert_installed(self.install(update()))
         self.assert_updated()
 
-    def test_odd_targets(self):
-        """What is mounted in a place is seen before anything is done, and a group that is passed on is not taken."""
+    def test_mount_in_a_place(self):
+        """Is seen before anything is done."""
         shared, ran = self.target / "shared", self.scratch / "ran"
         shared.mkdir()
         (shared / "a").write_text("old")
@@ -409,23 +360,6 @@ class Install(HostTest):
                 self.assert_all_refused([("mounted", content, "something is mounted")])
                 self.assertFalse(ran.exists())
                 run("umount", place)
-        os.chown(self.target, 0, 4321)
-        self.target.chmod(0o2755)
-        self.assert_installed(self.install(package(file("new/a"))))
-        self.assertEqual([(self.target / name).stat().st_gid for name in ("new", "new/a")], [0, 0])
-        self.assertEqual((self.target / "new").stat().st_mode & 0o7777, 0o755)
-
-    def test_link_where_a_folder_is_moved_piece_by_piece(self):
-        """Another user's link in a shared folder, where the swap's rename fails."""
-        shared, victim = self.target / "shared", self.scratch / "victim"
-        shared.mkdir(parents=True)
-        shared.chmod(0o1777)
-        victim.write_text("")
-        victim.chmod(0o600)
-        (shared / ".pellomar-unfinished").symlink_to(victim)
-        moved = self.install(package(file("shared/dir/a")), *tracing("-einject=renameat2:error=EXDEV:when=1"))
-        self.assert_installed(moved)
-        self.assertEqual(victim.stat().st_mode & 0o777, 0o600)
 
     def test_fault_at_each_move_of_the_swap(self):
         before, traced = self.make_old(), tracing("-erenameat2")

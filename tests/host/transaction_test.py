@@ -135,21 +135,6 @@ class Transaction(unittest.TestCase):
         (BASE / "filling").write_bytes(bytes(free.f_bavail * free.f_frsize - left))
         self.assertIn(reported, self.install(content).stderr)
 
-    def test_output_without_a_reader(self):
-        """The attempt of an installer that cannot print its outcome ends all the same."""
-        self.make_root()
-        (ROOT / "package").write_bytes(b"not a package")
-        (end, held), (reader, full) = os.pipe(), os.pipe()
-        self.addCleanup(os.close, reader)
-        os.write(full, bytes(65536))  # all that it takes
-        hold = subprocess.Popen(("chroot", ROOT, f"/{TOOL.name}", "hold"), stdin=end, stdout=subprocess.PIPE)
-        self.assertEqual((hold.stdout.read(1) != b"", (ROOT / APP).exists()), (True, False))
-        command = ("chroot", ROOT, "/installer", "-pkg", "/package", "-target", "/")
-        installer = subprocess.Popen(command, stdout=full, pass_fds=(held,))
-        os.close(held)
-        self.addCleanup(lambda: (installer.kill(), installer.wait(), hold.wait(), hold.stdout.close()))
-        self.assertEqual((hold.wait(60), (ROOT / APP).exists(), installer.poll()), (0, True, None))
-
     def test_patience_with_a_running_installer(self):
         self.make_root()
         (ROOT / STAGING).mkdir(mode=0o700)

@@ -1,5 +1,4 @@
 #include "base/ChildProcess.h"
-#include "platform/Log.h"
 #include "platform/OutputStreams.h"
 #include "support/CapturedLog.h"
 
@@ -7,9 +6,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <array>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -29,18 +26,6 @@ TEST(Child, GetsTheStandardStreamsNoOtherDescriptorAndNoIgnoredSignal) {
         EXPECT_EQ(output.text(), row.back());
     }
     close(leaked);
-}
-
-TEST(Log, LinesOfManyThreadsNeverMix) {
-    const CapturedLog log;
-    for (std::array<std::jthread, 4> threads; std::jthread & thread : threads) {
-        thread = std::jthread([] {
-            for (int line = 0; line < 200; ++line) {
-                NSLog("begin%0300dend", 0);
-            }
-        });
-    }
-    EXPECT_EQ(log.count("] begin" + std::string(300, '0') + "end\n"), 800);
 }
 
 } // namespace
