@@ -14,6 +14,7 @@
 #include <QAccessible>
 #include <QApplication>
 #include <QPainter>
+#include <QRegularExpression>
 #include <QScreen>
 #include <QTemporaryDir>
 #include <QTest>
@@ -23,7 +24,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <set>
 #include <thread>
 
@@ -221,10 +221,9 @@ TEST_F(Window, PlacesItsViews) {
 TEST_F(Window, DrawsEveryTextWholeAndApart) {
     openSecondScreen();
     std::set<std::string> texts;
-    const std::string header = readFile(STATUS_TEXTS).value();
-    const std::regex literal("= \"(.*)\";");
-    for (std::sregex_iterator found(header.begin(), header.end(), literal), end; found != end; ++found) {
-        texts.insert((*found)[1]);
+    const QString header = QString::fromStdString(readFile(STATUS_TEXTS).value());
+    for (const QRegularExpressionMatch& found : QRegularExpression("= \"(.*)\";").globalMatch(header)) {
+        texts.insert(found.captured(1).toStdString());
     }
     EXPECT_GE(texts.size(), 20U);
     for (int code = 1; code <= EHWPOISON; ++code) {
