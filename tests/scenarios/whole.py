@@ -41,7 +41,7 @@ def install_through_the_window(machine, window, picture, type_password=lambda: N
     window.wait_for("the bar's last frame", lambda: window.percent() == held * 100 // len(document))
     picture("stopped")
     click("继续")
-    window.wait_for_status(DOWNLOADING)
+    window.wait_for("the press", lambda: not window.button("继续"))
     picture("continued")
     type_password()
     window.wait_for_screen("是否保留已安装游戏和应用", "确定", "取消", BAR)
@@ -68,7 +68,7 @@ def wayland(machine, file="/run/wayland.png"):
     machine.trust_sample()
     document = (machine.build / SAMPLE).read_bytes()
     scenario = Scenario(real=True, tools=HELD_INSTALLER, old=True, rights="root", document=document,
-                        answers=({}, {"rate": 300_000}) * 2)
+                        answers=({}, {"rate": 30_000}) * 2)
     with opened(machine, scenario) as (window, server):
         at = {"downloading": lambda: take(file), "continued": server.release}
         held = install_through_the_window(machine, window, lambda name: at.get(name, bool)())
@@ -92,7 +92,7 @@ def watch(window, picture):
 def demonstration(machine, results="/run/results", *options):
     """RESULTS receives numbered pictures, the log, the events and the commands that ran as root. If it is watched, the
     user presses the buttons, on a display of the user's own."""
-    results, is_watched, serve = Path(results), "--watched" in options, [PROJECT / "sample/serve"]
+    results, is_watched = Path(results), "--watched" in options
     files, numbers = Path("/var/lib/pellomar-sample"), itertools.count(1)
     results.mkdir(exist_ok=True)
     machine.begin(Scenario(real=True, tools={} if is_watched else HELD_INSTALLER, rights="ask"))
@@ -104,6 +104,11 @@ def demonstration(machine, results="/run/results", *options):
     write(OLD, "")
     step(f"{USER} is an ordinary user, {ADMINISTRATOR} an administrator; an old copy is in {APPLICATION}")
 
+    def serve(rate):
+        """A server that runs is replaced."""
+        command = [PROJECT / "sample/serve", "--background", "--rate", rate, machine.build / "sample", files]
+        subprocess.run(command, check=True)
+
     def picture(name, title=None):
         # A change is drawn after it is made, in the next turn of the window's event loop.
         step(f"{name}: {', '.join(filter(None, window.labels() and window.labels()))}")
@@ -114,6 +119,8 @@ def demonstration(machine, results="/run/results", *options):
             take_window(file, WINDOW_TITLE)
         if title:
             take_window(results / f"{name}.png", title, "-frame")
+        if name == "stopped":
+            serve("1600k")
 
     def type_password():
         screen = Screen("password-dialog")
@@ -122,8 +129,7 @@ def demonstration(machine, results="/run/results", *options):
         picture("password", "管理员密码（演示）")
         screen.press("认证")
 
-    for documents in "/opt", machine.build / "sample":  # the second server replaces the first
-        subprocess.run([*serve, "--background", documents, files], check=True)
+    serve("800k" if is_watched else "40k")  # on a busy machine, minutes pass before 停止 is pressed
     try:
         with contextlib.closing(machine.open()) as window:
             machine.start_agent(window, dialog)
@@ -144,7 +150,7 @@ def demonstration(machine, results="/run/results", *options):
                 assert machine.agent.asked() == 1, machine.agent.lines()
                 assert f'range="bytes={held}-" 206' in (files / "logs/access.log").read_text(), f"no range from {held}"
     finally:
-        subprocess.run([*serve, "--stop", files], check=True)
+        subprocess.run([PROJECT / "sample/serve", "--stop", files], check=True)
         lines = trace(machine.home)
         commands = [line[10:].replace("|", " ") for line in lines if line.startswith("root runs ")]
         events = [line for line in lines if line.startswith("event")]
