@@ -186,6 +186,7 @@ class Install(HostTest):
         odd = orphan.replace("sleep", f"'{self.scratch}/a\nb'")
         odd += f"; until grep -q b /proc/$(cat '{left}')/comm; do :; done"
         itself = f"exec >&- 2>&-; echo $$ >'{left}'"  # the output is captured here: an orphan is not waited for
+        both = f"kill -STOP $PPID; kill -9 {SUPERVISOR} $PPID"  # the worker cannot report the supervisor's end
         own_output = ("bash", "-c", 'exec "${@/OUTPUT/$(readlink /proc/$$/fd/1)}"', "bash")
         rows = (
             ("succeeds", orphan, (), "successful"),
@@ -197,7 +198,7 @@ class Install(HostTest):
             ("the worker is killed", f"{orphan}; kill -9 $PPID; sleep 999", (), "worker was ended by signal 9"),
             ("stopped by a signal", f"{odd}; kill -15 {SUPERVISOR}; sleep 999", (), "stopped by a signal"),
             ("the supervisor is killed", f"{itself}; kill -9 {SUPERVISOR}; sleep 999", (), "process was killed"),
-            ("both are killed", f"{itself}; kill -9 {SUPERVISOR} $PPID; sleep 999", (), "(?s)^(?!.*(Error|successful))"),
+            ("both are killed", f"{itself}; {both}; sleep 999", (), "(?s)^(?!.*(Error|successful))"),
         )
         for name, text, begin, answer in rows:
             for kind in ("preinstall", "postinstall"):
