@@ -139,26 +139,30 @@ DOWNLOAD_SCENARIOS = {
          "> 20%", "> picture downloading", "> focus 停止", "> Return", *STOPPED, "status 已停止下载", "> picture stopped",
          "> focus 继续", "> KP_Enter", *CONTINUED, "> stall", "> picture resumed", *CLOSED],
         rights="none", answers=({}, {"rate": 4_000}, STALL_AT_ONCE)),
-    # The first block that does not fit, smaller than a stream's buffer, is written in part; then there is no room at all.
-    "full disk": scenario(
-        [*DISK_FULL, *TRIES_AGAIN, *DISK_FULL, "> space on disk", *TRIES_AGAIN, *COMPLETE], {}, {"rate": 60_000}, {},
-        prepare=mount_small, asked=[PROBE, None, *[PROBE, 4096 * 10] * 2], holds=ALL),
-    "unwritable home": unusable("没有写入权限，请检查文件夹权限", "Permission denied", lambda machine: machine.home.chmod(0o555)),
-    "read-only disk": unusable("磁盘是只读的，无法写入", "Read-only file system", lambda machine: mount(machine.home, "ro")),
-    "file for a folder": unusable("路径中有一项不是文件夹", "Not a directory",
-                                  lambda machine: (machine.home / "Downloads").touch(), "> picture no-folder"),
-    "temporary file that cannot be made": unusable(
-        "无法创建临时文件", "No such file or directory", put_link, "> picture no-temporary-file"),
-    "no log, where the home's name is not ASCII": scenario(COMPLETE, home="用 户"),
-    "a log of the same second": scenario(COMPLETE, stale=["Documents/LOG-20260102130405.txt"],
-                                         before=clock("FAKETIME_DONT_FAKE_MONOTONIC=1 FAKETIME='2026-01-02 13:04:05'")),
-    "configuration of the mounted image": Scenario(
-        [*start(URL.replace("package", "other"), [f"log Config File does not exists!:{MOUNTED}"]), *COMPLETE],
-        rights="none", prepare=configure_mounted),
-    "a proxy's password": scenario(COMPLETE, before=behind_proxy("visitor:secret@{}:{}".format(*ADDRESS)),
-                                   logged="Content-Length: "),
-    "malformed proxy": scenario(not_started(5), before=behind_proxy("visitor:secret/@127.0.0.1:1")),
-    "unreadable configuration": Scenario(
-        [*start("", [UNREADABLE]), *not_started(3)], rights="none",
-        prepare=lambda machine: machine.config.chmod(0)),
+    "disks and folders": {
+        # The first block that does not fit, smaller than a stream's buffer, is written in part; then there is no room at all.
+        "full disk": scenario(
+            [*DISK_FULL, *TRIES_AGAIN, *DISK_FULL, "> space on disk", *TRIES_AGAIN, *COMPLETE], {}, {"rate": 60_000}, {},
+            prepare=mount_small, asked=[PROBE, None, *[PROBE, 4096 * 10] * 2], holds=ALL),
+        "unwritable home": unusable("没有写入权限，请检查文件夹权限", "Permission denied", lambda machine: machine.home.chmod(0o555)),
+        "read-only disk": unusable("磁盘是只读的，无法写入", "Read-only file system", lambda machine: mount(machine.home, "ro")),
+        "file for a folder": unusable("路径中有一项不是文件夹", "Not a directory",
+                                      lambda machine: (machine.home / "Downloads").touch(), "> picture no-folder"),
+        "temporary file that cannot be made": unusable(
+            "无法创建临时文件", "No such file or directory", put_link, "> picture no-temporary-file"),
+    },
+    "the log and the settings": {
+        "no log, where the home's name is not ASCII": scenario(COMPLETE, home="用 户"),
+        "a log of the same second": scenario(COMPLETE, stale=["Documents/LOG-20260102130405.txt"],
+                                             before=clock("FAKETIME_DONT_FAKE_MONOTONIC=1 FAKETIME='2026-01-02 13:04:05'")),
+        "configuration of the mounted image": Scenario(
+            [*start(URL.replace("package", "other"), [f"log Config File does not exists!:{MOUNTED}"]), *COMPLETE],
+            rights="none", prepare=configure_mounted),
+        "a proxy's password": scenario(COMPLETE, before=behind_proxy("visitor:secret@{}:{}".format(*ADDRESS)),
+                                       logged="Content-Length: "),
+        "malformed proxy": scenario(not_started(5), before=behind_proxy("visitor:secret/@127.0.0.1:1")),
+        "unreadable configuration": Scenario(
+            [*start("", [UNREADABLE]), *not_started(3)], rights="none",
+            prepare=lambda machine: machine.config.chmod(0)),
+    },
 }

@@ -6,6 +6,7 @@ Or takes a picture of the window in every state: run.py BUILD --pictures FOLDER 
 import os
 import re
 import sys
+import traceback
 from pathlib import Path
 
 from scenario import check  # first: it finds tests/support
@@ -27,9 +28,15 @@ def main(build, name, *options):
     display = (lambda: None) if "--watched" in options else Compositor if name == "wayland" else Display
     # The display belongs to the user who started this, and accepts only windows of that user's number.
     machine = Machine(Path(build), display, os.environ.get("SUDO_UID") if "--watched" in options else None)
+    failed = []
     for part, scenario in parts(name):
         step(part)
-        scenario(machine, *options) if callable(scenario) else check(scenario, machine)
+        try:
+            scenario(machine, *options) if callable(scenario) else check(scenario, machine)
+        except Exception:
+            traceback.print_exc()
+            failed.append(part)
+    sys.exit(f"failed: {'; '.join(failed)}" if failed else 0)
 
 
 def parts(name):

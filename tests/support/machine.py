@@ -86,6 +86,7 @@ class Machine:
     def __init__(self, build, display=desktop.Display, user_number=None):
         os.umask(0o022)
         self.build, self.agent, self.camera = build, None, lambda name: None
+        self.home = Path("/home", USER)
         self.help_page = re.search(r"(?m)^PELLOMAR_HELP_URL:\w+=(.*)$", (build / "CMakeCache.txt").read_text())[1]
         shutil.copytree(build / BUNDLE.name, BUNDLE)
         if (build / "tests").exists():
@@ -117,8 +118,11 @@ class Machine:
         self.stop_programs()
         self.rights.stop()
         wait_for("the end of the last attempt", lambda: not processes(TRANSACTION))
-        self.home, self.owner = Path("/home", scenario.home), "root" if scenario.rights == "root" else USER
-        for path in (self.home, APPLICATION, SYSTEM_VERSION):
+        if self.home.is_mount():
+            subprocess.run(["umount", self.home], check=True)
+        last, self.home = self.home, Path("/home", scenario.home)
+        self.owner = "root" if scenario.rights == "root" else USER
+        for path in (last, self.home, APPLICATION, SYSTEM_VERSION):
             remove(path)
         self.home.mkdir()
         for name in scenario.stale:
