@@ -1,5 +1,6 @@
 """What the tests of the tools share. PELLOMAR_BUILD in the environment is the build folder, if not build/dev."""
 
+import functools
 import os
 import re
 import subprocess
@@ -17,9 +18,14 @@ def run(*command, **options):
     return subprocess.run(command, capture_output=True, text=True, check=False, **options)
 
 
+@functools.cache
+def may_trace():
+    return run("strace", "true").returncode == 0
+
+
 def tracing(*options):
     """The beginning of a command line that injects faults; where that is not permitted, the test is skipped."""
-    if run("strace", "true").returncode != 0:
+    if not may_trace():
         raise unittest.SkipTest("no permission to trace here")
     return "strace", "-f", "-o/dev/null", "-EASAN_OPTIONS=detect_leaks=0", *options  # the leak checker traces, too
 
