@@ -139,7 +139,7 @@ DOWNLOAD_SCENARIOS = {
          "> 20%", "> picture downloading", "> focus 停止", "> Return", *STOPPED, "status 已停止下载", "> picture stopped",
          "> focus 继续", "> KP_Enter", *CONTINUED, "> stall", "> picture resumed", *CLOSED],
         rights="none", answers=({}, {"rate": 4_000}, STALL_AT_ONCE)),
-    "disks and folders": {
+    "disks, logs and settings": {
         # The first block that does not fit, smaller than a stream's buffer, is written in part; then there is no room at all.
         "full disk": scenario(
             [*DISK_FULL, *TRIES_AGAIN, *DISK_FULL, "> space on disk", *TRIES_AGAIN, *COMPLETE], {}, {"rate": 60_000}, {},
@@ -150,8 +150,6 @@ DOWNLOAD_SCENARIOS = {
                                       lambda machine: (machine.home / "Downloads").touch(), "> picture no-folder"),
         "temporary file that cannot be made": unusable(
             "无法创建临时文件", "No such file or directory", put_link, "> picture no-temporary-file"),
-    },
-    "the log and the settings": {
         "no log, where the home's name is not ASCII": scenario(COMPLETE, home="用 户"),
         "a log of the same second": scenario(COMPLETE, stale=["Documents/LOG-20260102130405.txt"],
                                              before=clock("FAKETIME_DONT_FAKE_MONOTONIC=1 FAKETIME='2026-01-02 13:04:05'")),

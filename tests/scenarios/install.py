@@ -132,7 +132,7 @@ INSTALL_SCENARIOS = {
         "closed during the installation": Scenario(
             [*DOWNLOADED, *INSTALLATION, *CLOSED], {INSTALLER: ["exec sleep 600"]}, rights="root"),
     },
-    "the driver": {
+    "the driver and the launch": {
         "old system, settings, driver starts": Scenario(
             [*DOWNLOADED, *KEPT, *REMOVAL, "> picture uninstalling", "> proceed", REMOVAL_DONE,
              *INSTALLATION, "> picture installing", "> proceed", *INSTALLATION_DONE,
@@ -160,8 +160,6 @@ INSTALL_SCENARIOS = {
             [*DOWNLOADED, *INSTALLED, QUERYING, f"log /usr/sbin/kextstat {UNSTARTED}", *DRIVER_FAILED, *AGAIN,
              *DRIVER_START, *NEW_SYSTEM, "> Escape", "dialog closed"],
             {KEXTSTAT: MISSING, STARTUP: DRIVER_FAILS}, system="10.14.6"),
-    },
-    "the launch": {
         "launch fails": Scenario(
             [*DOWNLOADED, *INSTALLED, *QUERY, "event 826", LAUNCHING,
              "log launch Pellomar.app error:The executable /Applications/Pellomar.app/Contents/MacOS/Pellomar "

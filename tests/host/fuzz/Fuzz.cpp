@@ -1,13 +1,11 @@
 // The fuzz targets. The environment variable FUZZ_TARGET names the one that gets the inputs.
 #include "base/ReadWrite.h"
 #include "host/installer/Receipt.h"
-#include "host/installer/Swap.h"
 #include "host/package/Contents.h"
 #include "host/package/Failure.h"
 #include "host/package/Package.h"
 #include "host/package/Payload.h"
 #include "host/package/Trust.h"
-#include "host/package/Version.h"
 
 #include <fcntl.h>
 #include <openssl/x509.h>
@@ -105,32 +103,13 @@ void fuzzSignature(const std::string& input) {
 
 void fuzzInfo(const std::string& input) {
     const PackageInfo info = parsePackageInfo(input);
-    require(isVersion(info.version));
     requireInside(info.location);
-}
-
-// Two versions, a line each.
-void fuzzVersion(const std::string& input) {
-    const std::size_t end = std::min(input.find('\n'), input.size());
-    const std::string one = input.substr(0, end);
-    const std::string other = input.substr(std::min(end + 1, input.size()));
-    require((compareVersions(one, other) < 0) == (compareVersions(other, one) > 0));
-    require(compareVersions(one, one) == 0);
 }
 
 void fuzzReceipt(const std::string& input) {
     installer::ReceiptReader receipt(fileWith(input), "input");
     while (receipt.nextPlace()) {
     }
-}
-
-void fuzzPlan(const std::string& input) {
-    const FileDescriptor folder(open(folderWith("plan", input).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    std::string again;
-    for (const std::string& place : installer::readSwapPlan({folder.get()})) {
-        again += place + '\0';
-    }
-    require(again == input || again == input + '\0');
 }
 
 // A file of certificates or, behind a first "k", of keys.
@@ -161,9 +140,8 @@ void fuzzDecoder(const std::string& input) {
 }
 
 const std::map<std::string, void (*)(const std::string&)> kTargets = {
-    {"decoder", fuzzDecoder}, {"info", fuzzInfo},       {"package", fuzzPackage},
-    {"plan", fuzzPlan},       {"receipt", fuzzReceipt}, {"signature", fuzzSignature},
-    {"table", fuzzTable},     {"trust", fuzzTrust},     {"version", fuzzVersion}};
+    {"decoder", fuzzDecoder},     {"info", fuzzInfo},   {"package", fuzzPackage}, {"receipt", fuzzReceipt},
+    {"signature", fuzzSignature}, {"table", fuzzTable}, {"trust", fuzzTrust}};
 
 } // namespace
 
