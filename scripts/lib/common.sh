@@ -66,7 +66,12 @@ build_preset() { # PRESET [CMAKE-OPTION...]
         cat "$log"
         fail "cmake --preset $1 failed"
     fi
-    cmake --build "$project/build/$1" --parallel "$(job_count)" || fail "the build failed"
+    build "$project/build/$1" || fail "the build failed"
+}
+
+# Builds in a configured folder, and ends when the calling command ends, even if that is killed.
+build() { # FOLDER [TARGET]
+    setpriv --pdeathsig TERM ninja -C "$1" -j "$(job_count)" "${@:2}"
 }
 
 native=$(dpkg --print-architecture)
