@@ -118,7 +118,7 @@ INSTALL_SCENARIOS = {
             [*DOWNLOADED, *INSTALLATION, "log Install Pellomar failed:installer: Error - damaged", *INSTALL_FAILED,
              "> picture install-failed", *DOWNLOAD_AGAIN, "> 10%", "> picture retried", *BROKEN_AGAIN,
              *TRIES_AGAIN, *DOWNLOADING, *FINISHED, *RIGHTS, *INSTALLED, *LOADED_AND_LAUNCHED],
-            {INSTALLER: ["echo 'installer: Error - damaged'", INSTALLS]}, held=1,
+            {INSTALLER: ["echo 'installer: Error - damaged'", INSTALLS]},
             answers=({}, {}, {}, {"cut": 40_000, "rate": 20_000}, {}), asked=["HEAD", None, "HEAD", None, "HEAD", 40_000]),
         "installer's status and error stream do not count": Scenario(
             CLEAN, {INSTALLER: [f"{INSTALLS}; echo Error >&2; exit 1"]}),
