@@ -6,6 +6,7 @@
 #include "host/package/Package.h"
 #include "host/package/Payload.h"
 #include "host/package/Trust.h"
+#include "host/package/Version.h"
 
 #include <fcntl.h>
 #include <openssl/x509.h>
@@ -103,6 +104,7 @@ void fuzzSignature(const std::string& input) {
 
 void fuzzInfo(const std::string& input) {
     const PackageInfo info = parsePackageInfo(input);
+    require(isVersion(info.version));
     requireInside(info.location);
 }
 
