@@ -77,6 +77,8 @@ def plist(key, value):
 
 
 def remove(path):
+    if path.is_mount():
+        subprocess.run(["umount", path], check=True)
     shutil.rmtree(path) if path.is_dir() and not path.is_symlink() else path.unlink(missing_ok=True)
 
 
@@ -118,11 +120,9 @@ class Machine:
         self.stop_programs()
         self.rights.stop()
         wait_for("the end of the last attempt", lambda: not processes(TRANSACTION))
-        if self.home.is_mount():
-            subprocess.run(["umount", self.home], check=True)
-        last, self.home = self.home, Path("/home", scenario.home)
-        self.owner = "root" if scenario.rights == "root" else USER
-        for path in (last, self.home, APPLICATION, SYSTEM_VERSION):
+        remove(self.home)
+        self.home, self.owner = Path("/home", scenario.home), "root" if scenario.rights == "root" else USER
+        for path in (self.home, APPLICATION, SYSTEM_VERSION):
             remove(path)
         self.home.mkdir()
         for name in scenario.stale:
